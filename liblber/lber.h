@@ -1,0 +1,145 @@
+// The BerElement record shared by the encoder, the decoder and the stream I/O, the Sockbuf of
+// a connection, and every BER function of the library. FBER = the fast kind (one allocation,
+// 4-byte patched lengths); plain BER = minimal lengths and multi-byte tags.
+#ifndef WZR_LBER_LBER_H
+#define WZR_LBER_LBER_H
+
+#include <cstdint>
+#include <sys/time.h>
+
+#include "wzrldap.h"
+
+using ber_tag_t = unsigned long;
+using ber_len_t = unsigned long;
+using ber_int_t = int;
+
+inline constexpr ber_tag_t LBER_DEFAULT = ~0UL; // "no tag": the letter's own, or an error
+inline constexpr ber_tag_t LBER_ERROR = ~0UL;
+inline constexpr int LBER_USE_DER = 0x01;
+inline constexpr int LBER_FBER = 0x80; // options bit that marks an FBER
+inline constexpr int FBER_DEFAULT_SIZE = 6144;
+inline constexpr int FBER_MAX_NESTING = 100;
+inline constexpr int FBER_STACK_BYTES = (FBER_MAX_NESTING + 1) * 4; // 404
+inline constexpr long BER_WOULD_BLOCK = 11; // EAGAIN: the readers' "would block"
+
+struct berelement {
+    unsigned char *ber_buf; // start of the data (fill cursor while a PDU is being read)
+    unsigned char *ber_ptr; // write position (encoding) or read position (decoding)
+    unsigned char *ber_end; // capacity end while writing; data end while reading
+    void *ber_sos;          // FBER: nesting stack; plain: innermost open Seqorset
+    uint64_t ber_tag;       // pending 't' tag, or the PDU tag while reading
+    uint64_t ber_len;       // length of the PDU being read
+    int32_t ber_usertag;    // a 't' value is pending
+    int8_t ber_options;     // LBER_USE_DER, LBER_FBER
+    unsigned char *ber_rwptr;  // read/write position inside a partly moved PDU
+    int32_t *ber_utf8_flag;    // owned copy: non-zero = application strings are UTF-8
+    int32_t *ber_version;      // owned copy of the handle's protocol version
+    unsigned char *ber_pending_nul; // behind the last value handed out in place
+    uint64_t ber_lenbytes;          // long-form length bytes received so far
+    int32_t ber_lenread;            // how many of them
+    unsigned char *ber_heapbuf;     // the separately allocated buffer (nullptr: inline/none)
+    int32_t ber_inline_size;        // FBER: size of the inline buffer
+    // FBER only: the inline buffer follows the record, then the 101-word nesting stack.
+};
+
+// Plain BER open-sequence record.
+struct Seqorset {
+    BerElement *sos_ber;
+    uint64_t sos_clen;
+    uint64_t sos_tag;
+    unsigned char *sos_first;
+    unsigned char *sos_ptr;
+    Seqorset *sos_next;
+};
+
+inline bool ber_is_fber(const BerElement *ber) { return (ber->ber_options & LBER_FBER) != 0; }
+
+// The socket record of a connection.
+struct Sockbuf {
+    int sb_sd;          // socket descriptor, -1 when none
+    void *sb_secure;    // secure-socket handle; when set all I/O goes through the toolkit
+    int sb_closing;     // positive: refuse all further reads and writes
+    uint32_t sb_options; // 0x01 copy flushed PDUs to sb_copyfd, 0x02 write only there
+    int sb_copyfd;
+};
+inline constexpr uint32_t SB_COPY_TO_FD = 0x01;
+inline constexpr uint32_t SB_ONLY_TO_FD = 0x02;
+
+// Entry points of the secure-socket toolkit; empty until the secure transport is loaded.
+struct SecureToolkit {
+    int (*secure_soc_read)(void *handle, void *buf, int len, int *count);
+    int (*secure_soc_write)(void *handle, const void *buf, int len, int *count);
+    const char *(*strerror)(int code);
+};
+extern SecureToolkit wzr_skit;
+inline constexpr int SKIT_WOULD_BLOCK = 502;
+inline constexpr int SKIT_CLOSED = 406;
+
+/* ---- element life (ber_alloc.cpp) ---- */
+BerElement *fber_alloc_t(int size);
+BerElement *fber_alloc();
+BerElement *ber_alloc_t(int options);
+BerElement *ber_alloc();
+BerElement *der_alloc();
+BerElement *ber_dup(BerElement *ber);
+BerElement *fber_init(const struct berval *bv);
+BerElement *ber_init(const struct berval *bv);
+BerElement *fber_init2(struct berval *bv); // wraps received bytes for decoding
+void ber_reset(BerElement *ber, int was_writing);
+void fber_free(BerElement *ber);
+void ber_free(BerElement *ber, int freebuf);
+int fber_flatten(BerElement *ber, struct berval **bvpp);
+int ber_flatten(BerElement *ber, struct berval **bvpp);
+void ber_bvfree(struct berval *bv);
+
+/* ---- encoder (ber_encode.cpp) ---- */
+int fber_printf(BerElement *ber, const char *fmt, ...);
+int fber_printf_raw(BerElement *ber, const char *fmt, ...);
+int ber_printf(BerElement *ber, const char *fmt, ...);
+int ber_printf_xlate(BerElement *ber, const char *fmt, ...);
+long ber_write(BerElement *ber, const char *buf, ber_len_t len, int nosos);
+long fber_write(BerElement *ber, const char *buf, ber_len_t len);
+
+/* ---- decoder (ber_decode.cpp) ---- */
+ber_tag_t fber_skip_tag(BerElement *ber, ber_len_t *len);
+ber_tag_t fber_peek_tag(BerElement *ber, ber_len_t *len);
+ber_tag_t fber_first_element(BerElement *ber, ber_len_t *len, unsigned char **last);
+ber_tag_t fber_next_element(BerElement *ber, ber_len_t *len, unsigned char *last);
+ber_tag_t fber_get_int(BerElement *ber, int64_t *num);
+ber_tag_t fber_get_null(BerElement *ber);
+ber_tag_t fber_get_bitstring(BerElement *ber, char **buf, ber_len_t *bits);
+ber_tag_t fber_get_stringa(BerElement *ber, char **buf);
+ber_tag_t fber_get_stringal(BerElement *ber, struct berval **bv);
+ber_tag_t fber_get_stringb(BerElement *ber, char *buf, ber_len_t *len);
+ber_tag_t fber_get_string_copy(BerElement *ber, char **buf, ber_len_t *len);
+ber_tag_t fber_get_string_inplace(BerElement *ber, char **ptr);
+int fber_get_stringlist_inplace(BerElement *ber, char ***list);
+int fber_skip_element(BerElement *ber);
+void fber_finish_inplace(BerElement *ber);
+ber_tag_t fber_scanf(BerElement *ber, const char *fmt, ...);
+
+ber_tag_t ber_skip_tag(BerElement *ber, ber_len_t *len);
+ber_tag_t ber_peek_tag(BerElement *ber, ber_len_t *len);
+ber_tag_t ber_first_element(BerElement *ber, ber_len_t *len, unsigned char **last);
+ber_tag_t ber_next_element(BerElement *ber, ber_len_t *len, unsigned char *last);
+ber_tag_t ber_get_int(BerElement *ber, int64_t *num);
+ber_tag_t ber_get_stringa(BerElement *ber, char **buf);
+ber_tag_t ber_get_stringal(BerElement *ber, struct berval **bv);
+ber_tag_t ber_get_stringb(BerElement *ber, char *buf, ber_len_t *len);
+ber_tag_t ber_scanf(BerElement *ber, const char *fmt, ...);
+ber_tag_t ber_scanf_w(BerElement *ber, const char *fmt, ...);
+
+/* ---- stream I/O (ber_io.cpp) ---- */
+long fber_socket_read_nb(Sockbuf *sb, void *buf, long len, int *would_block);
+int FBerReadDirect_nb(Sockbuf *sb, unsigned char *buf, long len, long *remaining);
+long fber_get_next_nb(Sockbuf *sb, BerElement *ber, uint32_t *progress);
+int fber_select(Sockbuf *sb, struct timeval *timeout);
+long BerWrite_nb(Sockbuf *sb, const unsigned char *buf, long len);
+long BerWrite(Sockbuf *sb, const unsigned char *buf, long len);
+int fber_flush_nb(Sockbuf *sb, BerElement *ber);
+int ber_flush(Sockbuf *sb, BerElement *ber, int freeit);
+void fber_dump(BerElement *ber, int inout);
+void ber_dump(BerElement *ber, int inout);
+void ber_dump_masked(const unsigned char *data, long len, const char *title);
+
+#endif

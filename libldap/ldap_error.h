@@ -1,0 +1,31 @@
+// Result-code texts and the per-thread error records of a handle.
+#ifndef WZR_LIBLDAP_LDAP_ERROR_H
+#define WZR_LIBLDAP_LDAP_ERROR_H
+
+#include "ldap_int.h"
+
+const char *ldap_err2string(int code);
+const char *ldap_pwdpolicy_err2string(int code);
+
+// The one place an error is recorded: the calling thread's record of the handle.
+int ldap_set_lderrno_direct(LDAP *ld, int code, const char *matched, const char *errmsg);
+int ldap_set_lderrno(LDAP *ld, int code, const char *matched, const char *errmsg);
+int ldap_set_ext_error(LDAP *ld, int ext);
+int ldap_get_errno_direct(LDAP *ld);
+int ldap_get_errno(LDAP *ld);
+int ldap_get_ext_error_direct(LDAP *ld);
+int ldap_get_ext_error(LDAP *ld);
+int ldap_get_lderrno_direct(LDAP *ld, char **matched, char **errmsg);
+int ldap_get_lderrno(LDAP *ld, char **matched, char **errmsg);
+void ldap_perror(LDAP *ld, const char *prefix);
+int ldap_result2error(LDAP *ld, LDAPMessage *res, int freeit);
+void ldap_free_error_records(LDAPErrorRec *head);
+
+// Records code (no matched DN, no message) and returns it: `return ldap_fail(ld, 89);`
+inline int ldap_fail(LDAP *ld, int code)
+{
+    (void)ldap_set_lderrno_direct(ld, code, nullptr, nullptr);
+    return code;
+}
+
+#endif

@@ -1,0 +1,38 @@
+// Handle creation (ldap_init, ldap_open), connection records, the operation bracket and
+// the handle-level FBER allocator.
+#ifndef WZR_LIBLDAP_LDAP_INIT_H
+#define WZR_LIBLDAP_LDAP_INIT_H
+
+#include "ldap_int.h"
+
+LDAP *ldap_init(const char *host, int port);
+LDAP *ldap_open(const char *host, int port);
+LDAPConn *ldap_lc_init(const char *host, int port, unsigned table_rows);
+[[nodiscard]] int open_ldap_connection(LDAP *ld, LDAPConn *lc); // write lock of lc held
+
+[[nodiscard]] int ldap_start_operation(LDAP *ld); // 0, 89 or 129
+void ldap_end_operation(LDAP *ld);
+int ldap_ld_valid(LDAP *ld); // 1 when the eyecatcher reads "LDAP HDL"
+
+// An FBER carrying the handle's protocol version and UTF-8 setting; small = inline size 0.
+BerElement *ldap_alloc_fber(LDAP *ld, int small);
+
+// Scope guard for the operation bracket: ends the operation on every way out.
+class OperationBracket {
+public:
+    explicit OperationBracket(LDAP *ld) : ld_(ld), rc_(ldap_start_operation(ld)) {}
+    ~OperationBracket()
+    {
+        if (rc_ == 0)
+            ldap_end_operation(ld_);
+    }
+    OperationBracket(const OperationBracket &) = delete;
+    OperationBracket &operator=(const OperationBracket &) = delete;
+    [[nodiscard]] int rc() const { return rc_; }
+
+private:
+    LDAP *ld_;
+    int rc_;
+};
+
+#endif

@@ -1,0 +1,110 @@
+// Mutex guards with traced failures, and the four process-wide mutexes (configuration,
+// global defaults, secure environment, character sets), created once on first use.
+#include "ldap_lock.h"
+
+#include "ldap_int.h"
+
+namespace {
+constexpr const char *MODULE = "libldap/ldap_lock";
+
+pthread_mutex_t config_mutex;
+pthread_mutex_t defaults_mutex;
+pthread_mutex_t ssl_mutex;
+pthread_mutex_t charset_mutex;
+pthread_once_t all_mutex_once = PTHREAD_ONCE_INIT;
+
+void ensure_process_mutexes() { pthread_once(&all_mutex_once, ldap_init_all_mutex_once); }
+
+void lock_process_mutex(pthread_mutex_t *m, int line)
+{
+    ensure_process_mutexes();
+    (void)ldap_mutex_lock(m, MODULE, line);
+}
+} // namespace
+
+void ldap_trace_lock_failure(const char *module, int line, int err)
+{
+    LDAP_TRACE(LDAP_TRC_ERROR, "Error in pthread_mutex_lock at File %s, Line %d, errno %d\n", module,
+               line, err);
+}
+
+void ldap_trace_unlock_failure(const char *module, int line, int err)
+{
+    LDAP_TRACE(LDAP_TRC_ERROR, "Error in pthread_mutex_unlock at File %s, Line %d, errno %d\n",
+               module, line, err);
+}
+
+int ldap_mutex_lock(pthread_mutex_t *m, const char *module, int line)
+{
+    int err = pthread_mutex_lock(m);
+    if (err != 0) {
+        ldap_trace_lock_failure(module, line, err);
+        return LDAP_LOCK_ERROR;
+    }
+    return 0;
+}
+
+void ldap_mutex_unlock(pthread_mutex_t *m, const char *module, int line)
+{
+    int err = pthread_mutex_unlock(m);
+    if (err != 0)
+        ldap_trace_unlock_failure(module, line, err);
+}
+
+LockGuard::LockGuard(pthread_mutex_t *mutex, const char *module, int line)
+    : mutex_(mutex), module_(module), line_(line)
+{
+    rc_ = ldap_mutex_lock(mutex_, module_, line_);
+    held_ = rc_ == 0;
+}
+
+LockGuard::~LockGuard() { unlock(); }
+
+void LockGuard::unlock()
+{
+    if (held_) {
+        held_ = false;
+        ldap_mutex_unlock(mutex_, module_, line_);
+    }
+}
+
+int LockGuard::relock()
+{
+    if (!held_) {
+        rc_ = ldap_mutex_lock(mutex_, module_, line_);
+        held_ = rc_ == 0;
+    }
+    return rc_;
+}
+
+void ldap_init_all_mutex_once()
+{
+    struct Named {
+        pthread_mutex_t *m;
+        const char *name;
+    };
+    const Named all[] = {{&config_mutex, "config"},
+                         {&defaults_mutex, "defaults"},
+                         {&ssl_mutex, "ssl"},
+                         {&charset_mutex, "charset"}};
+    for (const Named &n : all) {
+        int err = pthread_mutex_init(n.m, nullptr);
+        if (err != 0) {
+            LDAP_TRACE(LDAP_TRC_ERROR,
+                       "ldap_init_all_mutex_once: pthread_mutex_init failed at File %s, Line %d, "
+                       "errno %d\n",
+                       MODULE, __LINE__, err);
+            return;
+        }
+        LDAP_TRACE(LDAP_TRC_MUTEX, "MUTEX %p %s %d\n", static_cast<void *>(n.m), n.name, __LINE__);
+    }
+}
+
+void ldap_lock_config() { lock_process_mutex(&config_mutex, __LINE__); }
+void ldap_unlock_config() { ldap_mutex_unlock(&config_mutex, MODULE, __LINE__); }
+void ldap_lock_defaults() { lock_process_mutex(&defaults_mutex, __LINE__); }
+void ldap_unlock_defaults() { ldap_mutex_unlock(&defaults_mutex, MODULE, __LINE__); }
+void ldap_lock_ssl() { lock_process_mutex(&ssl_mutex, __LINE__); }
+void ldap_unlock_ssl() { ldap_mutex_unlock(&ssl_mutex, MODULE, __LINE__); }
+void ldap_lock_charset() { lock_process_mutex(&charset_mutex, __LINE__); }
+void ldap_unlock_charset() { ldap_mutex_unlock(&charset_mutex, MODULE, __LINE__); }

@@ -1,0 +1,58 @@
+// Mutex guards that report a failed lock as 129, and the four process-wide mutexes.
+//
+// Lock order (the only nestings allowed anywhere in the library):
+//   table lock -> queue lock                      (draining the queue into rows)
+//   syscall mutex -> trace mutex                  (only to trace the syscall mutex's own failure)
+// Each of these is taken alone, with no other library lock held:
+//   handle mutex, error lock, connection lock, conn_mutex, read lock, write lock,
+//   resolver lock, the four process-wide mutexes, the trace mutex.
+// No table lock is ever held across socket I/O; the read and write locks are held across I/O.
+#ifndef WZR_LIBLDAP_LDAP_LOCK_H
+#define WZR_LIBLDAP_LDAP_LOCK_H
+
+#include <pthread.h>
+
+// Locks on construction; a failed lock is traced with module and line and remembered, and
+// the destructor then does not unlock. Unlock failures are traced only.
+class LockGuard {
+public:
+    LockGuard(pthread_mutex_t *mutex, const char *module, int line);
+    ~LockGuard();
+    LockGuard(const LockGuard &) = delete;
+    LockGuard &operator=(const LockGuard &) = delete;
+
+    [[nodiscard]] bool locked() const { return held_; }
+    [[nodiscard]] int rc() const { return rc_; } // 0, or LDAP_LOCK_ERROR when the lock failed
+    void unlock();                               // early release; the destructor then does nothing
+    [[nodiscard]] int relock();                  // take it again after unlock(); 0 or 129
+
+private:
+    pthread_mutex_t *mutex_;
+    const char *module_;
+    int line_;
+    bool held_ = false;
+    int rc_ = 0;
+};
+
+#define LDAP_LOCK(guard, mutex, module) LockGuard guard((mutex), (module), __LINE__)
+
+// Traces a failed pthread_mutex_lock / unlock with the module name and line.
+void ldap_trace_lock_failure(const char *module, int line, int err);
+void ldap_trace_unlock_failure(const char *module, int line, int err);
+
+// Plain lock/unlock with the same tracing, for places a guard does not fit (conditions).
+[[nodiscard]] int ldap_mutex_lock(pthread_mutex_t *m, const char *module, int line);
+void ldap_mutex_unlock(pthread_mutex_t *m, const char *module, int line);
+
+// The process-wide mutexes, created on first use in the order config, defaults, ssl, charset.
+void ldap_init_all_mutex_once();
+void ldap_lock_config();
+void ldap_unlock_config();
+void ldap_lock_defaults();
+void ldap_unlock_defaults();
+void ldap_lock_ssl();
+void ldap_unlock_ssl();
+void ldap_lock_charset();
+void ldap_unlock_charset();
+
+#endif

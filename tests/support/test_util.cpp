@@ -1,0 +1,83 @@
+// Temporary directories, scoped environment variables and the allocation-failure walk.
+#include "support/test_util.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "liblber/ber_memory.h"
+
+namespace wzrtest {
+
+TempDir::TempDir()
+{
+    const char *base = std::getenv("TMPDIR");
+    std::string tmpl = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/wzrt.XXXXXX";
+    char *made = mkdtemp(tmpl.data());
+    if (made == nullptr)
+        ADD_FAILURE() << "mkdtemp failed";
+    path_ = tmpl;
+}
+
+TempDir::~TempDir()
+{
+    std::error_code ec;
+    std::filesystem::remove_all(path_, ec);
+}
+
+ScopedEnv::ScopedEnv(const char *name, std::optional<std::string> value) : name_(name)
+{
+    if (const char *old = std::getenv(name))
+        old_ = old;
+    if (value)
+        setenv(name, value->c_str(), 1);
+    else
+        unsetenv(name);
+}
+
+ScopedEnv::~ScopedEnv()
+{
+    if (old_)
+        setenv(name_.c_str(), old_->c_str(), 1);
+    else
+        unsetenv(name_.c_str());
+}
+
+int walk_alloc_failures(const std::function<bool()> &attempt, bool failure_must_show)
+{
+    for (int n = 1; n < 100000; ++n) {
+        long live_before = lber_live_blocks();
+        long calls_before = lber_alloc_calls();
+        lber_fail_nth_alloc(n);
+        bool ok = attempt();
+        long calls = lber_alloc_calls() - calls_before;
+        lber_fail_nth_alloc(0);
+        EXPECT_EQ(lber_live_blocks(), live_before) << "leak when allocation " << n << " failed";
+        if (calls < n) // the failing allocation was never reached: the walk is complete
+            return n - 1;
+        if (failure_must_show) {
+            EXPECT_FALSE(ok) << "allocation " << n << " failed but the operation reported success";
+        }
+    }
+    ADD_FAILURE() << "allocation walk did not end";
+    return -1;
+}
+
+std::string read_file(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+void write_file(const std::string &path, const std::string &content)
+{
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << content;
+}
+
+} // namespace wzrtest
