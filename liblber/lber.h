@@ -81,6 +81,9 @@ BerElement *fber_alloc();
 BerElement *ber_alloc_t(int options);
 BerElement *ber_alloc();
 BerElement *der_alloc();
+// A record-only copy sharing the buffer (and the version/UTF-8 words) with `ber`, with its own
+// read position: the private cursor of every parser. Release it with ber_free(copy, 0) or
+// lber_free(copy); it owns nothing else.
 BerElement *ber_dup(BerElement *ber);
 BerElement *fber_init(const struct berval *bv);
 BerElement *ber_init(const struct berval *bv);

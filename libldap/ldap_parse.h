@@ -25,9 +25,4 @@ int ldap_parse_reference(LDAP *ld, LDAPMessage *ref, char ***referralsp,
 int ldap_parse_reference_np(LDAP *ld, LDAPMessage *ref, char ***referralsp,
                             LDAPControl ***serverctrlsp, int freeit);
 
-// A private read cursor over a message's BER: shares the buffer, has its own position.
-// Released with ber_free_copy.
-BerElement *ber_copy_cursor(const BerElement *ber);
-void ber_free_copy(BerElement *copy);
-
 #endif
