@@ -33,6 +33,11 @@ int ldap_set_debug_file(const char *name);
 int ldap_get_timestamp_format(int reread);
 char *ldap_format_timestamp(int format, struct timeval *when, char *buffer, int size);
 
+// Test-only: puts the trace settings back to their initial values (mask 0, timestamps on,
+// format unread) and reads "LDAP_DEBUG_FILE", "LDAP_DEBUG" and "LDAP_DEBUG_TIME" again, as the
+// first ldap_debug_init of a process does.
+void ldap_debug_reset_for_tests();
+
 // Formats nothing unless tracing is on; the print re-tests the class.
 #define LDAP_TRACE(cls, ...)                                                                       \
     do {                                                                                           \

@@ -1,0 +1,310 @@
+// Environment access: reads and checks, list-valued updates that fold case and slashes,
+// the once-read password-policy setting, the trace lines, and concurrent use.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "liblber/ber_memory.h"
+#include "support/test_util.h"
+#include "trace/ldap_env.h"
+#include "trace/ldap_trace.h"
+#include "wzrldap.h"
+
+namespace {
+
+constexpr const char *VAR = "WZR_ENV_TEST_LIST";
+
+// A string the library hands to putenv stays in the environment until the variable is set
+// again. The tests restore every variable they touch and then free those strings here, so
+// that the leak checker sees none. Declare it first in a test: it must outlive the restores.
+class Assignments {
+public:
+    Assignments() = default;
+    Assignments(const Assignments &) = delete;
+    Assignments &operator=(const Assignments &) = delete;
+    ~Assignments()
+    {
+        for (char *s : strings_)
+            lber_free(s);
+    }
+    // Records the assignment the library has just put in the environment for `name`.
+    void record(const char *name)
+    {
+        ASSERT_EQ(lock_syscall_mutex(), 0);
+        char *value = getenv(name);
+        char *assignment = value != nullptr ? value - strlen(name) - 1 : nullptr;
+        (void)unlock_syscall_mutex();
+        ASSERT_NE(assignment, nullptr);
+        std::lock_guard<std::mutex> hold(mutex_);
+        strings_.push_back(assignment);
+    }
+
+private:
+    std::mutex mutex_;
+    std::vector<char *> strings_;
+};
+
+std::string env_now(const char *name)
+{
+    const char *v = getenv(name);
+    return v != nullptr ? v : "<unset>";
+}
+
+TEST(EnvRead, GetenvReturnsAnOwnedCopy)
+{
+    wzrtest::ScopedEnv v(VAR, std::string("some value"));
+    char *got = ldap_getenv(VAR);
+    ASSERT_NE(got, nullptr);
+    EXPECT_STREQ(got, "some value");
+    EXPECT_NE(got, getenv(VAR));
+    lber_free(got);
+
+    wzrtest::ScopedEnv unset("WZR_ENV_TEST_UNSET", std::nullopt);
+    EXPECT_EQ(ldap_getenv("WZR_ENV_TEST_UNSET"), nullptr);
+    EXPECT_EQ(ldap_getenv(""), nullptr);
+    EXPECT_EQ(ldap_getenv(nullptr), nullptr);
+
+    int walked = wzrtest::walk_alloc_failures([] {
+        char *value = ldap_getenv(VAR);
+        bool ok = value != nullptr;
+        lber_free(value);
+        return ok;
+    });
+    EXPECT_EQ(walked, 1);
+}
+
+TEST(EnvRead, ChkenvCountsTheValueAndItsTerminator)
+{
+    wzrtest::ScopedEnv empty(VAR, std::string(""));
+    EXPECT_EQ(ldap_chkenv(VAR), 1) << "an empty value is set";
+    wzrtest::ScopedEnv abc("WZR_ENV_TEST_ABC", std::string("abc"));
+    EXPECT_EQ(ldap_chkenv("WZR_ENV_TEST_ABC"), 4);
+    wzrtest::ScopedEnv unset("WZR_ENV_TEST_UNSET", std::nullopt);
+    EXPECT_EQ(ldap_chkenv("WZR_ENV_TEST_UNSET"), 0);
+    EXPECT_EQ(ldap_chkenv(""), 0);
+    EXPECT_EQ(ldap_chkenv(nullptr), 0);
+}
+
+TEST(EnvRead, GetenvBufCutsLongValuesButReportsTheirLength)
+{
+    wzrtest::ScopedEnv v(VAR, std::string("0123456789"));
+    char buf[5];
+    EXPECT_EQ(ldap_getenv_buf(VAR, buf, sizeof buf), 10);
+    EXPECT_STREQ(buf, "0123");
+    char big[32];
+    EXPECT_EQ(ldap_getenv_buf(VAR, big, sizeof big), 10);
+    EXPECT_STREQ(big, "0123456789");
+    wzrtest::ScopedEnv unset("WZR_ENV_TEST_UNSET", std::nullopt);
+    EXPECT_EQ(ldap_getenv_buf("WZR_ENV_TEST_UNSET", big, sizeof big), -1);
+    EXPECT_EQ(ldap_getenv_buf(VAR, big, 0), -1);
+    long calls = lber_alloc_calls();
+    (void)ldap_getenv_buf(VAR, big, sizeof big);
+    EXPECT_EQ(lber_alloc_calls(), calls) << "reads without allocating";
+}
+
+TEST(EnvWrite, PutenvHandsTheStringToTheEnvironment)
+{
+    wzrtest::ScopedEnv guard(VAR, std::nullopt);
+    static char assignment[] = "WZR_ENV_TEST_LIST=put";
+    EXPECT_EQ(ldap_putenv(assignment), 0);
+    EXPECT_EQ(env_now(VAR), "put");
+    EXPECT_EQ(ldap_putenv(nullptr), 0);
+    static char nothing[] = "";
+    EXPECT_EQ(ldap_putenv(nothing), 0);
+    EXPECT_EQ(env_now(VAR), "put");
+}
+
+TEST(EnvWrite, ChangeEnvVarPrependsAppendsOrKeeps)
+{
+    Assignments made;
+    {
+        wzrtest::ScopedEnv v(VAR, std::string("/B:/c"));
+        EXPECT_EQ(ldap_change_env_var(0, VAR, ':', "/b"), 0);
+        EXPECT_EQ(env_now(VAR), "/B:/c") << "already there, whatever the letter case";
+        EXPECT_EQ(ldap_change_env_var(1, VAR, ':', "/C"), 0);
+        EXPECT_EQ(env_now(VAR), "/B:/c");
+    }
+    {
+        wzrtest::ScopedEnv v(VAR, std::string("/c"));
+        EXPECT_EQ(ldap_change_env_var(0, VAR, ':', "/a"), 0);
+        EXPECT_EQ(env_now(VAR), "/a:/c");
+        made.record(VAR);
+    }
+    {
+        wzrtest::ScopedEnv v(VAR, std::string("/c"));
+        EXPECT_EQ(ldap_change_env_var(1, VAR, ':', "/a"), 0);
+        EXPECT_EQ(env_now(VAR), "/c:/a");
+        made.record(VAR);
+    }
+    {
+        wzrtest::ScopedEnv v(VAR, std::string("/c"));
+        EXPECT_EQ(ldap_change_env_var(7, VAR, ';', "/a"), 0) << "any mode but 1 prepends";
+        EXPECT_EQ(env_now(VAR), "/a;/c");
+        made.record(VAR);
+    }
+    {
+        wzrtest::ScopedEnv v(VAR, std::nullopt);
+        EXPECT_EQ(ldap_change_env_var(1, VAR, ':', "/opt/x"), 0);
+        EXPECT_EQ(env_now(VAR), "/opt/x");
+        made.record(VAR);
+    }
+    {
+        wzrtest::ScopedEnv v(VAR, std::string(""));
+        EXPECT_EQ(ldap_change_env_var(0, VAR, ':', "/opt/x"), 0);
+        EXPECT_EQ(env_now(VAR), "/opt/x") << "an empty value takes no separator";
+        made.record(VAR);
+    }
+    {
+        wzrtest::ScopedEnv v(VAR, std::string("C:\\Tools;D:\\x"));
+        EXPECT_EQ(ldap_change_env_var(0, VAR, ';', "c:/tools"), 0);
+        EXPECT_EQ(env_now(VAR), "C:\\Tools;D:\\x") << "slashes of either kind match";
+    }
+    EXPECT_EQ(ldap_change_env_var(0, nullptr, ':', "/a"), LDAP_PARAM_ERROR);
+    EXPECT_EQ(ldap_change_env_var(0, "", ':', "/a"), LDAP_PARAM_ERROR);
+    EXPECT_EQ(ldap_change_env_var(0, VAR, ':', nullptr), LDAP_PARAM_ERROR);
+    EXPECT_EQ(ldap_change_env_var(0, VAR, ':', ""), LDAP_PARAM_ERROR);
+}
+
+// The value is already present, so no assignment is made and nothing stays allocated.
+TEST(EnvWrite, ChangeEnvVarReportsNoMemory)
+{
+    wzrtest::ScopedEnv v(VAR, std::string("/x:/y:/z"));
+    int walked = wzrtest::walk_alloc_failures([] {
+        int rc = ldap_change_env_var(0, VAR, ':', "/Y");
+        EXPECT_TRUE(rc == 0 || rc == LDAP_NO_MEMORY) << rc;
+        return rc == 0;
+    });
+    EXPECT_EQ(walked, 3); // the current value and the two folded copies
+    EXPECT_EQ(env_now(VAR), "/x:/y:/z");
+}
+
+TEST(EnvContains, ElementsMatchWholeIgnoringCaseAndSlashDirection)
+{
+    struct Case {
+        char sep;
+        const char *list;
+        const char *item;
+        int want;
+    };
+    const Case cases[] = {
+        {':', "/a:/b:/c", "/b", 1},
+        {':', "/a:/b:/c", "/A", 1},
+        {':', "/a:/b:/c", "/c", 1},
+        {':', "/ab:/c", "/a", 0},
+        {':', "x/a:/c", "/a", 0},
+        {':', "/a /b", "/a", 1},
+        {':', "/a\t", "/a", 1},
+        {';', "C:\\Dir;D:\\e", "c:/dir", 1},
+        {';', "c:/dir", "C:\\DIR", 1},
+        {':', "x/a:/a", "/a", 1},
+        {':', "/a/b", "/a", 0},
+        {':', "", "/a", 0},
+        {':', "/a", "", 0},
+        {':', ":", "", 1},
+        {':', "/ab:/abc:/abcd", "/abc", 1},
+        {',', "a,b", "B", 1},
+    };
+    for (const Case &c : cases)
+        EXPECT_EQ(ldap_env_contains(c.sep, c.list, c.item), c.want) << c.list << " / " << c.item;
+    EXPECT_EQ(ldap_env_contains(':', nullptr, "/a"), 0);
+    EXPECT_EQ(ldap_env_contains(':', "/a", nullptr), 0);
+
+    int walked = wzrtest::walk_alloc_failures([] {
+        int rc = ldap_env_contains(':', "/A:/b", "/a");
+        EXPECT_TRUE(rc == 1 || rc == LDAP_NO_MEMORY) << rc;
+        return rc == 1;
+    });
+    EXPECT_EQ(walked, 2);
+}
+
+// Read once per process: the only test in this program that asks.
+TEST(EnvSettings, PasswordPolicySettingIsReadOnce)
+{
+    {
+        wzrtest::ScopedEnv v("USE_OPENLDAP_PWDPOLICY_CONTROL", std::string("yEs"));
+        EXPECT_EQ(ldap_use_openldap_pwdpolicy(), 1);
+    }
+    wzrtest::ScopedEnv v("USE_OPENLDAP_PWDPOLICY_CONTROL", std::string("no"));
+    EXPECT_EQ(ldap_use_openldap_pwdpolicy(), 1) << "the first answer is kept";
+}
+
+TEST(EnvTrace, EachAccessIsTracedWithItsOwnText)
+{
+    Assignments made;
+    wzrtest::TempDir dir;
+    std::string file = dir.file("env.trace");
+    ASSERT_EQ(ldap_set_debug_file(file.c_str()), 0);
+    ldap_set_debug_mask(0xffff);
+    {
+        wzrtest::ScopedEnv set(VAR, std::string("/c"));
+        wzrtest::ScopedEnv unset("WZR_ENV_TEST_UNSET", std::nullopt);
+        lber_free(ldap_getenv(VAR));
+        lber_free(ldap_getenv("WZR_ENV_TEST_UNSET"));
+        (void)ldap_chkenv(VAR);
+        (void)ldap_chkenv("WZR_ENV_TEST_UNSET");
+        EXPECT_EQ(ldap_change_env_var(0, VAR, ':', "/a"), 0);
+        made.record(VAR);
+    }
+    std::string text = wzrtest::read_file(file);
+    ldap_set_debug_mask(0);
+    (void)ldap_set_debug_file("stderr");
+    for (const char *line :
+         {"ldap_getenv: WZR_ENV_TEST_LIST=/c\n", "ldap_getenv: WZR_ENV_TEST_UNSET=NULL\n",
+          "ldap_chkenv: environment variable \"WZR_ENV_TEST_LIST\" is set\n",
+          "ldap_chkenv: environment variable \"WZR_ENV_TEST_UNSET\" is NOT set\n",
+          "ldap_change_env_var: WZR_ENV_TEST_LIST\n", "ldap_putenv: WZR_ENV_TEST_LIST=/a:/c\n"})
+        EXPECT_NE(text.find(line), std::string::npos) << line << "in\n" << text;
+}
+
+// Readers and writers of the environment from several threads, all through the library.
+// Each thread extends its own variable, so no update can be lost to another's, and reads
+// the others' variables meanwhile: every value read must be whole.
+TEST(EnvThreads, ConcurrentReadsAndUpdatesSeeWholeValues)
+{
+    Assignments made;
+    constexpr int THREADS = 4;
+    constexpr int ITEMS = 25;
+    std::vector<std::string> names;
+    std::vector<std::unique_ptr<wzrtest::ScopedEnv>> restore;
+    for (int t = 0; t < THREADS; ++t) {
+        names.push_back("WZR_ENV_TEST_THREAD" + std::to_string(t));
+        restore.push_back(std::make_unique<wzrtest::ScopedEnv>(names[t].c_str(), "/base"));
+    }
+    std::vector<std::thread> threads;
+    for (int t = 0; t < THREADS; ++t)
+        threads.emplace_back([t, &names, &made] {
+            const char *mine = names[t].c_str();
+            const char *other = names[(t + 1) % THREADS].c_str();
+            std::string expected = "/base";
+            for (int i = 0; i < ITEMS; ++i) {
+                std::string item = "/t" + std::to_string(t) + "i" + std::to_string(i);
+                EXPECT_EQ(ldap_change_env_var(1, mine, ':', item.c_str()), 0);
+                made.record(mine);
+                expected += ":" + item;
+                char *now = ldap_getenv(mine);
+                ASSERT_NE(now, nullptr);
+                EXPECT_EQ(now, expected);
+                lber_free(now);
+                char *theirs = ldap_getenv(other);
+                ASSERT_NE(theirs, nullptr);
+                EXPECT_EQ(std::string(theirs).rfind("/base", 0), 0u) << theirs;
+                // The other thread only ever extends its value, so a later look is no shorter.
+                EXPECT_GE(ldap_chkenv(other), static_cast<int>(strlen(theirs)) + 1);
+                lber_free(theirs);
+            }
+        });
+    for (std::thread &th : threads)
+        th.join();
+    for (int t = 0; t < THREADS; ++t) {
+        std::string value = env_now(names[t].c_str());
+        EXPECT_EQ(value.size(), 5u + 6u * 10 + 7u * 15) << value; // ":/tNiK" and ":/tNiKK"
+    }
+}
+
+} // namespace

@@ -1,0 +1,591 @@
+// The trace facility: the class table and the environment that sets the mask, the output
+// switch, the line prefix, every timestamp form with a fixed instant and zone, the hex dump.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <optional>
+#include <pthread.h>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "liblber/ber_memory.h"
+#include "support/test_util.h"
+#include "trace/ldap_env.h"
+#include "trace/ldap_trace.h"
+
+namespace {
+
+constexpr unsigned ALL_CLASSES = 19;
+
+unsigned class_mask(unsigned index) { return 0xc8010000u + (index << 16); }
+
+std::string thread_tag() { return "T" + std::to_string(static_cast<int>(pthread_self())); }
+
+// Whether `text` has the given shape: "#" stands for any decimal digit, all else for itself.
+bool fits(const std::string &text, const std::string &shape)
+{
+    if (text.size() != shape.size())
+        return false;
+    for (size_t i = 0; i < text.size(); ++i) {
+        bool digit = text[i] >= '0' && text[i] <= '9';
+        if (shape[i] == '#' ? !digit : text[i] != shape[i])
+            return false;
+    }
+    return true;
+}
+
+std::vector<std::string> lines_of(const std::string &text)
+{
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        out.push_back(line);
+    return out;
+}
+
+// Each test gets its own trace file and leaves the trace silent behind it.
+class Trace : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ldap_debug_init();
+        ASSERT_EQ(ldap_set_debug_file(path_.c_str()), 0);
+        ldap_set_debug_mask(0xffff);
+    }
+    void TearDown() override
+    {
+        zone_.reset();
+        tzset();
+        ldap_debug_reset_for_tests(); // timestamps on again, format read afresh
+        ldap_set_debug_mask(0);
+        (void)ldap_set_debug_file("stderr");
+    }
+    std::string output() const { return wzrtest::read_file(path_); }
+
+    // ldap_debug_init traces its own read of LDAP_DEBUG_TIME; keep that out of the file.
+    static void debug_init_quietly()
+    {
+        unsigned mask = ldap_debug_enabled();
+        ldap_set_debug_mask(0);
+        ldap_debug_init();
+        ldap_set_debug_mask(mask);
+    }
+
+    // Writes one line per class and returns the indexes that came out.
+    std::vector<unsigned> classes_written()
+    {
+        for (unsigned i = 0; i < ALL_CLASSES; ++i)
+            ldap_debug_print(class_mask(i), "class %02u written\n", i);
+        std::vector<unsigned> seen;
+        std::string text = output();
+        for (unsigned i = 0; i < ALL_CLASSES; ++i) {
+            char want[32];
+            snprintf(want, sizeof want, "class %02u written\n", i);
+            if (text.find(want) != std::string::npos)
+                seen.push_back(i);
+        }
+        return seen;
+    }
+
+    wzrtest::TempDir dir_;
+    std::string path_ = dir_.file("trace.out");
+    std::optional<wzrtest::ScopedEnv> zone_;
+};
+
+std::vector<unsigned> range(unsigned from, unsigned to)
+{
+    std::vector<unsigned> v;
+    for (unsigned i = from; i <= to; ++i)
+        v.push_back(i);
+    return v;
+}
+
+TEST_F(Trace, MaskSelectsClassesThroughTheBitTable)
+{
+    ldap_set_debug_mask(1); // ordinary flow, which code-page set-up shares, and warnings
+    EXPECT_EQ(classes_written(), (std::vector<unsigned>{0, 4, 18}));
+}
+
+TEST_F(Trace, ErrorMaskAlsoWritesClassesSeventeenAndEighteen)
+{
+    ldap_set_debug_mask(0x8000);
+    EXPECT_EQ(classes_written(), (std::vector<unsigned>{16, 17, 18}));
+    EXPECT_TRUE(ldap_debug_class_on(LDAP_TRC_ERROR));
+    EXPECT_TRUE(ldap_debug_class_on(LDAP_TRC_WARN));
+    EXPECT_FALSE(ldap_debug_class_on(LDAP_TRC_API));
+    EXPECT_FALSE(ldap_debug_class_on(LDAP_TRC_BER));
+}
+
+TEST_F(Trace, MaskZeroWritesNothingAndUnknownClassesAreIgnored)
+{
+    ldap_set_debug_mask(0);
+    EXPECT_TRUE(classes_written().empty());
+    EXPECT_EQ(ldap_debug_enabled(), 0u);
+    ldap_set_debug_mask(0xffff);
+    ldap_debug_print(0xc8140000u, "beyond the table\n");
+    ldap_debug_print(0x00010000u, "below the table\n");
+    EXPECT_FALSE(ldap_debug_class_on(0xc8140000u));
+    EXPECT_EQ(output(), "");
+}
+
+// LDAP_DEBUG as the first initialisation of a process reads it; the reset hook re-runs it.
+struct DebugCase {
+    const char *value;
+    unsigned mask;
+    int flag;
+    std::vector<unsigned> classes;
+};
+
+TEST_F(Trace, LdapDebugVariableSetsTheMask)
+{
+    const DebugCase cases[] = {
+        {"65535", 0xffff, 1, range(0, 18)},
+        {"32768", 0x8000, 1, {16, 17, 18}},
+        {"0x8000", 0, 1, {}}, // valid form, but converted by atoi
+        {"abc", 0, 0, {}},
+        {"12a", 0, 0, {}},
+        {"-1", 0xffffffffu, 1, range(0, 18)},
+        {"", 0, 1, {}},
+        {"2", 2, 1, {1, 18}},
+    };
+    for (const DebugCase &c : cases) {
+        SCOPED_TRACE(c.value);
+        wzrtest::TempDir d;
+        std::string file = d.file("t.out");
+        wzrtest::ScopedEnv dbg("LDAP_DEBUG", std::string(c.value));
+        wzrtest::ScopedEnv out("LDAP_DEBUG_FILE", file);
+        ldap_debug_reset_for_tests();
+        EXPECT_EQ(ldap_debug_enabled(), c.mask);
+        EXPECT_EQ(ldap_debug_env_flag(), c.flag);
+        ASSERT_STREQ(ldap_get_debug_file(), file.c_str());
+        path_ = file;
+        EXPECT_EQ(classes_written(), c.classes);
+    }
+}
+
+TEST_F(Trace, UnsetLdapDebugKeepsTheMaskAndStandardStreamsByName)
+{
+    ldap_set_debug_mask(0x0200);
+    wzrtest::ScopedEnv dbg("LDAP_DEBUG", std::nullopt);
+    wzrtest::ScopedEnv out("LDAP_DEBUG_FILE", std::nullopt);
+    ldap_debug_reset_for_tests(); // the reset itself puts the mask to 0 first
+    EXPECT_EQ(ldap_debug_enabled(), 0u);
+    EXPECT_STREQ(ldap_get_debug_file(), "stderr");
+    ldap_set_debug_mask(0x0200);
+    ldap_debug_init(); // later initialisations leave the mask alone
+    EXPECT_EQ(ldap_debug_enabled(), 0x0200u);
+
+    EXPECT_EQ(ldap_set_debug_file("stdout"), 0);
+    EXPECT_STREQ(ldap_get_debug_file(), "stdout");
+}
+
+TEST_F(Trace, UnopenableFileSilencesTheTraceWithoutFailingCallers)
+{
+    std::string missing = dir_.file("no/such/dir/trace.out");
+    {
+        wzrtest::ScopedEnv dbg("LDAP_DEBUG", std::string("65535"));
+        wzrtest::ScopedEnv out("LDAP_DEBUG_FILE", missing);
+        ldap_debug_reset_for_tests();
+        EXPECT_EQ(ldap_debug_enabled(), 0xffffu);
+        EXPECT_EQ(ldap_get_debug_file(), nullptr);
+        EXPECT_FALSE(ldap_debug_class_on(LDAP_TRC_ERROR));
+        ldap_debug_print(LDAP_TRC_ERROR, "nobody sees this %d\n", 1);
+        unsigned char bytes[4] = {1, 2, 3, 4};
+        ldap_debug_hexdump(bytes, 4, "quiet");
+
+        // The environment functions trace as they work; with no stream they simply work.
+        wzrtest::ScopedEnv v("WZR_TRACE_TEST_VAR", std::string("value"));
+        char *got = ldap_getenv("WZR_TRACE_TEST_VAR");
+        ASSERT_NE(got, nullptr);
+        EXPECT_STREQ(got, "value");
+        lber_free(got);
+        EXPECT_EQ(ldap_chkenv("WZR_TRACE_TEST_VAR"), 6);
+    }
+    EXPECT_EQ(ldap_set_debug_file(missing.c_str()), ENOENT);
+    EXPECT_EQ(ldap_set_debug_file(nullptr), EINVAL);
+    EXPECT_EQ(ldap_set_debug_file(""), EINVAL);
+    EXPECT_EQ(ldap_get_debug_file(), nullptr);
+    EXPECT_EQ(output(), "");
+    EXPECT_NE(access(dir_.file("no").c_str(), F_OK), 0) << "nothing was created";
+}
+
+TEST_F(Trace, OutputSwitchClosesTheOldFileAndAppendsToTheNew)
+{
+    std::string second = dir_.file("second.out");
+    wzrtest::write_file(second, "kept\n");
+    ldap_debug_print(LDAP_TRC_API, "%s", "first");
+    ASSERT_EQ(ldap_set_debug_file(second.c_str()), 0);
+    ldap_debug_print(LDAP_TRC_API, "%s", "second");
+    EXPECT_EQ(output(), "first");
+    EXPECT_EQ(wzrtest::read_file(second), "kept\nsecond");
+    EXPECT_STREQ(ldap_get_debug_file(), second.c_str());
+}
+
+TEST_F(Trace, ShortFormatsGetNoPrefixLongerOnesDo)
+{
+    wzrtest::ScopedEnv t("LDAP_DEBUG_TIME", std::string("FALSE"));
+    debug_init_quietly();
+    ldap_debug_print(LDAP_TRC_API, "\n");
+    ldap_debug_print(LDAP_TRC_API, "%s", "ab");
+    ldap_debug_print(LDAP_TRC_API, "1234\n");  // five characters: a continuation
+    ldap_debug_print(LDAP_TRC_API, "12345\n"); // six: a new line with its prefix
+    va_list *none = nullptr;
+    ldap_debug_vprint(LDAP_TRC_API, "plain %d text\n", none); // written as it stands
+    EXPECT_EQ(output(),
+              "\nab1234\n" + thread_tag() + " 12345\n" + thread_tag() + " plain %d text\n");
+}
+
+TEST_F(Trace, DebugTimeIsCaseSensitiveAndNothingTurnsTimestampsBackOn)
+{
+    wzrtest::ScopedEnv fmt("OPXQ_TIMESTAMP_FORMAT", std::string("Epoch"));
+    ldap_get_timestamp_format(1);
+    const std::string tag = thread_tag();
+    const std::string stamped = "##########.###### " + tag + " stamped\n";
+    {
+        wzrtest::ScopedEnv t("LDAP_DEBUG_TIME", std::string("false"));
+        debug_init_quietly();
+        ldap_debug_print(LDAP_TRC_API, "stamped\n");
+        EXPECT_TRUE(fits(output(), stamped)) << output();
+    }
+    {
+        wzrtest::ScopedEnv t("LDAP_DEBUG_TIME", std::string("FALSE"));
+        debug_init_quietly();
+    }
+    {
+        wzrtest::ScopedEnv t("LDAP_DEBUG_TIME", std::string("TRUE"));
+        debug_init_quietly();
+        ASSERT_EQ(ldap_set_debug_file(dir_.file("two.out").c_str()), 0);
+        ldap_debug_print(LDAP_TRC_API, "bare line\n");
+        EXPECT_EQ(wzrtest::read_file(dir_.file("two.out")), tag + " bare line\n");
+    }
+}
+
+struct FormatName {
+    const char *value;
+    int code;
+};
+
+TEST(TraceTimestamp, FormatSettingIsReadCaseInsensitivelyAndCached)
+{
+    const FormatName names[] = {
+        {"Epoch", 2},   {"epoch", 2},       {"GT", 3},          {"gt", 3},
+        {"General", 3}, {"generalized", 3}, {"GeneralTime", 3}, {"Gener", 6},
+        {"UTC", 4},     {"utc", 4},         {"Local", 6},       {"AUDIT", 5},
+        {"Legacy", 0},  {"Default", 1},     {"bogus", 6},       {"", 6},
+    };
+    for (const FormatName &n : names) {
+        wzrtest::ScopedEnv fmt("OPXQ_TIMESTAMP_FORMAT", std::string(n.value));
+        EXPECT_EQ(ldap_get_timestamp_format(1), n.code) << n.value;
+    }
+    {
+        wzrtest::ScopedEnv fmt("OPXQ_TIMESTAMP_FORMAT", std::nullopt);
+        EXPECT_EQ(ldap_get_timestamp_format(1), 6);
+    }
+    wzrtest::ScopedEnv fmt("OPXQ_TIMESTAMP_FORMAT", std::string("UTC"));
+    EXPECT_EQ(ldap_get_timestamp_format(1), 4);
+    setenv("OPXQ_TIMESTAMP_FORMAT", "Epoch", 1);
+    EXPECT_EQ(ldap_get_timestamp_format(0), 4) << "cached until asked to read again";
+    EXPECT_EQ(ldap_get_timestamp_format(1), 2);
+}
+
+// Sets TZ for one test and makes the C library read it.
+class ZoneTest : public ::testing::Test {
+protected:
+    void zone(const char *tz)
+    {
+        tz_.emplace("TZ", std::string(tz));
+        tzset();
+    }
+    void TearDown() override
+    {
+        tz_.reset();
+        tzset();
+    }
+    std::string stamp(int format, time_t secs, long usec, int size = 33)
+    {
+        struct timeval tv = {secs, usec};
+        char buf[64];
+        memset(buf, 'x', sizeof buf);
+        char *got = ldap_format_timestamp(format, &tv, buf, size);
+        EXPECT_EQ(got, buf);
+        return got;
+    }
+    std::optional<wzrtest::ScopedEnv> tz_;
+};
+
+constexpr time_t MAR_05_123456 = 1709642096; // 2024-03-05 12:34:56 UTC
+constexpr time_t JUL_01_163456 = 1719851696; // 2024-07-01 16:34:56 UTC
+constexpr time_t JAN_01_020000 = 1704074400; // 2024-01-01 02:00:00 UTC
+constexpr time_t DEC_31_200000 = 1704052800; // 2023-12-31 20:00:00 UTC
+
+TEST_F(ZoneTest, EveryFormatForAFixedInstant)
+{
+    zone("EST5");
+    EXPECT_EQ(stamp(2, MAR_05_123456, 789012), "1709642096.789012");
+    EXPECT_EQ(stamp(2, 5, 7), "0000000005.000007");
+    EXPECT_EQ(stamp(3, MAR_05_123456, 789012), "20240305123456.789012Z");
+    EXPECT_EQ(stamp(4, MAR_05_123456, 789012), "2024-03-05T12:34:56.789012Z");
+    EXPECT_EQ(stamp(6, MAR_05_123456, 789012), "2024-03-05T07:34:56.789012-5:00");
+    EXPECT_EQ(stamp(1, MAR_05_123456, 789012), "2024-03-05T07:34:56.789012-5:00");
+    EXPECT_EQ(stamp(0, MAR_05_123456, 789012), "2024-03-05T07:34:56.789012-5:00");
+    EXPECT_EQ(stamp(5, MAR_05_123456, 789012), "2024-03-05-07:34:56.789-5:00");
+}
+
+TEST_F(ZoneTest, OffsetsEastWestAndAcrossTheYearEnd)
+{
+    zone("UTC0");
+    EXPECT_EQ(stamp(6, MAR_05_123456, 1), "2024-03-05T12:34:56.000001+0:00");
+    zone("IST-5:30");
+    EXPECT_EQ(stamp(6, MAR_05_123456, 1), "2024-03-05T18:04:56.000001+5:30");
+    zone("NST3:30");
+    EXPECT_EQ(stamp(6, MAR_05_123456, 1), "2024-03-05T09:04:56.000001-3:30");
+    zone("ZZZ-12");
+    EXPECT_EQ(stamp(6, MAR_05_123456, 1), "2024-03-06T00:34:56.000001+12:00");
+    zone("EST5"); // local time still in the old year
+    EXPECT_EQ(stamp(6, JAN_01_020000, 5), "2023-12-31T21:00:00.000005-5:00");
+    zone("JST-9"); // local time already in the new year
+    EXPECT_EQ(stamp(6, DEC_31_200000, 5), "2024-01-01T05:00:00.000005+9:00");
+    zone("XXX-3"); // month boundary
+    EXPECT_EQ(stamp(6, 1706734800 /* 2024-01-31 21:00 UTC */, 5),
+              "2024-02-01T00:00:00.000005+3:00");
+}
+
+TEST_F(ZoneTest, AuditShowsMillisecondsAndDaylightSavingTime)
+{
+    zone("EST5EDT,M3.2.0,M11.1.0");
+    EXPECT_EQ(stamp(5, JUL_01_163456, 789012), "2024-07-01-12:34:56.789-4:00DST");
+    EXPECT_EQ(stamp(6, JUL_01_163456, 789012), "2024-07-01T12:34:56.789012-4:00");
+    EXPECT_EQ(stamp(5, MAR_05_123456, 789012), "2024-03-05-07:34:56.789-5:00");
+}
+
+TEST_F(ZoneTest, BufferSizesAllocationAndTheCurrentTime)
+{
+    zone("UTC0");
+    struct timeval tv = {MAR_05_123456, 789012};
+    const int smallest[] = {0, 0, 18, 23, 28, 33, 33};
+    for (int format = 2; format <= 6; ++format) {
+        SCOPED_TRACE(format);
+        char *got = ldap_format_timestamp(format, &tv, nullptr, 0);
+        ASSERT_NE(got, nullptr);
+        std::string text = got;
+        lber_free(got);
+        EXPECT_EQ(stamp(format, MAR_05_123456, 789012, smallest[format]), text);
+        if (format == 5 || format == 6)
+            continue; // their default size leaves room for the longest zone offset
+        EXPECT_EQ(stamp(format, MAR_05_123456, 789012, smallest[format] - 1), "")
+            << "a caller's buffer that is too small comes back empty";
+        long live = lber_live_blocks();
+        EXPECT_EQ(ldap_format_timestamp(format, &tv, nullptr, smallest[format] - 1), nullptr);
+        EXPECT_EQ(lber_live_blocks(), live);
+    }
+    struct timeval zero = {0, 0};
+    char buf[33];
+    time_t before = time(nullptr);
+    ASSERT_EQ(ldap_format_timestamp(2, &zero, buf, sizeof buf), buf);
+    EXPECT_GE(zero.tv_sec, before) << "a zeroed time is filled in with the current one";
+    EXPECT_EQ(std::string(buf).substr(0, 10), std::to_string(zero.tv_sec));
+    ASSERT_EQ(ldap_format_timestamp(4, nullptr, buf, sizeof buf), buf);
+    EXPECT_TRUE(fits(buf, "####-##-##T##:##:##.######Z")) << buf;
+}
+
+TEST_F(Trace, PrefixUsesTheConfiguredTimestampForm)
+{
+    zone_.emplace("TZ", std::string("EST5"));
+    tzset();
+    const std::string tag = thread_tag();
+    struct Case {
+        const char *setting;
+        std::string pattern;
+    };
+    const Case cases[] = {
+        {"Default", "####-##-##T##:##:##.######-5:00"},
+        {"Local", "####-##-##T##:##:##.######-5:00"},
+        {"Legacy", "###:##:##:##"},
+        {"Epoch", "##########.######"},
+        {"general-anything", "##############.######Z"},
+        {"utc", "####-##-##T##:##:##.######Z"},
+        {"Audit", "####-##-##-##:##:##.###-5:00"},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.setting);
+        wzrtest::ScopedEnv fmt("OPXQ_TIMESTAMP_FORMAT", std::string(c.setting));
+        ldap_get_timestamp_format(1);
+        std::string file = dir_.file(std::string(c.setting) + ".out");
+        ASSERT_EQ(ldap_set_debug_file(file.c_str()), 0);
+        ldap_debug_print(LDAP_TRC_ERROR, "Error - %s: %d\n", "fn", 7);
+        std::string text = wzrtest::read_file(file);
+        EXPECT_TRUE(fits(text, c.pattern + " " + tag + " Error - fn: 7\n")) << text;
+    }
+}
+
+// Hex dump lines are "T<thread>:\t" and 59 characters of frame.
+class HexDump : public Trace {
+protected:
+    std::vector<std::string> dump(const void *p, int length, const char *title)
+    {
+        ldap_debug_hexdump(p, length, title);
+        std::vector<std::string> out;
+        const std::string head = thread_tag() + ":\t";
+        for (const std::string &line : lines_of(output())) {
+            EXPECT_EQ(line.compare(0, head.size(), head), 0) << line;
+            std::string body = line.substr(head.size());
+            EXPECT_EQ(body.size(), 59u) << body;
+            out.push_back(body);
+        }
+        return out;
+    }
+    static std::string heading(const void *p, int length)
+    {
+        char h[80];
+        snprintf(h, sizeof h, "|OSet| Address = %08X  Length = %04X |     ASCII      |",
+                 static_cast<unsigned>(reinterpret_cast<uintptr_t>(p)), length & 0xffff);
+        return h;
+    }
+    const std::string border = "+---------------------------------------------------------+";
+};
+
+TEST_F(HexDump, EmptyDumpHasFrameAndHeadingButNoClosingBorder)
+{
+    unsigned char byte = 0;
+    EXPECT_EQ(dump(&byte, 0, nullptr),
+              (std::vector<std::string>{border, heading(&byte, 0), border}));
+}
+
+TEST_F(HexDump, NullAddressAndNegativeLengthStopAfterTheHeading)
+{
+    std::vector<std::string> got = dump(nullptr, 5, "");
+    EXPECT_EQ(got, (std::vector<std::string>{border, heading(nullptr, 5), border}));
+    ASSERT_EQ(ldap_set_debug_file(dir_.file("neg.out").c_str()), 0);
+    path_ = dir_.file("neg.out");
+    unsigned char b[4] = {};
+    EXPECT_EQ(dump(b, 0x8000, nullptr),
+              (std::vector<std::string>{border, heading(b, 0x8000), border}));
+}
+
+TEST_F(HexDump, SixteenBytesMakeOneFullLine)
+{
+    const unsigned char bytes[16] = {'H', 'e', 'l', 'l', 'o',  '^',  'W', 'o',
+                                     'r', 'l', 'd', 0,   0x7f, 0x80, ' ', '~'};
+    std::vector<std::string> got = dump(bytes, 16, nullptr);
+    ASSERT_EQ(got.size(), 5u);
+    EXPECT_EQ(got[0], border);
+    EXPECT_EQ(got[1], heading(bytes, 16));
+    EXPECT_EQ(got[2], border);
+    EXPECT_EQ(got[3], "|0000|48656C6C 6F5E576F 726C6400 7F80207E|Hello.World... ~|");
+    EXPECT_EQ(got[4], border);
+}
+
+TEST_F(HexDump, SeventeenBytesWithATitleColumnByColumn)
+{
+    unsigned char bytes[17];
+    for (int i = 0; i < 17; ++i)
+        bytes[i] = static_cast<unsigned char>(0x30 + i); // "0123456789:;<=>?@"
+    std::vector<std::string> got = dump(bytes, 17, "BER");
+    ASSERT_EQ(got.size(), 8u);
+    EXPECT_EQ(got[0], border);
+    std::string title(59, ' ');
+    title[0] = title[58] = '|';
+    title.replace(28, 3, "BER"); // (57 - 3) / 2 + 1
+    EXPECT_EQ(got[1], title);
+    EXPECT_EQ(got[2], border);
+    EXPECT_EQ(got[3], heading(bytes, 17));
+    EXPECT_EQ(got[4], border);
+    const std::string &full = got[5];
+    EXPECT_EQ(full.substr(0, 6), "|0000|");
+    EXPECT_EQ(full.substr(6, 8), "30313233");
+    EXPECT_EQ(full[14], ' ');
+    EXPECT_EQ(full.substr(15, 8), "34353637");
+    EXPECT_EQ(full[23], ' ');
+    EXPECT_EQ(full.substr(24, 8), "38393A3B");
+    EXPECT_EQ(full[32], ' ');
+    EXPECT_EQ(full.substr(33, 8), "3C3D3E3F");
+    EXPECT_EQ(full[41], '|');
+    EXPECT_EQ(full.substr(42, 16), "0123456789:;<=>?");
+    EXPECT_EQ(full[58], '|');
+    std::string partial = "|0010|40" + std::string(33, ' ') + "|@" + std::string(15, ' ') + "|";
+    EXPECT_EQ(got[6], partial);
+    EXPECT_EQ(got[7], border);
+}
+
+TEST_F(HexDump, LongTitlesAreCutToTheFrame)
+{
+    std::string title(70, 'x');
+    title.replace(0, 3, "abc");
+    unsigned char b = 'A';
+    std::vector<std::string> got = dump(&b, 1, title.c_str());
+    ASSERT_EQ(got.size(), 7u);
+    EXPECT_EQ(got[1], "|" + title.substr(0, 57) + "|");
+    EXPECT_EQ(got[5], "|0000|41" + std::string(33, ' ') + "|A" + std::string(15, ' ') + "|");
+}
+
+TEST_F(HexDump, NoStreamNoDump)
+{
+    EXPECT_EQ(ldap_set_debug_file(nullptr), EINVAL);
+    unsigned char b = 1;
+    ldap_debug_hexdump(&b, 1, "t");
+    EXPECT_EQ(output(), "");
+}
+
+class TraceThreads : public Trace {};
+
+// Lines from many threads never interleave: every line is whole.
+TEST_F(TraceThreads, LinesAndDumpsFromManyThreadsStayWhole)
+{
+    wzrtest::ScopedEnv t("LDAP_DEBUG_TIME", std::string("FALSE"));
+    debug_init_quietly();
+    constexpr int THREADS = 4;
+    constexpr int LINES = 200;
+    std::string tags[THREADS];
+    std::vector<std::thread> threads;
+    for (int t = 0; t < THREADS; ++t)
+        threads.emplace_back([t, &tags] {
+            tags[t] = thread_tag();
+            for (int i = 0; i < LINES; ++i) {
+                ldap_debug_print(LDAP_TRC_API, "writer %d line %03d %s\n", t, i,
+                                 "padding-padding-padding");
+                if (i % 50 == 0) {
+                    unsigned char b[20] = {};
+                    ldap_debug_hexdump(b, 20, nullptr);
+                }
+            }
+        });
+    for (std::thread &th : threads)
+        th.join();
+
+    std::set<std::string> writes;
+    std::set<std::string> dump_heads;
+    for (int t = 0; t < THREADS; ++t) {
+        dump_heads.insert(tags[t] + ":\t");
+        for (int i = 0; i < LINES; ++i) {
+            char text[80];
+            snprintf(text, sizeof text, " writer %d line %03d padding-padding-padding", t, i);
+            writes.insert(tags[t] + text);
+        }
+    }
+    size_t dump_lines = 0;
+    for (const std::string &l : lines_of(output())) {
+        if (writes.erase(l) == 1)
+            continue;
+        size_t tab = l.find(":\t");
+        ASSERT_NE(tab, std::string::npos) << l;
+        EXPECT_EQ(dump_heads.count(l.substr(0, tab + 2)), 1u) << l;
+        std::string body = l.substr(tab + 2);
+        ASSERT_EQ(body.size(), 59u) << l;
+        EXPECT_TRUE((body.front() == '+' && body.back() == '+') ||
+                    (body.front() == '|' && body.back() == '|'))
+            << l;
+        ++dump_lines;
+    }
+    EXPECT_TRUE(writes.empty()) << writes.size() << " lines missing or torn";
+    // Four dumps per thread: border, heading, border, two data lines, border.
+    EXPECT_EQ(dump_lines, static_cast<size_t>(THREADS * 4 * 6));
+}
+
+} // namespace
