@@ -21,6 +21,11 @@ void ldap_perror(LDAP *ld, const char *prefix);
 int ldap_result2error(LDAP *ld, LDAPMessage *res, int freeit);
 void ldap_free_error_records(LDAPErrorRec *head);
 
+// The calling thread's record without judging it: its code and ext error (0 without a record)
+// and copies of its strings for each non-null out pointer. Returns 0, 89 (null handle),
+// 90 (nothing handed out) or 129.
+int ldap_read_error_record(LDAP *ld, int *code, int *ext, char **matched, char **errmsg);
+
 // Records code (no matched DN, no message) and returns it: `return ldap_fail(ld, 89);`
 inline int ldap_fail(LDAP *ld, int code)
 {

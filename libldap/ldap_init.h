@@ -14,6 +14,17 @@ LDAPConn *ldap_lc_init(const char *host, int port, unsigned table_rows);
 void ldap_end_operation(LDAP *ld);
 int ldap_ld_valid(LDAP *ld); // 1 when the eyecatcher reads "LDAP HDL"
 
+// One entry of a connection's host list as the opener reads it.
+struct LDAPHostEntry {
+    const char *host; // points into the list being walked
+    int port;         // host order
+};
+// Cuts the next space-separated entry out of *cursor (writing NULs into the list) and splits
+// it into host and port. An entry with two or more colons is an IPv6 address: the brackets
+// are dropped and it always takes defport; once one has been seen (*seen_ipv6), later entries
+// are not split at ':' either. Returns 1 for an entry, 0 at the end of the list.
+int ldap_next_host_entry(char **cursor, int *seen_ipv6, int defport, LDAPHostEntry *entry);
+
 // An FBER carrying the handle's protocol version and UTF-8 setting; small = inline size 0.
 BerElement *ldap_alloc_fber(LDAP *ld, int small);
 

@@ -1,0 +1,458 @@
+// Handle creation and teardown: ldap_init's host rules, NLXDIR, ldap_open's version rule and
+// its connection over a host list, the operation bracket, the validity check and the freed
+// eyecatcher, connection records and the handle's FBER allocator.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <string>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+#include "libldap/ldap_free.h"
+#include "libldap/ldap_init.h"
+#include "libldap/ldap_options.h"
+#include "libldap/ldap_table.h"
+#include "libldap/ldap_unbind.h"
+#include "support/loopback_listener.h"
+#include "support/test_util.h"
+
+// Reading a freed handle's bytes needs a free() that keeps one chosen block out of the
+// allocator's hands; sanitizer runtimes own free() themselves, so there the test is skipped.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define WZR_NO_FREE_HOOK 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) ||                         \
+    __has_feature(memory_sanitizer)
+#define WZR_NO_FREE_HOOK 1
+#endif
+#endif
+
+#if !defined(WZR_NO_FREE_HOOK)
+extern "C" void __libc_free(void *p);
+namespace {
+std::atomic<void *> kept_block{nullptr};
+std::atomic<int> kept_frees{0};
+} // namespace
+// Frees everything except the block the test is watching, which it releases itself later.
+extern "C" void free(void *p) noexcept
+{
+    if (p != nullptr && p == kept_block.load()) {
+        kept_frees.fetch_add(1);
+        return;
+    }
+    __libc_free(p);
+}
+#endif
+
+namespace {
+
+std::string this_host()
+{
+    char name[257] = {};
+    EXPECT_EQ(gethostname(name, sizeof name - 1), 0);
+    return name;
+}
+
+std::vector<std::pair<std::string, int>> split_hosts(const char *list, int defport)
+{
+    std::string copy = list;
+    char *cursor = copy.data();
+    int seen_ipv6 = 0;
+    LDAPHostEntry entry;
+    std::vector<std::pair<std::string, int>> out;
+    while (ldap_next_host_entry(&cursor, &seen_ipv6, defport, &entry))
+        out.emplace_back(entry.host, entry.port);
+    return out;
+}
+
+// A port on which nothing listens (a listener's, closed again).
+int dead_port()
+{
+    wzrtest::LoopbackListener gone;
+    return gone.port();
+}
+
+bool ipv6_loopback_available()
+{
+    wzrtest::LoopbackListener probe(true);
+    return probe.ok();
+}
+
+} // namespace
+
+TEST(InitHost, NullHostIsThisMachineOnPort389)
+{
+    LDAP *ld = ldap_init(nullptr, 0);
+    ASSERT_NE(ld, nullptr);
+    EXPECT_EQ(memcmp(ld->ld_eyecatcher, "LDAP HDL", 8), 0);
+    EXPECT_EQ(ld->ld_defhost, this_host());
+    EXPECT_EQ(ld->ld_defport, 389);
+    ASSERT_NE(ld->ld_defconn, nullptr);
+    EXPECT_EQ(ld->ld_servers, ld->ld_defconn);
+    EXPECT_EQ(ld->ld_defconn->ld, ld);
+    EXPECT_EQ(ld->ld_defconn->host, this_host());
+    EXPECT_NE(ld->ld_defconn->host, ld->ld_defhost) << "each owns its copy";
+    EXPECT_EQ(ld->ld_defconn->port, 389);
+    EXPECT_EQ(ld->ld_defconn->connected, 0) << "ldap_init does not connect";
+    EXPECT_EQ(ld->ld_defconn->sb.sb_sd, -1);
+    EXPECT_EQ(ld->ld_defconn->table->owner, ld->ld_defconn);
+    EXPECT_EQ(ld->ld_defconn->table->row_count, LDAP_TABLE_INITIAL_ROWS);
+    EXPECT_EQ(ld->ld_version, 3);
+    EXPECT_EQ(ld->ld_referrals, 1);
+    EXPECT_EQ(ld->ld_hoplimit, 10);
+    EXPECT_EQ(ld->ld_bind_flag, 1);
+    EXPECT_EQ(ld->ld_unbind_started, 0);
+    EXPECT_EQ(ld->ld_opcount, 0u);
+    EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
+TEST(InitHost, BadArgumentsGiveNoHandle)
+{
+    EXPECT_EQ(ldap_init("", 389), nullptr);
+    EXPECT_EQ(ldap_init("localhost", -1), nullptr);
+    EXPECT_EQ(ldap_init(nullptr, -389), nullptr);
+    EXPECT_EQ(ldap_init("ldap:///dc=example,dc=com", 0), nullptr)
+        << "a URL without a host would need DNS server location";
+    EXPECT_EQ(ldap_init("ldap://host:12x/", 0), nullptr) << "the URL does not parse";
+
+    LDAP *ld = ldap_init("somehost", 2389);
+    ASSERT_NE(ld, nullptr);
+    EXPECT_STREQ(ld->ld_defhost, "somehost");
+    EXPECT_EQ(ld->ld_defport, 2389);
+    EXPECT_EQ(ld->ld_defconn->port, 2389);
+    EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
+TEST(InitHost, SchemeInCapitalsIsTakenForAUrl)
+{
+    LDAP *ld = ldap_init("LDAPS://h:1636", 0);
+    ASSERT_NE(ld, nullptr);
+    EXPECT_STREQ(ld->ld_defhost, "h");
+    EXPECT_EQ(ld->ld_defport, 1636);
+    EXPECT_STREQ(ld->ld_defconn->host, "h");
+    EXPECT_EQ(ld->ld_defconn->port, 1636);
+    EXPECT_EQ(ldap_unbind(ld), 0);
+
+    // The scheme may stand anywhere in the string; without a URL port the URL's default wins
+    // over the argument.
+    ld = ldap_init("ldap://server.example/dc=example", 2000);
+    ASSERT_NE(ld, nullptr);
+    EXPECT_STREQ(ld->ld_defhost, "server.example");
+    EXPECT_EQ(ld->ld_defport, 389);
+    EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
+TEST(InitHost, HostListIsKeptAsGiven)
+{
+    LDAP *ld = ldap_init("a b:1389 [::1]:1390", 0);
+    ASSERT_NE(ld, nullptr);
+    EXPECT_STREQ(ld->ld_defhost, "a b:1389 [::1]:1390");
+    EXPECT_STREQ(ld->ld_defconn->host, "a b:1389 [::1]:1390");
+    EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
+TEST(HostEntries, SplitsAsTheOpenerSeesThem)
+{
+    using Entries = std::vector<std::pair<std::string, int>>;
+    EXPECT_EQ(split_hosts("a b:1389 [::1]:1390", 389),
+              (Entries{{"a", 389}, {"b", 1389}, {"::1", 389}}));
+    EXPECT_EQ(split_hosts("   x    y:7  ", 389), (Entries{{"x", 389}, {"y", 7}}));
+    // After an IPv6 entry no entry is split at ':' any more.
+    EXPECT_EQ(split_hosts("[fe80::1%eth0]:1390 c:5", 636),
+              (Entries{{"fe80::1%eth0", 636}, {"c:5", 636}}));
+    EXPECT_EQ(split_hosts("::1 [::2]", 10), (Entries{{"::1", 10}, {"::2", 10}}));
+    EXPECT_EQ(split_hosts("h:abc", 389), (Entries{{"h", 0}})) << "atoi decides";
+    EXPECT_EQ(split_hosts("", 389), Entries{});
+    EXPECT_EQ(split_hosts("    ", 389), Entries{});
+}
+
+// Each case runs in a child process: the library hands its NLXDIR string to the environment
+// for good, and the test must not leave that behind in (or take it out of) this process.
+void expect_nlxdir_after_init(const char *nlxdir, const char *home, const char *expected)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            nlxdir != nullptr ? setenv("NLXDIR", nlxdir, 1) : unsetenv("NLXDIR");
+            home != nullptr ? setenv("OPX_LDAP_HOME", home, 1) : unsetenv("OPX_LDAP_HOME");
+            LDAP *ld = ldap_init("localhost", 0);
+            const char *now = getenv("NLXDIR");
+            bool ok = ld != nullptr && now != nullptr && strcmp(now, expected) == 0;
+            if (!ok)
+                fprintf(stderr, "NLXDIR=%s\n", now != nullptr ? now : "(unset)");
+            (void)ldap_unbind(ld);
+            _exit(ok ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+TEST(InitEnvironmentDeathTest, NlxdirIsSetOnlyWhenMissing)
+{
+    expect_nlxdir_after_init(nullptr, "/srv/ldap-home", "/srv/ldap-home");
+    expect_nlxdir_after_init(nullptr, nullptr, "/opt/qrv/ldap/V6.3.1");
+    expect_nlxdir_after_init(nullptr, "", "/opt/qrv/ldap/V6.3.1");
+    expect_nlxdir_after_init("/mine", "/srv/other", "/mine");
+    expect_nlxdir_after_init("", "/srv/other", "");
+}
+
+TEST(InitAllocation, EveryFailureGivesNoHandleAndLeaksNothing)
+{
+    // One-time work (trace set-up, NLXDIR handed to the environment) happens outside the walk.
+    LDAP *warm = ldap_init("warm", 0);
+    ASSERT_NE(warm, nullptr);
+    ASSERT_EQ(ldap_unbind(warm), 0);
+    int walked = wzrtest::walk_alloc_failures([] {
+        LDAP *ld = ldap_init("h1 h2:1389 [::1]:1390", 0);
+        if (ld == nullptr)
+            return false;
+        EXPECT_EQ(ldap_unbind(ld), 0);
+        return true;
+    });
+    EXPECT_GE(walked, 5);
+    walked = wzrtest::walk_alloc_failures([] {
+        LDAP *ld = ldap_init("LDAP://urlhost:4389/dc=x", 0);
+        if (ld == nullptr)
+            return false;
+        EXPECT_STREQ(ld->ld_defhost, "urlhost");
+        EXPECT_EQ(ldap_unbind(ld), 0);
+        return true;
+    });
+    EXPECT_GE(walked, 6);
+}
+
+TEST(OpenConnection, LdapOpenGivesVersion2UnlessAskedFor3)
+{
+    wzrtest::LoopbackListener server;
+    ASSERT_TRUE(server.ok());
+    {
+        wzrtest::ScopedEnv version("LDAP_VERSION", std::nullopt);
+        LDAP *ld = ldap_open("127.0.0.1", server.port());
+        ASSERT_NE(ld, nullptr);
+        EXPECT_EQ(ld->ld_version, 2);
+        EXPECT_EQ(ld->ld_defconn->connected, 1);
+        EXPECT_TRUE(server.wait_accepted(1));
+        int sd = -2;
+        ASSERT_EQ(ldap_get_option(ld, LDAP_OPT_DESC, &sd), 0);
+        EXPECT_EQ(sd, ld->ld_defconn->sb.sb_sd);
+        EXPECT_NE(fcntl(sd, F_GETFL) & O_NONBLOCK, 0) << "the reader expects a non-blocking socket";
+        EXPECT_EQ(ldap_unbind(ld), 0);
+    }
+    {
+        wzrtest::ScopedEnv version("LDAP_VERSION", std::string("3"));
+        LDAP *ld = ldap_open("127.0.0.1", server.port());
+        ASSERT_NE(ld, nullptr);
+        EXPECT_EQ(ld->ld_version, 3);
+        EXPECT_EQ(ldap_unbind(ld), 0);
+    }
+    {
+        wzrtest::ScopedEnv version("LDAP_VERSION", std::string("3.0"));
+        LDAP *ld = ldap_open("127.0.0.1", server.port());
+        ASSERT_NE(ld, nullptr);
+        EXPECT_EQ(ld->ld_version, 2) << "only exactly \"3\" asks for version 3";
+        EXPECT_EQ(ldap_unbind(ld), 0);
+    }
+    LDAP *ld = ldap_init("127.0.0.1", server.port());
+    ASSERT_NE(ld, nullptr);
+    EXPECT_EQ(ld->ld_version, 3);
+    EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
+TEST(OpenConnection, WalksTheHostListToTheFirstServerThatAnswers)
+{
+    wzrtest::LoopbackListener server;
+    ASSERT_TRUE(server.ok());
+    std::string list = "127.0.0.1:" + std::to_string(dead_port()) + " 127.0.0.1:" +
+                       std::to_string(server.port());
+    LDAP *ld = ldap_open(list.c_str(), 0);
+    ASSERT_NE(ld, nullptr);
+    EXPECT_TRUE(server.wait_accepted(1));
+    EXPECT_STREQ(ld->ld_defconn->resolved, "127.0.0.1");
+    EXPECT_EQ(ldap_unbind(ld), 0);
+    EXPECT_TRUE(server.wait_closed(1)) << "unbind closes the socket";
+
+    EXPECT_EQ(ldap_open("127.0.0.1", dead_port()), nullptr) << "nobody answers";
+}
+
+TEST(OpenConnection, BracketedIpv6EntryUsesTheDefaultPort)
+{
+    if (!ipv6_loopback_available())
+        GTEST_SKIP() << "no IPv6 loopback here";
+    wzrtest::LoopbackListener server(true);
+    ASSERT_TRUE(server.ok());
+    // The port after the bracket is not used: the connection goes to the default port.
+    std::string list = "[::1]:" + std::to_string(dead_port());
+    LDAP *ld = ldap_open(list.c_str(), server.port());
+    ASSERT_NE(ld, nullptr);
+    EXPECT_TRUE(server.wait_accepted(1));
+    EXPECT_STREQ(ld->ld_defconn->resolved, "::1");
+    EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
+TEST(OpenConnection, SecureHandleFailsWith118AndClosesTheSocket)
+{
+    wzrtest::LoopbackListener server;
+    ASSERT_TRUE(server.ok());
+    LDAP *ld = ldap_init("127.0.0.1", server.port());
+    ASSERT_NE(ld, nullptr);
+    ld->ld_ssl_in_use = 1;
+    LDAPConn *lc = ld->ld_defconn;
+    pthread_mutex_lock(&lc->write_lock);
+    EXPECT_EQ(open_ldap_connection(ld, lc), LDAP_SSL_NOT_AVAILABLE);
+    pthread_mutex_unlock(&lc->write_lock);
+    EXPECT_EQ(lc->connected, 0);
+    EXPECT_EQ(lc->sb.sb_sd, -1);
+    EXPECT_TRUE(server.wait_closed(1)) << "the plain socket was opened, then closed";
+    EXPECT_EQ(server.bytes_received(), 0);
+    EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
+TEST(OpenConnection, ConnectTimeoutIsHonouredAsACopy)
+{
+    wzrtest::LoopbackListener server;
+    ASSERT_TRUE(server.ok());
+    LDAP *ld = ldap_init("127.0.0.1", server.port());
+    ASSERT_NE(ld, nullptr);
+    struct timeval tv = {5, 0};
+    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_CONNECT_TIMEOUT, &tv), 0);
+    LDAPConn *lc = ld->ld_defconn;
+    pthread_mutex_lock(&lc->write_lock);
+    EXPECT_EQ(open_ldap_connection(ld, lc), 0);
+    pthread_mutex_unlock(&lc->write_lock);
+    EXPECT_EQ(lc->connected, 1);
+    EXPECT_EQ(ld->ld_connect_timeout->tv_sec, 5) << "the handle's setting is left alone";
+    EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
+TEST(OperationBracket, CountsAndRefusals)
+{
+    LDAP *ld = ldap_init("localhost", 0);
+    ASSERT_NE(ld, nullptr);
+    EXPECT_EQ(ldap_start_operation(nullptr), LDAP_PARAM_ERROR);
+    ASSERT_EQ(ldap_start_operation(ld), 0);
+    ASSERT_EQ(ldap_start_operation(ld), 0);
+    EXPECT_EQ(ld->ld_opcount, 2u);
+    ldap_end_operation(ld);
+    {
+        OperationBracket op(ld);
+        ASSERT_EQ(op.rc(), 0);
+        EXPECT_EQ(ld->ld_opcount, 2u);
+    }
+    EXPECT_EQ(ld->ld_opcount, 1u);
+    ldap_end_operation(ld);
+    ldap_end_operation(ld); // never below zero
+    EXPECT_EQ(ld->ld_opcount, 0u);
+
+    ld->ld_unbind_started = 1;
+    {
+        OperationBracket op(ld);
+        EXPECT_EQ(op.rc(), LDAP_PARAM_ERROR);
+    }
+    EXPECT_EQ(ld->ld_opcount, 0u) << "a refused bracket ends nothing";
+    ld->ld_unbind_started = 0;
+    EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
+TEST(HandleValidity, WrongEyecatcherIsInvalid)
+{
+    wzrtest::ScopedEnv level("QRVLDAP_HANDLE_INVALID_LEVEL", std::nullopt);
+    LDAP fake{};
+    memcpy(fake.ld_eyecatcher, "LDAP HDX", 8);
+    EXPECT_EQ(ldap_ld_valid(nullptr), 0);
+    EXPECT_EQ(ldap_ld_valid(&fake), 0);
+    ldap_ld_free(&fake); // refused without touching it
+    EXPECT_EQ(memcmp(fake.ld_eyecatcher, "LDAP HDX", 8), 0);
+    EXPECT_EQ(ldap_unbind(&fake), LDAP_PARAM_ERROR);
+}
+
+TEST(HandleValidityDeathTest, PositiveInvalidLevelAborts)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe"); // a fresh process reads the level anew
+    wzrtest::ScopedEnv level("QRVLDAP_HANDLE_INVALID_LEVEL", std::string("1"));
+    EXPECT_DEATH(
+        {
+            LDAP fake{};
+            memcpy(fake.ld_eyecatcher, "EYEDEADL", 8);
+            (void)ldap_unbind(&fake);
+        },
+        "");
+}
+
+TEST(HandleFree, FreedHandleReadsEyedeadWithItsEighthByteLeft)
+{
+#if defined(WZR_NO_FREE_HOOK)
+    GTEST_SKIP() << "freed memory is the sanitizer's";
+#else
+    LDAP *ld = ldap_init("localhost", 0);
+    ASSERT_NE(ld, nullptr);
+    kept_frees.store(0);
+    kept_block.store(ld);
+    ldap_ld_free(ld);
+    kept_block.store(nullptr);
+    EXPECT_EQ(kept_frees.load(), 1) << "the handle itself was released";
+    char first8[8];
+    memcpy(first8, ld, sizeof first8);
+    EXPECT_EQ(std::string(first8, 7), "EYEDEAD");
+    EXPECT_EQ(first8[7], 'L');
+    // What is left is an invalid handle to everyone.
+    EXPECT_EQ(ldap_ld_valid(ld), 0);
+    EXPECT_EQ(ldap_start_operation(ld), LDAP_PARAM_ERROR);
+    EXPECT_EQ(ldap_unbind(ld), LDAP_PARAM_ERROR);
+    __libc_free(ld);
+#endif
+}
+
+TEST(ConnectionRecord, DefaultsAndAllocationFailures)
+{
+    LDAPConn *lc = ldap_lc_init(nullptr, 636, 256);
+    ASSERT_NE(lc, nullptr);
+    EXPECT_STREQ(lc->host, "localhost");
+    EXPECT_EQ(lc->port, 636);
+    EXPECT_EQ(lc->dead, 0);
+    EXPECT_EQ(lc->connected, 0);
+    EXPECT_EQ(lc->sb.sb_sd, -1);
+    ASSERT_NE(lc->table, nullptr);
+    EXPECT_EQ(lc->table->owner, lc);
+    ldap_lc_free(lc);
+
+    int walked = wzrtest::walk_alloc_failures([] {
+        LDAPConn *made = ldap_lc_init("a b", 389, 256);
+        ldap_lc_free(made);
+        return made != nullptr;
+    });
+    EXPECT_GE(walked, 3);
+}
+
+TEST(HandleFber, CarriesTheHandlesVersionAndUtf8Setting)
+{
+    LDAP *ld = ldap_init("localhost", 0);
+    ASSERT_NE(ld, nullptr);
+    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_UTF8_IO, LDAP_OPT_ON), 0);
+    int two = 2;
+    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &two), 0);
+    for (int small : {0, 1}) {
+        BerElement *ber = ldap_alloc_fber(ld, small);
+        ASSERT_NE(ber, nullptr);
+        EXPECT_TRUE(ber_is_fber(ber));
+        EXPECT_EQ(ber->ber_inline_size, small ? 0 : FBER_DEFAULT_SIZE);
+        ASSERT_NE(ber->ber_version, nullptr);
+        ASSERT_NE(ber->ber_utf8_flag, nullptr);
+        EXPECT_EQ(*ber->ber_version, 2);
+        EXPECT_EQ(*ber->ber_utf8_flag, 1);
+        ld->ld_version = 3; // a copy, not a view
+        EXPECT_EQ(*ber->ber_version, 2);
+        ld->ld_version = 2;
+        fber_free(ber);
+    }
+    int walked = wzrtest::walk_alloc_failures([ld] {
+        BerElement *ber = ldap_alloc_fber(ld, 0);
+        fber_free(ber);
+        return ber != nullptr;
+    });
+    EXPECT_EQ(walked, 3);
+    EXPECT_EQ(ldap_unbind(ld), 0);
+}

@@ -1,0 +1,359 @@
+// Handle options: the accepted ranges, the setter's version-dependent dereferencing, read-only
+// options, copies of control lists and strings, and the global default handle.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "libldap/ldap_controls.h"
+#include "libldap/ldap_error.h"
+#include "libldap/ldap_init.h"
+#include "libldap/ldap_options.h"
+#include "libldap/ldap_unbind.h"
+#include "support/test_util.h"
+
+namespace {
+
+struct Handle {
+    LDAP *ld = ldap_init("localhost", 0);
+    ~Handle() { (void)ldap_unbind(ld); }
+};
+
+int set_int(LDAP *ld, int option, int value) { return ldap_set_option(ld, option, &value); }
+
+int get_int(LDAP *ld, int option)
+{
+    int value = -12345;
+    EXPECT_EQ(ldap_get_option(ld, option, &value), 0) << "option " << option;
+    return value;
+}
+
+const void *as_value(intptr_t v) { return reinterpret_cast<const void *>(v); }
+
+// Owns a control list built from {oid, value, critical} triples.
+struct ControlList {
+    LDAPControl storage[3]{};
+    LDAPControl *list[4]{};
+    ControlList(bool critical_second)
+    {
+        static char oid1[] = "1.2.3.4";
+        static char oid2[] = "2.16.840.1.113730.3.4.2";
+        static char val1[] = "\x04\x03" "abc";
+        storage[0] = {oid1, {5, val1}, 0};
+        storage[1] = {oid2, {0, nullptr}, static_cast<char>(critical_second ? 1 : 0)};
+        list[0] = &storage[0];
+        list[1] = &storage[1];
+    }
+};
+
+} // namespace
+
+TEST(OptionRanges, EveryIntegerOptionChecksItsRange)
+{
+    Handle h;
+    ASSERT_NE(h.ld, nullptr);
+    struct Range {
+        int option;
+        int low;
+        int high; // INT32_MAX: no upper bound
+    };
+    const Range ranges[] = {{LDAP_OPT_SIZELIMIT, 0, INT32_MAX},
+                            {LDAP_OPT_TIMELIMIT, 0, INT32_MAX},
+                            {LDAP_OPT_DEREF, 0, 3},
+                            {LDAP_OPT_RESTART, 0, 1},
+                            {LDAP_OPT_REFHOPLIMIT, 0, INT32_MAX},
+                            {LDAP_OPT_SSL_TIMEOUT, 0, 86400},
+                            {LDAP_OPT_REFERRAL_HOP_LIMIT, 0, INT32_MAX},
+                            {LDAP_OPT_SASL_KRB_VERSION, 2, 3},
+                            {LDAP_OPT_PROTOCOL_VERSION, 2, 3}};
+    for (const Range &r : ranges) {
+        SCOPED_TRACE(r.option);
+        EXPECT_EQ(set_int(h.ld, r.option, r.low - 1), LDAP_PARAM_ERROR);
+        EXPECT_EQ(ldap_get_errno(h.ld), LDAP_PARAM_ERROR) << "a refusal is recorded";
+        EXPECT_EQ(set_int(h.ld, r.option, r.low), 0);
+        EXPECT_EQ(get_int(h.ld, r.option), r.low);
+        EXPECT_EQ(ldap_get_errno(h.ld), 0);
+        if (r.high != INT32_MAX) {
+            EXPECT_EQ(set_int(h.ld, r.option, r.high + 1), LDAP_PARAM_ERROR);
+            EXPECT_EQ(get_int(h.ld, r.option), r.low) << "a refused value changes nothing";
+        }
+        EXPECT_EQ(set_int(h.ld, r.option, r.high), 0);
+        EXPECT_EQ(get_int(h.ld, r.option), r.high);
+    }
+    // Options 5 and 53 are one field.
+    EXPECT_EQ(set_int(h.ld, LDAP_OPT_REFHOPLIMIT, 7), 0);
+    EXPECT_EQ(get_int(h.ld, LDAP_OPT_REFERRAL_HOP_LIMIT), 7);
+    EXPECT_EQ(set_int(h.ld, LDAP_OPT_SSL_TIMEOUT, 86401), LDAP_PARAM_ERROR);
+}
+
+TEST(OptionRanges, FlagsTakeTheirValueInThePointer)
+{
+    Handle h;
+    ASSERT_NE(h.ld, nullptr);
+    for (int option : {LDAP_OPT_REFERRALS, LDAP_OPT_UTF8_IO, LDAP_OPT_BIND_FLAG}) {
+        SCOPED_TRACE(option);
+        EXPECT_EQ(ldap_set_option(h.ld, option, LDAP_OPT_OFF), 0);
+        EXPECT_EQ(get_int(h.ld, option), 0);
+        EXPECT_EQ(ldap_set_option(h.ld, option, LDAP_OPT_ON), 0);
+        EXPECT_EQ(get_int(h.ld, option), 1);
+        EXPECT_EQ(ldap_set_option(h.ld, option, as_value(2)), LDAP_PARAM_ERROR);
+        EXPECT_EQ(get_int(h.ld, option), 1);
+    }
+}
+
+TEST(OptionRanges, DebugMaskIsProcessWideAndBounded)
+{
+    Handle h;
+    ASSERT_NE(h.ld, nullptr);
+    unsigned before = ldap_debug_enabled();
+    EXPECT_EQ(set_int(h.ld, LDAP_OPT_DEBUG, 0x10000), LDAP_PARAM_ERROR);
+    EXPECT_EQ(set_int(h.ld, LDAP_OPT_DEBUG, -1), LDAP_PARAM_ERROR);
+    EXPECT_EQ(ldap_debug_enabled(), before);
+    EXPECT_EQ(set_int(h.ld, LDAP_OPT_DEBUG, 0), 0);
+    EXPECT_EQ(ldap_debug_enabled(), 0u);
+    EXPECT_EQ(get_int(h.ld, LDAP_OPT_DEBUG), 0);
+    ldap_set_debug_mask(before);
+}
+
+TEST(OptionRanges, ReadOnlyAndUnknownOptionsAreRefused)
+{
+    Handle h;
+    ASSERT_NE(h.ld, nullptr);
+    int value = 1;
+    for (int option : {10, 11, 20, 21, 48, 49, 50, 51, 12, 16, 55, 999, -3}) {
+        SCOPED_TRACE(option);
+        EXPECT_EQ(ldap_set_option(h.ld, option, &value), LDAP_PARAM_ERROR);
+        EXPECT_EQ(ldap_set_option_direct(h.ld, option, &value), LDAP_PARAM_ERROR);
+    }
+    EXPECT_EQ(ldap_set_option(h.ld, -3, nullptr), LDAP_PARAM_ERROR);
+    EXPECT_EQ(ldap_get_option(h.ld, 999, &value), LDAP_PARAM_ERROR);
+    EXPECT_EQ(ldap_get_option(h.ld, LDAP_OPT_SIZELIMIT, nullptr), LDAP_PARAM_ERROR);
+}
+
+TEST(OptionVersions, NullIsRefusedAtVersion3AndTakenAsZeroAtVersion2)
+{
+    Handle h;
+    ASSERT_NE(h.ld, nullptr);
+    ASSERT_EQ(get_int(h.ld, LDAP_OPT_PROTOCOL_VERSION), 3);
+    ASSERT_EQ(set_int(h.ld, LDAP_OPT_SIZELIMIT, 50), 0);
+    EXPECT_EQ(ldap_set_option(h.ld, LDAP_OPT_SIZELIMIT, nullptr), LDAP_PARAM_ERROR);
+    EXPECT_EQ(get_int(h.ld, LDAP_OPT_SIZELIMIT), 50);
+    EXPECT_EQ(ldap_set_option(h.ld, LDAP_OPT_API_INFO, nullptr), LDAP_PARAM_ERROR);
+    EXPECT_EQ(ldap_set_option(h.ld, LDAP_OPT_PROTOCOL_VERSION, nullptr), LDAP_PARAM_ERROR);
+
+    ASSERT_EQ(set_int(h.ld, LDAP_OPT_PROTOCOL_VERSION, 2), 0);
+    EXPECT_EQ(ldap_set_option(h.ld, LDAP_OPT_SIZELIMIT, nullptr), 0);
+    EXPECT_EQ(get_int(h.ld, LDAP_OPT_SIZELIMIT), 0);
+    EXPECT_EQ(ldap_set_option(h.ld, LDAP_OPT_TIMELIMIT, as_value(25)), 0)
+        << "an old caller's integer in the pointer";
+    EXPECT_EQ(get_int(h.ld, LDAP_OPT_TIMELIMIT), 25);
+    EXPECT_EQ(ldap_set_option(h.ld, LDAP_OPT_DEREF, as_value(4)), LDAP_PARAM_ERROR);
+    EXPECT_EQ(ldap_set_option(h.ld, LDAP_OPT_PROTOCOL_VERSION, nullptr), LDAP_PARAM_ERROR);
+    EXPECT_EQ(ldap_set_option(h.ld, LDAP_OPT_API_INFO, nullptr), LDAP_PARAM_ERROR);
+    EXPECT_EQ(set_int(h.ld, LDAP_OPT_PROTOCOL_VERSION, 4), LDAP_PARAM_ERROR);
+    EXPECT_EQ(get_int(h.ld, LDAP_OPT_PROTOCOL_VERSION), 2);
+}
+
+TEST(OptionReads, ApiAndFeatureInfo)
+{
+    Handle h;
+    ASSERT_NE(h.ld, nullptr);
+    LDAPAPIInfo info{};
+    info.ldapai_info_version = 99;
+    EXPECT_EQ(ldap_get_option(h.ld, LDAP_OPT_API_INFO, &info), LDAP_PARAM_ERROR);
+    EXPECT_EQ(info.ldapai_info_version, LDAP_API_INFO_VERSION) << "tells the version it speaks";
+    ASSERT_EQ(ldap_get_option(h.ld, LDAP_OPT_API_INFO, &info), 0);
+    EXPECT_EQ(info.ldapai_protocol_version, 3);
+    EXPECT_EQ(info.ldapai_vendor_version, LDAP_VENDOR_VERSION);
+    EXPECT_STREQ(info.ldapai_vendor_name, "wzrldap");
+    ASSERT_NE(info.ldapai_extensions, nullptr);
+    EXPECT_STREQ(info.ldapai_extensions[0], "VIRTUAL_LIST_VIEW");
+    EXPECT_EQ(info.ldapai_extensions[1], nullptr);
+    ldap_api_info_free(&info);
+
+    LDAPAPIFeatureInfo feature{LDAP_FEATURE_INFO_VERSION, "VIRTUAL_LIST_VIEW", 0};
+    EXPECT_EQ(ldap_get_option(h.ld, LDAP_OPT_API_FEATURE_INFO, &feature), 0);
+    EXPECT_EQ(feature.ldapaif_version, LDAP_API_FEATURE_VIRTUAL_LIST_VIEW);
+    feature.ldapaif_name = "TIME_TRAVEL";
+    EXPECT_EQ(ldap_get_option(h.ld, LDAP_OPT_API_FEATURE_INFO, &feature), LDAP_PARAM_ERROR);
+    EXPECT_EQ(feature.ldapaif_version, 0);
+
+    EXPECT_EQ(ldap_set_option(h.ld, LDAP_OPT_API_INFO, &info), LDAP_PARAM_ERROR);
+
+    // Every allocation of the info record can fail without a leak.
+    wzrtest::walk_alloc_failures([&] {
+        LDAPAPIInfo walked{};
+        walked.ldapai_info_version = LDAP_API_INFO_VERSION;
+        int rc = ldap_get_option(h.ld, LDAP_OPT_API_INFO, &walked);
+        ldap_api_info_free(&walked);
+        return rc == 0;
+    });
+}
+
+TEST(OptionReads, ConnectionAndErrorRecordOptions)
+{
+    Handle h;
+    ASSERT_NE(h.ld, nullptr);
+    EXPECT_EQ(get_int(h.ld, LDAP_OPT_DESC), -1) << "not connected yet";
+    EXPECT_EQ(get_int(h.ld, LDAP_OPT_PORT), 389);
+    char *host = nullptr;
+    ASSERT_EQ(ldap_get_option(h.ld, LDAP_OPT_HOST_NAME, &host), 0);
+    EXPECT_STREQ(host, "localhost");
+    EXPECT_NE(host, h.ld->ld_defconn->host);
+    lber_free(host);
+
+    ASSERT_EQ(ldap_set_lderrno_direct(h.ld, 32, "dc=m", "not there"), 0);
+    ASSERT_EQ(ldap_set_ext_error(h.ld, 406), 0);
+    EXPECT_EQ(get_int(h.ld, LDAP_OPT_ERROR_NUMBER), 32);
+    EXPECT_EQ(get_int(h.ld, LDAP_OPT_ERROR_NUMBER), 32) << "reading leaves the record alone";
+    char *msg = nullptr;
+    ASSERT_EQ(ldap_get_option(h.ld, LDAP_OPT_ERROR_STRING, &msg), 0);
+    EXPECT_STREQ(msg, "not there");
+    lber_free(msg);
+    EXPECT_EQ(get_int(h.ld, LDAP_OPT_EXT_ERROR), 406);
+    EXPECT_EQ(ldap_get_option(h.ld, LDAP_OPT_ERROR_STRING, nullptr), LDAP_PARAM_ERROR);
+}
+
+TEST(OptionCopies, StringsAndTimeoutAreCopiedAndNullClears)
+{
+    Handle h;
+    ASSERT_NE(h.ld, nullptr);
+    for (int option : {LDAP_OPT_SSL_STRING, LDAP_OPT_SSL_CIPHER_STRING,
+                       LDAP_OPT_SSL_PROTOCOL_STRING}) {
+        char given[] = "TLSv1.2";
+        ASSERT_EQ(ldap_set_option(h.ld, option, given), 0);
+        given[0] = 'X';
+        char *got = nullptr;
+        ASSERT_EQ(ldap_get_option(h.ld, option, &got), 0);
+        EXPECT_STREQ(got, "TLSv1.2");
+        lber_free(got);
+        ASSERT_EQ(ldap_set_option(h.ld, option, nullptr), 0);
+        ASSERT_EQ(ldap_get_option(h.ld, option, &got), 0);
+        EXPECT_EQ(got, nullptr);
+    }
+
+    struct timeval tv = {3, 500};
+    ASSERT_EQ(ldap_set_option(h.ld, LDAP_OPT_CONNECT_TIMEOUT, &tv), 0);
+    tv.tv_sec = 99;
+    struct timeval *got = nullptr;
+    ASSERT_EQ(ldap_get_option(h.ld, LDAP_OPT_CONNECT_TIMEOUT, &got), 0);
+    ASSERT_NE(got, nullptr);
+    EXPECT_EQ(got->tv_sec, 3);
+    EXPECT_EQ(got->tv_usec, 500);
+    lber_free(got);
+    struct timeval negative = {-1, 0};
+    EXPECT_EQ(ldap_set_option(h.ld, LDAP_OPT_CONNECT_TIMEOUT, &negative), LDAP_PARAM_ERROR);
+    ASSERT_EQ(ldap_set_option(h.ld, LDAP_OPT_CONNECT_TIMEOUT, nullptr), 0);
+    ASSERT_EQ(ldap_get_option(h.ld, LDAP_OPT_CONNECT_TIMEOUT, &got), 0);
+    EXPECT_EQ(got, nullptr);
+    EXPECT_EQ(h.ld->ld_connect_timeout, nullptr);
+
+    int marker = 0;
+    ASSERT_EQ(ldap_set_option(h.ld, LDAP_OPT_REBIND_FN, &marker), 0);
+    void *proc = nullptr;
+    ASSERT_EQ(ldap_get_option(h.ld, LDAP_OPT_REBIND_FN, &proc), 0);
+    EXPECT_EQ(proc, &marker);
+}
+
+TEST(OptionCopies, ControlListsAreCopiedBothWays)
+{
+    Handle h;
+    ASSERT_NE(h.ld, nullptr);
+    ControlList given(false);
+    ASSERT_EQ(ldap_set_option(h.ld, LDAP_OPT_SERVER_CONTROLS, given.list), 0);
+    ASSERT_NE(h.ld->ld_sctrls, nullptr);
+    EXPECT_NE(h.ld->ld_sctrls, given.list);
+    EXPECT_NE(h.ld->ld_sctrls[0]->ldctl_oid, given.storage[0].ldctl_oid);
+
+    LDAPControl **got = nullptr;
+    ASSERT_EQ(ldap_get_option(h.ld, LDAP_OPT_SERVER_CONTROLS, &got), 0);
+    ASSERT_NE(got, nullptr);
+    EXPECT_NE(got, h.ld->ld_sctrls) << "the caller's own copy";
+    EXPECT_STREQ(got[0]->ldctl_oid, "1.2.3.4");
+    EXPECT_EQ(got[0]->ldctl_value.bv_len, 5u);
+    EXPECT_EQ(memcmp(got[0]->ldctl_value.bv_val, "\x04\x03" "abc", 5), 0);
+    EXPECT_STREQ(got[1]->ldctl_oid, "2.16.840.1.113730.3.4.2");
+    EXPECT_EQ(got[2], nullptr);
+    ldap_controls_free(got);
+
+    // Client controls: a critical one cannot be honoured and is refused; the old list stays.
+    ASSERT_EQ(ldap_set_option(h.ld, LDAP_OPT_CLIENT_CONTROLS, given.list), 0);
+    ControlList critical(true);
+    EXPECT_EQ(ldap_set_option(h.ld, LDAP_OPT_CLIENT_CONTROLS, critical.list),
+              LDAP_UNAVAILABLE_CRITICAL_EXTENSION);
+    EXPECT_EQ(ldap_get_errno(h.ld), LDAP_UNAVAILABLE_CRITICAL_EXTENSION);
+    ASSERT_EQ(ldap_get_option(h.ld, LDAP_OPT_CLIENT_CONTROLS, &got), 0);
+    ASSERT_NE(got, nullptr);
+    EXPECT_EQ(got[1]->ldctl_iscritical, 0);
+    ldap_controls_free(got);
+    EXPECT_EQ(ldap_set_option(h.ld, LDAP_OPT_SERVER_CONTROLS, critical.list), 0)
+        << "server controls may be critical";
+
+    ASSERT_EQ(ldap_set_option(h.ld, LDAP_OPT_SERVER_CONTROLS, nullptr), 0);
+    EXPECT_EQ(h.ld->ld_sctrls, nullptr);
+    ASSERT_EQ(ldap_get_option(h.ld, LDAP_OPT_SERVER_CONTROLS, &got), 0);
+    EXPECT_EQ(got, nullptr);
+}
+
+TEST(OptionCopies, SettingControlsSurvivesEveryAllocationFailure)
+{
+    Handle h;
+    ASSERT_NE(h.ld, nullptr);
+    ControlList given(false);
+    for (int option : {LDAP_OPT_SERVER_CONTROLS, LDAP_OPT_CLIENT_CONTROLS}) {
+        SCOPED_TRACE(option);
+        ASSERT_EQ(ldap_set_option(h.ld, option, given.list), 0);
+        int walked = wzrtest::walk_alloc_failures([&] {
+            int rc = ldap_set_option(h.ld, option, given.list);
+            if (rc != 0) {
+                EXPECT_EQ(rc, LDAP_NO_MEMORY);
+                EXPECT_EQ(ldap_get_errno(h.ld), LDAP_NO_MEMORY);
+                return false;
+            }
+            return true;
+        });
+        EXPECT_GT(walked, 3);
+        // The list held before each failure is still whole.
+        LDAPControl **got = nullptr;
+        ASSERT_EQ(ldap_get_option(h.ld, option, &got), 0);
+        ASSERT_NE(got, nullptr);
+        EXPECT_STREQ(got[0]->ldctl_oid, "1.2.3.4");
+        ldap_controls_free(got);
+        ASSERT_EQ(ldap_set_option(h.ld, option, nullptr), 0);
+    }
+}
+
+TEST(GlobalDefaults, NullHandleChangesOnlyTheGlobalDefault)
+{
+    LDAP *global = ld_set_global_default();
+    ASSERT_NE(global, nullptr);
+    EXPECT_EQ(ld_set_global_default(), global) << "created once";
+    EXPECT_EQ(global->ld_version, 3);
+    EXPECT_EQ(global->ld_referrals, 1);
+    EXPECT_EQ(global->ld_hoplimit, 10);
+    EXPECT_EQ(global->ld_bind_flag, 0);
+    EXPECT_EQ(global->ld_default_field, 128);
+
+    ASSERT_EQ(set_int(nullptr, LDAP_OPT_SIZELIMIT, 500), 0);
+    ASSERT_EQ(set_int(nullptr, LDAP_OPT_TIMELIMIT, 30), 0);
+    EXPECT_EQ(get_int(nullptr, LDAP_OPT_SIZELIMIT), 500);
+    EXPECT_EQ(set_int(nullptr, LDAP_OPT_DEREF, 9), LDAP_PARAM_ERROR);
+
+    Handle h;
+    ASSERT_NE(h.ld, nullptr);
+    EXPECT_EQ(get_int(h.ld, LDAP_OPT_SIZELIMIT), 0) << "new handles start from their own values";
+    EXPECT_EQ(get_int(h.ld, LDAP_OPT_TIMELIMIT), 0);
+    EXPECT_EQ(get_int(h.ld, LDAP_OPT_BIND_FLAG), 1);
+
+    ASSERT_EQ(set_int(nullptr, LDAP_OPT_SIZELIMIT, 0), 0);
+    ASSERT_EQ(set_int(nullptr, LDAP_OPT_TIMELIMIT, 0), 0);
+}
+
+TEST(OptionValidation, InvalidHandleIsRefused)
+{
+    LDAP fake{};
+    memcpy(fake.ld_eyecatcher, "EYEDEADL", 8);
+    int value = 1;
+    EXPECT_EQ(ldap_set_option(&fake, LDAP_OPT_SIZELIMIT, &value), LDAP_PARAM_ERROR);
+    EXPECT_EQ(ldap_get_option(&fake, LDAP_OPT_SIZELIMIT, &value), LDAP_PARAM_ERROR);
+}
