@@ -87,7 +87,11 @@ BerElement *der_alloc();
 BerElement *ber_dup(BerElement *ber);
 BerElement *fber_init(const struct berval *bv);
 BerElement *ber_init(const struct berval *bv);
-BerElement *fber_init2(struct berval *bv); // wraps received bytes for decoding
+// Wraps received bytes for decoding without copying them. On success the element takes over
+// bv->bv_val (an lber allocation of at least bv_len + 1 bytes: the byte behind the data is where
+// the in-place readers put their last NUL), frees it in fber_free, and clears bv_val/bv_len;
+// on failure (nullptr) bv is left as it was.
+BerElement *fber_init2(struct berval *bv);
 void ber_reset(BerElement *ber, int was_writing);
 void fber_free(BerElement *ber);
 void ber_free(BerElement *ber, int freebuf);
@@ -115,6 +119,9 @@ ber_tag_t fber_get_stringa(BerElement *ber, char **buf);
 ber_tag_t fber_get_stringal(BerElement *ber, struct berval **bv);
 ber_tag_t fber_get_stringb(BerElement *ber, char *buf, ber_len_t *len);
 ber_tag_t fber_get_string_copy(BerElement *ber, char **buf, ber_len_t *len);
+// In-place readers hand out pointers into the element's buffer and NUL-terminate each value by
+// writing over the first header byte of the element read after it; fber_finish_inplace
+// terminates the last one. They write into the buffer, which a ber_dup cursor shares.
 ber_tag_t fber_get_string_inplace(BerElement *ber, char **ptr);
 int fber_get_stringlist_inplace(BerElement *ber, char ***list);
 int fber_skip_element(BerElement *ber);

@@ -1,0 +1,612 @@
+// The format-driven BER decoder and its element readers. One set of readers serves both kinds;
+// they differ only in the header (FBER: one-byte tags; plain: tags of up to 8 bytes and lengths
+// that must fit the data), in integers (FBER does not sign-extend lengths 2..8) and in `l`.
+// Every reader bounds-checks against ber_end and fails with LBER_ERROR rather than reading past.
+#include <cstdarg>
+#include <cstdint>
+#include <cstring>
+
+#include "../libldap/ldap_charset.h"
+#include "../trace/ldap_trace.h"
+#include "ber_int.h"
+#include "ber_memory.h"
+#include "lber.h"
+
+namespace {
+
+constexpr ber_len_t MAX_CONTENTS = 0x7FFFFFEF;
+
+inline size_t remaining(const BerElement *ber)
+{
+    return ber->ber_ptr != nullptr && ber->ber_ptr < ber->ber_end
+               ? static_cast<size_t>(ber->ber_end - ber->ber_ptr)
+               : 0;
+}
+
+// Header of the next element: the tag, then the length (short form, or 0x80|n and n <= 8
+// big-endian bytes). Leaves ber_ptr at the contents; moves nothing on failure.
+ber_tag_t read_header(BerElement *ber, bool fber, ber_len_t *len)
+{
+    size_t left = remaining(ber);
+    if (left < 2)
+        return LBER_ERROR;
+    const unsigned char *p = ber->ber_ptr;
+    ber_tag_t tag = *p++;
+    --left;
+    if ((tag & 0x1F) == 0x1F) {
+        if (fber)
+            return LBER_ERROR;
+        // High tag number: further bytes while their top bit is set, 8 bytes in all at most.
+        int n = 1;
+        unsigned char c;
+        do {
+            if (left == 0 || n == 8)
+                return LBER_ERROR;
+            c = *p++;
+            --left;
+            ++n;
+            tag = (tag << 8) | c;
+        } while ((c & 0x80) != 0);
+    }
+    if (left == 0)
+        return LBER_ERROR;
+    ber_len_t l = *p++;
+    --left;
+    if ((l & 0x80) != 0) {
+        size_t n = l & 0x7F;
+        if (n > 8 || n > left)
+            return LBER_ERROR;
+        l = 0;
+        for (size_t i = 0; i < n; ++i)
+            l = (l << 8) | *p++;
+        left -= n;
+    }
+    if (!fber && l > left)
+        return LBER_ERROR;
+    ber->ber_ptr = const_cast<unsigned char *>(p);
+    *len = l;
+    return tag;
+}
+
+// A header whose contents the caller is about to take: they must be in the data.
+ber_tag_t read_contents_header(BerElement *ber, bool fber, ber_len_t *len)
+{
+    unsigned char *start = ber->ber_ptr;
+    ber_tag_t tag = read_header(ber, fber, len);
+    if (tag != LBER_ERROR && (*len > remaining(ber) || *len > MAX_CONTENTS)) {
+        ber->ber_ptr = start;
+        return LBER_ERROR;
+    }
+    return tag;
+}
+
+ber_tag_t peek_tag(BerElement *ber, bool fber, ber_len_t *len)
+{
+    unsigned char *start = ber->ber_ptr;
+    ber_tag_t tag = read_header(ber, fber, len);
+    ber->ber_ptr = start;
+    return tag;
+}
+
+enum class SetOpen { Error, Empty, Members };
+
+// SEQUENCE/SET header; its end goes to *last. The contents must be in the data.
+SetOpen open_set(BerElement *ber, bool fber, ber_tag_t *tag, ber_len_t *len, unsigned char **last)
+{
+    if ((*tag = read_contents_header(ber, fber, len)) == LBER_ERROR)
+        return SetOpen::Error;
+    *last = ber->ber_ptr + *len;
+    return *len == 0 ? SetOpen::Empty : SetOpen::Members;
+}
+
+ber_tag_t first_element(BerElement *ber, bool fber, ber_len_t *len, unsigned char **last)
+{
+    ber_tag_t tag;
+    if (open_set(ber, fber, &tag, len, last) != SetOpen::Members)
+        return LBER_ERROR;
+    return peek_tag(ber, fber, len);
+}
+
+ber_tag_t next_element(BerElement *ber, bool fber, ber_len_t *len, unsigned char *last)
+{
+    if (ber->ber_ptr >= last)
+        return LBER_ERROR;
+    return peek_tag(ber, fber, len);
+}
+
+// INTEGER/ENUMERATED/BOOLEAN: at most 8 content bytes. The plain reader sign-extends every
+// length; the FBER reader only a single byte (its own encoder writes lengths 1 and 4 only).
+ber_tag_t get_int(BerElement *ber, bool fber, int64_t *num)
+{
+    ber_len_t len;
+    ber_tag_t tag = read_contents_header(ber, fber, &len);
+    if (tag == LBER_ERROR || len > 8)
+        return LBER_ERROR;
+    const unsigned char *p = ber->ber_ptr;
+    uint64_t v = 0;
+    if (len != 0 && (p[0] & 0x80) != 0 && (len == 1 || !fber))
+        v = ~static_cast<uint64_t>(0);
+    for (ber_len_t i = 0; i < len; ++i)
+        v = (v << 8) | p[i];
+    ber->ber_ptr += len;
+    *num = static_cast<int64_t>(v);
+    return tag;
+}
+
+ber_tag_t get_null(BerElement *ber, bool fber)
+{
+    ber_len_t len;
+    ber_tag_t tag = read_header(ber, fber, &len);
+    return tag != LBER_ERROR && len == 0 ? tag : LBER_ERROR;
+}
+
+// BIT STRING: the unused-bits byte, then the bytes; bit count = bytes * 8 - unused.
+ber_tag_t get_bitstring(BerElement *ber, bool fber, char **buf, ber_len_t *bits)
+{
+    *buf = nullptr;
+    ber_len_t len;
+    unsigned char *start = ber->ber_ptr;
+    ber_tag_t tag = read_contents_header(ber, fber, &len);
+    if (tag == LBER_ERROR)
+        return LBER_ERROR;
+    unsigned unused = len != 0 ? ber->ber_ptr[0] : 8;
+    ber_len_t nbytes = len != 0 ? len - 1 : 0;
+    if (unused > 7 || (nbytes == 0 && unused != 0)) {
+        ber->ber_ptr = start;
+        return LBER_ERROR;
+    }
+    *buf = static_cast<char *>(lber_malloc(nbytes));
+    if (*buf == nullptr) {
+        ber->ber_ptr = start;
+        return LBER_ERROR;
+    }
+    std::memcpy(*buf, ber->ber_ptr + 1, nbytes);
+    *bits = nbytes * 8 - unused;
+    ber->ber_ptr += len;
+    return tag;
+}
+
+// An allocated, NUL-terminated copy of `len` wire bytes, converted to the local code page when
+// the call translates (empty values never are).
+int copy_value(const unsigned char *p, ber_len_t len, bool xlate, char **out, ber_len_t *outlen)
+{
+    if (xlate && len != 0) {
+        char *conv;
+        size_t conv_len;
+        if (ldap_xlate_utf8_to_local(reinterpret_cast<const char *>(p), len, &conv, &conv_len) != 0)
+            return -1;
+        if (conv != nullptr) {
+            *out = conv;
+            *outlen = conv_len;
+            return 0;
+        }
+    }
+    char *s = static_cast<char *>(lber_malloc(len + 1));
+    if (s == nullptr)
+        return -1;
+    std::memcpy(s, p, len);
+    s[len] = '\0';
+    *out = s;
+    *outlen = len;
+    return 0;
+}
+
+// OCTET STRING into an allocated, NUL-terminated value and its length.
+ber_tag_t get_value(BerElement *ber, bool fber, bool xlate, char **buf, ber_len_t *len)
+{
+    *buf = nullptr;
+    ber_len_t vlen;
+    unsigned char *start = ber->ber_ptr;
+    ber_tag_t tag = read_contents_header(ber, fber, &vlen);
+    if (tag == LBER_ERROR || copy_value(ber->ber_ptr, vlen, xlate, buf, len) != 0) {
+        ber->ber_ptr = start;
+        return LBER_ERROR;
+    }
+    ber->ber_ptr += vlen;
+    return tag;
+}
+
+// `a` and the `v` member reader.
+ber_tag_t get_stringa(BerElement *ber, bool fber, bool xlate, char **buf)
+{
+    ber_len_t len;
+    return get_value(ber, fber, xlate, buf, &len);
+}
+
+// `O` and the `V` member reader: the berval and its value are freed together on failure.
+ber_tag_t get_stringal(BerElement *ber, bool fber, bool xlate, struct berval **bvp)
+{
+    auto *bv = static_cast<struct berval *>(lber_malloc(sizeof(struct berval)));
+    *bvp = nullptr;
+    if (bv == nullptr)
+        return LBER_ERROR;
+    ber_tag_t tag = get_value(ber, fber, xlate, &bv->bv_val, &bv->bv_len);
+    if (tag == LBER_ERROR) {
+        lber_free(bv);
+        return LBER_ERROR;
+    }
+    *bvp = bv;
+    return tag;
+}
+
+// OCTET STRING into the caller's buffer of *len bytes; the value and its NUL must fit, also
+// after conversion. *len becomes the value's length without the NUL.
+ber_tag_t get_stringb(BerElement *ber, bool fber, bool xlate, char *buf, ber_len_t *len)
+{
+    ber_len_t size = *len;
+    ber_len_t vlen;
+    unsigned char *start = ber->ber_ptr;
+    ber_tag_t tag = read_contents_header(ber, fber, &vlen);
+    if (tag == LBER_ERROR || size == 0 || vlen > size - 1) {
+        ber->ber_ptr = start;
+        return LBER_ERROR;
+    }
+    const char *value = reinterpret_cast<const char *>(ber->ber_ptr);
+    char *conv = nullptr;
+    size_t conv_len = vlen;
+    if (xlate && vlen != 0 && ldap_xlate_utf8_to_local(value, vlen, &conv, &conv_len) != 0) {
+        ber->ber_ptr = start;
+        return LBER_ERROR;
+    }
+    if (conv != nullptr && conv_len > size - 1) {
+        lber_free(conv);
+        ber->ber_ptr = start;
+        return LBER_ERROR;
+    }
+    std::memcpy(buf, conv != nullptr ? conv : value, conv_len);
+    buf[conv_len] = '\0';
+    lber_free(conv);
+    *len = conv_len;
+    ber->ber_ptr += vlen;
+    return tag;
+}
+
+// A pointer to the value inside the buffer. The previous in-place value is terminated now, by a
+// NUL over the first header byte of this element, which has just been read.
+ber_tag_t get_string_inplace(BerElement *ber, bool fber, char **ptr)
+{
+    *ptr = nullptr;
+    ber_len_t len;
+    ber_tag_t tag = read_contents_header(ber, fber, &len);
+    if (tag == LBER_ERROR)
+        return LBER_ERROR;
+    if (ber->ber_pending_nul != nullptr)
+        *ber->ber_pending_nul = '\0';
+    *ptr = reinterpret_cast<char *>(ber->ber_ptr);
+    ber->ber_ptr += len;
+    ber->ber_pending_nul = ber->ber_ptr;
+    return tag;
+}
+
+/* ---- SET OF / SEQUENCE OF strings ---- */
+
+void release_item(char *s) { lber_free(s); }
+void release_item(struct berval *bv) { ber_bvfree(bv); }
+
+// The members of one SET/SEQUENCE into a null-terminated array: 2 slots at first, doubled
+// while the capacity is at most 1,023, then 1,024 more at a time. `read` takes one member.
+// Empty: no array, SetOpen::Empty. Any failure frees every member read and the array.
+template <class Item, class Read>
+SetOpen read_list(BerElement *ber, bool fber, Item ***out, bool owned, ber_tag_t *set_tag,
+                  Read read)
+{
+    *out = nullptr;
+    ber_len_t len;
+    unsigned char *last;
+    SetOpen opened = open_set(ber, fber, set_tag, &len, &last);
+    if (opened != SetOpen::Members)
+        return opened;
+    Item **items = nullptr;
+    size_t cap = 0;
+    size_t count = 0;
+    bool ok = true;
+    do {
+        if (cap <= count + 1) {
+            size_t grown = cap == 0 ? 2 : cap <= 1023 ? cap * 2 : cap + 1024;
+            auto **bigger = static_cast<Item **>(lber_realloc(items, grown * sizeof(Item *)));
+            if (bigger == nullptr) {
+                ok = false;
+                break;
+            }
+            items = bigger;
+            cap = grown;
+        }
+        if (read(&items[count]) == LBER_ERROR) {
+            ok = false;
+            break;
+        }
+        ++count;
+    } while (ber->ber_ptr < last && (ok = peek_tag(ber, fber, &len) != LBER_ERROR));
+    if (!ok) {
+        for (size_t i = 0; owned && i < count; ++i)
+            release_item(items[i]);
+        lber_free(items);
+        return SetOpen::Error;
+    }
+    items[count] = nullptr;
+    *out = items;
+    return SetOpen::Members;
+}
+
+/* ---- scanf ---- */
+
+struct Decoder {
+    BerElement *ber;
+    bool fber;
+    bool xlate;
+};
+
+void trace_scan(const BerElement *ber, const char *who, const char *fmt)
+{
+    if (!ldap_debug_class_on(LDAP_TRC_BER))
+        return;
+    long total = ber->ber_end > ber->ber_buf ? static_cast<long>(ber->ber_end - ber->ber_buf) : 0;
+    if (ber->ber_ptr == ber->ber_buf) {
+        ldap_debug_print(LDAP_TRC_BER, "%s fmt (%s) ber:\n", who, fmt);
+        ldap_debug_hexdump(ber->ber_buf, static_cast<int>(total), nullptr);
+    } else {
+        ldap_debug_print(LDAP_TRC_BER, "%s fmt (%s) offset=%ld length=%ld\n", who, fmt,
+                         static_cast<long>(ber->ber_ptr - ber->ber_buf), total);
+    }
+}
+
+// `v`/`V`. An empty set leaves the result of the previous letter standing.
+template <class Item, class Read>
+ber_tag_t scan_list(Decoder &d, va_list *ap, ber_tag_t previous, Read read)
+{
+    Item ***out = va_arg(*ap, Item ***);
+    unsigned char *start = d.ber->ber_ptr;
+    ber_tag_t tag;
+    switch (read_list(d.ber, d.fber, out, true, &tag, read)) {
+    case SetOpen::Empty:
+        return previous;
+    case SetOpen::Members:
+        return tag;
+    default:
+        d.ber->ber_ptr = start;
+        return LBER_ERROR;
+    }
+}
+
+ber_tag_t scan_letter(Decoder &d, const char *f, va_list *ap, ber_tag_t previous)
+{
+    BerElement *ber = d.ber;
+    bool fber = d.fber;
+    ber_len_t len;
+    switch (*f) {
+    case 'a':
+        return get_stringa(ber, fber, d.xlate, va_arg(*ap, char **));
+    case 's': {
+        char *buf = va_arg(*ap, char *);
+        return get_stringb(ber, fber, d.xlate, buf, va_arg(*ap, ber_len_t *));
+    }
+    case 'O':
+        return get_stringal(ber, fber, d.xlate, va_arg(*ap, struct berval **));
+    case 'o': {
+        auto *bv = va_arg(*ap, struct berval *);
+        bv->bv_val = nullptr;
+        bv->bv_len = 0;
+        if (peek_tag(ber, fber, &len) == LBER_ERROR)
+            return LBER_ERROR;
+        return get_value(ber, fber, false, &bv->bv_val, &bv->bv_len);
+    }
+    case 'b':
+    case 'i':
+    case 'e': {
+        int *out = va_arg(*ap, int *);
+        int64_t v;
+        ber_tag_t tag = get_int(ber, fber, &v);
+        if (tag != LBER_ERROR)
+            *out = static_cast<int>(v);
+        return tag;
+    }
+    case 'B': {
+        char **buf = va_arg(*ap, char **);
+        return get_bitstring(ber, fber, buf, va_arg(*ap, ber_len_t *));
+    }
+    case 'n':
+        return get_null(ber, fber);
+    case 't':
+    case 'T': {
+        auto *out = va_arg(*ap, uint32_t *);
+        ber_tag_t tag = *f == 't' ? peek_tag(ber, fber, &len) : read_header(ber, fber, &len);
+        if (tag != LBER_ERROR)
+            *out = static_cast<uint32_t>(tag);
+        return tag;
+    }
+    case 'l': {
+        // The FBER reader consumes the argument without storing into it; the plain one stores.
+        ber_len_t *out = va_arg(*ap, ber_len_t *);
+        ber_tag_t tag = peek_tag(ber, fber, &len);
+        if (tag != LBER_ERROR && !fber)
+            *out = len;
+        return tag;
+    }
+    case 'x': {
+        ber_tag_t tag = read_contents_header(ber, fber, &len);
+        if (tag != LBER_ERROR)
+            ber->ber_ptr += len;
+        return tag;
+    }
+    case '{':
+    case '[':
+        // `v` and `V` read the header of their set themselves.
+        if (f[1] == 'v' || f[1] == 'V')
+            return previous;
+        return read_header(ber, fber, &len);
+    case '}':
+    case ']':
+        return previous;
+    case 'v':
+        return scan_list<char>(d, ap, previous, [&d](char **slot) {
+            return get_stringa(d.ber, d.fber, d.xlate, slot);
+        });
+    case 'V':
+        return scan_list<struct berval>(d, ap, previous, [&d](struct berval **slot) {
+            return get_stringal(d.ber, d.fber, d.xlate, slot);
+        });
+    default:
+        LDAP_TRACE(LDAP_TRC_BER, "unknown fmt %c\n", *f);
+        return LBER_ERROR;
+    }
+}
+
+// The tag of the last element read, 0 for an empty format, LBER_ERROR at the first failure.
+ber_tag_t scan(BerElement *ber, bool fber, const char *who, const char *fmt, va_list *ap)
+{
+    if (ber == nullptr || fmt == nullptr)
+        return LBER_ERROR;
+    if (fber && !ber_is_fber(ber)) {
+        LDAP_TRACE(LDAP_TRC_ERROR, "BerElement %p is not an FBER!!!\n", static_cast<void *>(ber));
+        return LBER_ERROR;
+    }
+    if (ldap_debug_enabled())
+        trace_scan(ber, who, fmt);
+    Decoder d{ber, fber, ber_xlate_wanted(ber, ber_decoder_legacy)};
+    ber_tag_t rc = 0;
+    for (const char *f = fmt; *f != '\0'; ++f) {
+        rc = scan_letter(d, f, ap, rc);
+        if (rc == LBER_ERROR)
+            return LBER_ERROR;
+    }
+    return rc;
+}
+
+// Public readers decide translation for themselves, as one scanf call would.
+bool reader_xlate(const BerElement *ber) { return ber_xlate_wanted(ber, ber_decoder_legacy); }
+
+} // namespace
+
+ber_tag_t fber_scanf(BerElement *ber, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    ber_tag_t rc = scan(ber, true, "fber_scanf", fmt, &ap);
+    va_end(ap);
+    return rc;
+}
+
+ber_tag_t ber_scanf(BerElement *ber, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    ber_tag_t rc = scan(ber, false, "ber_scanf", fmt, &ap);
+    va_end(ap);
+    return rc;
+}
+
+ber_tag_t ber_scanf_w(BerElement *ber, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    ber_tag_t rc = scan(ber, false, "ber_scanf_w", fmt, &ap);
+    va_end(ap);
+    return rc;
+}
+
+/* ---- FBER element readers ---- */
+
+ber_tag_t fber_skip_tag(BerElement *ber, ber_len_t *len) { return read_header(ber, true, len); }
+ber_tag_t fber_peek_tag(BerElement *ber, ber_len_t *len) { return peek_tag(ber, true, len); }
+
+ber_tag_t fber_first_element(BerElement *ber, ber_len_t *len, unsigned char **last)
+{
+    return first_element(ber, true, len, last);
+}
+
+ber_tag_t fber_next_element(BerElement *ber, ber_len_t *len, unsigned char *last)
+{
+    return next_element(ber, true, len, last);
+}
+
+ber_tag_t fber_get_int(BerElement *ber, int64_t *num) { return get_int(ber, true, num); }
+ber_tag_t fber_get_null(BerElement *ber) { return get_null(ber, true); }
+
+ber_tag_t fber_get_bitstring(BerElement *ber, char **buf, ber_len_t *bits)
+{
+    return get_bitstring(ber, true, buf, bits);
+}
+
+ber_tag_t fber_get_stringa(BerElement *ber, char **buf)
+{
+    return get_stringa(ber, true, reader_xlate(ber), buf);
+}
+
+ber_tag_t fber_get_stringal(BerElement *ber, struct berval **bv)
+{
+    return get_stringal(ber, true, reader_xlate(ber), bv);
+}
+
+ber_tag_t fber_get_stringb(BerElement *ber, char *buf, ber_len_t *len)
+{
+    return get_stringb(ber, true, reader_xlate(ber), buf, len);
+}
+
+ber_tag_t fber_get_string_copy(BerElement *ber, char **buf, ber_len_t *len)
+{
+    return get_value(ber, true, false, buf, len);
+}
+
+ber_tag_t fber_get_string_inplace(BerElement *ber, char **ptr)
+{
+    return get_string_inplace(ber, true, ptr);
+}
+
+int fber_get_stringlist_inplace(BerElement *ber, char ***list)
+{
+    ber_tag_t tag;
+    SetOpen r = read_list(ber, true, list, false, &tag,
+                          [ber](char **slot) { return get_string_inplace(ber, true, slot); });
+    return r == SetOpen::Error ? -1 : 0;
+}
+
+// Header and contents, the contents cut short at the end of the data.
+int fber_skip_element(BerElement *ber)
+{
+    ber_len_t len;
+    if (read_header(ber, true, &len) == LBER_ERROR)
+        return -1;
+    size_t left = remaining(ber);
+    ber->ber_ptr += len < left ? len : left;
+    return 0;
+}
+
+void fber_finish_inplace(BerElement *ber)
+{
+    if (ber != nullptr && ber->ber_pending_nul != nullptr) {
+        *ber->ber_pending_nul = '\0';
+        ber->ber_pending_nul = nullptr;
+    }
+}
+
+/* ---- plain BER element readers ---- */
+
+ber_tag_t ber_skip_tag(BerElement *ber, ber_len_t *len) { return read_header(ber, false, len); }
+ber_tag_t ber_peek_tag(BerElement *ber, ber_len_t *len) { return peek_tag(ber, false, len); }
+
+ber_tag_t ber_first_element(BerElement *ber, ber_len_t *len, unsigned char **last)
+{
+    return first_element(ber, false, len, last);
+}
+
+ber_tag_t ber_next_element(BerElement *ber, ber_len_t *len, unsigned char *last)
+{
+    return next_element(ber, false, len, last);
+}
+
+ber_tag_t ber_get_int(BerElement *ber, int64_t *num) { return get_int(ber, false, num); }
+
+ber_tag_t ber_get_stringa(BerElement *ber, char **buf)
+{
+    return get_stringa(ber, false, reader_xlate(ber), buf);
+}
+
+ber_tag_t ber_get_stringal(BerElement *ber, struct berval **bv)
+{
+    return get_stringal(ber, false, reader_xlate(ber), bv);
+}
+
+ber_tag_t ber_get_stringb(BerElement *ber, char *buf, ber_len_t *len)
+{
+    return get_stringb(ber, false, reader_xlate(ber), buf, len);
+}

@@ -1,0 +1,46 @@
+// The string-translation decision of the BER printf and scanf calls: the once-per-process legacy
+// switch and the element's own protocol-version and UTF-8 words.
+#include "ber_int.h"
+
+#include <sched.h>
+
+#include "../libldap/ldap_charset.h"
+#include "../trace/ldap_env.h"
+#include "../trace/ldap_trace.h"
+
+LegacyXlateMode ber_encoder_legacy;
+LegacyXlateMode ber_decoder_legacy;
+
+bool LegacyXlateMode::read_once()
+{
+    int expected = -1;
+    if (state_.compare_exchange_strong(expected, -2)) {
+        bool set = ldap_chkenv("LDAP_LEGACY_UTF8_XLATE_MODE") > 0;
+        LDAP_TRACE(LDAP_TRC_BER, set ? "LDAP_LEGACY_UTF8_XLATE_MODE = true\n"
+                                     : "LDAP_LEGACY_UTF8_XLATE_MODE = false\n");
+        state_.store(set ? 1 : 0, std::memory_order_release);
+        return set;
+    }
+    // Another thread is reading it; its answer is a moment away.
+    int s;
+    while ((s = state_.load(std::memory_order_acquire)) == -2)
+        sched_yield();
+    return s == 1 || (s == -1 && read_once());
+}
+
+bool ber_xlate_wanted(const BerElement *ber, LegacyXlateMode &legacy)
+{
+    if (legacy.on())
+        return false;
+    if (ber->ber_utf8_flag != nullptr && *ber->ber_utf8_flag != 0)
+        return false;
+    if (ber->ber_version == nullptr || *ber->ber_version < 3)
+        return false;
+    return !ldap_xlate_is_passthrough();
+}
+
+void ber_xlate_reset_for_tests()
+{
+    ber_encoder_legacy.reset_for_tests();
+    ber_decoder_legacy.reset_for_tests();
+}

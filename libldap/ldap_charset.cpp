@@ -1,0 +1,204 @@
+// Conversion of strings between the local code page and UTF-8, on the C library's iconv. The
+// local code page ("LDAP_CODEPAGE", else the current locale's codeset) is settled once; UTF-8
+// and plain ASCII locales pass bytes through without any conversion call.
+#include "ldap_charset.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <iconv.h>
+#include <langinfo.h>
+#include <strings.h>
+
+#include "../liblber/ber_memory.h"
+#include "../trace/ldap_env.h"
+#include "../trace/ldap_trace.h"
+#include "ldap_lock.h"
+
+namespace {
+
+enum Mode : int { UNSETTLED = 0, PASS_THROUGH = 1, CONVERT = 2 };
+
+const iconv_t NO_ICONV = reinterpret_cast<iconv_t>(-1);
+
+std::atomic<int> mode{UNSETTLED};
+// Guarded by the charset lock: iconv descriptors carry shift state and are not reentrant.
+iconv_t to_utf8 = NO_ICONV;
+iconv_t from_utf8 = NO_ICONV;
+
+// "UTF-8", "utf8", ... compare equal once case and dashes are ignored.
+bool same_codeset(const char *a, const char *b)
+{
+    for (;;) {
+        while (*a == '-' || *a == '_')
+            ++a;
+        while (*b == '-' || *b == '_')
+            ++b;
+        if (*a == '\0' || *b == '\0')
+            return *a == *b;
+        if ((*a | 0x20) != (*b | 0x20))
+            return false;
+        ++a;
+        ++b;
+    }
+}
+
+// UTF-8 needs no conversion; neither does a process left in the C/POSIX locale, whose strings
+// are taken as UTF-8 so that binary values reach the caller byte for byte.
+bool needs_no_conversion(const char *cs)
+{
+    static const char *const same[] = {"UTF-8", "ANSI_X3.4-1968", "ASCII", "US-ASCII", "C",
+                                       "POSIX"};
+    for (const char *s : same)
+        if (same_codeset(cs, s))
+            return true;
+    return false;
+}
+
+void close_descriptors(iconv_t &a, iconv_t &b)
+{
+    if (a != NO_ICONV)
+        iconv_close(a);
+    if (b != NO_ICONV)
+        iconv_close(b);
+    a = b = NO_ICONV;
+}
+
+// Reads the settings and opens the descriptors outside the lock (environment reads and traces
+// take locks of their own); the first thread to finish installs its result.
+int settle()
+{
+    char name[64];
+    const char *cs = ldap_getenv_buf("LDAP_CODEPAGE", name, sizeof name) > 0 ? name : nullptr;
+    const char *from = cs != nullptr ? "LDAP_CODEPAGE" : "locale";
+    if (cs == nullptr)
+        cs = nl_langinfo(CODESET);
+    if (cs == nullptr || *cs == '\0')
+        cs = "ANSI_X3.4-1968";
+
+    int want = PASS_THROUGH;
+    iconv_t to = NO_ICONV;
+    iconv_t back = NO_ICONV;
+    if (!needs_no_conversion(cs)) {
+        to = iconv_open("UTF-8", cs);
+        back = iconv_open(cs, "UTF-8");
+        if (to == NO_ICONV || back == NO_ICONV) {
+            LDAP_TRACE(LDAP_TRC_CODEPAGE,
+                       "ldap_charset_init: no conversion between %s and UTF-8 (errno %d); "
+                       "strings pass unchanged\n",
+                       cs, errno);
+            close_descriptors(to, back);
+        } else {
+            want = CONVERT;
+        }
+    }
+    LDAP_TRACE(LDAP_TRC_CODEPAGE, "ldap_charset_init: local code page %s (from %s)%s\n", cs, from,
+               want == PASS_THROUGH ? ", strings pass unchanged" : "");
+
+    ldap_lock_charset();
+    int now = mode.load();
+    if (now == UNSETTLED) {
+        to_utf8 = to;
+        from_utf8 = back;
+        mode.store(want, std::memory_order_release);
+        now = want;
+    } else {
+        close_descriptors(to, back);
+    }
+    ldap_unlock_charset();
+    return now;
+}
+
+inline int current_mode()
+{
+    int m = mode.load(std::memory_order_acquire);
+    return m != UNSETTLED ? m : settle();
+}
+
+// Runs the whole input through `cd` (reset first, flushed last) into a buffer that grows on
+// demand. Called with the charset lock held.
+int run_iconv(iconv_t cd, const char *in, size_t inlen, char **out, size_t *outlen)
+{
+    if (inlen > (SIZE_MAX - 16) / 2)
+        return -1;
+    size_t cap = inlen + inlen / 2 + 16;
+    auto *buf = static_cast<char *>(lber_malloc(cap + 1));
+    if (buf == nullptr)
+        return -1;
+    iconv(cd, nullptr, nullptr, nullptr, nullptr);
+    char *src = const_cast<char *>(in);
+    size_t left = inlen;
+    size_t used = 0;
+    bool flushing = false;
+    for (;;) {
+        char *dst = buf + used;
+        size_t room = cap - used;
+        size_t r = flushing ? iconv(cd, nullptr, nullptr, &dst, &room)
+                            : iconv(cd, &src, &left, &dst, &room);
+        int err = errno;
+        used = static_cast<size_t>(dst - buf);
+        if (r != static_cast<size_t>(-1)) {
+            if (flushing)
+                break;
+            flushing = true;
+            continue;
+        }
+        if (err != E2BIG || cap > SIZE_MAX / 4) { // EILSEQ, EINVAL: not convertible
+            lber_free(buf);
+            return -1;
+        }
+        cap *= 2;
+        auto *bigger = static_cast<char *>(lber_realloc(buf, cap + 1));
+        if (bigger == nullptr) {
+            lber_free(buf);
+            return -1;
+        }
+        buf = bigger;
+    }
+    buf[used] = '\0';
+    *out = buf;
+    *outlen = used;
+    return 0;
+}
+
+int convert(bool towards_utf8, const char *in, size_t inlen, char **out, size_t *outlen)
+{
+    *out = nullptr;
+    *outlen = inlen;
+    if (inlen == 0 || current_mode() != CONVERT)
+        return 0;
+    if (in == nullptr)
+        return -1;
+    ldap_lock_charset();
+    iconv_t cd = towards_utf8 ? to_utf8 : from_utf8;
+    int rc = cd == NO_ICONV ? 0 : run_iconv(cd, in, inlen, out, outlen);
+    ldap_unlock_charset();
+    if (rc != 0)
+        LDAP_TRACE(LDAP_TRC_ERROR, "%s: cannot convert a value of %lu bytes\n",
+                   towards_utf8 ? "ldap_xlate_local_to_utf8" : "ldap_xlate_utf8_to_local",
+                   static_cast<unsigned long>(inlen));
+    return rc;
+}
+
+} // namespace
+
+int ldap_xlate_local_to_utf8(const char *in, size_t inlen, char **out, size_t *outlen)
+{
+    return convert(true, in, inlen, out, outlen);
+}
+
+int ldap_xlate_utf8_to_local(const char *in, size_t inlen, char **out, size_t *outlen)
+{
+    return convert(false, in, inlen, out, outlen);
+}
+
+bool ldap_xlate_is_passthrough() { return current_mode() == PASS_THROUGH; }
+
+void ldap_charset_reset_for_tests()
+{
+    ldap_lock_charset();
+    close_descriptors(to_utf8, from_utf8);
+    mode.store(UNSETTLED);
+    ldap_unlock_charset();
+}

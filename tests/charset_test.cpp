@@ -1,0 +1,360 @@
+// Code-page translation: the conversion service on iconv (pass-through for UTF-8 and the C
+// locale), and how the BER encoder and decoder apply it: protocol version, the element's UTF-8
+// word, the legacy switch, raw letters, failures that leave nothing behind.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "liblber/ber_int.h"
+#include "liblber/ber_memory.h"
+#include "liblber/lber.h"
+#include "libldap/ldap_charset.h"
+#include "support/test_util.h"
+#include "trace/ldap_trace.h"
+
+namespace
+{
+
+const std::string LATIN1 = "J\xFCrgen";
+const std::string UTF8 = "J\xC3\xBCrgen";
+
+std::string xlate(bool to_utf8, const std::string &in, int *rc = nullptr)
+{
+    char *out = nullptr;
+    size_t outlen = 0;
+    int r = to_utf8 ? ldap_xlate_local_to_utf8(in.data(), in.size(), &out, &outlen)
+                    : ldap_xlate_utf8_to_local(in.data(), in.size(), &out, &outlen);
+    if (rc != nullptr)
+        *rc = r;
+    if (r != 0)
+        return "<failed>";
+    std::string s = out != nullptr ? std::string(out, outlen) : in;
+    if (out != nullptr) {
+        EXPECT_EQ(out[outlen], '\0');
+    }
+    lber_free(out);
+    return s;
+}
+
+// Gives an element its own version and UTF-8 words, as a handle's elements have; on a failed
+// allocation the element is freed and none is returned.
+BerElement *with_words(BerElement *ber, int version, int utf8)
+{
+    if (ber == nullptr)
+        return nullptr;
+    ber->ber_version = static_cast<int32_t *>(lber_malloc(sizeof(int32_t)));
+    ber->ber_utf8_flag = static_cast<int32_t *>(lber_malloc(sizeof(int32_t)));
+    if (ber->ber_version == nullptr || ber->ber_utf8_flag == nullptr) {
+        fber_free(ber);
+        return nullptr;
+    }
+    *ber->ber_version = version;
+    *ber->ber_utf8_flag = utf8;
+    return ber;
+}
+
+BerElement *handle_fber(int version, int utf8)
+{
+    return with_words(fber_alloc(), version, utf8);
+}
+
+std::string written(const BerElement *ber)
+{
+    return std::string(reinterpret_cast<const char *>(ber->ber_buf),
+                       static_cast<size_t>(ber->ber_ptr - ber->ber_buf));
+}
+
+std::string octets(const std::string &s)
+{
+    return std::string(1, '\x04') + static_cast<char>(s.size()) + s;
+}
+
+// A received element holding `wire`, carrying the given version and UTF-8 words.
+BerElement *received(const std::string &wire, int version, int utf8)
+{
+    struct berval bv = {wire.size(), const_cast<char *>(wire.data())};
+    return with_words(fber_init(&bv), version, utf8);
+}
+
+// Each test picks its code page; the cached one is forgotten before and after.
+class Charset : public ::testing::Test
+{
+protected:
+    void use(const char *codepage)
+    {
+        env_.emplace("LDAP_CODEPAGE",
+                     codepage != nullptr ? std::optional<std::string>(codepage) : std::nullopt);
+        ldap_charset_reset_for_tests();
+    }
+    void SetUp() override
+    {
+        legacy_.emplace("LDAP_LEGACY_UTF8_XLATE_MODE", std::nullopt);
+        ber_xlate_reset_for_tests();
+    }
+    void TearDown() override
+    {
+        env_.reset();
+        legacy_.reset();
+        ldap_charset_reset_for_tests();
+        ber_xlate_reset_for_tests();
+    }
+    std::optional<wzrtest::ScopedEnv> env_;
+    std::optional<wzrtest::ScopedEnv> legacy_;
+};
+
+TEST_F(Charset, Latin1RoundTripsThroughUtf8)
+{
+    use("ISO-8859-1");
+    EXPECT_FALSE(ldap_xlate_is_passthrough());
+    EXPECT_EQ(xlate(true, LATIN1), UTF8);
+    EXPECT_EQ(xlate(false, UTF8), LATIN1);
+    // Larger than the first output guess: the buffer grows.
+    std::string many(1000, '\xFC');
+    std::string twice = xlate(true, many);
+    EXPECT_EQ(twice.size(), 2000u);
+    EXPECT_EQ(xlate(false, twice), many);
+}
+
+TEST_F(Charset, SequencesThatCannotBeConvertedFail)
+{
+    use("ISO-8859-1");
+    int rc = 0;
+    xlate(false, "a\xC3\x28", &rc); // not UTF-8
+    EXPECT_EQ(rc, -1);
+    xlate(false, "\xE2\x82\xAC", &rc); // the euro sign has no Latin-1 byte
+    EXPECT_EQ(rc, -1);
+    xlate(false, "ab\xC3", &rc); // cut inside a character
+    EXPECT_EQ(rc, -1);
+}
+
+TEST_F(Charset, Utf8AndTheCLocalePassThroughWithoutCopies)
+{
+    for (const char *cp : {"UTF-8", "utf8", "ANSI_X3.4-1968", static_cast<const char *>(nullptr),
+                           "NO-SUCH-CODEPAGE"}) {
+        use(cp);
+        EXPECT_TRUE(ldap_xlate_is_passthrough()) << (cp ? cp : "locale");
+        char *out = reinterpret_cast<char *>(1);
+        size_t outlen = 0;
+        std::string bin("\xFF\xFE\x00\xC3", 4);
+        long calls = lber_alloc_calls();
+        EXPECT_EQ(ldap_xlate_utf8_to_local(bin.data(), bin.size(), &out, &outlen), 0);
+        EXPECT_EQ(out, nullptr);
+        EXPECT_EQ(lber_alloc_calls(), calls);
+    }
+}
+
+TEST_F(Charset, EncoderTranslatesOnlyAtVersionThreeWithoutTheUtf8Word)
+{
+    use("ISO-8859-1");
+    struct Case {
+        int version;
+        int utf8;
+        bool translated;
+    } cases[] = {{3, 0, true}, {2, 0, false}, {3, 1, false}};
+    for (const Case &c : cases) {
+        BerElement *ber = handle_fber(c.version, c.utf8);
+        char *vals[] = {const_cast<char *>(LATIN1.c_str()), nullptr};
+        struct berval bv = {LATIN1.size(), const_cast<char *>(LATIN1.data())};
+        struct berval *bvs[] = {&bv, nullptr};
+        ASSERT_EQ(fber_printf(ber, "sovVs", LATIN1.c_str(), LATIN1.data(),
+                              static_cast<int>(LATIN1.size()), vals, bvs, ""),
+                  0);
+        const std::string &v = c.translated ? UTF8 : LATIN1;
+        EXPECT_EQ(written(ber), octets(v) + octets(v) + octets(v) + octets(v) + octets(""))
+            << c.version << "/" << c.utf8;
+        fber_free(ber);
+    }
+    // No version word: unchanged.
+    BerElement *bare = fber_alloc();
+    ASSERT_EQ(fber_printf(bare, "s", LATIN1.c_str()), 0);
+    EXPECT_EQ(written(bare), octets(LATIN1));
+    fber_free(bare);
+}
+
+TEST_F(Charset, RawAndPlainPrintfsDoNotTranslateButThePlainXlateBranchDoes)
+{
+    use("ISO-8859-1");
+    BerElement *f = handle_fber(3, 0);
+    ASSERT_EQ(fber_printf_raw(f, "s", LATIN1.c_str()), 0);
+    ASSERT_EQ(ber_printf(f, "s", LATIN1.c_str()), 0);
+    ASSERT_EQ(ber_printf_xlate(f, "s", LATIN1.c_str()), 0);
+    EXPECT_EQ(written(f), octets(LATIN1) + octets(LATIN1) + octets(LATIN1));
+    fber_free(f);
+
+    BerElement *p = ber_alloc();
+    int32_t version = 3;
+    p->ber_version = &version;
+    ASSERT_NE(ber_printf(p, "s", LATIN1.c_str()), -1);
+    ASSERT_NE(ber_printf_xlate(p, "s", LATIN1.c_str()), -1);
+    EXPECT_EQ(written(p), octets(LATIN1) + octets(UTF8));
+    ber_free(p, 1);
+}
+
+TEST_F(Charset, DecoderTranslatesStringLettersButNotRawOctets)
+{
+    use("ISO-8859-1");
+    std::string wire = "\x30\x84" + std::string("\x00\x00\x00", 3) +
+                       static_cast<char>(6 * 9 + 2 * 2) + octets(UTF8) + octets(UTF8) +
+                       octets(UTF8) + octets(UTF8) + "\x31\x09" + octets(UTF8) + "\x31\x09" +
+                       octets(UTF8);
+    BerElement *ber = received(wire, 3, 0);
+    char *a = nullptr;
+    char buf[8];
+    ber_len_t len = sizeof buf;
+    struct berval *O = nullptr;
+    struct berval o = {0, nullptr};
+    char **v = nullptr;
+    struct berval **V = nullptr;
+    EXPECT_EQ(fber_scanf(ber, "{asOo{v}[V]}", &a, buf, &len, &O, &o, &v, &V), 0x31u);
+    EXPECT_EQ(std::string(a), LATIN1);
+    EXPECT_EQ(std::string(buf, len), LATIN1);
+    EXPECT_EQ(std::string(O->bv_val, O->bv_len), LATIN1);
+    EXPECT_EQ(std::string(o.bv_val, o.bv_len), UTF8);
+    EXPECT_EQ(std::string(v[0]), LATIN1);
+    EXPECT_EQ(std::string(V[0]->bv_val, V[0]->bv_len), LATIN1);
+    lber_free(a);
+    ber_bvfree(O);
+    lber_free(o.bv_val);
+    lber_free(v[0]);
+    lber_free(v);
+    ber_bvfree(V[0]);
+    lber_free(V);
+    fber_free(ber);
+
+    // The UTF-8 word, or version 2, leave the bytes as they came.
+    for (auto [version, utf8] : {std::pair{3, 1}, std::pair{2, 0}}) {
+        BerElement *raw = received(octets(UTF8), version, utf8);
+        char *s = nullptr;
+        EXPECT_EQ(fber_scanf(raw, "a", &s), 0x04u);
+        EXPECT_EQ(std::string(s), UTF8);
+        lber_free(s);
+        fber_free(raw);
+    }
+}
+
+TEST_F(Charset, AnInvalidSequenceFromTheWireFailsTheElementCleanly)
+{
+    use("ISO-8859-1");
+    std::string bad = octets("ok\xC3\x28");
+    long live = lber_live_blocks();
+    for (char letter : {'a', 'O', 's', 'v'}) {
+        std::string set = octets("fine") + bad;
+        std::string wire =
+            letter == 'v' ? "\x31" + std::string(1, static_cast<char>(set.size())) + set : bad;
+        BerElement *ber = received(wire, 3, 0);
+        long before = lber_live_blocks();
+        char *a = reinterpret_cast<char *>(1);
+        struct berval *O = reinterpret_cast<struct berval *>(1);
+        char **v = reinterpret_cast<char **>(1);
+        char buf[16];
+        ber_len_t len = sizeof buf;
+        ber_tag_t rc = letter == 'a'   ? fber_scanf(ber, "a", &a)
+                       : letter == 'O' ? fber_scanf(ber, "O", &O)
+                       : letter == 's' ? fber_scanf(ber, "s", buf, &len)
+                                       : fber_scanf(ber, "{v}", &v);
+        EXPECT_EQ(rc, LBER_ERROR) << letter;
+        EXPECT_EQ(lber_live_blocks(), before) << letter;
+        EXPECT_EQ(a, letter == 'a' ? nullptr : reinterpret_cast<char *>(1));
+        EXPECT_EQ(O, letter == 'O' ? nullptr : reinterpret_cast<struct berval *>(1));
+        EXPECT_EQ(v, letter == 'v' ? nullptr : reinterpret_cast<char **>(1));
+        fber_free(ber);
+    }
+    EXPECT_EQ(lber_live_blocks(), live);
+}
+
+TEST_F(Charset, ConvertedValueMustFitTheCallersBuffer)
+{
+    use("ISO-8859-1");
+    BerElement *ber = received(octets(UTF8), 3, 0);
+    char buf[8];
+    ber_len_t len = 7; // the 7 wire bytes would not fit with their NUL
+    EXPECT_EQ(fber_scanf(ber, "s", buf, &len), LBER_ERROR);
+    len = 8;
+    EXPECT_EQ(fber_scanf(ber, "s", buf, &len), 0x04u);
+    EXPECT_EQ(len, 6u);
+    EXPECT_STREQ(buf, LATIN1.c_str());
+    fber_free(ber);
+}
+
+TEST_F(Charset, LegacyModeSwitchesTranslationOffAndIsTraced)
+{
+    use("ISO-8859-1");
+    wzrtest::TempDir dir;
+    std::string path = dir.file("trace.txt");
+    ldap_debug_init();
+    ASSERT_EQ(ldap_set_debug_file(path.c_str()), 0);
+    ldap_set_debug_mask(0xffff);
+
+    legacy_.emplace("LDAP_LEGACY_UTF8_XLATE_MODE", "");
+    ber_xlate_reset_for_tests();
+    BerElement *ber = handle_fber(3, 0);
+    ASSERT_EQ(fber_printf(ber, "s", LATIN1.c_str()), 0);
+    EXPECT_EQ(written(ber), octets(LATIN1));
+    fber_free(ber);
+    BerElement *in = received(octets(UTF8), 3, 0);
+    char *s = nullptr;
+    EXPECT_EQ(fber_scanf(in, "a", &s), 0x04u);
+    EXPECT_EQ(std::string(s), UTF8);
+    lber_free(s);
+    fber_free(in);
+
+    ldap_set_debug_mask(0);
+    (void)ldap_set_debug_file("stderr");
+    std::string out = wzrtest::read_file(path);
+    size_t first = out.find("LDAP_LEGACY_UTF8_XLATE_MODE = true\n");
+    ASSERT_NE(first, std::string::npos) << out;
+    // Once for the encoder, once for the decoder, and no more.
+    size_t second = out.find("LDAP_LEGACY_UTF8_XLATE_MODE = true\n", first + 1);
+    EXPECT_NE(second, std::string::npos) << out;
+    EXPECT_EQ(out.find("LDAP_LEGACY_UTF8_XLATE_MODE = true\n", second + 1), std::string::npos);
+}
+
+TEST_F(Charset, TranslationAllocationFailuresLeaveNothingBehind)
+{
+    use("ISO-8859-1");
+    (void)ldap_xlate_is_passthrough(); // settle the code page outside the walk
+    std::string wire = "\x30\x0F" + octets(UTF8) + "\x31\x04" + octets("\xC3\xA4");
+    wzrtest::walk_alloc_failures([&] {
+        BerElement *out = handle_fber(3, 0);
+        BerElement *in = received(wire, 3, 0);
+        char *a = nullptr;
+        char **v = nullptr;
+        bool ok = out != nullptr && in != nullptr && fber_printf(out, "s", LATIN1.c_str()) == 0 &&
+                  fber_scanf(in, "{a{v}}", &a, &v) == 0x31u;
+        ok = ok && std::string(a) == LATIN1 && std::string(v[0]) == "\xE4";
+        lber_free(a);
+        if (v != nullptr)
+            lber_free(v[0]);
+        lber_free(v);
+        fber_free(out);
+        fber_free(in);
+        return ok;
+    });
+}
+
+TEST(CharsetThreads, ConcurrentConversionsShareTheDescriptors)
+{
+    wzrtest::ScopedEnv cp("LDAP_CODEPAGE", "ISO-8859-1");
+    ldap_charset_reset_for_tests();
+    std::vector<std::thread> threads;
+    std::vector<int> failures(4, 0);
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([t, &failures] {
+            for (int i = 0; i < 2000; ++i) {
+                bool forward = (i + t) % 2 == 0;
+                if (xlate(forward, forward ? LATIN1 : UTF8) != (forward ? UTF8 : LATIN1))
+                    ++failures[static_cast<size_t>(t)];
+            }
+        });
+    }
+    for (auto &th : threads)
+        th.join();
+    for (int f : failures)
+        EXPECT_EQ(f, 0);
+    ldap_charset_reset_for_tests();
+}
+
+} // namespace
