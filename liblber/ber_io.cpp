@@ -1,0 +1,509 @@
+// BER stream I/O: the resumable non-blocking PDU reader, the non-blocking and blocking
+// writers, readiness waits and the hex dumps of whole PDUs with password values masked.
+// Every byte goes through the secure-socket toolkit when the Sockbuf has a secure handle.
+#include "lber.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "../trace/ldap_trace.h"
+#include "ber_int.h"
+#include "ber_memory.h"
+
+// Filled by the secure transport when the toolkit is loaded; empty until then.
+SecureToolkit wzr_skit = {};
+
+namespace {
+
+constexpr long MAX_WRITE_CHUNK = 65535;       // bytes handed to one write()
+constexpr ber_len_t MAX_PDU_LEN = 0x7FFFFFFE; // a PDU must fit a signed 32-bit count
+constexpr uint32_t PROGRESS_HEADER = 2;       // tag and first length byte read, no buffer yet
+constexpr int FLUSH_MAX_RETRIES = 100;        // zero-byte writes before a blocking flush gives up
+constexpr useconds_t FLUSH_RETRY_SLEEP_US = 10000;
+constexpr int DUMP_MAX_BYTES = 0x7FFF; // the hex dump shows at most this many bytes
+
+bool closing(const Sockbuf *sb) { return sb->sb_closing > 0; }
+
+int clamp_int(long len) { return len > INT_MAX ? INT_MAX : static_cast<int>(len); }
+
+const char *skit_text(int code)
+{
+    const char *text = wzr_skit.strerror != nullptr ? wzr_skit.strerror(code) : nullptr;
+    return text != nullptr ? text : "";
+}
+
+// Milliseconds for poll(), rounded up so that a short time-out never becomes a busy poll.
+int timeval_to_ms(const struct timeval *tv)
+{
+    if (tv == nullptr)
+        return -1;
+    long long ms = static_cast<long long>(tv->tv_sec) * 1000 + (tv->tv_usec + 999) / 1000;
+    if (ms < 0)
+        return 0;
+    return ms > INT_MAX ? INT_MAX : static_cast<int>(ms);
+}
+
+// The select() contract (ready count, 0 on time-out, -1) for one descriptor, through poll()
+// so that descriptors above FD_SETSIZE work too.
+int wait_readable(int sd, const struct timeval *timeout)
+{
+    struct pollfd p = {sd, POLLIN, 0};
+    int rc;
+    do
+        rc = poll(&p, 1, timeval_to_ms(timeout));
+    while (rc < 0 && errno == EINTR);
+    return rc;
+}
+
+// Writes to a socket without SIGPIPE; descriptors that are not sockets get a plain write.
+ssize_t write_fd(int fd, const void *buf, size_t len)
+{
+    ssize_t n;
+    do {
+        n = send(fd, buf, len, MSG_NOSIGNAL);
+        if (n < 0 && errno == ENOTSOCK)
+            n = write(fd, buf, len);
+    } while (n < 0 && errno == EINTR);
+    return n;
+}
+
+bool is_alnum(unsigned char c)
+{
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+
+// Masks the value that follows the first "userpassword": 16 bytes from the start of the match
+// (the name plus a 4-byte value header) every alphanumeric byte becomes 'x', up to the first
+// other byte. Binary data is searched whole, NUL bytes included.
+void mask_password(unsigned char *buf, size_t len)
+{
+    static constexpr char KEY[] = "userpassword";
+    void *hit = memmem(buf, len, KEY, sizeof KEY - 1);
+    if (hit == nullptr)
+        return;
+    for (size_t i = static_cast<size_t>(static_cast<unsigned char *>(hit) - buf) + 16;
+         i < len && is_alnum(buf[i]); ++i)
+        buf[i] = 'x';
+}
+
+const char *reflush_suffix(const BerElement *ber)
+{
+    return ber->ber_rwptr > ber->ber_buf ? " (re-flush)" : "";
+}
+
+// Points ber_rwptr at the first unwritten byte and returns how many remain.
+long unwritten(BerElement *ber)
+{
+    if (ber->ber_rwptr == nullptr)
+        ber->ber_rwptr = ber->ber_buf;
+    return ber->ber_ptr - ber->ber_rwptr;
+}
+
+void free_element(BerElement *ber)
+{
+    if (ber_is_fber(ber))
+        fber_free(ber);
+    else
+        ber_free(ber, 1);
+}
+
+// sb_options 0x01/0x02: one copy of the whole PDU to sb_copyfd. 0 when all of it went there.
+int copy_to_fd(const Sockbuf *sb, const BerElement *ber)
+{
+    long len = ber->ber_ptr - ber->ber_buf;
+    if (len <= 0)
+        return 0;
+    return write_fd(sb->sb_copyfd, ber->ber_buf, static_cast<size_t>(len)) == len ? 0 : -1;
+}
+
+// One write of at most MAX_WRITE_CHUNK bytes (the toolkit takes the whole length). A
+// would-block gives -11 to the non-blocking writer; the blocking writer gets the count moved
+// (0 in the clear, as with a full socket), sleeps and retries. Other failures give -1.
+long write_step(Sockbuf *sb, const unsigned char *buf, long len, bool blocking)
+{
+    if (sb->sb_secure != nullptr) {
+        if (wzr_skit.secure_soc_write == nullptr)
+            return -1;
+        int count = 0;
+        int rc = wzr_skit.secure_soc_write(sb->sb_secure, buf, clamp_int(len), &count);
+        if (rc == 0 || (rc == SKIT_WOULD_BLOCK && blocking))
+            return count >= 0 && count <= len ? count : -1; // never step past the PDU
+        if (rc == SKIT_WOULD_BLOCK)
+            return -BER_WOULD_BLOCK;
+        LDAP_TRACE(LDAP_TRC_ERROR, "BerWrite() wzr_secure_soc_write() rc=%d %s\n", rc,
+                   skit_text(rc));
+        return -1;
+    }
+    if (len < 1)
+        return 0;
+    size_t chunk = static_cast<size_t>(len < MAX_WRITE_CHUNK ? len : MAX_WRITE_CHUNK);
+    ssize_t n = write_fd(sb->sb_sd, buf, chunk);
+    if (n >= 0)
+        return n;
+    int err = errno;
+    LDAP_TRACE(LDAP_TRC_BER, "BerWrite_nb() errno=%d\n", err);
+    if (err != EAGAIN && err != EWOULDBLOCK)
+        return -1;
+    return blocking ? 0 : -BER_WOULD_BLOCK;
+}
+
+/* ---- the PDU reader's three steps ---- */
+
+// Tag and first length byte. A tag that arrives alone is kept in ber_tag so that the next
+// call asks only for the length byte. Multi-byte tags are not LDAP and are refused.
+long read_header(Sockbuf *sb, BerElement *ber, uint32_t *progress)
+{
+    unsigned char hdr[2] = {0, 0};
+    bool have_tag = ber->ber_tag != LBER_DEFAULT;
+    long remaining = 0;
+    int rc;
+    if (have_tag) {
+        hdr[0] = static_cast<unsigned char>(ber->ber_tag);
+        rc = FBerReadDirect_nb(sb, hdr + 1, 1, &remaining);
+    } else {
+        rc = FBerReadDirect_nb(sb, hdr, 2, &remaining);
+    }
+    if (rc == BER_WOULD_BLOCK) {
+        if (!have_tag && remaining == 1)
+            ber->ber_tag = hdr[0];
+        return BER_WOULD_BLOCK;
+    }
+    if (rc != 0) {
+        LDAP_TRACE(LDAP_TRC_BER, "fber_get_next_nb->BFerReadDirect_nb:1 rc=%d\n", rc);
+        return -1;
+    }
+    if ((hdr[0] & 0x1f) == 0x1f)
+        return -1;
+    ber->ber_tag = hdr[0];
+    ber->ber_rwptr = nullptr;
+    ber->ber_buf = nullptr;
+    ber->ber_ptr = nullptr;
+    ber->ber_end = nullptr;
+    ber->ber_len = hdr[1];
+    *progress = PROGRESS_HEADER;
+    return 0;
+}
+
+// Long-form length bytes, accumulated big-endian in the tail of ber_lenbytes across calls.
+long read_long_length(Sockbuf *sb, BerElement *ber)
+{
+    if ((ber->ber_len & 0x80) == 0)
+        return 0;
+    int n = static_cast<int>(ber->ber_len & 0x7f);
+    if (n == 0 || n > 8 || ber->ber_lenread < 0 || ber->ber_lenread >= n)
+        return -1; // indefinite or over-long lengths are not LDAP
+    auto *acc = reinterpret_cast<unsigned char *>(&ber->ber_lenbytes);
+    long missing = n - ber->ber_lenread;
+    long remaining = 0;
+    int rc = FBerReadDirect_nb(sb, acc + (8 - n) + ber->ber_lenread, missing, &remaining);
+    if (rc == BER_WOULD_BLOCK) {
+        ber->ber_lenread += static_cast<int32_t>(missing - remaining);
+        return BER_WOULD_BLOCK;
+    }
+    if (rc != 0) {
+        LDAP_TRACE(LDAP_TRC_BER, "fber_get_next_nb->FBerReadDirect_nb:2 rc=%d, %d bytes to read\n",
+                   rc, static_cast<int>(missing));
+        return -1;
+    }
+    ber_len_t len = 0;
+    for (int i = 8 - n; i < 8; ++i)
+        len = (len << 8) | acc[i];
+    ber->ber_len = len;
+    ber->ber_lenbytes = 0;
+    ber->ber_lenread = 0;
+    return 0;
+}
+
+// A zeroed buffer of ber_len + 1 bytes (the extra byte keeps the contents NUL-terminated).
+// The element's inline buffer serves when it is large enough; otherwise a heap buffer is
+// allocated and recorded in ber_heapbuf, which fber_free releases. An earlier heap buffer
+// holds nothing of this PDU, so it is replaced rather than grown and copied.
+long size_buffer(BerElement *ber, uint32_t *progress)
+{
+    if (ber->ber_len > MAX_PDU_LEN)
+        return -1;
+    size_t size = ber->ber_len + 1;
+    unsigned char *buf;
+    if (ber->ber_inline_size > 0 && size <= static_cast<size_t>(ber->ber_inline_size) &&
+        fber_owns_allocation(ber)) {
+        buf = fber_inline_buffer(ber);
+        std::memset(buf, 0, size);
+    } else {
+        lber_free(ber->ber_heapbuf);
+        ber->ber_heapbuf = nullptr;
+        buf = static_cast<unsigned char *>(lber_calloc(size, 1));
+        if (buf == nullptr) {
+            LDAP_TRACE(LDAP_TRC_ERROR, "fber_get_next_nb: calloc failed, ber->ber_len=%d\n",
+                       static_cast<int>(ber->ber_len));
+            return -1;
+        }
+        ber->ber_heapbuf = buf;
+    }
+    ber->ber_buf = buf;
+    ber->ber_ptr = buf;
+    ber->ber_end = buf + ber->ber_len;
+    *progress = static_cast<uint32_t>(ber->ber_len);
+    return 0;
+}
+
+// The contents. Until the PDU is complete ber_buf is the fill cursor (ber_end - missing);
+// ber_ptr stays at the start.
+long read_contents(Sockbuf *sb, BerElement *ber, uint32_t *progress)
+{
+    long missing = *progress;
+    long remaining = 0;
+    int rc = FBerReadDirect_nb(sb, ber->ber_end - missing, missing, &remaining);
+    if (rc == BER_WOULD_BLOCK) {
+        *progress = static_cast<uint32_t>(remaining);
+        ber->ber_buf = ber->ber_end - remaining;
+        LDAP_TRACE(LDAP_TRC_BER,
+                   "fber_get_next_nb->FBerReadDirect_nb rc=%d: %d bytes left to read\n", rc,
+                   static_cast<int>(remaining));
+        return BER_WOULD_BLOCK;
+    }
+    if (rc != 0) {
+        LDAP_TRACE(LDAP_TRC_BER, "fber_get_next_nb->FBerReadDirect_nb:3 rc=%d\n", rc);
+        return -1;
+    }
+    ber->ber_buf = ber->ber_ptr;
+    *progress = 0;
+    if (ldap_debug_class_on(LDAP_TRC_BER)) {
+        LDAP_TRACE(LDAP_TRC_BER, "fber_get_next_nb: tag 0x%lx len=%ld contents:\n",
+                   static_cast<unsigned long>(ber->ber_tag), static_cast<long>(ber->ber_len));
+        ber_dump_masked(ber->ber_buf, static_cast<long>(ber->ber_len), nullptr);
+    }
+    return static_cast<long>(ber->ber_tag);
+}
+
+void dump_element(BerElement *ber, int inout, const char *name)
+{
+    if (ber == nullptr || !ldap_debug_class_on(LDAP_TRC_BER))
+        return;
+    unsigned char *from = inout == 1 ? ber->ber_ptr : ber->ber_buf;
+    unsigned char *to = inout == 1 ? ber->ber_end : ber->ber_ptr;
+    LDAP_TRACE(LDAP_TRC_BER, "%s: buf=%p ptr=%p end=%p len=%ld\n", name,
+               static_cast<void *>(ber->ber_buf), static_cast<void *>(ber->ber_ptr),
+               static_cast<void *>(ber->ber_end), static_cast<long>(to - from));
+    if (from != nullptr && to > from)
+        ber_dump_masked(from, to - from, nullptr);
+}
+
+} // namespace
+
+/* ---- reading ---- */
+
+long fber_socket_read_nb(Sockbuf *sb, void *buf, long len, int *would_block)
+{
+    if (closing(sb))
+        return -1;
+    if (sb->sb_secure != nullptr) {
+        if (wzr_skit.secure_soc_read == nullptr)
+            return -1;
+        int count = 0;
+        int rc = wzr_skit.secure_soc_read(sb->sb_secure, buf, clamp_int(len), &count);
+        if (rc == SKIT_WOULD_BLOCK) {
+            *would_block = 1;
+            return 0;
+        }
+        if (rc != 0) {
+            if (rc != SKIT_CLOSED)
+                LDAP_TRACE(LDAP_TRC_ERROR,
+                           "Error - fber_socket_read_nb: wzr_secure_soc_read() rc=%d %s\n", rc,
+                           skit_text(rc));
+            return -1;
+        }
+        return count >= 0 && count <= len ? count : -1;
+    }
+    ssize_t n;
+    do
+        n = read(sb->sb_sd, buf, static_cast<size_t>(len));
+    while (n < 0 && errno == EINTR);
+    if (n < 0) {
+        int err = errno;
+        LDAP_TRACE(LDAP_TRC_BER, "fber_socket_read_nb: sd=%d errno=%d EWOULDBLOCK=%d EAGAIN=%d\n",
+                   sb->sb_sd, err, EWOULDBLOCK, EAGAIN);
+        if (err == EAGAIN || err == EWOULDBLOCK) {
+            *would_block = 1;
+            return 0;
+        }
+        return -1;
+    }
+    return n;
+}
+
+// A read of 0 bytes (end of stream) ends the loop as though the count were complete: the
+// caller's next read meets the end again and fails there, since no LDAP PDU is empty.
+int FBerReadDirect_nb(Sockbuf *sb, unsigned char *buf, long len, long *remaining)
+{
+    if (len < 1)
+        return -1;
+    long done = 0;
+    while (done < len) {
+        int would_block = 0;
+        long n = fber_socket_read_nb(sb, buf + done, len - done, &would_block);
+        if (would_block) {
+            *remaining = len - done;
+            return BER_WOULD_BLOCK;
+        }
+        if (n == 0)
+            break;
+        if (n < 0)
+            return -1;
+        done += n;
+    }
+    *remaining = 0;
+    return 0;
+}
+
+// Reads one PDU without blocking. *progress is 0 before the first byte, 2 after the tag and
+// first length byte while no buffer exists, otherwise the content bytes still missing. The
+// value 2 is also "two content bytes missing"; a sized buffer (ber_ptr set) tells them apart.
+// One element reads one PDU: a tag left in ber_tag is taken for this PDU's tag.
+long fber_get_next_nb(Sockbuf *sb, BerElement *ber, uint32_t *progress)
+{
+    if (sb == nullptr || ber == nullptr || progress == nullptr)
+        return -1;
+    LDAP_TRACE(LDAP_TRC_BER, "fber_get_next_nb: length=%d\n", static_cast<int>(*progress));
+    if (!ber_is_fber(ber)) {
+        LDAP_TRACE(LDAP_TRC_ERROR, "BerElement %p is not an FBER!!!\n", static_cast<void *>(ber));
+        return -1;
+    }
+    long rc;
+    if (*progress == 0 && (rc = read_header(sb, ber, progress)) != 0)
+        return rc;
+    if (*progress == PROGRESS_HEADER && ber->ber_ptr == nullptr) {
+        if ((rc = read_long_length(sb, ber)) != 0 || (rc = size_buffer(ber, progress)) != 0)
+            return rc;
+    }
+    return read_contents(sb, ber, progress);
+}
+
+int fber_select(Sockbuf *sb, struct timeval *timeout)
+{
+    if (sb == nullptr) {
+        LDAP_TRACE(LDAP_TRC_BER, "fber_select: Bad params sb(%p)\n", static_cast<void *>(sb));
+        return -1;
+    }
+    if (sb->sb_secure != nullptr) {
+        // Decrypted bytes already inside the toolkit never show on the descriptor.
+        if (wzr_skit.secure_soc_read == nullptr)
+            return -1;
+        int pending = 0;
+        int rc = wzr_skit.secure_soc_read(sb->sb_secure, nullptr, 1, &pending);
+        LDAP_TRACE(LDAP_TRC_BER, "fber_select: nLengthRead = %d, rc = %d, errno=%d\n", pending, rc,
+                   errno);
+        if (pending > 0)
+            return 1;
+    }
+    int rc = wait_readable(sb->sb_sd, timeout);
+    if (rc < 0)
+        LDAP_TRACE(LDAP_TRC_BER, "fber_select: returning %d\n", rc);
+    return rc;
+}
+
+/* ---- writing ---- */
+
+long BerWrite_nb(Sockbuf *sb, const unsigned char *buf, long len)
+{
+    return write_step(sb, buf, len, false);
+}
+
+long BerWrite(Sockbuf *sb, const unsigned char *buf, long len)
+{
+    return write_step(sb, buf, len, true);
+}
+
+// Writes what is left of the PDU from ber_rwptr; 0 when all is written, else the first
+// result below 1 (-11: call again when the socket is writable, the write resumes there).
+int fber_flush_nb(Sockbuf *sb, BerElement *ber)
+{
+    if (sb == nullptr || ber == nullptr)
+        return -1;
+    long len = unwritten(ber);
+    if (ldap_debug_class_on(LDAP_TRC_BER)) {
+        LDAP_TRACE(LDAP_TRC_BER, "fber_flush_nb: %ld bytes to sd=%d%s\n", len, sb->sb_sd,
+                   reflush_suffix(ber));
+        ber_dump_masked(ber->ber_rwptr, len, nullptr);
+    }
+    if (closing(sb))
+        return -1;
+    while (ber->ber_rwptr < ber->ber_ptr) {
+        long n = BerWrite_nb(sb, ber->ber_rwptr, ber->ber_ptr - ber->ber_rwptr);
+        if (n < 1)
+            return static_cast<int>(n);
+        ber->ber_rwptr += n;
+    }
+    return 0;
+}
+
+int ber_flush(Sockbuf *sb, BerElement *ber, int freeit)
+{
+    if (sb == nullptr || ber == nullptr)
+        return -1;
+    long len = unwritten(ber);
+    if (ldap_debug_class_on(LDAP_TRC_BER)) {
+        LDAP_TRACE(LDAP_TRC_BER, "ber_flush: %ld bytes to sd=%d%s\n", len, sb->sb_sd,
+                   reflush_suffix(ber));
+        ber_dump_masked(ber->ber_rwptr, len, nullptr);
+    }
+    if ((sb->sb_options & (SB_COPY_TO_FD | SB_ONLY_TO_FD)) != 0) {
+        int rc = copy_to_fd(sb, ber);
+        if ((sb->sb_options & SB_ONLY_TO_FD) != 0) {
+            if (rc == 0 && freeit)
+                free_element(ber);
+            return rc;
+        }
+    }
+    int retries = 0;
+    while (ber->ber_rwptr < ber->ber_ptr) {
+        if (closing(sb))
+            return -1;
+        long n = BerWrite(sb, ber->ber_rwptr, ber->ber_ptr - ber->ber_rwptr);
+        if (n < 0)
+            return -1;
+        if (n > 0) {
+            ber->ber_rwptr += n;
+            retries = 0;
+            continue;
+        }
+        if (++retries > FLUSH_MAX_RETRIES) {
+            LDAP_TRACE(LDAP_TRC_ERROR, "ERROR: write to sd=%d TIMED OUT!\n", sb->sb_sd);
+            return -1;
+        }
+        if (retries % 10 == 1)
+            LDAP_TRACE(LDAP_TRC_WARN, "Warning: write to sd=%d retried %d times...\n", sb->sb_sd,
+                       retries);
+        usleep(FLUSH_RETRY_SLEEP_US);
+    }
+    if (freeit)
+        free_element(ber);
+    return 0;
+}
+
+/* ---- dumps ---- */
+
+// Dumps a copy with the password value masked; the bytes sent stay as they are. Only the
+// part the hex dump can show is copied, so a huge PDU is not duplicated for the trace. When
+// the copy cannot be made nothing is dumped rather than an unmasked password.
+void ber_dump_masked(const unsigned char *data, long len, const char *title)
+{
+    if (data == nullptr || len < 0 || !ldap_debug_class_on(LDAP_TRC_BER))
+        return;
+    size_t shown = static_cast<size_t>(len < DUMP_MAX_BYTES ? len : DUMP_MAX_BYTES);
+    auto *copy = static_cast<unsigned char *>(lber_malloc(shown + 1));
+    if (copy == nullptr)
+        return;
+    std::memcpy(copy, data, shown);
+    copy[shown] = '\0';
+    mask_password(copy, shown);
+    ldap_debug_hexdump(copy, clamp_int(len), title);
+    lber_free(copy);
+}
+
+// inout 1: the bytes still to be read (ber_ptr..ber_end); otherwise those written so far.
+void fber_dump(BerElement *ber, int inout) { dump_element(ber, inout, "fber_dump"); }
+void ber_dump(BerElement *ber, int inout) { dump_element(ber, inout, "ber_dump"); }

@@ -1,0 +1,791 @@
+// BER stream I/O over real socket pairs: the resumable reader fed a byte at a time, refused
+// headers, a huge declared length, the writers' pieces and resumption, the blocking flush's
+// retry rule, the copy descriptor, the secure branches with the toolkit table empty or faked,
+// and the password masking of the dumps.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <memory>
+#include <poll.h>
+#include <sstream>
+#include <string>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "liblber/ber_int.h"
+#include "liblber/ber_memory.h"
+#include "liblber/lber.h"
+#include "support/test_util.h"
+#include "trace/ldap_trace.h"
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+
+// A connected pair: `sb` uses end 0 (non-blocking unless asked), the test plays the peer on
+// end 1.
+struct SocketPair {
+    int fd[2] = {-1, -1};
+    Sockbuf sb = {-1, nullptr, 0, 0, -1};
+
+    explicit SocketPair(int type = SOCK_STREAM, bool blocking = false)
+    {
+        EXPECT_EQ(socketpair(AF_UNIX, type, 0, fd), 0);
+        sb.sb_sd = fd[0];
+        if (!blocking)
+            nonblocking(0);
+    }
+    ~SocketPair()
+    {
+        for (int f : fd)
+            if (f >= 0)
+                close(f);
+    }
+    void nonblocking(int which)
+    {
+        fcntl(fd[which], F_SETFL, fcntl(fd[which], F_GETFL) | O_NONBLOCK);
+    }
+    void peer_write(const Bytes &b)
+    {
+        ASSERT_EQ(write(fd[1], b.data(), b.size()), (ssize_t)b.size());
+    }
+    void peer_write(unsigned char c) { peer_write(Bytes{c}); }
+    void close_peer()
+    {
+        close(fd[1]);
+        fd[1] = -1;
+    }
+};
+
+// An element that owns nothing: the writers only look at ber_buf, ber_ptr and ber_rwptr.
+BerElement element_over(Bytes &data)
+{
+    BerElement e{};
+    e.ber_buf = data.data();
+    e.ber_ptr = data.data() + data.size();
+    e.ber_end = e.ber_ptr;
+    e.ber_tag = LBER_DEFAULT;
+    return e;
+}
+
+// 30 0C 02 01 05 64 07 04 05 "hello": a small PDU with message id 5.
+const Bytes SMALL_PDU = {0x30, 0x0c, 0x02, 0x01, 0x05, 0x64, 0x07,
+                         0x04, 0x05, 'h',  'e',  'l',  'l',  'o'};
+
+Bytes contents_of(const BerElement *ber) { return Bytes(ber->ber_ptr, ber->ber_end); }
+
+struct FberDeleter {
+    void operator()(BerElement *b) const { fber_free(b); }
+};
+using FberPtr = std::unique_ptr<BerElement, FberDeleter>;
+FberPtr new_fber(int size = 0) { return FberPtr(fber_alloc_t(size)); }
+
+// Routes the trace to a file for one test and silences it afterwards.
+class TraceFile {
+  public:
+    TraceFile()
+    {
+        ldap_debug_init();
+        EXPECT_EQ(ldap_set_debug_file(path_.c_str()), 0);
+        ldap_set_debug_mask(0xffff);
+    }
+    ~TraceFile()
+    {
+        ldap_set_debug_mask(0);
+        (void)ldap_set_debug_file("stderr");
+    }
+    std::string text() const { return wzrtest::read_file(path_); }
+    int count(const std::string &needle) const
+    {
+        std::string t = text();
+        int n = 0;
+        for (size_t at = t.find(needle); at != std::string::npos; at = t.find(needle, at + 1))
+            ++n;
+        return n;
+    }
+
+    // The bytes of every hex dump in the trace, read back from the dumps' hex columns.
+    std::vector<Bytes> dumps() const
+    {
+        std::vector<Bytes> out;
+        std::istringstream in(text());
+        for (std::string line; std::getline(in, line);) {
+            size_t tab = line.find('\t');
+            if (tab == std::string::npos)
+                continue;
+            std::string row = line.substr(tab + 1);
+            if (row.size() < 59 || row[0] != '|' || row[5] != '|' ||
+                row.substr(1, 4).find_first_not_of("0123456789ABCDEF") != std::string::npos)
+                continue;
+            if (row.substr(1, 4) == "0000")
+                out.emplace_back();
+            for (size_t col = 6; col + 1 < 41; ++col) {
+                if (row[col] == ' ')
+                    continue;
+                out.back().push_back(
+                    static_cast<unsigned char>(std::stoi(row.substr(col, 2), nullptr, 16)));
+                ++col;
+            }
+        }
+        return out;
+    }
+
+  private:
+    wzrtest::TempDir dir_;
+    std::string path_ = dir_.file("trace.log");
+};
+
+bool contains(const Bytes &hay, const std::string &needle)
+{
+    return std::search(hay.begin(), hay.end(), needle.begin(), needle.end()) != hay.end();
+}
+
+#if defined(__SANITIZE_THREAD__)
+constexpr bool TSAN = true;
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+constexpr bool TSAN = true;
+#else
+constexpr bool TSAN = false;
+#endif
+#else
+constexpr bool TSAN = false;
+#endif
+bool built_with_tsan() { return TSAN; }
+
+long resident_kib()
+{
+    long pages_total = 0, pages_resident = 0;
+    FILE *f = fopen("/proc/self/statm", "r");
+    if (f == nullptr)
+        return -1;
+    if (fscanf(f, "%ld %ld", &pages_total, &pages_resident) != 2)
+        pages_resident = -1;
+    fclose(f);
+    return pages_resident * (sysconf(_SC_PAGESIZE) / 1024);
+}
+
+long virtual_kib()
+{
+    long pages_total = 0;
+    FILE *f = fopen("/proc/self/statm", "r");
+    if (f == nullptr)
+        return -1;
+    if (fscanf(f, "%ld", &pages_total) != 1)
+        pages_total = -1;
+    fclose(f);
+    return pages_total * (sysconf(_SC_PAGESIZE) / 1024);
+}
+
+/* ---- reading ---- */
+
+TEST(StreamReader, PduArrivingOneBytePerCallCompletesOnTheLastByte)
+{
+    SocketPair sp;
+    auto ber = new_fber();
+    uint32_t progress = 0;
+    EXPECT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), BER_WOULD_BLOCK); // nothing yet
+    EXPECT_EQ(progress, 0u);
+    EXPECT_EQ(ber->ber_tag, LBER_DEFAULT);
+
+    for (size_t i = 0; i + 1 < SMALL_PDU.size(); ++i) {
+        sp.peer_write(SMALL_PDU[i]);
+        ASSERT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), BER_WOULD_BLOCK) << "byte " << i;
+        if (i == 0) {
+            EXPECT_EQ(progress, 0u);
+            EXPECT_EQ(ber->ber_tag, 0x30u); // the lone tag is kept
+        } else {
+            // Content bytes still missing; ber_buf is the fill cursor, ber_ptr the start.
+            size_t missing = SMALL_PDU.size() - 1 - i;
+            EXPECT_EQ(progress, missing);
+            EXPECT_EQ(ber->ber_end - ber->ber_buf, (long)missing);
+            EXPECT_EQ(ber->ber_end - ber->ber_ptr, 12);
+        }
+    }
+    sp.peer_write(SMALL_PDU.back());
+    EXPECT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), 0x30);
+    EXPECT_EQ(progress, 0u);
+    EXPECT_EQ(ber->ber_buf, ber->ber_ptr);
+    EXPECT_EQ(ber->ber_len, 12u);
+    EXPECT_EQ(contents_of(ber.get()), Bytes(SMALL_PDU.begin() + 2, SMALL_PDU.end()));
+    EXPECT_EQ(*ber->ber_end, 0) << "contents are NUL-terminated";
+}
+
+TEST(StreamReader, LoneTagIsKeptAndTheNextCallAsksOnlyForTheLengthByte)
+{
+    SocketPair sp;
+    auto ber = new_fber();
+    uint32_t progress = 0;
+    sp.peer_write(SMALL_PDU[0]);
+    ASSERT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), BER_WOULD_BLOCK);
+    ASSERT_EQ(ber->ber_tag, 0x30u);
+    // Length and contents arrive together: a reader that asked for two header bytes again
+    // would take the length byte for a tag and the first content byte for the length.
+    sp.peer_write(Bytes(SMALL_PDU.begin() + 1, SMALL_PDU.end()));
+    EXPECT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), 0x30);
+    EXPECT_EQ(contents_of(ber.get()), Bytes(SMALL_PDU.begin() + 2, SMALL_PDU.end()));
+}
+
+TEST(StreamReader, LongFormLengthBytesAccumulateAcrossCalls)
+{
+    SocketPair sp;
+    auto ber = new_fber();
+    uint32_t progress = 0;
+    Bytes pdu = {0x30, 0x84, 0x00, 0x00, 0x01, 0x00};
+    pdu.resize(6 + 256, 'v');
+    sp.peer_write(Bytes(pdu.begin(), pdu.begin() + 2));
+    ASSERT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), BER_WOULD_BLOCK);
+    EXPECT_EQ(progress, 2u);
+    for (int i = 0; i < 3; ++i) {
+        sp.peer_write(pdu[2 + i]);
+        ASSERT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), BER_WOULD_BLOCK);
+        EXPECT_EQ(ber->ber_lenread, i + 1);
+        EXPECT_EQ(progress, 2u);
+    }
+    sp.peer_write(Bytes(pdu.begin() + 5, pdu.end()));
+    EXPECT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), 0x30);
+    EXPECT_EQ(ber->ber_len, 256u);
+    EXPECT_EQ(ber->ber_lenread, 0);
+    EXPECT_EQ(ber->ber_lenbytes, 0u);
+    EXPECT_EQ(contents_of(ber.get()), Bytes(256, 'v'));
+}
+
+// Progress 2 means "header read, no buffer" and also "two content bytes missing"; the
+// second must not be taken for the first, or a long length would be parsed again.
+TEST(StreamReader, TwoMissingContentBytesAreNotTakenForAFreshHeader)
+{
+    for (size_t len : {2u, 200u}) {
+        SocketPair sp;
+        auto ber = new_fber();
+        uint32_t progress = 0;
+        Bytes pdu =
+            len < 128 ? Bytes{0x04, (unsigned char)len} : Bytes{0x04, 0x81, (unsigned char)len};
+        size_t header = pdu.size();
+        for (size_t i = 0; i < len; ++i)
+            pdu.push_back(static_cast<unsigned char>(i * 7));
+        sp.peer_write(Bytes(pdu.begin(), pdu.end() - 2));
+        ASSERT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), BER_WOULD_BLOCK);
+        ASSERT_EQ(progress, 2u);
+        sp.peer_write(Bytes(pdu.end() - 2, pdu.end()));
+        ASSERT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), 0x04) << "length " << len;
+        EXPECT_EQ(contents_of(ber.get()), Bytes(pdu.begin() + header, pdu.end()));
+    }
+}
+
+TEST(StreamReader, MalformedHeadersAreRefused)
+{
+    struct Case {
+        const char *what;
+        Bytes bytes;
+    };
+    const Case cases[] = {
+        {"long form of 9 bytes", {0x30, 0x89, 1, 2, 3, 4, 5, 6, 7, 8, 9}},
+        {"length 0x7FFFFFFF", {0x30, 0x84, 0x7f, 0xff, 0xff, 0xff}},
+        {"length 0x80000000", {0x30, 0x84, 0x80, 0x00, 0x00, 0x00}},
+        {"length above 32 bits", {0x30, 0x85, 0x01, 0x00, 0x00, 0x00, 0x00}},
+        {"indefinite length", {0x30, 0x80, 0x02, 0x01, 0x01, 0x00, 0x00}},
+        {"multi-byte tag", {0x1f, 0x81, 0x02, 0x00, 0x00}},
+        {"empty PDU", {0x30, 0x00}},
+    };
+    for (const Case &c : cases) {
+        SocketPair sp;
+        auto ber = new_fber();
+        uint32_t progress = 0;
+        sp.peer_write(c.bytes);
+        EXPECT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), -1) << c.what;
+    }
+
+    SocketPair sp;
+    uint32_t progress = 0;
+    BerElement *plain = ber_alloc_t(0);
+    sp.peer_write(SMALL_PDU);
+    EXPECT_EQ(fber_get_next_nb(&sp.sb, plain, &progress), -1) << "the reader is FBER only";
+    ber_free(plain, 1);
+    auto ber = new_fber();
+    EXPECT_EQ(fber_get_next_nb(nullptr, ber.get(), &progress), -1);
+    EXPECT_EQ(fber_get_next_nb(&sp.sb, nullptr, &progress), -1);
+    EXPECT_EQ(fber_get_next_nb(&sp.sb, ber.get(), nullptr), -1);
+}
+
+TEST(StreamReader, EndOfStreamFailsAtTheNextHeader)
+{
+    SocketPair sp;
+    sp.peer_write(SMALL_PDU);
+    sp.close_peer();
+    auto first = new_fber();
+    uint32_t progress = 0;
+    EXPECT_EQ(fber_get_next_nb(&sp.sb, first.get(), &progress), 0x30);
+    auto second = new_fber();
+    EXPECT_EQ(fber_get_next_nb(&sp.sb, second.get(), &progress), -1);
+}
+
+TEST(StreamReader, SmallPduFillsTheInlineBufferWithoutAllocating)
+{
+    SocketPair sp;
+    auto ber = new_fber(64);
+    uint32_t progress = 0;
+    sp.peer_write(SMALL_PDU);
+    long calls = lber_alloc_calls();
+    EXPECT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), 0x30);
+    EXPECT_EQ(lber_alloc_calls(), calls);
+    EXPECT_EQ(ber->ber_buf, fber_inline_buffer(ber.get()));
+    EXPECT_EQ(contents_of(ber.get()), Bytes(SMALL_PDU.begin() + 2, SMALL_PDU.end()));
+
+    // One byte more than the inline buffer holds goes to the heap.
+    SocketPair big;
+    auto ber2 = new_fber(64);
+    Bytes pdu = {0x04, 64};
+    pdu.resize(2 + 64, 'z');
+    big.peer_write(pdu);
+    progress = 0;
+    EXPECT_EQ(fber_get_next_nb(&big.sb, ber2.get(), &progress), 0x04);
+    EXPECT_NE(ber2->ber_heapbuf, nullptr);
+    EXPECT_EQ(ber2->ber_buf, ber2->ber_heapbuf);
+}
+
+TEST(StreamReader, EveryFailedAllocationIsReportedAndLeaksNothing)
+{
+    SocketPair sp;
+    Bytes pdu = {0x30, 0x82, 0x01, 0x00};
+    pdu.resize(4 + 256, 'q');
+    int walked = wzrtest::walk_alloc_failures([&] {
+        sp.peer_write(pdu);
+        BerElement *ber = fber_alloc_t(0);
+        bool ok = false;
+        if (ber != nullptr) {
+            uint32_t progress = 0;
+            ok = fber_get_next_nb(&sp.sb, ber, &progress) == 0x30;
+            fber_free(ber);
+        }
+        unsigned char drain[512];
+        while (read(sp.fd[0], drain, sizeof drain) > 0) {
+        }
+        return ok;
+    });
+    EXPECT_EQ(walked, 2); // the element, then the contents buffer
+
+    TraceFile trace;
+    sp.peer_write(pdu);
+    auto ber = new_fber();
+    uint32_t progress = 0;
+    lber_fail_nth_alloc(1);
+    EXPECT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), -1);
+    lber_fail_nth_alloc(0);
+    EXPECT_EQ(trace.count("fber_get_next_nb: calloc failed, ber->ber_len=256\n"), 1);
+}
+
+// A hostile header that declares ~2 GiB and sends nothing: the reader waits (11) with its
+// state kept; the zeroed buffer is committed lazily, so it costs address space, not memory.
+TEST(StreamReader, HugeDeclaredLengthWithNoDataWaitsWithoutCommittingMemory)
+{
+    SocketPair sp;
+    auto ber = new_fber();
+    uint32_t progress = 0;
+    long rss_before = resident_kib();
+    long vsz_before = virtual_kib();
+    sp.peer_write(Bytes{0x30, 0x84, 0x7f, 0xff, 0xff, 0xfe, 0x02});
+    ASSERT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), BER_WOULD_BLOCK);
+    EXPECT_EQ(progress, 0x7FFFFFFEu - 1);
+    EXPECT_EQ(ber->ber_len, 0x7FFFFFFEu);
+    long rss_after = resident_kib();
+    long vsz_after = virtual_kib();
+    RecordProperty("rss_growth_kib", std::to_string(rss_after - rss_before));
+    RecordProperty("vsz_growth_kib", std::to_string(vsz_after - vsz_before));
+    std::printf("huge header: RSS %ld -> %ld KiB, VSZ %ld -> %ld KiB\n", rss_before, rss_after,
+                vsz_before, vsz_after);
+    // glibc (and ASan) hand out fresh zero pages for a large calloc; ThreadSanitizer's
+    // allocator clears them and commits the whole buffer, so there only the state is checked.
+    if (!built_with_tsan()) {
+        EXPECT_LT(rss_after - rss_before, 64 * 1024) << "the buffer must not be touched";
+    }
+
+    // Nothing more comes: the caller's wait times out and the state stays as it was.
+    struct timeval tv = {0, 100000};
+    EXPECT_EQ(fber_select(&sp.sb, &tv), 0);
+    unsigned char *cursor = ber->ber_buf;
+    EXPECT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), BER_WOULD_BLOCK);
+    EXPECT_EQ(progress, 0x7FFFFFFEu - 1);
+    EXPECT_EQ(ber->ber_buf, cursor);
+}
+
+TEST(StreamReader, SelectReportsReadableAndTimesOut)
+{
+    SocketPair sp;
+    struct timeval tv = {0, 20000};
+    EXPECT_EQ(fber_select(&sp.sb, &tv), 0);
+    sp.peer_write(SMALL_PDU);
+    EXPECT_EQ(fber_select(&sp.sb, &tv), 1);
+    EXPECT_EQ(fber_select(&sp.sb, nullptr), 1);
+    EXPECT_EQ(fber_select(nullptr, &tv), -1);
+}
+
+/* ---- writing ---- */
+
+// Each write() on a SOCK_SEQPACKET pair is one packet, so the peer sees the write sizes.
+std::vector<size_t> packet_sizes_of_flush(int (*flush)(Sockbuf *, BerElement *))
+{
+    SocketPair sp(SOCK_SEQPACKET, true);
+    int big = 1 << 20;
+    setsockopt(sp.fd[0], SOL_SOCKET, SO_SNDBUF, &big, sizeof big);
+    Bytes data(200000);
+    for (size_t i = 0; i < data.size(); ++i)
+        data[i] = static_cast<unsigned char>(i);
+    std::vector<size_t> sizes;
+    Bytes got;
+    std::thread peer([&] {
+        std::vector<unsigned char> buf(300000);
+        while (got.size() < data.size()) {
+            ssize_t n = recv(sp.fd[1], buf.data(), buf.size(), 0);
+            if (n <= 0)
+                break;
+            sizes.push_back(static_cast<size_t>(n));
+            got.insert(got.end(), buf.begin(), buf.begin() + n);
+        }
+    });
+    BerElement e = element_over(data);
+    EXPECT_EQ(flush(&sp.sb, &e), 0);
+    peer.join();
+    EXPECT_EQ(got, data);
+    return sizes;
+}
+
+TEST(StreamWriter, ClearWriteGoesToTheSystemInPiecesOfAtMost65535)
+{
+    const std::vector<size_t> expected = {65535, 65535, 65535, 200000 - 3 * 65535};
+    EXPECT_EQ(packet_sizes_of_flush(fber_flush_nb), expected);
+    EXPECT_EQ(packet_sizes_of_flush([](Sockbuf *sb, BerElement *b) { return ber_flush(sb, b, 0); }),
+              expected);
+}
+
+TEST(StreamWriter, FlushToAPeerThatStopsReadingWouldBlockAndResumesAtRwptr)
+{
+    TraceFile trace;
+    SocketPair sp;
+    sp.nonblocking(0);
+    Bytes data(1 << 20);
+    for (size_t i = 0; i < data.size(); ++i)
+        data[i] = static_cast<unsigned char>(i * 31 + (i >> 8));
+    BerElement e = element_over(data);
+
+    ASSERT_EQ(fber_flush_nb(&sp.sb, &e), -BER_WOULD_BLOCK);
+    unsigned char *stopped = e.ber_rwptr;
+    ASSERT_GT(stopped, e.ber_buf);
+    ASSERT_LT(stopped, e.ber_ptr);
+    EXPECT_EQ(fber_flush_nb(&sp.sb, &e), -BER_WOULD_BLOCK) << "still full";
+    EXPECT_EQ(e.ber_rwptr, stopped);
+    EXPECT_EQ(e.ber_buf, data.data()) << "the buffer itself is not moved";
+
+    // The peer reads again; the writer resumes where it stopped until all is written.
+    Bytes got;
+    std::thread peer([&] {
+        std::vector<unsigned char> buf(65536);
+        while (got.size() < data.size()) {
+            ssize_t n = read(sp.fd[1], buf.data(), buf.size());
+            if (n <= 0)
+                break;
+            got.insert(got.end(), buf.begin(), buf.begin() + n);
+        }
+    });
+    int rc;
+    int rounds = 0;
+    while ((rc = fber_flush_nb(&sp.sb, &e)) == -BER_WOULD_BLOCK) {
+        struct pollfd p = {sp.fd[0], POLLOUT, 0};
+        poll(&p, 1, 1000);
+        ++rounds;
+    }
+    EXPECT_EQ(rc, 0);
+    peer.join();
+    EXPECT_EQ(got, data) << "no byte lost or repeated across the resumed writes";
+    EXPECT_EQ(e.ber_rwptr, e.ber_ptr);
+    EXPECT_GE(trace.count(" (re-flush)\n"), 1);
+    EXPECT_EQ(trace.count("fber_flush_nb: 1048576 bytes to sd="), 1);
+}
+
+// Faked toolkit entries; the handle only has to be non-null.
+struct FakeToolkit {
+    static inline std::atomic<int> writes{0};
+    static inline int stall = 0; // zero-byte writes before each byte accepted
+    static inline int stalled = 0;
+    static inline int read_rc = 0;
+    static inline int pending = 0;
+    int handle = 0;
+    SecureToolkit saved = wzr_skit;
+
+    FakeToolkit()
+    {
+        writes = 0;
+        stalled = 0;
+    }
+    ~FakeToolkit() { wzr_skit = saved; }
+    void *secure_handle() { return &handle; }
+
+    static int never_writes(void *, const void *, int, int *count)
+    {
+        ++writes;
+        *count = 0;
+        return SKIT_WOULD_BLOCK;
+    }
+    // Accepts one byte after every `stall` zero-byte writes.
+    static int stalling_write(void *, const void *, int, int *count)
+    {
+        ++writes;
+        if (stalled < stall) {
+            ++stalled;
+            *count = 0;
+            return 0;
+        }
+        stalled = 0;
+        *count = 1;
+        return 0;
+    }
+    static int read_with_code(void *, void *, int, int *count)
+    {
+        *count = pending;
+        return read_rc;
+    }
+    static const char *text(int) { return "fake toolkit text"; }
+};
+
+TEST(StreamWriter, BlockingFlushGivesUpAfter101WritesWithoutProgress)
+{
+    TraceFile trace;
+    FakeToolkit fake;
+    wzr_skit.secure_soc_write = FakeToolkit::never_writes;
+    SocketPair sp;
+    sp.sb.sb_secure = fake.secure_handle();
+    Bytes data(100, 'a');
+    BerElement e = element_over(data);
+    EXPECT_EQ(ber_flush(&sp.sb, &e, 0), -1);
+    EXPECT_EQ(FakeToolkit::writes.load(), 101);
+    std::string sd = std::to_string(sp.sb.sb_sd);
+    EXPECT_EQ(trace.count("ERROR: write to sd=" + sd + " TIMED OUT!\n"), 1);
+    EXPECT_EQ(trace.count("Warning: write to sd=" + sd + " retried "), 10);
+    for (int n = 1; n <= 91; n += 10)
+        EXPECT_EQ(trace.count("retried " + std::to_string(n) + " times...\n"), 1) << n;
+}
+
+TEST(StreamWriter, BlockingFlushOnAFullClearSocketTimesOut)
+{
+    TraceFile trace;
+    SocketPair sp;
+    sp.nonblocking(0);
+    Bytes data(1 << 20, 'b');
+    BerElement e = element_over(data);
+    EXPECT_EQ(ber_flush(&sp.sb, &e, 0), -1);
+    EXPECT_GT(e.ber_rwptr, e.ber_buf);
+    EXPECT_EQ(trace.count(" TIMED OUT!\n"), 1);
+}
+
+TEST(StreamWriter, BlockingFlushRetryCountStartsAgainAfterProgress)
+{
+    TraceFile trace;
+    FakeToolkit fake;
+    FakeToolkit::stall = 52; // 3 stalls of 52: 156 zero-byte writes, never 101 in a row
+    wzr_skit.secure_soc_write = FakeToolkit::stalling_write;
+    SocketPair sp;
+    sp.sb.sb_secure = fake.secure_handle();
+    Bytes data(3, 'c');
+    BerElement e = element_over(data);
+    EXPECT_EQ(ber_flush(&sp.sb, &e, 0), 0);
+    EXPECT_EQ(FakeToolkit::writes.load(), 3 * 53);
+    EXPECT_EQ(trace.count(" TIMED OUT!\n"), 0);
+    EXPECT_EQ(trace.count("retried 51 times"), 3);
+}
+
+TEST(StreamWriter, CopyOptionsSendThePduToTheCopyDescriptor)
+{
+    wzrtest::TempDir dir;
+    std::string copy_path = dir.file("copy.bin");
+    for (uint32_t options : {SB_COPY_TO_FD, SB_ONLY_TO_FD}) {
+        SocketPair sp;
+        sp.nonblocking(1);
+        int copyfd = open(copy_path.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600);
+        ASSERT_GE(copyfd, 0);
+        sp.sb.sb_options = options;
+        sp.sb.sb_copyfd = copyfd;
+        long live = lber_live_blocks();
+        BerElement *ber = fber_alloc_t(0);
+        ASSERT_NE(ber, nullptr);
+        ASSERT_EQ(
+            fber_write(ber, reinterpret_cast<const char *>(SMALL_PDU.data()), SMALL_PDU.size()),
+            (long)SMALL_PDU.size());
+        EXPECT_EQ(ber_flush(&sp.sb, ber, 1), 0);
+        EXPECT_EQ(lber_live_blocks(), live) << "freed when asked";
+        close(copyfd);
+        std::string copy = wzrtest::read_file(copy_path);
+        EXPECT_EQ(Bytes(copy.begin(), copy.end()), SMALL_PDU);
+        unsigned char buf[64];
+        ssize_t n = read(sp.fd[1], buf, sizeof buf);
+        if (options == SB_ONLY_TO_FD)
+            EXPECT_EQ(n, -1) << "only the copy descriptor is written";
+        else
+            EXPECT_EQ(Bytes(buf, buf + (n > 0 ? n : 0)), SMALL_PDU);
+    }
+}
+
+TEST(StreamWriter, ClosingSockbufRefusesReadsAndWrites)
+{
+    SocketPair sp;
+    sp.sb.sb_closing = 1;
+    sp.peer_write(SMALL_PDU);
+    auto ber = new_fber();
+    uint32_t progress = 0;
+    EXPECT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), -1);
+    Bytes data(10, 'd');
+    BerElement e = element_over(data);
+    EXPECT_EQ(fber_flush_nb(&sp.sb, &e), -1);
+    EXPECT_EQ(ber_flush(&sp.sb, &e, 0), -1);
+    EXPECT_EQ(fber_flush_nb(nullptr, &e), -1);
+    EXPECT_EQ(ber_flush(&sp.sb, nullptr, 0), -1);
+
+    SocketPair open_pair;
+    Bytes none;
+    BerElement empty = element_over(none);
+    EXPECT_EQ(fber_flush_nb(&open_pair.sb, &empty), 0) << "nothing to write";
+}
+
+/* ---- the secure branches ---- */
+
+TEST(SecureStreamIo, EmptyToolkitTableGivesErrorsNotCrashes)
+{
+    FakeToolkit fake;
+    wzr_skit = SecureToolkit{};
+    SocketPair sp;
+    sp.sb.sb_secure = fake.secure_handle();
+    sp.peer_write(SMALL_PDU);
+    auto ber = new_fber();
+    uint32_t progress = 0;
+    EXPECT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), -1);
+    struct timeval tv = {0, 1000};
+    EXPECT_EQ(fber_select(&sp.sb, &tv), -1);
+    Bytes data(10, 'e');
+    BerElement e = element_over(data);
+    EXPECT_EQ(fber_flush_nb(&sp.sb, &e), -1);
+    EXPECT_EQ(ber_flush(&sp.sb, &e, 0), -1);
+}
+
+TEST(SecureStreamIo, ToolkitReadCodesMapToWouldBlockAndErrors)
+{
+    TraceFile trace;
+    FakeToolkit fake;
+    wzr_skit.secure_soc_read = FakeToolkit::read_with_code;
+    wzr_skit.strerror = FakeToolkit::text;
+    SocketPair sp;
+    sp.sb.sb_secure = fake.secure_handle();
+    unsigned char buf[8];
+    int would_block = 0;
+
+    FakeToolkit::read_rc = SKIT_WOULD_BLOCK;
+    EXPECT_EQ(fber_socket_read_nb(&sp.sb, buf, 8, &would_block), 0);
+    EXPECT_EQ(would_block, 1);
+    auto ber = new_fber();
+    uint32_t progress = 0;
+    EXPECT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), BER_WOULD_BLOCK);
+
+    FakeToolkit::read_rc = SKIT_CLOSED;
+    would_block = 0;
+    EXPECT_EQ(fber_socket_read_nb(&sp.sb, buf, 8, &would_block), -1);
+    EXPECT_EQ(trace.count("wzr_secure_soc_read() rc=406"), 0) << "a closed channel is not traced";
+
+    FakeToolkit::read_rc = 9;
+    EXPECT_EQ(fber_socket_read_nb(&sp.sb, buf, 8, &would_block), -1);
+    EXPECT_EQ(
+        trace.count("Error - fber_socket_read_nb: wzr_secure_soc_read() rc=9 fake toolkit text\n"),
+        1);
+
+    // Decrypted bytes waiting in the toolkit make the Sockbuf readable without waiting.
+    FakeToolkit::read_rc = 0;
+    FakeToolkit::pending = 5;
+    EXPECT_EQ(fber_select(&sp.sb, nullptr), 1);
+    FakeToolkit::pending = 0;
+    struct timeval tv = {0, 1000};
+    EXPECT_EQ(fber_select(&sp.sb, &tv), 0);
+}
+
+TEST(SecureStreamIo, ToolkitWriteWouldBlockIsMinus11ForTheNonBlockingWriter)
+{
+    FakeToolkit fake;
+    wzr_skit.secure_soc_write = FakeToolkit::never_writes;
+    SocketPair sp;
+    sp.sb.sb_secure = fake.secure_handle();
+    Bytes data(10, 'f');
+    BerElement e = element_over(data);
+    EXPECT_EQ(fber_flush_nb(&sp.sb, &e), -BER_WOULD_BLOCK);
+    EXPECT_EQ(BerWrite_nb(&sp.sb, data.data(), 10), -BER_WOULD_BLOCK);
+    EXPECT_EQ(BerWrite(&sp.sb, data.data(), 10), 0) << "the blocking writer retries instead";
+}
+
+/* ---- dumps ---- */
+
+TEST(StreamDump, PasswordValueIsMaskedInTheDumpAndSentUnchanged)
+{
+    TraceFile trace;
+    SocketPair sp;
+    // A NUL byte before the attribute proves the search covers binary data.
+    std::string body = std::string("\x30\x84\x00\x00\x00\x19", 6) + "userpassword" +
+                       "\x31\x09\x04\x07" + "Secret7" + std::string("\xa0\x00", 2);
+    Bytes pdu(body.begin(), body.end());
+    BerElement e = element_over(pdu);
+    ASSERT_EQ(fber_flush_nb(&sp.sb, &e), 0);
+
+    unsigned char got[64];
+    ASSERT_EQ(read(sp.fd[1], got, sizeof got), (ssize_t)pdu.size());
+    EXPECT_EQ(Bytes(got, got + pdu.size()), pdu) << "the PDU sent is unchanged";
+
+    std::vector<Bytes> dumps = trace.dumps();
+    ASSERT_EQ(dumps.size(), 1u);
+    Bytes masked = pdu;
+    std::memset(masked.data() + 6 + 16, 'x', 7);
+    EXPECT_EQ(dumps[0], masked);
+    EXPECT_FALSE(contains(dumps[0], "Secret7"));
+}
+
+TEST(StreamDump, MaskingStopsAtTheFirstNonAlphanumericAndOnlyTheFirstMatchIsMasked)
+{
+    TraceFile trace;
+    const std::string header("\x04\x84\x00\x05", 4);
+    std::string text = "userpassword" + header + "ab-cd" + "userpassword" + header + "zz" +
+                       "UserPassword" + "ABCDzz" + "Qwerty";
+    ber_dump_masked(reinterpret_cast<const unsigned char *>(text.data()), (long)text.size(), "t");
+    std::vector<Bytes> dumps = trace.dumps();
+    ASSERT_EQ(dumps.size(), 1u);
+    std::string shown(dumps[0].begin(), dumps[0].end());
+    EXPECT_EQ(shown.substr(16, 5), "xx-cd");
+    EXPECT_EQ(shown.substr(37, 2), "zz") << "second occurrence untouched";
+    EXPECT_NE(shown.find("Qwerty"), std::string::npos) << "the match is case-sensitive";
+
+    // With the BER class off nothing is dumped at all.
+    ldap_set_debug_mask(0x8000);
+    ber_dump_masked(reinterpret_cast<const unsigned char *>(text.data()), (long)text.size(), "t");
+    EXPECT_EQ(trace.dumps().size(), 1u);
+}
+
+TEST(StreamDump, CompletedReadIsDumpedMasked)
+{
+    TraceFile trace;
+    SocketPair sp;
+    std::string body = std::string("\x64\x19", 2) + "userpassword" + "\x31\x09\x04\x07" +
+                       "hunter2" + std::string("\xa0\x00", 2);
+    sp.peer_write(Bytes(body.begin(), body.end()));
+    auto ber = new_fber();
+    uint32_t progress = 0;
+    ASSERT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), 0x64);
+    EXPECT_EQ(std::string(ber->ber_ptr, ber->ber_end), body.substr(2))
+        << "the element is not masked";
+    EXPECT_EQ(trace.count("fber_get_next_nb: tag 0x64 len=25 contents:\n"), 1);
+    ASSERT_EQ(trace.dumps().size(), 1u);
+    EXPECT_TRUE(contains(trace.dumps()[0], "xxxxxxx"));
+    EXPECT_FALSE(contains(trace.dumps()[0], "hunter2"));
+
+    fber_dump(ber.get(), 1);
+    EXPECT_EQ(trace.count("fber_dump: buf="), 1);
+    EXPECT_EQ(trace.dumps().size(), 2u);
+}
+
+} // namespace

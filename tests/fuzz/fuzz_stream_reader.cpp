@@ -1,0 +1,85 @@
+// Feeds the resumable PDU reader through a non-blocking socket pair in chunks chosen by the
+// input: byte 0 gives how many chunk-size bytes follow (1..8, cycled; each size 1..256), the
+// rest is the stream. The reader is called until it wants more data (11), fails (-1: the
+// stream is dead, the input ends there) or returns a tag (the PDU is freed and a new element
+// reads on). A header may declare up to ~2 GiB: run libFuzzer with -malloc_limit_mb=4096.
+#include <cstddef>
+#include <cstdint>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "liblber/lber.h"
+
+namespace {
+
+bool write_all(int fd, const uint8_t *data, size_t len)
+{
+    while (len > 0) {
+        ssize_t n = write(fd, data, len);
+        if (n <= 0)
+            return false;
+        data += n;
+        len -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// Reads until the reader wants more. False once the stream is dead.
+bool drain(Sockbuf *sb, BerElement **ber, uint32_t *progress)
+{
+    for (;;) {
+        long rc = fber_get_next_nb(sb, *ber, progress);
+        if (rc == BER_WOULD_BLOCK)
+            return true;
+        if (rc == -1)
+            return false;
+        // A whole PDU: its bounds must hold what was declared.
+        if ((*ber)->ber_end - (*ber)->ber_ptr != static_cast<long>((*ber)->ber_len) ||
+            *progress != 0)
+            __builtin_trap();
+        fber_free(*ber);
+        *ber = fber_alloc_t(0);
+        *progress = 0;
+        if (*ber == nullptr)
+            return false;
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    if (size < 2)
+        return 0;
+    size_t nsizes = (data[0] & 7u) + 1;
+    if (size < 1 + nsizes)
+        return 0;
+    const uint8_t *sizes = data + 1;
+    const uint8_t *stream = data + 1 + nsizes;
+    size_t left = size - 1 - nsizes;
+
+    int fd[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, fd) != 0)
+        return 0;
+    fcntl(fd[0], F_SETFL, fcntl(fd[0], F_GETFL) | O_NONBLOCK);
+    fcntl(fd[1], F_SETFL, fcntl(fd[1], F_GETFL) | O_NONBLOCK);
+    Sockbuf sb = {fd[0], nullptr, 0, 0, -1};
+    BerElement *ber = fber_alloc_t(0);
+    uint32_t progress = 0;
+
+    for (size_t i = 0; ber != nullptr && left > 0; ++i) {
+        size_t chunk = static_cast<size_t>(sizes[i % nsizes]) + 1;
+        if (chunk > left)
+            chunk = left;
+        // Every chunk is drained before the next is written, so the pair never fills up.
+        if (!write_all(fd[1], stream, chunk) || !drain(&sb, &ber, &progress))
+            break;
+        stream += chunk;
+        left -= chunk;
+    }
+    fber_free(ber);
+    close(fd[0]);
+    close(fd[1]);
+    return 0;
+}
