@@ -100,6 +100,11 @@ struct LDAPMsgTable {
     int32_t last_shared_row;     // table_lock
     ldapmsg *read_state;         // the connection's read lock: a partly read PDU
     uint32_t read_progress;      // the connection's read lock: progress word of read_state
+    // The reading turn: one waiting thread at a time reads the socket; the others sleep on
+    // reader_done (with their own time-outs) until the reader has filed what it read or has
+    // given the turn up, so a response read by another thread reaches its owner at once.
+    pthread_cond_t reader_done;  // waited on with table_lock
+    int32_t reader_active;       // table_lock: a thread holds the reading turn
 };
 
 // One server connection of a handle.

@@ -1,0 +1,419 @@
+// Result retrieval: ldap_result in its one-message and all-messages modes, the read of one
+// PDU from a connection (resumable across time-outs, the partial PDU kept in the table), its
+// envelope decoding, and the notice of disconnection. There is no reader thread: each waiting
+// thread reads in its turn and files what it read through the table's queue.
+#include "ldap_result.h"
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include "ldap_error.h"
+#include "ldap_init.h"
+#include "ldap_lock.h"
+#include "ldap_message.h"
+#include "ldap_options.h"
+#include "ldap_queue.h"
+#include "ldap_request.h"
+#include "ldap_table.h"
+
+namespace {
+constexpr const char *MODULE = "libldap/ldap_result";
+constexpr ber_tag_t TAG_SEQUENCE = 0x30;
+constexpr ber_tag_t TAG_INTEGER = 0x02;
+constexpr int NOTICE_RESULT_CODE = LDAP_PROTOCOL_ERROR;
+
+bool is_connected(const LDAPConn *lc)
+{
+    return __atomic_load_n(&lc->connected, __ATOMIC_ACQUIRE) != 0;
+}
+
+// LDAPMessage ::= SEQUENCE { messageID INTEGER, protocolOp CHOICE {...}, controls [0] OPT }
+// The stream reader has taken the outer header off; the contents start at the id. (A buffer
+// that still holds the outer SEQUENCE header is accepted as well.) Leaves the read position
+// at the protocolOp, whose tag becomes lm_msgtype.
+int decode_envelope(LDAPMessage *msg)
+{
+    BerElement *ber = msg->lm_ber;
+    if (ber->ber_tag != TAG_SEQUENCE)
+        return -1;
+    ber_len_t len = 0;
+    ber_tag_t tag = fber_peek_tag(ber, &len);
+    if (tag == TAG_SEQUENCE && fber_skip_tag(ber, &len) == LBER_ERROR)
+        return -1;
+    else if (tag != TAG_SEQUENCE && tag != TAG_INTEGER)
+        return -1;
+    int64_t id = 0;
+    if (fber_get_int(ber, &id) == LBER_ERROR || id < 0 || id > INT32_MAX)
+        return -1;
+    tag = fber_peek_tag(ber, &len);
+    if (tag == LBER_ERROR || tag > 0xff)
+        return -1;
+    msg->lm_msgid = static_cast<int32_t>(id);
+    msg->lm_msgtype = static_cast<int32_t>(tag);
+    return 0;
+}
+
+// ExtendedResponse ::= [APPLICATION 24] SEQUENCE { resultCode, matchedDN, errorMessage,
+//     referral [3] OPTIONAL, responseName [10] OPTIONAL, responseValue [11] OPTIONAL }
+// True (and the error recorded, the record freed) for the notice of disconnection.
+bool take_disconnect_notice(LDAP *ld, LDAPMessage *msg)
+{
+    BerElement *c = ber_dup(msg->lm_ber);
+    if (c == nullptr)
+        return false;
+    int code = 0;
+    char *matched = nullptr;
+    char *text = nullptr;
+    char *name = nullptr;
+    bool notice = false;
+    if (fber_scanf(c, "{iaa", &code, &matched, &text) == LBER_ERROR) {
+        LDAP_TRACE(LDAP_TRC_ERROR, "ldap_get_msg: error in fber_scanf.\n");
+    } else {
+        ber_len_t len = 0;
+        ber_tag_t tag;
+        while ((tag = fber_peek_tag(c, &len)) != LBER_ERROR && tag != LDAP_TAG_EXOP_RES_OID)
+            if (fber_skip_element(c) != 0)
+                break;
+        if (tag == LDAP_TAG_EXOP_RES_OID && fber_get_stringa(c, &name) == LBER_ERROR)
+            LDAP_TRACE(LDAP_TRC_ERROR, "ldap_get_msg: error in fber_scanf.\n");
+        notice = code == NOTICE_RESULT_CODE && name != nullptr &&
+                 strcmp(name, LDAP_NOTICE_OF_DISCONNECTION) == 0;
+    }
+    if (notice) {
+        LDAP_TRACE(LDAP_TRC_ERROR, "ldap_get_msg: %s\n", text != nullptr ? text : "");
+        (void)ldap_set_lderrno_direct(ld, NOTICE_RESULT_CODE, nullptr, text);
+        free_msg(msg, 0);
+    }
+    lber_free(matched);
+    lber_free(text);
+    lber_free(name);
+    ber_free(c, 0);
+    return notice;
+}
+
+// The partly read PDU of the connection, made fresh when none is pending (read lock held).
+LDAPMessage *read_state(LDAP *ld, LDAPConn *lc)
+{
+    LDAPMsgTable *table = lc->table;
+    if (table->read_state != nullptr)
+        return table->read_state;
+    LDAPMessage *msg = ldap_msginit(lc);
+    if (msg == nullptr) {
+        LDAP_TRACE(LDAP_TRC_ERROR, "ldap_get_msg: Failed with memory error\n");
+        return nullptr;
+    }
+    msg->lm_ber = ldap_alloc_fber(ld, 1);
+    if (msg->lm_ber == nullptr) {
+        LDAP_TRACE(LDAP_TRC_ERROR, "ldap_get_msg: Failed to alloc memory\n");
+        free_msg(msg, 0);
+        return nullptr;
+    }
+    table->read_state = msg;
+    table->read_progress = 0;
+    return msg;
+}
+
+// Reads from the connection until one PDU is complete: 1, -2 time-out (the partial PDU
+// stays), -1 error, -4 a lock or memory failure (recorded). Takes the read lock.
+int read_pdu(LDAP *ld, LDAPConn *lc, struct timeval *timeout, LDAPMessage **out)
+{
+    LDAP_LOCK(guard, &lc->read_lock, MODULE);
+    if (!guard.locked())
+        return ldap_fail(ld, guard.rc()), -4;
+    LDAPMessage *msg = read_state(ld, lc);
+    if (msg == nullptr)
+        return ldap_fail(ld, LDAP_NO_MEMORY), -4;
+    LDAPMsgTable *table = lc->table;
+    lc->reader = pthread_self();
+    int rc = wait_for_message(lc, msg->lm_ber, &table->read_progress, timeout);
+    if (rc != -2) {
+        table->read_state = nullptr;
+        table->read_progress = 0;
+        if (rc == 1)
+            *out = msg;
+        else
+            free_msg(msg, 0);
+    }
+    lc->reader = 0;
+    return rc;
+}
+
+// The one decision of referral chasing: entries and bind responses are always delivered;
+// any other message of a row that chases referrals (search references included) would be
+// handed to referral chasing, which replaces it by what the referred servers answered.
+// Until chasing exists, such a message is delivered as it is.
+LDAPMessage *deliver_or_chase_referral(LDAP *ld, LDAPMsgTable *table, int msgid,
+                                       LDAPMessage *msg, int chase, int hops)
+{
+    if (!chase || msg->lm_msgtype == LDAP_RES_SEARCH_ENTRY || msg->lm_msgtype == LDAP_RES_BIND)
+        return msg;
+    LDAP_TRACE(LDAP_TRC_API,
+               "ldap_return_one_msg: msgid %d type 0x%x delivered as received (hops %d, ld %p, "
+               "table %p)\n",
+               msgid, static_cast<unsigned>(msg->lm_msgtype), hops, static_cast<void *>(ld),
+               static_cast<void *>(table));
+    return msg;
+}
+
+int ldap_return_one_msg(LDAP *ld, int msgid, struct timeval *timeout, LDAPMessage **result,
+                        LDAPMsgTable *table, int chase, int hops)
+{
+    // A row with a child link has a referral request in progress; collecting through the
+    // child belongs to referral chasing, and no child link exists without it.
+    for (;;) {
+        int type = ldap_get_result(ld, msgid, LDAP_MSG_ONE, timeout, result, table);
+        if (type == -1) {
+            if (ldap_get_errno_direct(ld) == LDAP_PARAM_ERROR)
+                ldap_msg_table_release_child(ld, table, msgid);
+            return -1;
+        }
+        if (type == 0)
+            return 0;
+        LDAPMessage *delivered = deliver_or_chase_referral(ld, table, msgid, *result, chase, hops);
+        if (delivered != nullptr) {
+            *result = delivered;
+            return delivered->lm_msgtype;
+        }
+        LDAP_TRACE(LDAP_TRC_API, "ldap_return_one_msg: error at referral chasing. Continue with "
+                                 "next referral (if any)\n");
+    }
+}
+
+int ldap_return_all_msgs(LDAP *ld, int msgid, struct timeval *timeout, LDAPMessage **result,
+                         LDAPMsgTable *table, int chase, int hops)
+{
+    const LDAPDeadline deadline = ldap_deadline_after(timeout);
+    LDAPMessage *first_received = nullptr;
+    for (;;) {
+        struct timeval left;
+        if (deadline.limited)
+            (void)ldap_time_left(deadline, &left); // 0 once passed: one last look
+        LDAPMessage *msg = nullptr;
+        int type = ldap_return_one_msg(ld, msgid, deadline.limited ? &left : nullptr, &msg, table,
+                                       chase, hops);
+        if (type == -1) {
+            ldap_msg_table_release_child(ld, table, msgid);
+            *result = nullptr;
+            return -1;
+        }
+        LDAP_LOCK(guard, &table->table_lock, MODULE);
+        if (!guard.locked())
+            return ldap_fail_minus_one(ld, guard.rc());
+        LDAPMsgRow &row = table->rows[msgid];
+        if (type == 0) {
+            // Nothing is lost: the next call hands out everything again from the first record
+            // this call took.
+            if (first_received != nullptr)
+                row.next_undelivered = first_received;
+            *result = nullptr;
+            return 0;
+        }
+        if (first_received == nullptr)
+            first_received = msg;
+        if (is_last_msg(msg)) {
+            if (row.first == nullptr)
+                return ldap_fail_minus_one(ld, LDAP_LOCAL_ERROR); // released under us
+            *result = row.first;
+            return row.last->lm_msgtype;
+        }
+    }
+}
+
+// The row's referral policy is decided by its first retrieval and kept for its life.
+int fix_referral_policy(LDAP *ld, LDAPMsgTable *table, int msgid, int *chase, int *hops)
+{
+    int referrals = 0;
+    int hoplimit = 0;
+    (void)ldap_get_option_direct(ld, LDAP_OPT_REFERRALS, &referrals);
+    (void)ldap_get_option_direct(ld, LDAP_OPT_REFHOPLIMIT, &hoplimit);
+    LDAP_LOCK(guard, &table->table_lock, MODULE);
+    if (!guard.locked())
+        return ldap_fail(ld, guard.rc());
+    LDAPMsgRow &row = table->rows[msgid];
+    if ((row.flags & ROW_POLICY_SET) == 0) {
+        if (referrals)
+            row.flags |= ROW_CHASE;
+        else
+            row.flags &= ~ROW_CHASE;
+        row.hop_limit = hoplimit;
+        row.flags |= ROW_POLICY_SET;
+    }
+    *chase = (row.flags & ROW_CHASE) != 0;
+    *hops = row.hop_limit;
+    return 0;
+}
+
+void trace_result_entry(LDAP *ld, int msgid, int all, const struct timeval *timeout,
+                        LDAPMessage **result)
+{
+    if (timeout != nullptr)
+        LDAP_TRACE(LDAP_TRC_API,
+                   "ldap_result entered ld(%p), msgid(%d), all (%d), timeout(tv_sec=%d, "
+                   "tv_usec=%d), result(%p)\n",
+                   static_cast<void *>(ld), msgid, all, static_cast<int>(timeout->tv_sec),
+                   static_cast<int>(timeout->tv_usec), static_cast<void *>(result));
+    else
+        LDAP_TRACE(LDAP_TRC_API,
+                   "ldap_result entered ld(%p), msgid(%d), all (%d), timeout(NULL), result(%p)\n",
+                   static_cast<void *>(ld), msgid, all, static_cast<void *>(result));
+}
+} // namespace
+
+int ldap_result(LDAP *ld, int msgid, int all, struct timeval *timeout, LDAPMessage **result)
+{
+    trace_result_entry(ld, msgid, all, timeout, result);
+    OperationBracket op(ld);
+    if (op.rc() != 0)
+        return -1;
+    if (msgid < -1 || result == nullptr || ld->ld_servers == nullptr ||
+        ld->ld_defconn == nullptr) {
+        LDAP_TRACE(LDAP_TRC_ERROR,
+                   "ldap_result: Invalid parameter - msgid(%d), ld(%p), result(%p), "
+                   "ld->ld_servers(%p)\n",
+                   msgid, static_cast<void *>(ld), static_cast<void *>(result),
+                   static_cast<void *>(ld->ld_servers));
+        return -1;
+    }
+    *result = nullptr;
+    const int mode = all != 0 ? LDAP_MSG_ALL : LDAP_MSG_ONE; // every non-zero value means all
+    LDAPMsgTable *table = ld->ld_defconn->table;
+    int id = msgid;
+    if (verify_msgid_n_acquire_row(ld, table, &id, mode) != 0)
+        return -1;
+    int chase = 0;
+    int hops = 0;
+    if (fix_referral_policy(ld, table, id, &chase, &hops) != 0)
+        return -1;
+
+    int type;
+    if (mode == LDAP_MSG_ONE) {
+        type = ldap_return_one_msg(ld, id, timeout, result, table, chase, hops);
+        if (type > 0)
+            (*result)->lm_flags |= LDAP_MSG_SINGLE;
+    } else {
+        type = ldap_return_all_msgs(ld, id, timeout, result, table, chase, hops);
+    }
+    if (type == 0)
+        (void)ldap_set_lderrno_direct(ld, LDAP_TIMEOUT, nullptr, nullptr);
+    LDAP_TRACE(LDAP_TRC_API, "ldap_result returning resulttype=%d\n", type);
+    return type;
+}
+
+int ldap_get_result(LDAP *ld, int msgid, int all, struct timeval *timeout, LDAPMessage **result,
+                    LDAPMsgTable *table)
+{
+    if (all == LDAP_MSG_ONE)
+        return ldap_msg_table_get_message(ld, table, &msgid, timeout, result);
+    if (all != LDAP_MSG_ALL) {
+        LDAP_TRACE(LDAP_TRC_ERROR,
+                   "ldap_get_result: Error - all should be LDAP_MSG_ANY or LDAP_MSG_ALL\n");
+        return ldap_fail_minus_one(ld, LDAP_PARAM_ERROR);
+    }
+    const LDAPDeadline deadline = ldap_deadline_after(timeout);
+    LDAPMessage *first_taken = nullptr;
+    for (;;) {
+        struct timeval left;
+        if (deadline.limited)
+            (void)ldap_time_left(deadline, &left); // 0 once passed: one last look
+        LDAPMessage *msg = nullptr;
+        int type = ldap_msg_table_get_message(ld, table, &msgid,
+                                              deadline.limited ? &left : nullptr, &msg);
+        if (type == -1) {
+            LDAP_TRACE(LDAP_TRC_ERROR, first_taken != nullptr
+                                           ? "ldap_get_result: partial results received due to "
+                                             "socket error. Discarding with error.\n"
+                                           : "ldap_get_result: error at first msg\n");
+            ldap_msg_table_release_msgid(table, msgid);
+            return -1;
+        }
+        LDAP_LOCK(guard, &table->table_lock, MODULE);
+        if (!guard.locked())
+            return ldap_fail_minus_one(ld, guard.rc());
+        LDAPMsgRow &row = table->rows[msgid];
+        if (type == 0) {
+            if (first_taken != nullptr)
+                row.next_undelivered = first_taken;
+            return 0;
+        }
+        if (first_taken == nullptr)
+            first_taken = msg;
+        if ((row.flags & ROW_COMPLETE) != 0 && row.next_undelivered == nullptr) {
+            LDAP_TRACE(LDAP_TRC_API, "ldap_get_result: got all results\n");
+            *result = row.first;
+            return row.last->lm_msgtype;
+        }
+    }
+}
+
+int ldap_get_msg(LDAP *ld, LDAPConn *lc, struct timeval *timeout)
+{
+    if (lc == nullptr || lc->table == nullptr)
+        return ldap_fail_minus_one(ld, LDAP_PARAM_ERROR);
+    if (ldap_conn_is_dead(lc)) {
+        LDAP_TRACE(LDAP_TRC_ERROR, "ldap_get_msg: Socket connection was closed earlier\n");
+        return ldap_fail(ld, LDAP_SERVER_DOWN);
+    }
+    if (!is_connected(lc)) {
+        LDAP_TRACE(LDAP_TRC_ERROR, "ldap_get_msg: FATAL ERROR - Socket is not yet created\n");
+        return ldap_fail(ld, LDAP_SERVER_DOWN);
+    }
+    LDAPMessage *msg = nullptr;
+    int rc = read_pdu(ld, lc, timeout, &msg);
+    if (rc < -2)
+        return -1; // lock or memory failure, recorded
+    if (rc == -2)
+        return ldap_fail(ld, LDAP_TIMEOUT), 0; // the connection stays usable
+    if (rc == 1 && decode_envelope(msg) != 0) {
+        LDAP_TRACE(LDAP_TRC_ERROR, "ldap_get_msg: undecodable message, connection closed\n");
+        free_msg(msg, 0);
+        rc = -1;
+    }
+    if (rc != 1) {
+        ldap_conn_mark_dead(lc); // a stream out of step or broken cannot be trusted again
+        return ldap_fail_minus_one(ld, LDAP_SERVER_DOWN);
+    }
+    if (msg->lm_msgid == 0 && msg->lm_msgtype == static_cast<int>(LDAP_RES_EXTENDED) &&
+        take_disconnect_notice(ld, msg))
+        return -3;
+    put_msg_in_queue(lc->table, msg);
+    return 1;
+}
+
+int wait_for_message(LDAPConn *lc, BerElement *ber, uint32_t *progress, struct timeval *timeout)
+{
+    if (lc == nullptr) {
+        LDAP_TRACE(LDAP_TRC_ERROR, "ERROR: wait_for_message() lc == NULL!\n");
+        return -1;
+    }
+    if (timeout != nullptr && timeout->tv_usec > 999999)
+        LDAP_TRACE(LDAP_TRC_ERROR,
+                   "wait_for_message: BAD TIMEOUT value received. tv_sec=%ld  tv_usec=%ld \n",
+                   static_cast<long>(timeout->tv_sec), static_cast<long>(timeout->tv_usec));
+    for (;;) {
+        long rc = fber_get_next_nb(&lc->sb, ber, progress);
+        if (rc == -1)
+            return -1;
+        // 11 is "would block" unless the element is complete (a PDU whose tag byte is 11).
+        if (rc != BER_WOULD_BLOCK || (*progress == 0 && ber->ber_ptr != nullptr &&
+                                      ber->ber_buf == ber->ber_ptr && ber->ber_len != 0 &&
+                                      ber->ber_tag == static_cast<uint64_t>(BER_WOULD_BLOCK)))
+            return 1;
+        struct timeval wait;
+        struct timeval *waitp = nullptr;
+        if (timeout != nullptr) {
+            wait = *timeout; // select may change what it is given
+            waitp = &wait;
+        }
+        int ready = fber_select(&lc->sb, waitp);
+        if (ready == 0)
+            return -2;
+        if (ready < 0) {
+            LDAP_TRACE(LDAP_TRC_ERROR,
+                       "wait_for_message: select 2 failed with socket error: rc=%d, errno=%d\n",
+                       ready, errno);
+            ber->ber_ptr = ber->ber_buf;
+            return -1;
+        }
+    }
+}

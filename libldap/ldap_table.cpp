@@ -1,0 +1,588 @@
+// The per-connection message table: message id allocation (growth and wrap-around), row
+// ownership and release, referral parent/child links, filing requests for sending, and the
+// delivery loop in which waiting threads take turns reading the connection.
+// Rows are addressed by index under the table lock only: growth moves the array.
+#include "ldap_table.h"
+
+#include <cerrno>
+#include <ctime>
+
+#include "ldap_error.h"
+#include "ldap_lock.h"
+#include "ldap_message.h"
+#include "ldap_queue.h"
+#include "ldap_request.h"
+#include "ldap_result.h"
+
+namespace {
+constexpr const char *MODULE = "libldap/ldap_table";
+
+bool unowned(const LDAPMsgRow &row) { return row.owner == 0; }
+
+
+bool owned_by_me(const LDAPMsgRow &row) { return pthread_equal(row.owner, pthread_self()) != 0; }
+
+// Takes a free row for a new id: in use, hop limit not yet known.
+int take_row(LDAPMsgTable *table, uint32_t id)
+{
+    LDAPMsgRow &row = table->rows[id];
+    row.flags |= ROW_IN_USE;
+    row.hop_limit = -1;
+    table->free_rows -= 1;
+    return static_cast<int>(id);
+}
+
+// Adds LDAP_TABLE_GROWTH rows; on failure the old array stays as it was.
+int grow_rows(LDAPMsgTable *table)
+{
+    uint32_t count = table->row_count + LDAP_TABLE_GROWTH;
+    if (count > LDAP_MAX_TBL_SIZE) {
+        LDAP_TRACE(LDAP_TRC_ERROR,
+                   "ldap_msg_table_get_next_msgid: cannot grow beyond LDAP_MAX_TBL_SIZE==%d rows!\n",
+                   static_cast<int>(LDAP_MAX_TBL_SIZE));
+        return -1;
+    }
+    auto *rows = static_cast<LDAPMsgRow *>(lber_calloc(count, sizeof(LDAPMsgRow)));
+    if (rows == nullptr) {
+        LDAP_TRACE(LDAP_TRC_ERROR,
+                   "ldap_msg_table_get_next_msgid: NO_MEMORY to allocate table w/ %d rows x %d "
+                   "bytes!\n",
+                   static_cast<int>(count), static_cast<int>(sizeof(LDAPMsgRow)));
+        return -1;
+    }
+    for (uint32_t i = 0; i < table->row_count; ++i)
+        rows[i] = table->rows[i];
+    lber_free(table->rows);
+    table->rows = rows;
+    table->row_count = count;
+    table->free_rows += static_cast<int32_t>(LDAP_TABLE_GROWTH);
+    return 0;
+}
+
+// Forward from the last id handed out, then wrapped from 1: ids grow monotonically and a
+// freed id is not reused until the scan wraps.
+int scan_for_free_row(LDAPMsgTable *table)
+{
+    uint32_t candidate = static_cast<uint32_t>(table->last_msgid + 1);
+    while (candidate < table->row_count && (table->rows[candidate].flags & ROW_IN_USE) != 0)
+        ++candidate;
+    if (candidate < table->row_count)
+        return take_row(table, candidate);
+    int last = table->last_msgid;
+    if (last <= 1)
+        return static_cast<int>(table->row_count); // only with a wrong free count; refused later
+    for (int id = 1; id <= last; ++id)
+        if ((table->rows[id].flags & ROW_IN_USE) == 0)
+            return take_row(table, static_cast<uint32_t>(id));
+    return last + 1; // likewise impossible while free rows >= 2
+}
+
+// A complete row with nothing left to deliver may still hold a result that referral chasing
+// put aside; it is filed at the chain's end and handed out. Building a message from a pending
+// referral result belongs to referral chasing.
+int take_put_aside_result(LDAP *ld, LDAPMsgRow &row, LDAPMessage **result)
+{
+    if (row.parent != nullptr || row.pending_referral != nullptr || row.saved_result == nullptr)
+        return ldap_fail_minus_one(ld, LDAP_PARAM_ERROR);
+    LDAPMessage *saved = row.saved_result;
+    row.saved_result = nullptr;
+    saved->lm_chain = nullptr;
+    saved->lm_prev = row.last;
+    if (row.last != nullptr)
+        row.last->lm_chain = saved;
+    else
+        row.first = saved;
+    row.last = saved;
+    *result = saved;
+    return saved->lm_msgtype;
+}
+
+// One waiting thread takes the reading turn; the caller holds the table lock and gets it back.
+// Returns what ldap_get_msg returned, or -1 (129 recorded) when the lock cannot be retaken.
+int read_one_turn(LDAP *ld, LDAPMsgTable *table, LockGuard &guard, struct timeval *timeout)
+{
+    table->reader_active = 1;
+    guard.unlock();
+    int rc = ldap_get_msg(ld, table->owner, timeout);
+    if (guard.relock() != 0) {
+        (void)ldap_fail(ld, LDAP_LOCK_ERROR);
+        return -1;
+    }
+    table->reader_active = 0;
+    flush_queue(table);
+    pthread_cond_broadcast(&table->reader_done);
+    return rc;
+}
+
+// Waits (table lock held) until the current reader files something or gives the turn up.
+// False when the deadline passed.
+bool wait_for_reader(LDAPMsgTable *table, const LDAPDeadline &d)
+{
+    if (!d.limited) {
+        pthread_cond_wait(&table->reader_done, &table->table_lock);
+        return true;
+    }
+    return pthread_cond_timedwait(&table->reader_done, &table->table_lock, &d.at) != ETIMEDOUT;
+}
+} // namespace
+
+LDAPDeadline ldap_deadline_after(const struct timeval *timeout)
+{
+    LDAPDeadline d;
+    if (timeout == nullptr)
+        return d;
+    d.limited = true;
+    clock_gettime(CLOCK_MONOTONIC, &d.at);
+    long long ns = static_cast<long long>(d.at.tv_nsec) + timeout->tv_usec * 1000LL;
+    d.at.tv_sec += timeout->tv_sec + static_cast<time_t>(ns / 1000000000LL);
+    d.at.tv_nsec = static_cast<long>(ns % 1000000000LL);
+    return d;
+}
+
+bool ldap_time_left(const LDAPDeadline &d, struct timeval *left)
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    long long ns = (static_cast<long long>(d.at.tv_sec) - now.tv_sec) * 1000000000LL +
+                   (d.at.tv_nsec - now.tv_nsec);
+    if (ns <= 0) {
+        left->tv_sec = 0;
+        left->tv_usec = 0;
+        return false;
+    }
+    left->tv_sec = static_cast<time_t>(ns / 1000000000LL);
+    left->tv_usec = static_cast<suseconds_t>((ns % 1000000000LL) / 1000);
+    return true;
+}
+
+int ldap_fail_minus_one(LDAP *ld, int code)
+{
+    (void)ldap_set_lderrno_direct(ld, code, nullptr, nullptr);
+    return -1;
+}
+
+LDAPMsgTable *ldap_msg_table_init(unsigned count)
+{
+    auto *table = static_cast<LDAPMsgTable *>(lber_calloc(1, sizeof(LDAPMsgTable)));
+    if (table == nullptr)
+        return nullptr;
+    table->rows = static_cast<LDAPMsgRow *>(lber_calloc(count, sizeof(LDAPMsgRow)));
+    if (table->rows == nullptr) {
+        lber_free(table);
+        return nullptr;
+    }
+    table->free_rows = static_cast<int32_t>(count);
+    table->row_count = count;
+
+    int err = pthread_mutex_init(&table->table_lock, nullptr);
+    if (err != 0) {
+        LDAP_TRACE(LDAP_TRC_ERROR,
+                   "ldap_msg_table_init: pthread_mutex_init failed for table lock, errno %d\n", err);
+    } else if ((err = pthread_mutex_init(&table->queue_lock, nullptr)) != 0) {
+        LDAP_TRACE(LDAP_TRC_ERROR,
+                   "ldap_msg_table_init: pthread_mutex_init failed for queue lock, errno %d\n", err);
+        pthread_mutex_destroy(&table->table_lock);
+    } else if ((err = pthread_cond_init(&table->released, nullptr)) != 0) {
+        LDAP_TRACE(LDAP_TRC_ERROR, "ldap_msg_table_init: pthread_cond_init failed, errno %d\n",
+                   err);
+        pthread_mutex_destroy(&table->queue_lock);
+        pthread_mutex_destroy(&table->table_lock);
+    } else {
+        // Waiting readers keep their own time-outs: measure them on the monotonic clock.
+        pthread_condattr_t attr;
+        pthread_condattr_init(&attr);
+        pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+        err = pthread_cond_init(&table->reader_done, &attr);
+        pthread_condattr_destroy(&attr);
+        if (err == 0)
+            return table;
+        LDAP_TRACE(LDAP_TRC_ERROR, "ldap_msg_table_init: pthread_cond_init failed, errno %d\n",
+                   err);
+        pthread_cond_destroy(&table->released);
+        pthread_mutex_destroy(&table->queue_lock);
+        pthread_mutex_destroy(&table->table_lock);
+    }
+    lber_free(table->rows);
+    lber_free(table);
+    return nullptr;
+}
+
+void ldap_msg_table_free(LDAPMsgTable *table)
+{
+    if (table == nullptr)
+        return;
+    for (uint32_t i = 0; i < table->row_count; ++i)
+        if ((table->rows[i].flags & ROW_IN_USE) != 0 || i == 0)
+            ldap_msg_table_clear_row(&table->rows[i]); // row 0 holds unsolicited messages
+    free_msg(table->read_state, 0);
+    table->read_state = nullptr;
+    for (LDAPMessage *m = table->queue_head; m != nullptr;) {
+        LDAPMessage *next = m->lm_chain;
+        free_msg(m, 0);
+        m = next;
+    }
+    lber_free(table->rows);
+    int err;
+    if ((err = pthread_mutex_destroy(&table->table_lock)) != 0)
+        LDAP_TRACE(LDAP_TRC_ERROR,
+                   "ldap_msg_table_free: pthread_mutex_destroy failed for table lock, errno %d\n",
+                   err);
+    if ((err = pthread_mutex_destroy(&table->queue_lock)) != 0)
+        LDAP_TRACE(LDAP_TRC_ERROR,
+                   "ldap_msg_table_free: pthread_mutex_destroy failed for queue lock, errno %d\n",
+                   err);
+    if ((err = pthread_cond_destroy(&table->released)) != 0)
+        LDAP_TRACE(LDAP_TRC_ERROR, "ldap_msg_table_free: pthread_cond_destroy failed, errno %d\n",
+                   err);
+    if ((err = pthread_cond_destroy(&table->reader_done)) != 0)
+        LDAP_TRACE(LDAP_TRC_ERROR, "ldap_msg_table_free: pthread_cond_destroy failed, errno %d\n",
+                   err);
+    lber_free(table);
+}
+
+int ldap_msg_table_get_next_msgid(LDAPMsgTable *table)
+{
+    if (table == nullptr) {
+        LDAP_TRACE(LDAP_TRC_ERROR, "ldap_msg_table_get_next_msgid: NULL table passed - Error.\n");
+        return -1;
+    }
+    LDAP_LOCK(guard, &table->table_lock, MODULE);
+    if (!guard.locked()) {
+        LDAP_TRACE(LDAP_TRC_ERROR, "ldap_msg_table_get_next_msgid: failed to lock table, rc=%d\n",
+                   guard.rc());
+        return -1;
+    }
+    if (table->free_rows < 2 && grow_rows(table) != 0)
+        return -1;
+    int id = scan_for_free_row(table);
+    table->last_msgid = id;
+    return id;
+}
+
+int ldap_msg_table_send_message(LDAPMsgTable *table, LDAP *ld, LDAPMessage *request, int *stored,
+                                struct timeval *timeout)
+{
+    int kept = 0;
+    int *storedp = stored != nullptr ? stored : &kept;
+    *storedp = 0;
+    LDAP_TRACE(LDAP_TRC_API, "ldap_msg_table_send_message entered: table=%p msg=%p msgid=%d\n",
+               static_cast<void *>(table), static_cast<void *>(request),
+               request != nullptr ? request->lm_msgid : -1);
+    if (table == nullptr || request == nullptr)
+        return ldap_fail(ld, LDAP_PARAM_ERROR);
+    (void)ldap_set_lderrno_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
+    {
+        LDAP_LOCK(guard, &table->table_lock, MODULE);
+        if (!guard.locked())
+            return ldap_fail(ld, guard.rc());
+        int id = request->lm_msgid;
+        // Only a row handed out by the allocator and still empty may take the request.
+        if (id <= 0 || static_cast<uint32_t>(id) >= table->row_count ||
+            (table->rows[id].flags & ROW_IN_USE) == 0 || table->rows[id].request != nullptr)
+            return ldap_fail(ld, LDAP_PARAM_ERROR);
+        table->rows[id].request = request;
+        *storedp = 1;
+    }
+    int rc = ldap_write_msg(ld, request, timeout);
+    if (rc != 0) {
+        // The request stays filed: it is released with the row when the caller releases the id.
+        LDAP_TRACE(LDAP_TRC_ERROR,
+                   "ldap_msg_table_send_message: failed to send request message, rc=%d, removing "
+                   "request msg from table\n",
+                   rc);
+        return rc;
+    }
+    LDAP_TRACE(LDAP_TRC_API, "ldap_msg_table_send_message: returning rc=%d\n", rc);
+    return 0;
+}
+
+int ldap_msg_table_get_message(LDAP *ld, LDAPMsgTable *table, int *msgid, struct timeval *timeout,
+                               LDAPMessage **result)
+{
+    if (table == nullptr || result == nullptr || msgid == nullptr)
+        return ldap_fail_minus_one(ld, LDAP_PARAM_ERROR);
+    (void)ldap_set_lderrno_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
+    LDAP_LOCK(guard, &table->table_lock, MODULE);
+    if (!guard.locked())
+        return ldap_fail_minus_one(ld, guard.rc());
+    const int id = *msgid;
+    if (id < 0 || static_cast<uint32_t>(id) >= table->row_count)
+        return ldap_fail_minus_one(ld, LDAP_PARAM_ERROR);
+
+    const LDAPMsgRow &at_start = table->rows[id];
+    if ((at_start.flags & ROW_COMPLETE) != 0 && at_start.next_undelivered == nullptr)
+        return take_put_aside_result(ld, table->rows[id], result);
+
+    // Ownership is how a waiter notices that its row was released (and perhaps reused) while
+    // it slept: clearing a row clears its owner.
+    const bool was_mine = id != 0 && owned_by_me(at_start);
+    const LDAPDeadline deadline = ldap_deadline_after(timeout);
+    for (;;) {
+        if (ldap_msg_table_take_next(&table->rows[id], result))
+            return (*result)->lm_msgtype;
+        flush_queue(table);
+        LDAPMsgRow &row = table->rows[id];
+        if (ldap_msg_table_take_next(&row, result))
+            return (*result)->lm_msgtype;
+        if ((row.flags & ROW_ABANDONED) != 0 || (was_mine && !owned_by_me(row)))
+            return ldap_fail_minus_one(ld, LDAP_PARAM_ERROR); // nothing more will come for this id
+
+        struct timeval left;
+        bool in_time = !deadline.limited || ldap_time_left(deadline, &left);
+        if (!in_time)
+            return 0;
+        if (table->reader_active) {
+            if (!wait_for_reader(table, deadline)) {
+                flush_queue(table);
+                if (ldap_msg_table_take_next(&table->rows[id], result))
+                    return (*result)->lm_msgtype;
+                return 0;
+            }
+            continue;
+        }
+        int rc = read_one_turn(ld, table, guard, deadline.limited ? &left : nullptr);
+        if (!guard.locked())
+            return -1;
+        if (rc == -3)
+            return -1; // the notice of disconnection: its error is recorded
+        if (rc != 1 && rc != 0)
+            return ldap_fail_minus_one(ld, LDAP_SERVER_DOWN);
+    }
+}
+
+int verify_msgid_n_acquire_row(LDAP *ld, LDAPMsgTable *table, int *msgid, int all)
+{
+    LDAP_LOCK(guard, &table->table_lock, MODULE);
+    if (!guard.locked())
+        return ldap_fail(ld, guard.rc());
+    if (*msgid < -1 || (*msgid != -1 && static_cast<uint32_t>(*msgid) >= table->row_count)) {
+        LDAP_TRACE(LDAP_TRC_ERROR, "verify_msgid_n_acquire_row: Bad msgid %d\n", *msgid);
+        return ldap_fail(ld, LDAP_PARAM_ERROR);
+    }
+    if (*msgid == -1) {
+        if (ldap_get_msg_any(ld, table, msgid, all) != 0 || *msgid == -1) {
+            LDAP_TRACE(LDAP_TRC_ERROR,
+                       "verify_msgid_n_acquire_row: No free row available for this thread\n");
+            return ldap_fail(ld, LDAP_PARAM_ERROR);
+        }
+    } else {
+        // An abandoned row has lost its request: say so before the row check would.
+        if (*msgid > 0 && (table->rows[*msgid].flags & ROW_ABANDONED) != 0) {
+            LDAP_TRACE(LDAP_TRC_ERROR,
+                       "verify_msgid_n_acquire_row: Abandon initiated on this msgid\n");
+            return ldap_fail(ld, LDAP_PARAM_ERROR);
+        }
+        int rc = verify_acquire_row(ld, &table->rows[*msgid], *msgid, all);
+        if (rc != 0) {
+            LDAP_TRACE(LDAP_TRC_ERROR, "verify_msgid_n_acquire_row: Unable to lock the row\n");
+            return rc;
+        }
+    }
+    if ((table->rows[*msgid].flags & ROW_ABANDONED) != 0) {
+        LDAP_TRACE(LDAP_TRC_ERROR, "verify_msgid_n_acquire_row: Abandon initiated on this msgid\n");
+        return ldap_fail(ld, LDAP_PARAM_ERROR);
+    }
+    return 0;
+}
+
+int verify_acquire_row(LDAP *ld, LDAPMsgRow *row, int msgid, int all)
+{
+    if (msgid != 0) {
+        if (row->request == nullptr) {
+            LDAP_TRACE(LDAP_TRC_ERROR, "verify_acquire_row: no request msg present and msgid is "
+                                       "non-zero - Error\n");
+            return ldap_fail(ld, LDAP_PARAM_ERROR);
+        }
+        if (!unowned(*row) && !owned_by_me(*row))
+            return ldap_fail(ld, LDAP_LOCAL_ERROR); // one collector per operation
+        row->owner = pthread_self();
+        if ((row->flags & ROW_COMPLETE) != 0 && row->next_undelivered == nullptr &&
+            row->child == nullptr)
+            return ldap_fail(ld, LDAP_LOCAL_ERROR); // its result was already collected
+        return 0;
+    }
+    if (all == LDAP_MSG_ALL) {
+        LDAP_TRACE(LDAP_TRC_ERROR, "verify_acquire_row: LDAP_MSG_ALL asked for msgid=0 - Error\n");
+        return ldap_fail(ld, LDAP_PARAM_ERROR);
+    }
+    return 0;
+}
+
+int ldap_get_msg_any(LDAP *ld, LDAPMsgTable *table, int *msgid, int all)
+{
+    const uint32_t count = table->row_count;
+    int candidate = 0;
+    for (uint32_t i = 1; i < count; ++i) {
+        const LDAPMsgRow &row = table->rows[i];
+        if ((row.flags & ROW_IN_USE) == 0 || (row.flags & ROW_ABANDONED) != 0)
+            continue;
+        if (owned_by_me(row) &&
+            ((row.flags & ROW_COMPLETE) == 0 || row.next_undelivered != nullptr)) {
+            LDAP_TRACE(LDAP_TRC_API,
+                       "ldap_get_msg_any: found a pre-occupied row for this thread, row-id = %d\n",
+                       static_cast<int>(i));
+            *msgid = static_cast<int>(i);
+            return 0;
+        }
+        if (candidate == 0 && row.request != nullptr && unowned(row))
+            candidate = static_cast<int>(i);
+    }
+    if (candidate == 0) {
+        if (all == LDAP_MSG_ALL) {
+            LDAP_TRACE(LDAP_TRC_ERROR, "Error - ldap_get_msg_any: No free row available in table "
+                                       "for msgid=LDAP_RES_ANY\n");
+            return ldap_fail_minus_one(ld, LDAP_PARAM_ERROR);
+        }
+        *msgid = 0;
+        LDAP_TRACE(LDAP_TRC_API, "ldap_get_msg_any: returning msgid=0\n");
+        return 0;
+    }
+    // Rotate "any" waiters over the unclaimed operations instead of always serving the lowest.
+    int taken = candidate;
+    int last = table->last_shared_row;
+    if (last != 0 && static_cast<uint32_t>(last) != count - 1) {
+        for (uint32_t i = static_cast<uint32_t>(last) + 1; i < count; ++i) {
+            const LDAPMsgRow &row = table->rows[i];
+            if ((row.flags & ROW_ABANDONED) == 0 && row.request != nullptr && unowned(row)) {
+                taken = static_cast<int>(i);
+                break;
+            }
+        }
+    }
+    table->last_shared_row = taken;
+    table->rows[taken].owner = pthread_self();
+    LDAP_TRACE(LDAP_TRC_API, "ldap_get_msg_any: will take row-id = %d\n", taken);
+    *msgid = taken;
+    return 0;
+}
+
+void ldap_msg_table_release_msgid(LDAPMsgTable *table, int msgid)
+{
+    if (table == nullptr)
+        return;
+    LDAP_LOCK(guard, &table->table_lock, MODULE);
+    if (guard.locked())
+        ldap_msg_table_release_msgid_direct(table, msgid);
+}
+
+void ldap_msg_table_release_msgid_direct(LDAPMsgTable *table, int msgid)
+{
+    if (msgid < 0 || static_cast<uint32_t>(msgid) >= table->row_count)
+        return;
+    // Releasing a free row twice would count it free twice and corrupt allocation.
+    if ((table->rows[msgid].flags & ROW_IN_USE) == 0)
+        return;
+    ldap_msg_table_clear_row(&table->rows[msgid]);
+    table->free_rows += 1;
+    pthread_cond_broadcast(&table->released);
+}
+
+int ldap_msg_table_release_if_done(LDAPMsgTable *table, int row)
+{
+    LDAP_LOCK(guard, &table->table_lock, MODULE);
+    if (!guard.locked() || row <= 0 || static_cast<uint32_t>(row) >= table->row_count)
+        return 0;
+    const LDAPMsgRow &r = table->rows[row];
+    if ((r.flags & ROW_COMPLETE) == 0 || r.first != nullptr || r.child != nullptr)
+        return 0;
+    ldap_msg_table_release_msgid_direct(table, row);
+    return 1;
+}
+
+void ldap_msg_table_release_child(LDAP *ld, LDAPMsgTable *table, int row)
+{
+    LDAP_LOCK(guard, &table->table_lock, MODULE);
+    if (!guard.locked()) {
+        (void)ldap_fail(ld, guard.rc());
+        return;
+    }
+    if (row < 0 || static_cast<uint32_t>(row) >= table->row_count)
+        return;
+    const LDAPMsgRow &r = table->rows[row];
+    if (!owned_by_me(r) || r.parent == nullptr)
+        return;
+    LDAPRowLink parent = *r.parent;
+    ldap_msg_table_release_msgid_direct(table, row);
+    guard.unlock();
+
+    LDAP_LOCK(parent_guard, &parent.table->table_lock, MODULE);
+    if (!parent_guard.locked()) {
+        (void)ldap_fail(ld, parent_guard.rc());
+        return;
+    }
+    if (parent.row >= 0 && static_cast<uint32_t>(parent.row) < parent.table->row_count) {
+        LDAPMsgRow &p = parent.table->rows[parent.row];
+        lber_free(p.child);
+        p.child = nullptr;
+    }
+    parent_guard.unlock();
+    (void)ldap_set_lderrno_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
+}
+
+void ldap_msg_table_mark_rows(LDAP *ld, int msgid, uint32_t bits)
+{
+    if (ld == nullptr || ld->ld_defconn == nullptr)
+        return;
+    LDAPRowLink at = {ld->ld_defconn->table, msgid};
+    while (at.table != nullptr) {
+        LDAP_LOCK(guard, &at.table->table_lock, MODULE);
+        if (!guard.locked()) {
+            (void)ldap_fail(ld, guard.rc());
+            return;
+        }
+        if (at.row < 0 || static_cast<uint32_t>(at.row) >= at.table->row_count)
+            return;
+        LDAPMsgRow &row = at.table->rows[at.row];
+        row.flags |= bits;
+        at = row.child != nullptr ? *row.child : LDAPRowLink{nullptr, 0};
+    }
+}
+
+void ldap_msg_table_unlink_response(LDAPMessage *msg)
+{
+    if (msg == nullptr || msg->lm_conn == nullptr || msg->lm_conn->table == nullptr)
+        return;
+    LDAPMsgTable *table = msg->lm_conn->table;
+    LDAP_LOCK(guard, &table->table_lock, MODULE);
+    if (!guard.locked())
+        return;
+    int id = msg->lm_msgid;
+    if (id >= 0 && static_cast<uint32_t>(id) < table->row_count) {
+        LDAPMsgRow &row = table->rows[id];
+        LDAPMessage *next = msg->lm_chain;
+        LDAPMessage *prev = msg->lm_prev;
+        if (row.first == msg)
+            row.first = next;
+        else if (prev != nullptr && prev->lm_chain == msg)
+            prev->lm_chain = next;
+        if (next != nullptr && next->lm_prev == msg)
+            next->lm_prev = prev;
+        if (row.last == msg)
+            row.last = prev;
+        if (row.next_undelivered == msg)
+            row.next_undelivered = next;
+    }
+    msg->lm_chain = nullptr;
+    msg->lm_prev = nullptr;
+}
+
+int ldap_msg_table_take_next(LDAPMsgRow *row, LDAPMessage **result)
+{
+    LDAPMessage *next = row->next_undelivered;
+    if (next == nullptr)
+        return 0;
+    row->next_undelivered = next->lm_chain;
+    *result = next;
+    return 1;
+}
+
+void ldap_msg_table_clear_row(LDAPMsgRow *row)
+{
+    free_msg(row->request, 0);
+    free_msg(row->first, 1);
+    free_msg(row->saved_result, 0);
+    lber_free(row->parent);
+    lber_free(row->child);
+    lber_free(row->pending_referral);
+    *row = LDAPMsgRow{};
+}

@@ -1,0 +1,233 @@
+// Many threads on one handle: each collects only its own responses while the waiting threads
+// take turns reading, the server answers in a shuffled order, and the table drains.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <random>
+#include <thread>
+
+#include "libldap/ldap_error.h"
+#include "libldap/ldap_init.h"
+#include "libldap/ldap_message.h"
+#include "libldap/ldap_result.h"
+#include "libldap/ldap_table.h"
+#include "libldap/ldap_unbind.h"
+#include "support/engine_client.h"
+#include "support/fake_server.h"
+
+using namespace wzrtest;
+using namespace std::chrono_literals;
+
+namespace {
+
+// Answers every request with an extended response naming its id, holding each read's batch
+// back and sending it shuffled, so that responses overtake each other.
+void answer_shuffled(FakeServer &server)
+{
+    auto pending = std::make_shared<std::vector<int>>();
+    auto rng = std::make_shared<std::mt19937>(12345);
+    server.on_request([pending](const ReceivedRequest &req, FakeConnection &) {
+        pending->push_back(req.msgid); // only the connection's own thread touches it
+    });
+    server.on_idle([pending, rng](FakeConnection &conn) {
+        std::shuffle(pending->begin(), pending->end(), *rng);
+        std::string out;
+        for (int id : *pending)
+            out += extended_response_pdu(id, 0, "", "for " + std::to_string(id));
+        pending->clear();
+        conn.send(out);
+    });
+}
+
+int free_rows(LDAPMsgTable *table)
+{
+    pthread_mutex_lock(&table->table_lock);
+    int n = table->free_rows;
+    pthread_mutex_unlock(&table->table_lock);
+    return n;
+}
+
+std::string text_of(LDAPMessage *res)
+{
+    BerElement *c = ber_dup(res->lm_ber);
+    int code = -1;
+    char *matched = nullptr;
+    char *text = nullptr;
+    std::string out;
+    if (fber_scanf(c, "{iaa", &code, &matched, &text) != LBER_ERROR && text != nullptr)
+        out = text;
+    lber_free(matched);
+    lber_free(text);
+    ber_free(c, 0);
+    return out;
+}
+
+} // namespace
+
+TEST(EngineThreads, EveryThreadGetsExactlyItsOwnResponsesAndTheTableDrains)
+{
+    FakeServer server;
+    answer_shuffled(server);
+    LDAP *ld = ldap_init(server.host_port().c_str(), 0);
+    ASSERT_NE(ld, nullptr);
+    constexpr int THREADS = 32;
+    constexpr int REQUESTS = 200;
+    constexpr int BATCH = 4; // outstanding per thread, collected in a scrambled order
+    std::atomic<int> wrong{0};
+    std::atomic<int> failed{0};
+    std::atomic<int> received{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < THREADS; ++t) {
+        threads.emplace_back([&, t] {
+            std::mt19937 rng(static_cast<unsigned>(t));
+            for (int done = 0; done < REQUESTS; done += BATCH) {
+                std::vector<int> ids;
+                for (int i = 0; i < BATCH; ++i) {
+                    int id = send_extended(ld);
+                    if (id <= 0) {
+                        failed++;
+                        return;
+                    }
+                    ids.push_back(id);
+                }
+                std::shuffle(ids.begin(), ids.end(), rng);
+                for (int id : ids) {
+                    LDAPMessage *res = nullptr;
+                    struct timeval wait = {20, 0};
+                    int type = ldap_result(ld, id, LDAP_MSG_ONE, &wait, &res);
+                    if (type != LDAP_RES_EXTENDED) {
+                        failed++;
+                        return;
+                    }
+                    if (ldap_msgid(res) != id || text_of(res) != "for " + std::to_string(id))
+                        wrong++;
+                    received++;
+                    if (ldap_msgfree(res) != LDAP_RES_EXTENDED)
+                        wrong++;
+                }
+            }
+        });
+    }
+    for (std::thread &t : threads)
+        t.join();
+    EXPECT_EQ(failed.load(), 0);
+    EXPECT_EQ(wrong.load(), 0);
+    EXPECT_EQ(received.load(), THREADS * REQUESTS);
+    LDAPMsgTable *table = ld->ld_defconn->table;
+    EXPECT_EQ(free_rows(table), static_cast<int>(table->row_count));
+    EXPECT_EQ(table->queue_head, nullptr);
+    EXPECT_EQ(server.request_count(), static_cast<size_t>(THREADS * REQUESTS));
+    EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
+TEST(EngineThreads, WaiterGetsItsResponseWhileAnotherThreadReads)
+{
+    FakeServer server;
+    LDAP *ld = ldap_init(server.host_port().c_str(), 0);
+    ASSERT_NE(ld, nullptr);
+    int first = send_extended(ld);
+    ASSERT_GT(first, 0);
+    std::atomic<int> first_type{-2};
+    std::thread blocked([&] {
+        LDAPMessage *res = nullptr;
+        first_type = ldap_result(ld, first, LDAP_MSG_ONE, nullptr, &res); // no time limit
+        ldap_msgfree(res);
+    });
+    std::this_thread::sleep_for(100ms); // the blocked thread holds the reading turn by now
+    int second = send_extended(ld);
+    ASSERT_GT(second, 0);
+    ASSERT_TRUE(server.wait_for_requests(2));
+    server.connection(0)->send(extended_response_pdu(second, 0, "", "second"));
+    // The reply for `second` is read by the blocked thread and must reach this one.
+    LDAPMessage *res = nullptr;
+    struct timeval wait = {10, 0};
+    ASSERT_EQ(ldap_result(ld, second, LDAP_MSG_ONE, &wait, &res), LDAP_RES_EXTENDED);
+    EXPECT_EQ(ldap_msgid(res), second);
+    ldap_msgfree(res);
+    EXPECT_EQ(first_type.load(), -2); // still waiting for its own
+    server.connection(0)->send(extended_response_pdu(first, 0, "", "first"));
+    blocked.join();
+    EXPECT_EQ(first_type.load(), LDAP_RES_EXTENDED);
+    EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
+TEST(EngineThreads, ShortTimeOutIsKeptWhileAnotherThreadReadsWithoutLimit)
+{
+    FakeServer server;
+    LDAP *ld = ldap_init(server.host_port().c_str(), 0);
+    ASSERT_NE(ld, nullptr);
+    int a = send_extended(ld);
+    int b = send_extended(ld);
+    ASSERT_TRUE(server.wait_for_requests(2));
+    std::thread reader([&] {
+        LDAPMessage *res = nullptr;
+        EXPECT_EQ(ldap_result(ld, a, LDAP_MSG_ONE, nullptr, &res), LDAP_RES_EXTENDED);
+        ldap_msgfree(res);
+    });
+    std::this_thread::sleep_for(50ms);
+    LDAPMessage *res = nullptr;
+    struct timeval wait = {0, 200000};
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(ldap_result(ld, b, LDAP_MSG_ONE, &wait, &res), 0);
+    EXPECT_EQ(thread_error(ld), LDAP_TIMEOUT);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
+    server.connection(0)->send(extended_response_pdu(a, 0, "", "a"));
+    reader.join();
+    EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
+TEST(EngineThreads, UnbindWaitsForAThreadInResultWithATimeOut)
+{
+    FakeServer server;
+    LDAP *ld = ldap_init(server.host_port().c_str(), 0);
+    ASSERT_NE(ld, nullptr);
+    int id = send_extended(ld);
+    ASSERT_GT(id, 0);
+    std::atomic<bool> returned{false};
+    std::atomic<int> type{-2};
+    std::thread waiter([&] {
+        LDAPMessage *res = nullptr;
+        struct timeval wait = {0, 300000};
+        type = ldap_result(ld, id, LDAP_MSG_ONE, &wait, &res);
+        returned = true;
+    });
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(ldap_unbind(ld), 0); // waits for the operation in progress to end
+    EXPECT_TRUE(returned.load());
+    waiter.join();
+    EXPECT_EQ(type.load(), 0);
+}
+
+TEST(EngineThreads, AnyWaitersShareTheOutstandingOperations)
+{
+    FakeServer server;
+    answer_shuffled(server);
+    LDAP *ld = ldap_init(server.host_port().c_str(), 0);
+    ASSERT_NE(ld, nullptr);
+    constexpr int COUNT = 64;
+    for (int i = 0; i < COUNT; ++i)
+        ASSERT_GT(send_extended(ld), 0);
+    ASSERT_TRUE(server.wait_for_requests(COUNT));
+    std::atomic<int> got{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&] {
+            for (;;) {
+                LDAPMessage *res = nullptr;
+                struct timeval wait = {0, 300000};
+                int type = ldap_result(ld, LDAP_RES_ANY, LDAP_MSG_ONE, &wait, &res);
+                if (type <= 0)
+                    return;
+                if (ldap_msgid(res) > 0)
+                    got++;
+                ldap_msgfree(res);
+            }
+        });
+    }
+    for (std::thread &t : threads)
+        t.join();
+    EXPECT_EQ(got.load(), COUNT);
+    EXPECT_EQ(free_rows(ld->ld_defconn->table), 256);
+    EXPECT_EQ(ldap_unbind(ld), 0);
+}

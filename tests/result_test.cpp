@@ -1,0 +1,399 @@
+// Result retrieval against the fake server: filing out of order, entries then the final
+// result, the two modes and their time-outs, partial PDUs, the notice of disconnection,
+// broken streams, unreachable servers and the write time-out choice.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <thread>
+
+#include "libldap/ldap_error.h"
+#include "libldap/ldap_init.h"
+#include "libldap/ldap_message.h"
+#include "libldap/ldap_queue.h"
+#include "libldap/ldap_request.h"
+#include "libldap/ldap_result.h"
+#include "libldap/ldap_table.h"
+#include "libldap/ldap_unbind.h"
+#include "support/engine_client.h"
+#include "support/fake_server.h"
+
+using namespace wzrtest;
+using namespace std::chrono_literals;
+
+namespace {
+
+class Result : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ld_ = ldap_init(server_.host_port().c_str(), 0);
+        ASSERT_NE(ld_, nullptr);
+        table_ = ld_->ld_defconn->table;
+    }
+    void TearDown() override
+    {
+        if (ld_ != nullptr) {
+            EXPECT_EQ(ldap_unbind(ld_), 0);
+        }
+    }
+    int send() { return send_extended(ld_); }
+    int free_rows()
+    {
+        pthread_mutex_lock(&table_->table_lock);
+        int n = table_->free_rows;
+        pthread_mutex_unlock(&table_->table_lock);
+        return n;
+    }
+
+    FakeServer server_;
+    LDAP *ld_ = nullptr;
+    LDAPMsgTable *table_ = nullptr;
+};
+
+struct timeval tv(long sec, long usec = 0) { return {sec, usec}; }
+
+} // namespace
+
+TEST_F(Result, ResponsesOutOfOrderReachTheirOwnIds)
+{
+    std::vector<int> ids = {send(), send(), send()};
+    ASSERT_TRUE(server_.wait_for_requests(3));
+    FakeConnection *c = server_.connection(0);
+    for (int i : {2, 0, 1})
+        c->send(extended_response_pdu(ids[i], 0, "", "answer " + std::to_string(ids[i])));
+    for (int id : ids) {
+        LDAPMessage *res = nullptr;
+        ASSERT_EQ(ldap_result(ld_, id, LDAP_MSG_ONE, nullptr, &res), LDAP_RES_EXTENDED);
+        EXPECT_EQ(ldap_msgid(res), id);
+        EXPECT_EQ(ldap_msgfree(res), LDAP_RES_EXTENDED);
+    }
+    EXPECT_EQ(free_rows(), 256); // every row went back with its last record
+}
+
+TEST_F(Result, EntriesThenFinalResultOneAtATime)
+{
+    int id = send();
+    server_.wait_for_requests(1);
+    FakeConnection *c = server_.connection(0);
+    c->send(search_entry_pdu(id, "cn=a", {{"cn", {"a"}}}) +
+            search_entry_pdu(id, "cn=b", {{"cn", {"b"}}}) + ldap_result_pdu(id, 0x65, 0));
+    std::vector<LDAPMessage *> got;
+    for (int expect : {LDAP_RES_SEARCH_ENTRY, LDAP_RES_SEARCH_ENTRY, LDAP_RES_SEARCH_RESULT}) {
+        LDAPMessage *res = nullptr;
+        ASSERT_EQ(ldap_result(ld_, id, LDAP_MSG_ONE, nullptr, &res), expect);
+        EXPECT_EQ(ldap_count_messages(ld_, res), 1); // single: its chain links are not followed
+        EXPECT_EQ(ldap_next_message(ld_, res), nullptr);
+        got.push_back(res);
+    }
+    // The result is collected: a further wait on the id is refused.
+    LDAPMessage *again = nullptr;
+    EXPECT_EQ(ldap_result(ld_, id, LDAP_MSG_ONE, nullptr, &again), -1);
+    EXPECT_EQ(thread_error(ld_), LDAP_LOCAL_ERROR);
+    // Freeing a single record leaves the others; the id goes back with the last of them.
+    EXPECT_EQ(ldap_msgfree(got[1]), LDAP_RES_SEARCH_ENTRY);
+    EXPECT_EQ(ldap_msgfree(got[2]), LDAP_RES_SEARCH_RESULT);
+    EXPECT_EQ(free_rows(), 255);
+    EXPECT_EQ(ldap_msgfree(got[0]), LDAP_RES_SEARCH_ENTRY);
+    EXPECT_EQ(free_rows(), 256);
+}
+
+TEST_F(Result, AllModeReturnsTheWholeChainAndAnyNonZeroModeActsLikeIt)
+{
+    for (int mode : {1, 2, 7}) {
+        int id = send();
+        ASSERT_GT(id, 0);
+        server_.wait_for_requests(static_cast<size_t>(mode == 1 ? 1 : mode == 2 ? 2 : 3));
+        server_.connection(0)->send(search_entry_pdu(id, "cn=a", {}) +
+                                    search_entry_pdu(id, "cn=b", {}) +
+                                    ldap_result_pdu(id, 0x65, 0));
+        LDAPMessage *res = nullptr;
+        ASSERT_EQ(ldap_result(ld_, id, mode, nullptr, &res), LDAP_RES_SEARCH_RESULT) << mode;
+        EXPECT_EQ(ldap_count_messages(ld_, res), 3);
+        EXPECT_EQ(ldap_msgtype(res), LDAP_RES_SEARCH_ENTRY);
+        LDAPMessage *second = ldap_next_message(ld_, res);
+        ASSERT_NE(second, nullptr);
+        EXPECT_EQ(ldap_msgtype(ldap_next_message(ld_, second)), LDAP_RES_SEARCH_RESULT);
+        EXPECT_EQ(ldap_msgfree(res), LDAP_RES_SEARCH_RESULT); // the chain's final type
+        EXPECT_EQ(free_rows(), 256);
+    }
+}
+
+TEST_F(Result, ZeroTimeoutWithNothingArrivedRecords85)
+{
+    int id = send();
+    LDAPMessage *res = nullptr;
+    struct timeval zero = tv(0);
+    EXPECT_EQ(ldap_result(ld_, id, LDAP_MSG_ONE, &zero, &res), 0);
+    EXPECT_EQ(res, nullptr);
+    EXPECT_EQ(thread_error(ld_), LDAP_TIMEOUT);
+    struct timeval short_wait = tv(0, 100000);
+    EXPECT_EQ(ldap_result(ld_, id, LDAP_MSG_ALL, &short_wait, &res), 0);
+    EXPECT_EQ(thread_error(ld_), LDAP_TIMEOUT);
+}
+
+TEST_F(Result, AllModeTimeOutLosesNothing)
+{
+    int id = send();
+    server_.wait_for_requests(1);
+    FakeConnection *c = server_.connection(0);
+    c->send(search_entry_pdu(id, "cn=a", {}) + search_entry_pdu(id, "cn=b", {}));
+    LDAPMessage *res = nullptr;
+    struct timeval wait = tv(0, 200000);
+    EXPECT_EQ(ldap_result(ld_, id, LDAP_MSG_ALL, &wait, &res), 0);
+    EXPECT_EQ(res, nullptr);
+    EXPECT_EQ(thread_error(ld_), LDAP_TIMEOUT);
+    c->send(ldap_result_pdu(id, 0x65, 0));
+    ASSERT_EQ(ldap_result(ld_, id, LDAP_MSG_ALL, nullptr, &res), LDAP_RES_SEARCH_RESULT);
+    ASSERT_EQ(ldap_count_messages(ld_, res), 3); // starts again from the first entry
+    char *dn = nullptr;
+    BerElement *cur = ber_dup(res->lm_ber);
+    ASSERT_NE(fber_scanf(cur, "{a", &dn), LBER_ERROR);
+    EXPECT_STREQ(dn, "cn=a");
+    lber_free(dn);
+    ber_free(cur, 0);
+    EXPECT_EQ(ldap_msgfree(res), LDAP_RES_SEARCH_RESULT);
+}
+
+TEST_F(Result, PduInPiecesWithPausesAndAStallContinueTheSameMessage)
+{
+    int id = send();
+    server_.wait_for_requests(1);
+    FakeConnection *c = server_.connection(0);
+    std::string pdu = extended_response_pdu(id, 0, "", std::string(300, 'x'));
+    // First a stall in the middle: the wait times out and the partial PDU is kept.
+    c->send(pdu.substr(0, 7));
+    LDAPMessage *res = nullptr;
+    struct timeval wait = tv(0, 150000);
+    EXPECT_EQ(ldap_result(ld_, id, LDAP_MSG_ONE, &wait, &res), 0);
+    EXPECT_NE(table_->read_state, nullptr);
+    // Then the rest in pieces, cut inside the length and the contents, with pauses.
+    std::thread sender([&] { c->send_pieces(pdu.substr(7), {1, 2, 50, 120}, 30ms); });
+    ASSERT_EQ(ldap_result(ld_, id, LDAP_MSG_ONE, nullptr, &res), LDAP_RES_EXTENDED);
+    sender.join();
+    EXPECT_EQ(ldap_msgid(res), id);
+    EXPECT_EQ(table_->read_state, nullptr);
+    EXPECT_EQ(ldap_msgfree(res), LDAP_RES_EXTENDED);
+}
+
+TEST_F(Result, NoticeOfDisconnectionFailsTheWaitWithTheServersText)
+{
+    int id = send();
+    server_.wait_for_requests(1);
+    server_.connection(0)->send(notice_of_disconnection_pdu("going away for maintenance"));
+    LDAPMessage *res = nullptr;
+    EXPECT_EQ(ldap_result(ld_, id, LDAP_MSG_ONE, nullptr, &res), -1);
+    EXPECT_EQ(thread_error(ld_), LDAP_PROTOCOL_ERROR);
+    EXPECT_EQ(thread_error_text(ld_), "going away for maintenance");
+    // The notice was freed and is neither queued nor filed in row 0.
+    EXPECT_EQ(table_->queue_head, nullptr);
+    EXPECT_EQ(table_->rows[0].first, nullptr);
+    // When the server then closes, the connection is dead.
+    server_.connection(0)->close();
+    EXPECT_EQ(ldap_result(ld_, id, LDAP_MSG_ONE, nullptr, &res), -1);
+    EXPECT_EQ(thread_error(ld_), LDAP_SERVER_DOWN);
+}
+
+TEST_F(Result, GarbageKillsTheConnectionAndEverythingAfterAnswers81)
+{
+    int id = send();
+    server_.wait_for_requests(1);
+    server_.connection(0)->send(std::string("\x1f\xff\x00\x01", 4));
+    LDAPMessage *res = nullptr;
+    EXPECT_EQ(ldap_result(ld_, id, LDAP_MSG_ONE, nullptr, &res), -1);
+    EXPECT_EQ(thread_error(ld_), LDAP_SERVER_DOWN);
+    EXPECT_NE(ld_->ld_defconn->dead, 0);
+    EXPECT_EQ(ldap_result(ld_, id, LDAP_MSG_ONE, nullptr, &res), -1);
+    EXPECT_EQ(thread_error(ld_), LDAP_SERVER_DOWN);
+    int rc = 0;
+    EXPECT_EQ(send_extended(ld_, WHOAMI_OID, &rc), -1);
+    EXPECT_EQ(rc, LDAP_SERVER_DOWN);
+    EXPECT_EQ(server_.request_count(), 1u); // nothing more was written
+}
+
+TEST_F(Result, WellFramedButUndecodableMessageKillsTheConnection)
+{
+    int id = send();
+    server_.wait_for_requests(1);
+    server_.connection(0)->send(ber_seq(ber_str("not an id") + ber_seq("", 0x65)));
+    LDAPMessage *res = nullptr;
+    EXPECT_EQ(ldap_result(ld_, id, LDAP_MSG_ONE, nullptr, &res), -1);
+    EXPECT_EQ(thread_error(ld_), LDAP_SERVER_DOWN);
+}
+
+TEST_F(Result, AbruptCloseAnswers81)
+{
+    int id = send();
+    server_.wait_for_requests(1);
+    server_.connection(0)->reset();
+    LDAPMessage *res = nullptr;
+    EXPECT_EQ(ldap_result(ld_, id, LDAP_MSG_ONE, nullptr, &res), -1);
+    EXPECT_EQ(thread_error(ld_), LDAP_SERVER_DOWN);
+}
+
+TEST_F(Result, ResponsesForUnknownIdsAreDroppedAndDoNotDisturb)
+{
+    int id = send();
+    server_.wait_for_requests(1);
+    server_.connection(0)->send(ldap_result_pdu(200, 0x65, 0) + ldap_result_pdu(70000, 0x65, 0) +
+                                extended_response_pdu(id, 0, "", "mine"));
+    LDAPMessage *res = nullptr;
+    ASSERT_EQ(ldap_result(ld_, id, LDAP_MSG_ONE, nullptr, &res), LDAP_RES_EXTENDED);
+    EXPECT_EQ(ldap_msgfree(res), LDAP_RES_EXTENDED);
+    EXPECT_EQ(table_->rows[200].first, nullptr);
+}
+
+TEST_F(Result, ArgumentAndOwnershipChecks)
+{
+    LDAPMessage *res = nullptr;
+    EXPECT_EQ(ldap_result(ld_, 256, LDAP_MSG_ONE, nullptr, &res), -1); // >= row count
+    EXPECT_EQ(thread_error(ld_), LDAP_PARAM_ERROR);
+    EXPECT_EQ(ldap_result(ld_, 0, LDAP_MSG_ALL, nullptr, &res), -1);
+    EXPECT_EQ(thread_error(ld_), LDAP_PARAM_ERROR);
+    EXPECT_EQ(ldap_result(ld_, -2, LDAP_MSG_ONE, nullptr, &res), -1);
+    EXPECT_EQ(ldap_result(ld_, 1, LDAP_MSG_ONE, nullptr, nullptr), -1);
+    EXPECT_EQ(ldap_result(nullptr, 1, LDAP_MSG_ONE, nullptr, &res), -1);
+    EXPECT_EQ(ldap_result(ld_, 9, LDAP_MSG_ONE, nullptr, &res), -1); // never sent
+    EXPECT_EQ(thread_error(ld_), LDAP_PARAM_ERROR);
+
+    int id = send();
+    struct timeval zero = tv(0);
+    EXPECT_EQ(ldap_result(ld_, id, LDAP_MSG_ONE, &zero, &res), 0); // this thread owns it now
+    int other_rc = 0;
+    int other_err = 0;
+    std::thread other([&] {
+        LDAPMessage *r = nullptr;
+        other_rc = ldap_result(ld_, id, LDAP_MSG_ONE, &zero, &r);
+        other_err = thread_error(ld_);
+    });
+    other.join();
+    EXPECT_EQ(other_rc, -1);
+    EXPECT_EQ(other_err, LDAP_LOCAL_ERROR);
+}
+
+TEST_F(Result, AnyWithNothingOutstandingIsServedFromRowZero)
+{
+    int id = send(); // opens the connection
+    server_.wait_for_requests(1);
+    server_.connection(0)->send(extended_response_pdu(id, 0, "", "done"));
+    LDAPMessage *res = nullptr;
+    ASSERT_EQ(ldap_result(ld_, LDAP_RES_ANY, LDAP_MSG_ONE, nullptr, &res), LDAP_RES_EXTENDED);
+    EXPECT_EQ(ldap_msgid(res), id);
+    EXPECT_EQ(ldap_msgfree(res), LDAP_RES_EXTENDED);
+
+    server_.connection(0)->send(extended_response_pdu(0, 0, "", "unsolicited", "1.2.3.4"));
+    ASSERT_EQ(ldap_result(ld_, LDAP_RES_ANY, LDAP_MSG_ONE, nullptr, &res), LDAP_RES_EXTENDED);
+    EXPECT_EQ(ldap_msgid(res), 0);
+    EXPECT_EQ(ldap_msgfree(res), LDAP_RES_EXTENDED);
+    EXPECT_EQ(ldap_result(ld_, LDAP_RES_ANY, LDAP_MSG_ALL, nullptr, &res), -1);
+    EXPECT_EQ(thread_error(ld_), LDAP_PARAM_ERROR);
+}
+
+TEST(ResultUnreachable, FirstSendFailsToConnectAndTheSecondFailsAtOnce)
+{
+    int probe = socket(AF_INET, SOCK_STREAM, 0);
+    struct sockaddr_in addr {};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof addr;
+    ASSERT_EQ(bind(probe, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+    ASSERT_EQ(getsockname(probe, reinterpret_cast<sockaddr *>(&addr), &len), 0);
+    close(probe); // nothing listens on this port now
+    std::string host = "127.0.0.1:" + std::to_string(ntohs(addr.sin_port));
+    LDAP *ld = ldap_init(host.c_str(), 0);
+    ASSERT_NE(ld, nullptr);
+    int rc = 0;
+    EXPECT_EQ(send_extended(ld, WHOAMI_OID, &rc), -1);
+    EXPECT_TRUE(rc == LDAP_CONNECT_ERROR || rc == LDAP_SERVER_DOWN) << rc;
+    EXPECT_EQ(ld->ld_defconn->table->free_rows, 256); // the failed request's id went back
+    {
+        TraceCapture trace;
+        EXPECT_EQ(send_extended(ld, WHOAMI_OID, &rc), -1);
+        EXPECT_EQ(rc, LDAP_SERVER_DOWN);
+        EXPECT_TRUE(trace.contains("ldap_write_msg: Socket connection was closed earlier\n"));
+    }
+    LDAPMessage *res = nullptr;
+    EXPECT_EQ(ldap_result(ld, LDAP_RES_ANY, LDAP_MSG_ONE, nullptr, &res), -1);
+    EXPECT_EQ(thread_error(ld), LDAP_SERVER_DOWN);
+    EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
+TEST(WriteTimeout, TheSettingOverridesTheCallerAndOnlyPositiveValuesCount)
+{
+    EXPECT_EQ(ldap_parse_write_timeout("5"), 5);
+    EXPECT_EQ(ldap_parse_write_timeout("0"), -1);
+    EXPECT_EQ(ldap_parse_write_timeout("-3"), -1);
+    EXPECT_EQ(ldap_parse_write_timeout("soon"), -1);
+    EXPECT_EQ(ldap_parse_write_timeout(nullptr), -1);
+
+    struct timeval caller = {60, 0};
+    struct timeval buffer = {};
+    struct timeval *chosen = ldap_write_wait_timeout(5, &caller, &buffer);
+    ASSERT_NE(chosen, nullptr);
+    EXPECT_EQ(chosen->tv_sec, 5);
+    EXPECT_EQ(chosen->tv_usec, 0);
+    chosen = ldap_write_wait_timeout(-1, &caller, &buffer);
+    ASSERT_NE(chosen, nullptr);
+    EXPECT_EQ(chosen->tv_sec, 60);
+    EXPECT_EQ(ldap_write_wait_timeout(-1, nullptr, &buffer), nullptr); // unlimited
+    EXPECT_EQ(ldap_write_wait_timeout(5, nullptr, &buffer)->tv_sec, 5);
+}
+
+TEST(WriteTimeout, ReadOncePerProcess)
+{
+    ScopedEnv first("LDAP_LIB_WRITE_TIMEOUT", std::string("7"));
+    int seen = ldap_get_write_timeout();
+    ScopedEnv later("LDAP_LIB_WRITE_TIMEOUT", std::string("9"));
+    EXPECT_EQ(ldap_get_write_timeout(), seen); // a later change is not seen
+}
+
+TEST(WaitOnSocket, LargeDescriptorsAreSupported)
+{
+    int sv[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+    int high = fcntl(sv[0], F_DUPFD, 1500); // beyond the standard descriptor set
+    if (high < 0)
+        GTEST_SKIP() << "descriptor limit too low";
+    struct timeval wait = {1, 0};
+    EXPECT_EQ(waitOnSocket(high, &wait), 1);
+    EXPECT_EQ(waitOnSocket(70000, &wait), -1);
+    close(high);
+    close(sv[0]);
+    close(sv[1]);
+}
+
+TEST_F(Result, ReadStateAllocationFailuresRecord90)
+{
+    int id = send();
+    server_.wait_for_requests(1);
+    (void)ldap_set_lderrno_direct(ld_, 0, nullptr, nullptr); // this thread's record exists
+    LDAPConn *lc = ld_->ld_defconn;
+    bool read = false;
+    int walked = walk_alloc_failures([&] {
+        if (!read)
+            server_.connection(0)->send(extended_response_pdu(id, 0, "", ""));
+        struct timeval wait = {2, 0};
+        int rc = ldap_get_msg(ld_, lc, &wait);
+        if (rc == 1) {
+            read = true;
+            pthread_mutex_lock(&table_->table_lock);
+            flush_queue(table_);
+            LDAPMsgRow &row = table_->rows[id];
+            free_msg(row.first, 1); // what this attempt allocated goes again
+            row.first = row.last = row.next_undelivered = nullptr;
+            row.flags &= ~ROW_COMPLETE;
+            pthread_mutex_unlock(&table_->table_lock);
+            return true;
+        }
+        // Memory for the read state gives 90; a read buffer that cannot be had loses the
+        // stream, and the connection is dead from then on.
+        int err = thread_error(ld_);
+        EXPECT_TRUE(err == LDAP_NO_MEMORY || err == LDAP_SERVER_DOWN) << err;
+        EXPECT_TRUE(rc == -1 || rc == LDAP_SERVER_DOWN) << rc;
+        return false;
+    });
+    EXPECT_GE(walked, 4);
+}

@@ -1,0 +1,42 @@
+// Client-side helpers of the message-engine tests: a handle on a fake server, sending a small
+// request through the common send path, reading the calling thread's error, and capturing
+// the trace into a file.
+#ifndef WZR_TESTS_SUPPORT_ENGINE_CLIENT_H
+#define WZR_TESTS_SUPPORT_ENGINE_CLIENT_H
+
+#include <string>
+
+#include "libldap/ldap_int.h"
+#include "support/test_util.h"
+
+namespace wzrtest {
+
+constexpr const char *WHOAMI_OID = "1.3.6.1.4.1.4203.1.11.3";
+
+// Encodes ExtendedRequest ::= [APPLICATION 23] SEQUENCE { requestName [0] OID } on the
+// handle's default connection and sends it with ldap_send_request. Returns the message id,
+// or -1 with the send's code in *rc.
+int send_extended(LDAP *ld, const char *oid = WHOAMI_OID, int *rc = nullptr);
+
+// The calling thread's error code and text on the handle.
+int thread_error(LDAP *ld);
+std::string thread_error_text(LDAP *ld);
+
+// Traces everything into a temporary file while alive.
+class TraceCapture {
+public:
+    TraceCapture();
+    ~TraceCapture();
+    TraceCapture(const TraceCapture &) = delete;
+    TraceCapture &operator=(const TraceCapture &) = delete;
+    std::string text() const;
+    bool contains(const std::string &needle) const { return text().find(needle) != std::string::npos; }
+
+private:
+    TempDir dir_;
+    std::string path_;
+};
+
+} // namespace wzrtest
+
+#endif

@@ -1,0 +1,334 @@
+// The message table on its own: id allocation with growth, wrap-around and the size limit,
+// row verification and ownership, the rotation of "any" waiters, filing and releasing.
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "libldap/ldap_error.h"
+#include "libldap/ldap_init.h"
+#include "libldap/ldap_message.h"
+#include "libldap/ldap_queue.h"
+#include "libldap/ldap_table.h"
+#include "libldap/ldap_unbind.h"
+#include "support/engine_client.h"
+
+using namespace wzrtest;
+
+namespace {
+
+struct TableDeleter {
+    void operator()(LDAPMsgTable *t) const { ldap_msg_table_free(t); }
+};
+using TablePtr = std::unique_ptr<LDAPMsgTable, TableDeleter>;
+
+TablePtr make_table(unsigned rows = LDAP_TABLE_INITIAL_ROWS)
+{
+    return TablePtr(ldap_msg_table_init(rows));
+}
+
+// A response record for id `msgid` of type `type`, without a BER element.
+LDAPMessage *response(LDAPConn *lc, int msgid, int type)
+{
+    LDAPMessage *m = ldap_msginit(lc);
+    m->lm_msgid = msgid;
+    m->lm_msgtype = type;
+    return m;
+}
+
+// A handle whose table rows the tests fill by hand; it never connects.
+class Rows : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ld_ = ldap_init("127.0.0.1:9", 0);
+        ASSERT_NE(ld_, nullptr);
+        lc_ = ld_->ld_defconn;
+        table_ = lc_->table;
+    }
+    void TearDown() override { EXPECT_EQ(ldap_unbind(ld_), 0); }
+
+    // Takes an id and files a request record in its row, as sending does.
+    int outstanding()
+    {
+        int id = ldap_msg_table_get_next_msgid(table_);
+        LDAPMessage *req = ldap_msginit(lc_);
+        req->lm_msgid = id;
+        table_->rows[id].request = req;
+        return id;
+    }
+    int file(LDAPMessage *m)
+    {
+        pthread_mutex_lock(&table_->table_lock);
+        int rc = put_msg_in_table(table_, m);
+        if (rc != 0)
+            free_msg(m, 0);
+        pthread_mutex_unlock(&table_->table_lock);
+        return rc;
+    }
+
+    LDAP *ld_ = nullptr;
+    LDAPConn *lc_ = nullptr;
+    LDAPMsgTable *table_ = nullptr;
+};
+
+} // namespace
+
+TEST(TableIds, FirstIdIsOneAndGrowthComesAt256)
+{
+    TablePtr t = make_table();
+    ASSERT_NE(t, nullptr);
+    EXPECT_EQ(t->free_rows, 256);
+    for (int expect = 1; expect <= 255; ++expect)
+        ASSERT_EQ(ldap_msg_table_get_next_msgid(t.get()), expect);
+    EXPECT_EQ(t->row_count, 256u);
+    EXPECT_EQ(t->free_rows, 1); // row 0 counts as free
+    EXPECT_EQ(t->rows[255].hop_limit, -1);
+    EXPECT_EQ(ldap_msg_table_get_next_msgid(t.get()), 256);
+    EXPECT_EQ(t->row_count, 512u);
+    EXPECT_EQ(t->free_rows, 256);
+    EXPECT_NE(t->rows[200].flags & ROW_IN_USE, 0u); // rows keep their indexes
+}
+
+TEST(TableIds, WrapsToTheLowestFreeIdAndReusesNothingBeforeThat)
+{
+    TablePtr t = make_table();
+    for (int i = 1; i <= 255; ++i)
+        ASSERT_GT(ldap_msg_table_get_next_msgid(t.get()), 0);
+    ldap_msg_table_release_msgid(t.get(), 7);
+    ldap_msg_table_release_msgid(t.get(), 3);
+    ldap_msg_table_release_msgid(t.get(), 3); // a second release of a free row changes nothing
+    EXPECT_EQ(t->free_rows, 3);
+    EXPECT_EQ(ldap_msg_table_get_next_msgid(t.get()), 3);   // wrapped: lowest free
+    EXPECT_EQ(ldap_msg_table_get_next_msgid(t.get()), 7);   // forward again from 4
+    EXPECT_EQ(ldap_msg_table_get_next_msgid(t.get()), 256); // full: grows
+    EXPECT_EQ(ldap_msg_table_get_next_msgid(nullptr), -1);
+}
+
+TEST(TableIds, CannotGrowBeyond65536Rows)
+{
+    TablePtr t = make_table(LDAP_MAX_TBL_SIZE);
+    for (int i = 1; i < 65536; ++i)
+        ASSERT_EQ(ldap_msg_table_get_next_msgid(t.get()), i);
+    EXPECT_EQ(t->free_rows, 1);
+    TraceCapture trace;
+    EXPECT_EQ(ldap_msg_table_get_next_msgid(t.get()), -1);
+    EXPECT_TRUE(trace.contains("cannot grow beyond LDAP_MAX_TBL_SIZE==65536 rows!\n"));
+    EXPECT_EQ(t->row_count, 65536u);
+}
+
+TEST(TableIds, FailedGrowthLeavesTheTableUntouched)
+{
+    TablePtr t = make_table();
+    for (int i = 1; i <= 255; ++i)
+        ASSERT_GT(ldap_msg_table_get_next_msgid(t.get()), 0);
+    LDAPMsgRow *rows = t->rows;
+    lber_fail_nth_alloc(1);
+    EXPECT_EQ(ldap_msg_table_get_next_msgid(t.get()), -1);
+    lber_fail_nth_alloc(0);
+    EXPECT_EQ(t->rows, rows);
+    EXPECT_EQ(t->row_count, 256u);
+    EXPECT_EQ(t->free_rows, 1);
+    EXPECT_EQ(t->last_msgid, 255);
+    EXPECT_EQ(ldap_msg_table_get_next_msgid(t.get()), 256);
+}
+
+TEST(TableIds, InitAllocationFailuresLeakNothing)
+{
+    int walked = walk_alloc_failures([] {
+        LDAPMsgTable *t = ldap_msg_table_init(256);
+        ldap_msg_table_free(t);
+        return t != nullptr;
+    });
+    EXPECT_EQ(walked, 2);
+}
+
+TEST_F(Rows, VerificationRefusesBadIdsAndSecondCollectors)
+{
+    int id = outstanding();
+    int msgid = 256;
+    EXPECT_EQ(verify_msgid_n_acquire_row(ld_, table_, &msgid, 0), LDAP_PARAM_ERROR);
+    msgid = 0;
+    EXPECT_EQ(verify_msgid_n_acquire_row(ld_, table_, &msgid, LDAP_MSG_ALL), LDAP_PARAM_ERROR);
+    msgid = 0;
+    EXPECT_EQ(verify_msgid_n_acquire_row(ld_, table_, &msgid, LDAP_MSG_ONE), 0);
+    msgid = id + 1; // handed out to nobody
+    EXPECT_EQ(verify_msgid_n_acquire_row(ld_, table_, &msgid, 0), LDAP_PARAM_ERROR);
+
+    msgid = id;
+    EXPECT_EQ(verify_msgid_n_acquire_row(ld_, table_, &msgid, 0), 0);
+    EXPECT_TRUE(pthread_equal(table_->rows[id].owner, pthread_self()));
+    EXPECT_EQ(verify_msgid_n_acquire_row(ld_, table_, &msgid, 0), 0); // the owner again
+    int other = 0;
+    std::thread([&] {
+        int m = id;
+        other = verify_msgid_n_acquire_row(ld_, table_, &m, 0);
+    }).join();
+    EXPECT_EQ(other, LDAP_LOCAL_ERROR);
+
+    // Complete and everything delivered: the result was collected already.
+    ASSERT_EQ(file(response(lc_, id, LDAP_RES_EXTENDED)), 0);
+    EXPECT_NE(table_->rows[id].flags & ROW_COMPLETE, 0u);
+    EXPECT_EQ(verify_msgid_n_acquire_row(ld_, table_, &msgid, 0), 0); // one still undelivered
+    LDAPMessage *got = nullptr;
+    ASSERT_EQ(ldap_msg_table_take_next(&table_->rows[id], &got), 1);
+    EXPECT_EQ(verify_msgid_n_acquire_row(ld_, table_, &msgid, 0), LDAP_LOCAL_ERROR);
+
+    int abandoned = outstanding();
+    table_->rows[abandoned].flags |= ROW_ABANDONED;
+    msgid = abandoned;
+    EXPECT_EQ(verify_msgid_n_acquire_row(ld_, table_, &msgid, 0), LDAP_PARAM_ERROR);
+}
+
+TEST_F(Rows, AnyWaitersRotateOverUnclaimedRows)
+{
+    int msgid = -1;
+    EXPECT_EQ(verify_msgid_n_acquire_row(ld_, table_, &msgid, LDAP_MSG_ONE), 0);
+    EXPECT_EQ(msgid, 0); // nothing outstanding: row 0
+    msgid = -1;
+    EXPECT_EQ(verify_msgid_n_acquire_row(ld_, table_, &msgid, LDAP_MSG_ALL), LDAP_PARAM_ERROR);
+
+    int a = outstanding();
+    int b = outstanding();
+    int c = outstanding();
+    // Thread ids of finished threads are reused: each claim is handed to a stand-in owner
+    // afterwards, so that the next thread is a stranger to every claimed row.
+    const pthread_t stand_in = static_cast<pthread_t>(1);
+    auto any_from_new_thread = [&] {
+        int m = -1;
+        std::thread([&] { EXPECT_EQ(ldap_get_msg_any(ld_, table_, &m, 0), 0); }).join();
+        if (m > 0)
+            table_->rows[m].owner = stand_in;
+        return m;
+    };
+    EXPECT_EQ(any_from_new_thread(), a);
+    EXPECT_EQ(table_->last_shared_row, a);
+    EXPECT_EQ(any_from_new_thread(), b);
+    // The rotation goes on past the last shared row, not back to the lowest unclaimed id.
+    table_->rows[b].owner = 0;
+    table_->last_shared_row = b;
+    EXPECT_EQ(any_from_new_thread(), c);
+    table_->last_shared_row = c;
+    EXPECT_EQ(any_from_new_thread(), b); // nothing above c: the first candidate
+
+    // A thread that owns an unfinished row is given that row.
+    int mine = outstanding();
+    table_->rows[mine].owner = pthread_self();
+    int m = -1;
+    EXPECT_EQ(ldap_get_msg_any(ld_, table_, &m, 0), 0);
+    EXPECT_EQ(m, mine);
+}
+
+TEST_F(Rows, FilingRefusesWhatNobodyCanCollect)
+{
+    EXPECT_EQ(file(response(lc_, 300, LDAP_RES_SEARCH_RESULT)), LDAP_OTHER); // outside
+    EXPECT_EQ(file(response(lc_, 256, LDAP_RES_SEARCH_RESULT)), LDAP_OTHER); // == row count
+    EXPECT_EQ(file(response(lc_, 5, LDAP_RES_SEARCH_RESULT)), LDAP_OTHER);   // no request
+    EXPECT_EQ(file(response(lc_, 0, LDAP_RES_EXTENDED)), 0); // unsolicited: row 0
+    EXPECT_EQ(table_->rows[0].flags & ROW_COMPLETE, 0u);
+
+    int id = outstanding();
+    ASSERT_EQ(file(response(lc_, id, LDAP_RES_SEARCH_ENTRY)), 0);
+    EXPECT_EQ(table_->rows[id].flags & ROW_COMPLETE, 0u);
+    ASSERT_EQ(file(response(lc_, id, LDAP_RES_SEARCH_RESULT)), 0);
+    EXPECT_NE(table_->rows[id].flags & ROW_COMPLETE, 0u);
+    EXPECT_EQ(file(response(lc_, id, LDAP_RES_SEARCH_ENTRY)), LDAP_OTHER); // behind the end
+
+    int abandoned = outstanding();
+    table_->rows[abandoned].flags |= ROW_ABANDONED;
+    {
+        TraceCapture trace;
+        EXPECT_EQ(file(response(lc_, abandoned, LDAP_RES_SEARCH_ENTRY)), LDAP_OTHER);
+        EXPECT_TRUE(trace.contains(
+            "put_msg_in_table: Cant store msg since abandon issued for msgid " +
+            std::to_string(abandoned)));
+    }
+    EXPECT_EQ(table_->rows[abandoned].first, nullptr);
+    int before = table_->free_rows;
+    EXPECT_EQ(file(response(lc_, abandoned, LDAP_RES_SEARCH_RESULT)), LDAP_OTHER);
+    EXPECT_EQ(table_->free_rows, before + 1); // its end came: the id is free again
+
+    int unattended = outstanding();
+    table_->rows[unattended].flags |= ROW_RELEASE_WHEN_DONE;
+    before = table_->free_rows;
+    EXPECT_EQ(file(response(lc_, unattended, LDAP_RES_SEARCH_RESULT)), 0);
+    EXPECT_EQ(table_->free_rows, before + 1);
+    EXPECT_EQ(table_->rows[unattended].flags, 0u);
+}
+
+TEST_F(Rows, QueueDrainsInOrderAndDropsRefusedMessages)
+{
+    int id = outstanding();
+    put_msg_in_queue(table_, response(lc_, id, LDAP_RES_SEARCH_ENTRY));
+    put_msg_in_queue(table_, response(lc_, 77, LDAP_RES_SEARCH_ENTRY)); // refused and freed
+    put_msg_in_queue(table_, response(lc_, id, LDAP_RES_SEARCH_RESULT));
+    pthread_mutex_lock(&table_->table_lock);
+    flush_queue(table_);
+    pthread_mutex_unlock(&table_->table_lock);
+    EXPECT_EQ(table_->queue_head, nullptr);
+    EXPECT_EQ(table_->queue_tail, nullptr);
+    LDAPMessage *m = nullptr;
+    ASSERT_EQ(ldap_msg_table_take_next(&table_->rows[id], &m), 1);
+    EXPECT_EQ(m->lm_msgtype, LDAP_RES_SEARCH_ENTRY);
+    ASSERT_EQ(ldap_msg_table_take_next(&table_->rows[id], &m), 1);
+    EXPECT_EQ(m->lm_msgtype, LDAP_RES_SEARCH_RESULT);
+    EXPECT_EQ(ldap_msg_table_take_next(&table_->rows[id], &m), 0);
+}
+
+TEST_F(Rows, ReleaseRulesAndLinks)
+{
+    int id = outstanding();
+    EXPECT_EQ(ldap_msg_table_release_if_done(table_, id), 0); // not complete
+    ASSERT_EQ(file(response(lc_, id, LDAP_RES_EXTENDED)), 0);
+    EXPECT_EQ(ldap_msg_table_release_if_done(table_, id), 0); // a response is still chained
+    LDAPMessage *m = table_->rows[id].first;
+    ldap_msg_table_unlink_response(m);
+    EXPECT_EQ(table_->rows[id].first, nullptr);
+    EXPECT_EQ(table_->rows[id].last, nullptr);
+    EXPECT_EQ(table_->rows[id].next_undelivered, nullptr);
+    free_msg(m, 0);
+    int before = table_->free_rows;
+    EXPECT_EQ(ldap_msg_table_release_if_done(table_, id), 1);
+    EXPECT_EQ(table_->free_rows, before + 1);
+
+    // mark_rows follows child links; release_child frees the parent's link.
+    int parent = outstanding();
+    int child = outstanding();
+    auto *down = static_cast<LDAPRowLink *>(lber_malloc(sizeof(LDAPRowLink)));
+    *down = {table_, child};
+    auto *up = static_cast<LDAPRowLink *>(lber_malloc(sizeof(LDAPRowLink)));
+    *up = {table_, parent};
+    table_->rows[parent].child = down;
+    table_->rows[child].parent = up;
+    ldap_msg_table_mark_rows(ld_, parent, ROW_RELEASE_WHEN_DONE);
+    EXPECT_NE(table_->rows[parent].flags & ROW_RELEASE_WHEN_DONE, 0u);
+    EXPECT_NE(table_->rows[child].flags & ROW_RELEASE_WHEN_DONE, 0u);
+    table_->rows[child].owner = pthread_self();
+    before = table_->free_rows;
+    ldap_msg_table_release_child(ld_, table_, child);
+    EXPECT_EQ(table_->free_rows, before + 1);
+    EXPECT_EQ(table_->rows[parent].child, nullptr);
+    EXPECT_EQ(table_->rows[child].flags, 0u);
+    EXPECT_EQ(thread_error(ld_), LDAP_SUCCESS);
+}
+
+TEST_F(Rows, SendingFilesTheRequestAndAFailedSendKeepsItUntilTheIdIsReleased)
+{
+    int stored = -1;
+    EXPECT_EQ(ldap_msg_table_send_message(nullptr, ld_, nullptr, &stored, nullptr),
+              LDAP_PARAM_ERROR);
+    EXPECT_EQ(stored, 0);
+    EXPECT_EQ(thread_error(ld_), LDAP_PARAM_ERROR);
+
+    int id = ldap_msg_table_get_next_msgid(table_);
+    LDAPMessage *req = ldap_msginit(lc_);
+    req->lm_msgid = id;
+    req->lm_ber = ldap_alloc_fber(ld_, 0);
+    ASSERT_EQ(fber_printf(req->lm_ber, "{it{ts}}", id, LDAP_REQ_EXTENDED, ber_tag_t{0x80}, "1.2"),
+              0);
+    int rc = ldap_msg_table_send_message(table_, ld_, req, &stored, nullptr);
+    EXPECT_TRUE(rc == LDAP_CONNECT_ERROR || rc == LDAP_SERVER_DOWN) << rc; // nothing listens
+    EXPECT_EQ(stored, 1);
+    EXPECT_EQ(table_->rows[id].request, req);
+    ldap_msg_table_release_msgid(table_, id); // frees the request with the row
+    EXPECT_EQ(table_->rows[id].request, nullptr);
+}
