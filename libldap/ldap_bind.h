@@ -21,6 +21,24 @@ int ldap_sasl_bind_s(LDAP *ld, const char *dn, const char *mechanism, const stru
 [[nodiscard]] int ldap_sasl_bind_direct(LDAP *ld, const char *dn, const char *mechanism,
                                         const struct berval *cred, LDAPControl **serverctrls,
                                         int *msgidp, LDAPConn *lc);
+// Encodes and sends a SASL bind request (mechanism and optional credentials) on `lc` (null:
+// the default connection); 0 with *msgidp set, or the recorded code.
+[[nodiscard]] int ldap_sasl_bind_encode_and_send(LDAP *ld, const char *dn, const char *mechanism,
+                                                 const struct berval *cred,
+                                                 LDAPControl **serverctrls, int *msgidp,
+                                                 LDAPConn *lc);
+// The bind shared by ldap_sasl_bind (async 1: *msgidp set) and ldap_sasl_bind_s (async 0:
+// waits and returns the result code, server credentials into *servercredp when given).
+[[nodiscard]] int ldap_sasl_bind_int(LDAP *ld, const char *dn, const char *mechanism,
+                                     const struct berval *cred, LDAPControl **serverctrls,
+                                     LDAPControl **clientctrls, struct berval **servercredp,
+                                     int async, int *msgidp);
+// Sends a SASL bind request and waits for its result.
+[[nodiscard]] int ldap_sasl_bind_s_direct(LDAP *ld, const char *dn, const char *mechanism,
+                                          const struct berval *cred, LDAPControl **serverctrls,
+                                          struct berval **servercredp);
+// Carries a SASL bind out through the mechanism's plug-in. No plug-in registry exists yet, so
+// every mechanism answers 12 (no plug-in), recorded; the caller then sends a plain request.
 [[nodiscard]] int ldap_sasl_bind_call_plugin(LDAP *ld, const char *dn, const char *mechanism,
                                              const struct berval *cred, LDAPControl **serverctrls,
                                              LDAPControl **clientctrls,

@@ -4,7 +4,13 @@
 
 #include "ldap_int.h"
 
+// Encodes `filter` into `ber`: 0, or -1 for a malformed filter (the FBER then holds a partial
+// encoding). The outermost call (converted 0) turns the text from the local code page into
+// UTF-8 unless the FBER says strings are UTF-8 already, and refuses a filter that encodes
+// nothing.
 [[nodiscard]] int put_filter(BerElement *ber, const char *filter, int converted);
-long compress_hex(char *value); // new length, or -1 for a malformed escape
+// Turns every \XX escape of `value` into its byte, in place: the new length (embedded zero
+// bytes allowed), or -1 for a backslash not followed by two hexadecimal digits.
+long compress_hex(char *value);
 
 #endif

@@ -1,0 +1,202 @@
+// Search throughput against a local slapd holding 10,000 bulk entries of about ten attributes:
+// one subtree search returning them all, every DN, attribute and value walked, measured as
+// client CPU and wall time per entry, side by side with the same walk through OpenLDAP's
+// client library (peer_search.cpp). Also filter encoding and DN parsing per second.
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <ctime>
+#include <string>
+
+#include "libldap/ldap_bind.h"
+#include "libldap/ldap_dn.h"
+#include "libldap/ldap_entry.h"
+#include "libldap/ldap_filter.h"
+#include "libldap/ldap_init.h"
+#include "libldap/ldap_message.h"
+#include "libldap/ldap_search.h"
+#include "libldap/ldap_unbind.h"
+#include "peer_search.h"
+#include "support/slapd_fixture.h"
+
+namespace {
+
+constexpr int BULK_ENTRIES = 10000;
+wzrtest::SlapdFixture *slapd = nullptr;
+
+std::string bulk_base() { return "ou=bulk," + slapd->base(); }
+
+double process_cpu_seconds()
+{
+    struct timespec ts;
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+
+double wall_seconds()
+{
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+
+// Per-entry client CPU and wall time over the whole run, next to Google Benchmark's own.
+void report(benchmark::State &state, long entries, long values, double cpu, double wall)
+{
+    double n = static_cast<double>(entries);
+    state.counters["entries"] = n / static_cast<double>(state.iterations());
+    state.counters["values"] = static_cast<double>(values) / static_cast<double>(state.iterations());
+    state.counters["cpu_ns_per_entry"] = n > 0 ? cpu * 1e9 / n : 0;
+    state.counters["wall_ns_per_entry"] = n > 0 ? wall * 1e9 / n : 0;
+    state.SetItemsProcessed(entries);
+}
+
+void BM_SubtreeWalk_Wzr(benchmark::State &state)
+{
+    LDAP *ld = ldap_init("127.0.0.1", slapd->port());
+    if (ld == nullptr ||
+        ldap_simple_bind_s(ld, slapd->manager_dn().c_str(), slapd->manager_pw().c_str()) != 0) {
+        state.SkipWithError("bind failed");
+        return;
+    }
+    std::string base = bulk_base();
+    long entries = 0, values = 0, bytes = 0;
+    double cpu0 = process_cpu_seconds(), wall0 = wall_seconds();
+    for (auto _ : state) {
+        LDAPMessage *res = nullptr;
+        if (ldap_search_s(ld, base.c_str(), LDAP_SCOPE_SUBTREE, "(objectClass=*)", nullptr, 0,
+                          &res) != 0) {
+            state.SkipWithError("search failed");
+            ldap_msgfree(res);
+            break;
+        }
+        for (LDAPMessage *e = ldap_first_entry(ld, res); e != nullptr; e = ldap_next_entry(ld, e)) {
+            ++entries;
+            ldap_memfree(ldap_get_dn(ld, e));
+            BerElement *cursor = nullptr;
+            for (char *a = ldap_first_attribute(ld, e, &cursor); a != nullptr;
+                 a = ldap_next_attribute(ld, e, cursor)) {
+                struct berval **vals = ldap_get_values_len(ld, e, a);
+                for (int i = 0; vals != nullptr && vals[i] != nullptr; ++i) {
+                    ++values;
+                    bytes += static_cast<long>(vals[i]->bv_len);
+                }
+                ldap_value_free_len(vals);
+                ldap_memfree(a);
+            }
+            ldap_ber_free(cursor, 0);
+        }
+        ldap_msgfree(res);
+    }
+    report(state, entries, values, process_cpu_seconds() - cpu0, wall_seconds() - wall0);
+    benchmark::DoNotOptimize(bytes);
+    ldap_unbind(ld);
+}
+BENCHMARK(BM_SubtreeWalk_Wzr)->Unit(benchmark::kMillisecond)->MinTime(3.0);
+
+void BM_SubtreeWalk_OpenLDAP(benchmark::State &state)
+{
+    void *ld = peer::open_bound(slapd->uri().c_str(), slapd->manager_dn().c_str(),
+                                slapd->manager_pw().c_str());
+    if (ld == nullptr) {
+        state.SkipWithError("bind failed");
+        return;
+    }
+    std::string base = bulk_base();
+    peer::WalkTotals totals;
+    double cpu0 = process_cpu_seconds(), wall0 = wall_seconds();
+    for (auto _ : state) {
+        if (!peer::search_walk(ld, base.c_str(), "(objectClass=*)", &totals)) {
+            state.SkipWithError("search failed");
+            break;
+        }
+    }
+    report(state, totals.entries, totals.values, process_cpu_seconds() - cpu0,
+           wall_seconds() - wall0);
+    peer::close(ld);
+}
+BENCHMARK(BM_SubtreeWalk_OpenLDAP)->Unit(benchmark::kMillisecond)->MinTime(3.0);
+
+void BM_FilterEncode(benchmark::State &state)
+{
+    static const char *const filters[] = {
+        "(cn=Babs Jensen)",
+        "(&(objectClass=inetOrgPerson)(|(sn=Jensen)(cn=Babs J*))(!(mail=*@example.org)))",
+        "(o=univ*of*mich*)",
+        "(cn:dn:2.4.6.8.10:=Barney)",
+        "(&(uid=bulk00*)(description=\\28generated\\29)(telephoneNumber>=555))",
+    };
+    BerElement *ber = fber_alloc();
+    long encoded = 0;
+    for (auto _ : state) {
+        for (const char *f : filters) {
+            ber->ber_ptr = ber->ber_buf;
+            if (put_filter(ber, f, 0) != 0) {
+                state.SkipWithError("filter failed");
+                break;
+            }
+            ++encoded;
+        }
+    }
+    fber_free(ber);
+    state.SetItemsProcessed(encoded);
+}
+BENCHMARK(BM_FilterEncode);
+
+void BM_DnParse(benchmark::State &state)
+{
+    static const char *const dns[] = {
+        "uid=bulk004711,ou=bulk,dc=example,dc=com",
+        "cn=Smith\\, John,ou=people,dc=example,dc=com",
+        "cn=x+sn=y,ou=people,dc=example,dc=com",
+        "cn=J\\C3\\BCrgen M\\C3\\BCller,ou=people,dc=example,dc=com",
+    };
+    long parsed = 0;
+    for (auto _ : state) {
+        for (const char *dn : dns) {
+            int err = 0;
+            LDAPDN *parsed_dn = parse_dn(dn, LDAP_DN_BUILD_IN_ORDER, &err);
+            if (parsed_dn == nullptr) {
+                state.SkipWithError("parse_dn failed");
+                break;
+            }
+            ldap_free_dn(parsed_dn);
+            ++parsed;
+        }
+    }
+    state.SetItemsProcessed(parsed);
+}
+BENCHMARK(BM_DnParse);
+
+void BM_DnExplode(benchmark::State &state)
+{
+    const char *dn = "cn=Smith\\, John,ou=people,dc=example,dc=com";
+    long parsed = 0;
+    for (auto _ : state) {
+        char **parts = ldap_explode_dn(dn, 0);
+        benchmark::DoNotOptimize(parts);
+        ldap_value_free(parts);
+        ++parsed;
+    }
+    state.SetItemsProcessed(parsed);
+}
+BENCHMARK(BM_DnExplode);
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    benchmark::Initialize(&argc, argv);
+    wzrtest::SlapdFixture server;
+    wzrtest::SlapdOptions opts;
+    opts.bulk_entries = BULK_ENTRIES;
+    if (!wzrtest::SlapdFixture::available() || !server.start(opts)) {
+        fprintf(stderr, "bench_search: slapd did not start: %s\n", server.error().c_str());
+        return 1;
+    }
+    slapd = &server;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    server.stop();
+    return 0;
+}

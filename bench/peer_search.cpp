@@ -1,0 +1,64 @@
+// The OpenLDAP side of bench_search: the only file of the project that includes <ldap.h>.
+#include "peer_search.h"
+
+#include <ldap.h>
+
+namespace peer {
+
+void *open_bound(const char *uri, const char *dn, const char *password)
+{
+    LDAP *ld = nullptr;
+    if (ldap_initialize(&ld, uri) != LDAP_SUCCESS)
+        return nullptr;
+    int version = LDAP_VERSION3;
+    ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
+    struct berval cred = {0, const_cast<char *>(password)};
+    for (const char *p = password; *p != '\0'; ++p)
+        ++cred.bv_len;
+    if (ldap_sasl_bind_s(ld, dn, LDAP_SASL_SIMPLE, &cred, nullptr, nullptr, nullptr) !=
+        LDAP_SUCCESS) {
+        ldap_unbind_ext_s(ld, nullptr, nullptr);
+        return nullptr;
+    }
+    return ld;
+}
+
+bool search_walk(void *handle, const char *base, const char *filter, WalkTotals *totals)
+{
+    auto *ld = static_cast<LDAP *>(handle);
+    LDAPMessage *res = nullptr;
+    int rc = ldap_search_ext_s(ld, base, LDAP_SCOPE_SUBTREE, filter, nullptr, 0, nullptr, nullptr,
+                               nullptr, 0, &res);
+    if (rc != LDAP_SUCCESS) {
+        ldap_msgfree(res);
+        return false;
+    }
+    for (LDAPMessage *e = ldap_first_entry(ld, res); e != nullptr; e = ldap_next_entry(ld, e)) {
+        ++totals->entries;
+        char *dn = ldap_get_dn(ld, e);
+        ldap_memfree(dn);
+        BerElement *ber = nullptr;
+        for (char *a = ldap_first_attribute(ld, e, &ber); a != nullptr;
+             a = ldap_next_attribute(ld, e, ber)) {
+            ++totals->attributes;
+            struct berval **vals = ldap_get_values_len(ld, e, a);
+            for (int i = 0; vals != nullptr && vals[i] != nullptr; ++i) {
+                ++totals->values;
+                totals->bytes += static_cast<long>(vals[i]->bv_len);
+            }
+            ldap_value_free_len(vals);
+            ldap_memfree(a);
+        }
+        ber_free(ber, 0);
+    }
+    ldap_msgfree(res);
+    return true;
+}
+
+void close(void *handle)
+{
+    if (handle != nullptr)
+        ldap_unbind_ext_s(static_cast<LDAP *>(handle), nullptr, nullptr);
+}
+
+} // namespace peer

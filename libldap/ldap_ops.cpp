@@ -1,0 +1,159 @@
+// The request skeleton shared by bind, search and the update operations: opening a request on
+// a connection, closing and sending it, and the _ext / _ext_s layers with their argument
+// checks, operation bracket, control merging, waiting and result conversion.
+#include "ldap_ops.h"
+
+#include "ldap_controls.h"
+#include "ldap_error.h"
+#include "ldap_init.h"
+#include "ldap_lock.h"
+#include "ldap_message.h"
+#include "ldap_request.h"
+#include "ldap_result.h"
+#include "ldap_table.h"
+
+int ldap_op_begin(LDAP *ld, LDAPConn *lc, const char *no_conn_trace, OpRequest *op)
+{
+    *op = OpRequest{ld, lc != nullptr ? lc : ld->ld_defconn, nullptr, nullptr, -1};
+    if (op->lc == nullptr) {
+        LDAP_TRACE(LDAP_TRC_ERROR, "%s", no_conn_trace);
+        return ldap_fail(ld, LDAP_ENCODING_ERROR);
+    }
+    if (op->lc->table == nullptr)
+        return ldap_fail(ld, LDAP_ENCODING_ERROR);
+    op->msg = ldap_msginit(op->lc);
+    if (op->msg == nullptr)
+        return ldap_fail(ld, LDAP_NO_MEMORY);
+    op->msgid = ldap_msg_table_get_next_msgid(op->lc->table);
+    if (op->msgid < 0) {
+        free_msg(op->msg, 0);
+        op->msg = nullptr;
+        return ldap_fail(ld, LDAP_LOCAL_ERROR);
+    }
+    op->ber = ldap_alloc_fber(ld, 0);
+    if (op->ber == nullptr)
+        return ldap_op_abort(op, LDAP_NO_MEMORY);
+    return 0;
+}
+
+int ldap_op_abort(OpRequest *op, int code)
+{
+    if (op->ber != nullptr)
+        fber_free(op->ber);
+    op->ber = nullptr;
+    if (op->msg != nullptr)
+        free_msg(op->msg, 0);
+    op->msg = nullptr;
+    // The row never held the request, so releasing the id frees nothing else.
+    if (op->msgid >= 0)
+        ldap_msg_table_release_msgid(op->lc->table, op->msgid);
+    op->msgid = -1;
+    return ldap_fail(op->ld, code);
+}
+
+int ldap_op_finish(OpRequest *op, ber_tag_t msgtype, LDAPControl **sctrls,
+                   struct timeval *timeout, int *msgidp)
+{
+    *msgidp = -1;
+    if (sctrls != nullptr && sctrls[0] != nullptr && put_ctrls_into_ber(op->ber, sctrls) != 0)
+        return ldap_op_abort(op, LDAP_ENCODING_ERROR);
+    if (fber_printf(op->ber, "}") == -1)
+        return ldap_op_abort(op, LDAP_ENCODING_ERROR);
+    op->msg->lm_msgid = op->msgid;
+    op->msg->lm_msgtype = static_cast<int32_t>(msgtype);
+    op->msg->lm_ber = op->ber;
+    op->ber = nullptr;
+    LDAPMessage *msg = op->msg;
+    op->msg = nullptr;
+    // From here the engine owns the record and the id: it releases both when sending fails.
+    return ldap_send_request(op->ld, op->lc, msg, timeout, msgidp);
+}
+
+int ldap_op_ext(LDAP *ld, const char *invalid_trace, bool args_ok, LDAPControl **sctrls,
+                LDAPControl **cctrls, int *msgidp, OpSend send)
+{
+    if (msgidp != nullptr)
+        *msgidp = -1;
+    if (!ldap_ld_valid(ld)) {
+        LDAP_TRACE(LDAP_TRC_ERROR, invalid_trace, static_cast<void *>(ld));
+        return LDAP_PARAM_ERROR;
+    }
+    OperationBracket bracket(ld);
+    if (bracket.rc() != 0)
+        return bracket.rc();
+    if (!args_ok || msgidp == nullptr)
+        return ldap_fail(ld, LDAP_PARAM_ERROR);
+    (void)ldap_set_lderrno_direct(ld, 0, nullptr, nullptr); // clearing may fail; the op goes on
+    int rc = ldap_check_client_controls(cctrls);
+    if (rc != 0)
+        return ldap_fail(ld, rc);
+    LDAPControl **merged = nullptr;
+    rc = ldap_merge_default_controls(ld, sctrls, &merged);
+    if (rc != 0)
+        return ldap_fail(ld, rc);
+    rc = send(merged, msgidp);
+    ldap_free_merged_controls(merged);
+    return rc;
+}
+
+// Marks a timed-out operation's rows to be released when their final result is filed; a
+// result filed between the time-out and the mark releases the row here instead.
+static void abandon_collection(LDAP *ld, int msgid)
+{
+    ldap_msg_table_mark_rows(ld, msgid, ROW_RELEASE_WHEN_DONE);
+    LDAPMsgTable *table = ld->ld_defconn != nullptr ? ld->ld_defconn->table : nullptr;
+    if (table == nullptr)
+        return;
+    LDAP_LOCK(guard, &table->table_lock, "libldap/ldap_ops");
+    if (guard.locked() && msgid > 0 && static_cast<uint32_t>(msgid) < table->row_count &&
+        (table->rows[msgid].flags & ROW_COMPLETE) != 0)
+        ldap_msg_table_release_msgid_direct(table, msgid);
+}
+
+// The code a failed wait left behind; a failure that recorded nothing is a local error.
+static int recorded_failure(LDAP *ld)
+{
+    int rc = ldap_get_errno_direct(ld);
+    return rc != 0 ? rc : ldap_fail(ld, LDAP_LOCAL_ERROR);
+}
+
+int ldap_op_ext_s(LDAP *ld, const OpSyncTraces &traces, struct timeval *timeout, OpStart start,
+                  LDAPMessage **res)
+{
+    if (res != nullptr)
+        *res = nullptr;
+    if (!ldap_ld_valid(ld)) {
+        if (traces.invalid != nullptr)
+            LDAP_TRACE(LDAP_TRC_ERROR, traces.invalid, static_cast<void *>(ld));
+        return LDAP_PARAM_ERROR;
+    }
+    // Held across the wait so that an unbind cannot free the handle under it.
+    OperationBracket bracket(ld);
+    if (bracket.rc() != 0)
+        return bracket.rc();
+    int msgid = -1;
+    int rc = start(&msgid);
+    if (rc != 0) {
+        if (traces.start_failed != nullptr)
+            LDAP_TRACE(LDAP_TRC_ERROR, traces.start_failed, rc);
+        return rc;
+    }
+    bool limited = timeout != nullptr && (timeout->tv_sec != 0 || timeout->tv_usec != 0);
+    LDAPMessage *result = nullptr;
+    int type = ldap_result(ld, msgid, LDAP_MSG_ALL, limited ? timeout : nullptr, &result);
+    if (type == 0) {
+        // Nobody will collect this operation any more: its row goes when the result comes.
+        abandon_collection(ld, msgid);
+        return recorded_failure(ld);
+    }
+    if (type == -1 || result == nullptr) {
+        rc = recorded_failure(ld);
+        if (traces.result_failed != nullptr)
+            LDAP_TRACE(LDAP_TRC_ERROR, traces.result_failed, rc);
+        return rc;
+    }
+    if (res == nullptr)
+        return ldap_result2error(ld, result, 1);
+    *res = result;
+    return ldap_result2error(ld, result, 0);
+}

@@ -1,0 +1,155 @@
+// The search request in all its layers: the direct encoder and sender, the extended forms
+// with control merging and waiting, and the classic ldap_search / _s / _st on top.
+#include "ldap_search.h"
+
+#include "ldap_error.h"
+#include "ldap_filter.h"
+#include "ldap_init.h"
+#include "ldap_ops.h"
+#include "ldap_options.h"
+
+namespace {
+
+// The request's time limit: the time-out's seconds, at least 1 when only microseconds were
+// given (0 would mean no limit); without a time-out the handle's time-limit option.
+int search_time_limit(LDAP *ld, const struct timeval *timeout, int *limit)
+{
+    if (timeout == nullptr)
+        return ldap_get_option_direct(ld, LDAP_OPT_TIMELIMIT, limit);
+    *limit = static_cast<int>(timeout->tv_sec);
+    if (*limit == 0 && timeout->tv_usec >= 1)
+        *limit = 1;
+    return 0;
+}
+
+bool search_args_ok(int scope, const char *filter)
+{
+    return scope >= LDAP_SCOPE_BASE && scope <= LDAP_SCOPE_SUBTREE && filter != nullptr;
+}
+
+const char *or_null(const char *s) { return s != nullptr ? s : "(null)"; }
+
+} // namespace
+
+// SearchRequest ::= [APPLICATION 3] SEQUENCE { baseObject LDAPDN, scope ENUMERATED,
+//     derefAliases ENUMERATED, sizeLimit INTEGER, timeLimit INTEGER, typesOnly BOOLEAN,
+//     filter Filter, attributes SEQUENCE OF LDAPString }
+int ldap_search_ext_direct(LDAP *ld, const char *base, int scope, const char *filter,
+                           char **attrs, int attrsonly, LDAPControl **serverctrls, int sizelimit,
+                           struct timeval *timeout, int *msgidp, LDAPConn *lc)
+{
+    if (!ldap_ld_valid(ld)) {
+        LDAP_TRACE(LDAP_TRC_ERROR, "INVALID: ldap_search_ext_direct invalid ld:%p\n",
+                   static_cast<void *>(ld));
+        return LDAP_PARAM_ERROR;
+    }
+    *msgidp = -1;
+    OpRequest op;
+    int rc = ldap_op_begin(ld, lc, "ldap_search_ext_direct: NULL server connection\n", &op);
+    if (rc != 0)
+        return rc;
+    int deref = 0;
+    int timelimit = 0;
+    rc = ldap_get_option_direct(ld, LDAP_OPT_DEREF, &deref);
+    if (rc == 0)
+        rc = search_time_limit(ld, timeout, &timelimit);
+    if (rc != 0)
+        return ldap_op_abort(&op, rc);
+    if (fber_printf(op.ber, "{it{seeiib", op.msgid, LDAP_REQ_SEARCH, base != nullptr ? base : "",
+                    scope, deref, sizelimit, timelimit, attrsonly) == -1)
+        return ldap_op_abort(&op, LDAP_ENCODING_ERROR);
+    LDAP_TRACE(LDAP_TRC_API, "putting filter %s into ber\n", or_null(filter));
+    if (put_filter(op.ber, filter, 0) != 0)
+        return ldap_op_abort(&op, LDAP_FILTER_ERROR);
+    if (fber_printf(op.ber, "{v}}", attrs) == -1)
+        return ldap_op_abort(&op, LDAP_ENCODING_ERROR);
+    return ldap_op_finish(&op, LDAP_REQ_SEARCH, serverctrls, timeout, msgidp);
+}
+
+int ldap_search_ext(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
+                    int attrsonly, LDAPControl **serverctrls, LDAPControl **clientctrls,
+                    struct timeval *timeout, int sizelimit, int *msgidp)
+{
+    auto send = [&](LDAPControl **sctrls, int *idp) {
+        return ldap_search_ext_direct(ld, base, scope, filter, attrs, attrsonly, sctrls,
+                                      sizelimit, timeout, idp, nullptr);
+    };
+    return ldap_op_ext(ld, "INVALID: ldap_search_ext  invalid ld:%p\n",
+                       search_args_ok(scope, filter), serverctrls, clientctrls, msgidp, send);
+}
+
+int ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
+                      int attrsonly, LDAPControl **serverctrls, LDAPControl **clientctrls,
+                      struct timeval *timeout, int sizelimit, LDAPMessage **res)
+{
+    auto start = [&](int *idp) {
+        if (res == nullptr)
+            return ldap_fail(ld, LDAP_PARAM_ERROR);
+        return ldap_search_ext(ld, base, scope, filter, attrs, attrsonly, serverctrls,
+                               clientctrls, timeout, sizelimit, idp);
+    };
+    static constexpr OpSyncTraces traces = {"INVALID: ldap_search_ext_s invalid ld:%p\n", nullptr,
+                                            nullptr};
+    return ldap_op_ext_s(ld, traces, timeout, start, res);
+}
+
+int ldap_search(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
+                int attrsonly)
+{
+    if (!ldap_ld_valid(ld)) {
+        LDAP_TRACE(LDAP_TRC_ERROR,
+                   "INVALID: ldap_search: bad ld provided ld(%p) base(%s) scope(%d) filter(%s)\n",
+                   static_cast<void *>(ld), or_null(base), scope, or_null(filter));
+        return -1;
+    }
+    if (!search_args_ok(scope, filter)) {
+        LDAP_TRACE(LDAP_TRC_ERROR,
+                   "ldap_search: bad ld, base, scope or filter provided ld(%x) base(%s) scope(%d) "
+                   "filter(%s)\n",
+                   static_cast<unsigned>(reinterpret_cast<uintptr_t>(ld)), or_null(base), scope,
+                   or_null(filter));
+        return -1;
+    }
+    OperationBracket bracket(ld);
+    if (bracket.rc() != 0)
+        return -1;
+    int sizelimit = 0;
+    int timelimit = 0;
+    if (ldap_get_option_direct(ld, LDAP_OPT_SIZELIMIT, &sizelimit) != 0 ||
+        ldap_get_option_direct(ld, LDAP_OPT_TIMELIMIT, &timelimit) != 0)
+        return -1;
+    // No limit is no time-out: a zero time-out would make the write wait a mere poll.
+    struct timeval limit = {timelimit, 0};
+    int msgid = -1;
+    int rc = ldap_search_ext(ld, base, scope, filter, attrs, attrsonly, nullptr, nullptr,
+                             timelimit != 0 ? &limit : nullptr, sizelimit, &msgid);
+    return ldap_op_msgid(rc, msgid);
+}
+
+int ldap_search_s(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
+                  int attrsonly, LDAPMessage **res)
+{
+    int rc = ldap_search_ext_s(ld, base, scope, filter, attrs, attrsonly, nullptr, nullptr,
+                               nullptr, 0, res);
+    LDAP_TRACE(LDAP_TRC_API, "ldap_search_s: returning rc=%d\n", rc);
+    return rc;
+}
+
+int ldap_search_st(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
+                   int attrsonly, struct timeval *timeout, LDAPMessage **res)
+{
+    auto start = [&](int *idp) {
+        if (res == nullptr || !search_args_ok(scope, filter))
+            return ldap_fail(ld, LDAP_PARAM_ERROR);
+        *idp = ldap_search(ld, base, scope, filter, attrs, attrsonly);
+        if (*idp >= 0)
+            return 0;
+        int rc = ldap_get_errno_direct(ld);
+        return rc != 0 ? rc : ldap_fail(ld, LDAP_LOCAL_ERROR);
+    };
+    static constexpr OpSyncTraces traces = {"INVALID: ldap_search_st invalid ld:%p\n", nullptr,
+                                            nullptr};
+    int rc = ldap_op_ext_s(ld, traces, timeout, start, res);
+    LDAP_TRACE(LDAP_TRC_API, "ldap_search_st: returning rc=%d\n", rc);
+    return rc;
+}

@@ -1,0 +1,66 @@
+// Test helpers for the request operations: handles on the test servers and search results
+// read back into plain C++ values, so tests compare entries, attributes and values directly.
+#ifndef WZR_TESTS_SUPPORT_OPS_CLIENT_H
+#define WZR_TESTS_SUPPORT_OPS_CLIENT_H
+
+#include <initializer_list>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "libldap/ldap_int.h"
+#include "support/fake_server.h"
+
+namespace wzrtest {
+
+// attribute type (lower case) -> values in the order they came
+using EntryAttrs = std::map<std::string, std::vector<std::string>>;
+// canonical DN (see canonical_dn) -> attributes
+using EntryMap = std::map<std::string, EntryAttrs>;
+
+// A DN in a form where equal meanings compare equal: RDNs split at unescaped "," and "+",
+// types lower-cased, values unescaped (\XX and \c) and lower-cased, multi-valued RDNs sorted.
+std::string canonical_dn(const std::string &dn);
+
+// Every entry of a result chain, read with the entry walk (first/next entry and attribute,
+// get_values_len); the DNs as the server sent them go to *raw_dns when given.
+EntryMap read_entries(LDAP *ld, LDAPMessage *chain, std::vector<std::string> *raw_dns = nullptr);
+
+// Parses LDIF as ldapsearch -LLL -o ldif-wrap=no writes it (base64 values included).
+EntryMap parse_ldif(const std::string &ldif);
+
+std::string base64_decode(const std::string &text);
+
+// A control list allocated through the library's allocator (ldap_controls_free releases it).
+struct ControlDef {
+    const char *oid;
+    bool critical;
+    const char *value = nullptr; // NUL-terminated; null = no value
+};
+LDAPControl **control_list(std::initializer_list<ControlDef> defs);
+
+// A fake server that answers every request with the LDAPResult of its operation (code 0, or
+// what answer_with set for that request tag; compare answers 6), except requests whose tag is
+// held with hold(): those stay unanswered. A handle on it is made with open().
+class AnsweringServer {
+public:
+    AnsweringServer();
+    LDAP *open(); // ldap_init on the server's port; the caller unbinds
+    void answer_with(unsigned request_tag, int code);
+    void hold(unsigned request_tag);
+    // The last request with this tag (msgid -1 and no bytes when there was none).
+    ReceivedRequest last(unsigned request_tag) const;
+    size_t count(unsigned request_tag) const;
+    FakeServer &server() { return server_; }
+
+private:
+    FakeServer server_;
+    mutable std::mutex mutex_;
+    std::map<unsigned, int> codes_;
+    std::map<unsigned, bool> held_;
+};
+
+} // namespace wzrtest
+
+#endif
