@@ -12,8 +12,11 @@ void lber_free(void *p);                  // null-tolerant
 char *lber_strdup(const char *s);
 char *lber_strndup(const char *s, size_t n);
 
-// Test hooks. lber_fail_nth_alloc(n) makes the n-th allocation from now fail (1 = the next
+// Test hooks, active only after lber_set_accounting(true), which a test program calls before
+// anything is allocated (the test support library does it in a static initialiser).
+// lber_fail_nth_alloc(n) makes the n-th allocation from now fail (1 = the next
 // one); 0 switches failing off. lber_live_blocks() counts blocks allocated and not yet freed.
+void lber_set_accounting(bool on);
 void lber_fail_nth_alloc(long n);
 long lber_alloc_calls();
 long lber_live_blocks();

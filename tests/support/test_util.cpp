@@ -10,6 +10,11 @@
 
 #include "liblber/ber_memory.h"
 
+namespace {
+// Every test program counts allocations from the start, so that leak checks see every block.
+const bool accounting_on = (lber_set_accounting(true), true);
+} // namespace
+
 namespace wzrtest {
 
 TempDir::TempDir()
