@@ -1,0 +1,79 @@
+#!/usr/bin/env bash
+# Demonstration: installs what is missing, builds the wzrldap tool, starts a throwaway slapd
+# holding the tests' sample directory, searches, adds and modifies through wzrldap, searches
+# again, and stops the server by its pid. Usage: bash tools/demo.sh [BUILD_DIR]
+set -euo pipefail
+
+ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+BUILD=${1:-$ROOT/build}
+SANDBOX="$ROOT/tools/slapd-sandbox.sh"
+
+bash "$ROOT/tools/install-deps.sh"
+echo "== building wzrldap"
+mkdir -p "$BUILD"
+cmake -S "$ROOT" -B "$BUILD" -G Ninja > "$BUILD/demo-build.log" 2>&1 &&
+    cmake --build "$BUILD" --target wzrldap -j "$(nproc)" >> "$BUILD/demo-build.log" 2>&1 ||
+    { cat "$BUILD/demo-build.log"; exit 1; }
+WZRLDAP="$BUILD/tools/wzrldap"
+
+DIR=$(mktemp -d /tmp/wzrdemo.XXXXXX)
+cleanup() {
+    bash "$SANDBOX" stop "$DIR" || true
+    rm -rf "$DIR"
+}
+trap cleanup EXIT
+bash "$SANDBOX" init "$DIR"
+URI=$(bash "$SANDBOX" start "$DIR")
+echo "== slapd $(cat "$DIR/slapd.pid") serves dc=example,dc=com at $URI"
+
+BASE="ou=people,dc=example,dc=com"
+ADMIN=(-D "cn=Manager,dc=example,dc=com" -w manager-secret)
+
+# Shows each command as it would be typed (with its LDIF input, if any), then runs it.
+quoted() {
+    local a out=()
+    for a in "$@"; do
+        if [[ $a =~ ^[A-Za-z0-9_./:=,@-]+$ ]]; then out+=("$a"); else out+=("'$a'"); fi
+    done
+    echo "${out[*]}"
+}
+show() {
+    echo
+    echo "\$ wzrldap $(quoted "$@")"
+    "$WZRLDAP" "$@"
+}
+show_with_ldif() {
+    local ldif
+    ldif=$(cat)
+    echo
+    echo "\$ wzrldap $(quoted "$@") <<EOF"
+    echo "$ldif"
+    echo "EOF"
+    "$WZRLDAP" "$@" <<< "$ldif"
+}
+
+show search -H "$URI" -b "$BASE" "(|(uid=alice)(cn=Smith*))" cn mail title
+
+show_with_ldif add -H "$URI" "${ADMIN[@]}" <<EOF
+dn: uid=newcomer,$BASE
+objectClass: inetOrgPerson
+uid: newcomer
+cn: New Comer
+sn: Comer
+mail: newcomer@example.com
+EOF
+
+show_with_ldif modify -H "$URI" "${ADMIN[@]}" <<EOF
+dn: uid=alice,$BASE
+changetype: modify
+replace: title
+title: Head of Directory Services
+-
+add: mail
+mail: alice@wzrldap.example
+EOF
+
+show search -H "$URI" -b "$BASE" "(|(uid=alice)(uid=newcomer))" cn mail title
+
+echo
+echo "== stopping slapd $(cat "$DIR/slapd.pid")"

@@ -1,0 +1,537 @@
+// wzrldap: a command-line LDAP client built only on the exported interface of
+// libwzr9ldap_64.so. "search" prints entries as LDIF; "add", "modify", "delete" and "modrdn"
+// apply LDIF change records. Flags follow the classic ldapsearch/ldapmodify tools.
+#include "wzrldap.h"
+
+#include "ldif.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <getopt.h>
+#include <iostream>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+// Exit status for mistakes of the caller (bad flags, unreadable or malformed input).
+constexpr int kUsageError = LDAP_PARAM_ERROR;
+
+struct Options {
+    std::string uri = "ldap://localhost";
+    std::string binddn;
+    std::optional<std::string> password;
+    int version = LDAP_VERSION3;
+    // search
+    std::string base;
+    int scope = LDAP_SCOPE_SUBTREE;
+    int sizelimit = 0, timelimit = 0;
+    bool attrsonly = false;
+    int wrap = wzrldif::kDefaultWrap;
+    long net_timeout = -1;
+    // updates
+    std::string file;
+    bool continue_on_error = false, dry_run = false, default_add = false, delete_old_rdn = false;
+    std::vector<std::string> args;
+};
+
+void say(const std::string &text) { std::cerr << "wzrldap: " << text << '\n'; }
+
+int usage_error(const std::string &text)
+{
+    say(text);
+    std::cerr << "Try 'wzrldap --help'.\n";
+    return kUsageError;
+}
+
+// The library names the code; the text the server sent with it is not reachable through the
+// exported interface, so only the code and its meaning are shown.
+int report(const std::string &what, int rc)
+{
+    say(what + ": " + wzr_ldap_err2string(rc) + " (" + std::to_string(rc) + ")");
+    return rc;
+}
+
+const char kCommonHelp[] =
+    "  -H URI      server, as ldap://host:port (default ldap://localhost)\n"
+    "  -D DN       bind DN (simple bind; without it the bind is anonymous)\n"
+    "  -w PASSWD   bind password\n"
+    "  -y FILE     read the bind password from FILE (one trailing newline is dropped)\n"
+    "  -x          simple authentication (the only kind; accepted for compatibility)\n"
+    "  -P 2|3      protocol version (default 3)\n"
+    "  --help      this text\n"
+    "Exit status: 0 on success, else the LDAP result code (89 for usage or input errors).\n";
+
+void print_main_help()
+{
+    std::cout << "usage: wzrldap COMMAND [options] ...\n"
+                 "Commands:\n"
+                 "  search   search and print the entries as LDIF\n"
+                 "  add      add entries from LDIF (records without changetype are adds)\n"
+                 "  modify   apply LDIF change records (add, modify, delete, modrdn)\n"
+                 "  delete   delete the entries named as arguments or in LDIF records\n"
+                 "  modrdn   rename entries given as arguments or in LDIF records\n"
+                 "'wzrldap COMMAND --help' describes each command.\n";
+}
+
+void print_search_help()
+{
+    std::cout << "usage: wzrldap search [options] [FILTER [ATTRIBUTE...]]\n"
+                 "Prints the entries found as LDIF and their count on standard error.\n"
+                 "FILTER defaults to (objectClass=*); no attributes means all user attributes.\n"
+                 "  -b BASE     search base (default: the empty DN)\n"
+                 "  -s SCOPE    base, one or sub (default sub)\n"
+                 "  -z LIMIT    size limit in entries (0 or none: no limit)\n"
+                 "  -l LIMIT    server time limit in seconds (0 or none: no limit)\n"
+                 "  -A          attribute names only, no values\n"
+                 "  -L          accepted for compatibility (output is always plain LDIF)\n"
+                 "  -o ldif-wrap=N|no   fold lines at N columns (default 76) or not at all\n"
+                 "  -o nettimeout=N     give up waiting for the results after N seconds\n"
+              << kCommonHelp;
+}
+
+void print_update_help(const std::string &cmd)
+{
+    if (cmd == "delete")
+        std::cout << "usage: wzrldap delete [options] [DN...]\n"
+                     "Deletes the DNs given as arguments, else those of the LDIF records read\n"
+                     "(a record of just a dn: line is a delete).\n";
+    else if (cmd == "modrdn")
+        std::cout << "usage: wzrldap modrdn [options] [DN NEWRDN]\n"
+                     "Renames DN to NEWRDN, else applies the LDIF records read (a record\n"
+                     "without changetype gives newrdn: and deleteoldrdn: lines).\n"
+                     "  -r          with DN NEWRDN: remove the old RDN values\n";
+    else if (cmd == "add")
+        std::cout << "usage: wzrldap add [options]\n"
+                     "Applies LDIF records; a record without changetype adds an entry.\n";
+    else
+        std::cout << "usage: wzrldap modify [options]\n"
+                     "Applies LDIF change records (changetype add, modify, delete, modrdn).\n"
+                     "  -a          a record without changetype adds an entry\n";
+    std::cout << "Every record is read and checked before the first change is made; a\n"
+                 "malformed record is reported with its line number and nothing is changed.\n"
+                 "  -f FILE     read LDIF from FILE (default: standard input)\n"
+                 "  -c          continue after a failed change (exit status: the first failure)\n"
+                 "  -n          show what would be done without changing anything\n"
+              << kCommonHelp;
+}
+
+bool read_all(const std::string &path, std::string *out)
+{
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
+        return false;
+    std::stringstream ss;
+    ss << in.rdbuf();
+    *out = ss.str();
+    return true;
+}
+
+bool parse_int(const char *text, int *out)
+{
+    if (strcmp(text, "none") == 0 || strcmp(text, "unlimited") == 0 || strcmp(text, "max") == 0) {
+        *out = 0;
+        return true;
+    }
+    char *end = nullptr;
+    errno = 0;
+    long v = strtol(text, &end, 10);
+    if (errno != 0 || end == text || *end != '\0' || v < 0 || v > INT32_MAX)
+        return false;
+    *out = int(v);
+    return true;
+}
+
+bool parse_scope(const char *text, int *scope)
+{
+    std::string s = text;
+    if (s == "base")
+        *scope = LDAP_SCOPE_BASE;
+    else if (s == "one" || s == "onelevel")
+        *scope = LDAP_SCOPE_ONELEVEL;
+    else if (s == "sub" || s == "subtree")
+        *scope = LDAP_SCOPE_SUBTREE;
+    else
+        return false;
+    return true;
+}
+
+bool parse_extended_option(const std::string &opt, Options *o)
+{
+    if (opt == "ldif-wrap=no") {
+        o->wrap = 0;
+        return true;
+    }
+    int v = 0;
+    if (opt.rfind("ldif-wrap=", 0) == 0 && parse_int(opt.c_str() + 10, &v)) {
+        o->wrap = v;
+        return true;
+    }
+    if (opt.rfind("nettimeout=", 0) == 0 && parse_int(opt.c_str() + 11, &v)) {
+        o->net_timeout = v > 0 ? v : -1; // 0 or none: wait as long as it takes
+        return true;
+    }
+    return false;
+}
+
+// Parses the flags of `cmd`; returns -1 to go on, else the exit status.
+int parse_options(const std::string &cmd, int argc, char **argv, Options *o)
+{
+    const bool search = cmd == "search";
+    std::string flags = ":H:D:w:y:xP:";
+    flags += search ? "b:s:z:l:ALo:" : "f:cnar";
+    static const option long_opts[] = {{"help", no_argument, nullptr, 'h'},
+                                       {nullptr, 0, nullptr, 0}};
+    optind = 1;
+    opterr = 0;
+    int c;
+    while ((c = getopt_long(argc, argv, flags.c_str(), long_opts, nullptr)) != -1) {
+        switch (c) {
+        case 'h':
+            if (search)
+                print_search_help();
+            else
+                print_update_help(cmd);
+            return 0;
+        case 'H': o->uri = optarg; break;
+        case 'D': o->binddn = optarg; break;
+        case 'w': o->password = optarg; break;
+        case 'y': {
+            std::string pw;
+            if (!read_all(optarg, &pw))
+                return usage_error(std::string("cannot read password file ") + optarg);
+            if (!pw.empty() && pw.back() == '\n')
+                pw.pop_back();
+            o->password = pw;
+            break;
+        }
+        case 'x': break;
+        case 'P':
+            if (strcmp(optarg, "2") != 0 && strcmp(optarg, "3") != 0)
+                return usage_error("-P takes 2 or 3");
+            o->version = atoi(optarg);
+            break;
+        case 'b': o->base = optarg; break;
+        case 's':
+            if (!parse_scope(optarg, &o->scope))
+                return usage_error(std::string("bad scope \"") + optarg + "\" (base, one, sub)");
+            break;
+        case 'z':
+            if (!parse_int(optarg, &o->sizelimit))
+                return usage_error(std::string("bad size limit \"") + optarg + "\"");
+            break;
+        case 'l':
+            if (!parse_int(optarg, &o->timelimit))
+                return usage_error(std::string("bad time limit \"") + optarg + "\"");
+            break;
+        case 'A': o->attrsonly = true; break;
+        case 'L': break;
+        case 'o':
+            if (!parse_extended_option(optarg, o))
+                return usage_error(std::string("unknown -o option \"") + optarg + "\"");
+            break;
+        case 'f': o->file = optarg; break;
+        case 'c': o->continue_on_error = true; break;
+        case 'n': o->dry_run = true; break;
+        case 'a':
+            if (cmd != "modify")
+                return usage_error("-a is a flag of modify");
+            o->default_add = true;
+            break;
+        case 'r':
+            if (cmd != "modrdn")
+                return usage_error("-r is a flag of modrdn");
+            o->delete_old_rdn = true;
+            break;
+        case ':':
+            return usage_error(std::string("option -") + char(optopt) + " needs a value");
+        default:
+            if (optopt != 0)
+                return usage_error(std::string("unknown option -") + char(optopt));
+            return usage_error(std::string("unknown option ") + argv[optind - 1]);
+        }
+    }
+    for (int i = optind; i < argc; i++)
+        o->args.emplace_back(argv[i]);
+    return -1;
+}
+
+// Integer options: a version-2 handle takes the value in the pointer itself.
+int set_int_option(LDAP *ld, int option, int value, int version)
+{
+    if (version < LDAP_VERSION3)
+        return wzr_ldap_set_option(ld, option, reinterpret_cast<void *>(intptr_t(value)));
+    return wzr_ldap_set_option(ld, option, &value);
+}
+
+// A handle for o->uri, bound as o->binddn (anonymously without one). NULL after reporting.
+LDAP *open_session(const Options &o, bool search, int *rc)
+{
+    LDAP *ld = wzr_ldap_init(o.uri.c_str(), 0);
+    if (ld == nullptr) {
+        say("cannot use server \"" + o.uri + "\"");
+        *rc = kUsageError;
+        return nullptr;
+    }
+    int version = o.version;
+    *rc = wzr_ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
+    // Values go to and come from the server exactly as given: LDIF is UTF-8 already.
+    if (*rc == LDAP_SUCCESS)
+        *rc = wzr_ldap_set_option(ld, LDAP_OPT_UTF8_IO, LDAP_OPT_ON);
+    if (*rc == LDAP_SUCCESS && search && o.sizelimit > 0)
+        *rc = set_int_option(ld, LDAP_OPT_SIZELIMIT, o.sizelimit, version);
+    if (*rc == LDAP_SUCCESS && search && o.timelimit > 0)
+        *rc = set_int_option(ld, LDAP_OPT_TIMELIMIT, o.timelimit, version);
+    if (*rc != LDAP_SUCCESS) {
+        report("setting options", *rc);
+        wzr_ldap_unbind(ld);
+        return nullptr;
+    }
+    const char *dn = o.binddn.empty() ? nullptr : o.binddn.c_str();
+    const char *pw = o.password ? o.password->c_str() : nullptr;
+    *rc = wzr_ldap_simple_bind_s(ld, dn, pw);
+    if (*rc != LDAP_SUCCESS) {
+        report(dn != nullptr ? "bind as \"" + o.binddn + "\"" : std::string("anonymous bind"), *rc);
+        wzr_ldap_unbind(ld);
+        return nullptr;
+    }
+    return ld;
+}
+
+std::vector<wzrldif::Attribute> entry_attributes(LDAP *ld, LDAPMessage *e)
+{
+    std::vector<wzrldif::Attribute> attrs;
+    BerElement *cursor = nullptr;
+    for (char *name = wzr_ldap_first_attribute(ld, e, &cursor); name != nullptr;
+         name = wzr_ldap_next_attribute(ld, e, cursor)) {
+        wzrldif::Attribute a{name, {}};
+        struct berval **vals = wzr_ldap_get_values_len(ld, e, name);
+        for (size_t i = 0; vals != nullptr && vals[i] != nullptr; i++)
+            a.values.emplace_back(vals[i]->bv_val, vals[i]->bv_len);
+        wzr_ldap_value_free_len(vals);
+        wzr_ldap_memfree(name);
+        attrs.push_back(std::move(a));
+    }
+    wzr_ldap_ber_free(cursor, 0);
+    return attrs;
+}
+
+int print_entries(LDAP *ld, LDAPMessage *res, int wrap)
+{
+    int count = 0;
+    for (LDAPMessage *e = wzr_ldap_first_entry(ld, res); e != nullptr;
+         e = wzr_ldap_next_entry(ld, e)) {
+        char *dn = wzr_ldap_get_dn(ld, e);
+        std::string text = wzrldif::format_entry(dn != nullptr ? dn : "", entry_attributes(ld, e),
+                                                 wrap);
+        wzr_ldap_memfree(dn);
+        fwrite(text.data(), 1, text.size(), stdout);
+        count++;
+    }
+    return count;
+}
+
+int cmd_search(const Options &o)
+{
+    std::string filter = o.args.empty() ? "(objectClass=*)" : o.args[0];
+    std::vector<char *> attrs;
+    for (size_t i = 1; i < o.args.size(); i++)
+        attrs.push_back(const_cast<char *>(o.args[i].c_str()));
+    attrs.push_back(nullptr);
+
+    int rc;
+    LDAP *ld = open_session(o, true, &rc);
+    if (ld == nullptr)
+        return rc;
+    timeval tv{o.net_timeout, 0};
+    LDAPMessage *res = nullptr;
+    rc = wzr_ldap_search_st(ld, o.base.c_str(), o.scope, filter.c_str(),
+                            attrs.size() > 1 ? attrs.data() : nullptr, o.attrsonly ? 1 : 0,
+                            o.net_timeout >= 0 ? &tv : nullptr, &res);
+    // A search cut short by a limit still delivers the entries found so far.
+    int count = res != nullptr ? print_entries(ld, res, o.wrap) : 0;
+    fflush(stdout);
+    wzr_ldap_msgfree(res);
+    std::cerr << "# numEntries: " << count << '\n';
+    if (rc != LDAP_SUCCESS)
+        report("search", rc);
+    wzr_ldap_unbind(ld);
+    return rc;
+}
+
+// The LDAPMod array of one record, with the storage its pointers refer to.
+class ModList {
+public:
+    explicit ModList(const std::vector<wzrldif::Modification> &mods)
+    {
+        values_.resize(mods.size());
+        for (size_t i = 0; i < mods.size(); i++) {
+            for (const auto &v : mods[i].values)
+                values_[i].push_back(berval{v.size(), const_cast<char *>(v.data())});
+        }
+        for (size_t i = 0; i < mods.size(); i++) {
+            for (auto &bv : values_[i])
+                pointers_.push_back(&bv);
+            pointers_.push_back(nullptr);
+        }
+        mods_.resize(mods.size());
+        size_t at = 0;
+        for (size_t i = 0; i < mods.size(); i++) {
+            mods_[i].mod_op = op_code(mods[i].op) | LDAP_MOD_BVALUES;
+            mods_[i].mod_type = const_cast<char *>(mods[i].type.c_str());
+            mods_[i].mod_bvalues = &pointers_[at];
+            at += values_[i].size() + 1;
+            list_.push_back(&mods_[i]);
+        }
+        list_.push_back(nullptr);
+    }
+    LDAPMod **get() { return list_.data(); }
+
+private:
+    static int op_code(wzrldif::ModOp op)
+    {
+        switch (op) {
+        case wzrldif::ModOp::Add: return LDAP_MOD_ADD;
+        case wzrldif::ModOp::Delete: return LDAP_MOD_DELETE;
+        case wzrldif::ModOp::Replace: return LDAP_MOD_REPLACE;
+        }
+        return LDAP_MOD_ADD;
+    }
+    std::vector<std::vector<berval>> values_;
+    std::vector<berval *> pointers_;
+    std::vector<LDAPMod> mods_;
+    std::vector<LDAPMod *> list_;
+};
+
+std::string describe(const wzrldif::Record &r)
+{
+    switch (r.change) {
+    case wzrldif::ChangeType::Add: return "adding new entry \"" + r.dn + "\"";
+    case wzrldif::ChangeType::Delete: return "deleting entry \"" + r.dn + "\"";
+    case wzrldif::ChangeType::Modify: return "modifying entry \"" + r.dn + "\"";
+    case wzrldif::ChangeType::ModRdn:
+        return "renaming entry \"" + r.dn + "\" to \"" + r.newrdn + "\"";
+    }
+    return r.dn;
+}
+
+int apply(LDAP *ld, const wzrldif::Record &r)
+{
+    switch (r.change) {
+    case wzrldif::ChangeType::Add: {
+        ModList mods(r.mods);
+        return wzr_ldap_add_s(ld, r.dn.c_str(), mods.get());
+    }
+    case wzrldif::ChangeType::Modify: {
+        ModList mods(r.mods);
+        return wzr_ldap_modify_s(ld, r.dn.c_str(), mods.get());
+    }
+    case wzrldif::ChangeType::Delete:
+        return wzr_ldap_delete_s(ld, r.dn.c_str());
+    case wzrldif::ChangeType::ModRdn:
+        return wzr_ldap_modrdn_s(ld, r.dn.c_str(), r.newrdn.c_str(), r.deleteoldrdn ? 1 : 0);
+    }
+    return LDAP_PARAM_ERROR;
+}
+
+// The records of an update command: from the arguments (delete, modrdn) or from LDIF.
+int collect_records(const std::string &cmd, const Options &o, std::vector<wzrldif::Record> *out)
+{
+    if (cmd == "delete" && !o.args.empty()) {
+        for (const auto &dn : o.args)
+            out->push_back(
+                wzrldif::Record{0, dn, wzrldif::ChangeType::Delete, true, {}, {}, false});
+        return -1;
+    }
+    if (cmd == "modrdn" && !o.args.empty()) {
+        if (o.args.size() != 2)
+            return usage_error("modrdn takes DN NEWRDN, or LDIF records");
+        out->push_back(wzrldif::Record{0, o.args[0], wzrldif::ChangeType::ModRdn, true, {},
+                                       o.args[1], o.delete_old_rdn});
+        return -1;
+    }
+    if (!o.args.empty())
+        return usage_error("unexpected argument \"" + o.args[0] + "\"");
+    std::string text;
+    if (o.file.empty()) {
+        std::stringstream ss;
+        ss << std::cin.rdbuf();
+        text = ss.str();
+    } else if (!read_all(o.file, &text)) {
+        return usage_error("cannot read " + o.file);
+    }
+    std::optional<wzrldif::ChangeType> dflt;
+    if (cmd == "add" || o.default_add)
+        dflt = wzrldif::ChangeType::Add;
+    else if (cmd == "delete")
+        dflt = wzrldif::ChangeType::Delete;
+    else if (cmd == "modrdn")
+        dflt = wzrldif::ChangeType::ModRdn;
+    wzrldif::ParseError err;
+    if (!wzrldif::parse(text, dflt, out, &err)) {
+        say((o.file.empty() ? std::string("standard input") : o.file) + ", line " +
+            std::to_string(err.line) + ": " + err.message + "; nothing was changed");
+        return kUsageError;
+    }
+    return -1;
+}
+
+int cmd_update(const std::string &cmd, const Options &o)
+{
+    std::vector<wzrldif::Record> records;
+    int status = collect_records(cmd, o, &records);
+    if (status >= 0)
+        return status;
+    if (o.dry_run) {
+        for (const auto &r : records)
+            std::cout << "!" << describe(r) << '\n';
+        return LDAP_SUCCESS;
+    }
+    int rc;
+    LDAP *ld = open_session(o, false, &rc);
+    if (ld == nullptr)
+        return rc;
+    int first_failure = LDAP_SUCCESS;
+    for (const auto &r : records) {
+        std::cout << describe(r) << '\n' << std::flush;
+        rc = apply(ld, r);
+        if (rc == LDAP_SUCCESS)
+            continue;
+        std::string where = r.line > 0 ? " (record at line " + std::to_string(r.line) + ")" : "";
+        report(std::string(wzrldif::change_type_name(r.change)) + " \"" + r.dn + "\"" + where, rc);
+        if (first_failure == LDAP_SUCCESS)
+            first_failure = rc;
+        if (!o.continue_on_error)
+            break;
+    }
+    wzr_ldap_unbind(ld);
+    return first_failure;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    if (argc < 2) {
+        print_main_help();
+        return kUsageError;
+    }
+    std::string cmd = argv[1];
+    if (cmd == "--help" || cmd == "-h" || cmd == "help") {
+        print_main_help();
+        return 0;
+    }
+    if (cmd != "search" && cmd != "add" && cmd != "modify" && cmd != "delete" && cmd != "modrdn")
+        return usage_error("unknown command \"" + cmd + "\"");
+    Options o;
+    int status = parse_options(cmd, argc - 1, argv + 1, &o);
+    if (status >= 0)
+        return status;
+    return cmd == "search" ? cmd_search(o) : cmd_update(cmd, o);
+}
