@@ -131,13 +131,9 @@ TEST(FberEncode, NestingStopsAtOneHundredAndCloseNeedsAnOpen)
     // The outermost holds 99 empty-bodied headers of 6 bytes each.
     EXPECT_EQ(written(ber.get()).size(), 600u);
     EXPECT_EQ(Bytes(ber->ber_buf, ber->ber_buf + 6), (Bytes{0x30, 0x84, 0, 0, 0x02, 0x52}));
-}
-
-TEST(PlainEncode, CloseWithNothingOpenFails)
-{
-    Plain ber(ber_alloc());
-    EXPECT_EQ(ber_printf(ber.get(), "}"), -1);
-    EXPECT_EQ(ber_printf(ber.get(), "{}]"), -1);
+    Plain p(ber_alloc()); // a plain element too
+    EXPECT_EQ(ber_printf(p.get(), "}"), -1);
+    EXPECT_EQ(ber_printf(p.get(), "{}]"), -1);
 }
 
 TEST(BerEncode, MissingArraysWriteNothingAndSucceed)
@@ -189,19 +185,16 @@ TEST(PlainEncode, PrimitiveLengthsAreMinimalLongForm)
     EXPECT_EQ(Bytes(fout.begin(), fout.begin() + 6), (Bytes{0x04, 0x84, 0x00, 0x00, 0x01, 0x2C}));
 }
 
-TEST(PlainEncode, SequencesKeepFiveLengthBytesUnlessDer)
+// Plain BER sequences keep five length bytes; DER ones are minimal, their contents moved down.
+TEST(PlainEncode, SequenceLengthsAreFiveBytesUnlessDer)
 {
     Plain ber(ber_alloc());
     ASSERT_NE(ber_printf(ber.get(), "{s{i}}", "ab", 1), -1);
     EXPECT_EQ(written(ber.get()), (Bytes{0x30, 0x84, 0, 0, 0, 0x0D, 0x04, 0x02, 'a', 'b', 0x30,
                                          0x84, 0, 0, 0, 0x03, 0x02, 0x01, 0x01}));
-}
-
-TEST(PlainEncode, DerLengthsAreMinimalAndContentsMoveDown)
-{
-    Plain ber(der_alloc());
-    ASSERT_NE(ber_printf(ber.get(), "{s{i}}", "ab", 1), -1);
-    EXPECT_EQ(written(ber.get()),
+    Plain der(der_alloc());
+    ASSERT_NE(ber_printf(der.get(), "{s{i}}", "ab", 1), -1);
+    EXPECT_EQ(written(der.get()),
               (Bytes{0x30, 0x09, 0x04, 0x02, 'a', 'b', 0x30, 0x03, 0x02, 0x01, 0x01}));
 
     // Each DER length width, for a sequence holding one string of m bytes.

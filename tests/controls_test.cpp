@@ -83,26 +83,20 @@ TEST(ControlEncoding, ValueAndCriticalityAreWrittenInListOrder)
     ldap_controls_free(list);
 }
 
-TEST(ControlEncoding, AControlThatCannotBeWrittenIs83)
-{
-    LDAPControl **list = make_control_list({make_control("1.1", false)});
-    lber_free(list[0]->ldctl_oid);
-    list[0]->ldctl_oid = nullptr;
-    BerElement *ber = fber_alloc();
-    EXPECT_EQ(put_ctrls_into_ber(ber, list), LDAP_ENCODING_ERROR);
-    fber_free(ber);
-    ldap_controls_free(list);
-}
-
-TEST(ControlEncoding, EmptyListsWriteNothing)
+TEST(ControlEncoding, EmptyListsWriteNothingAndAControlWithoutOidIs83)
 {
     BerElement *ber = fber_alloc();
-    EXPECT_EQ(put_ctrls_into_ber(ber, nullptr), 0);
     LDAPControl *none[] = {nullptr};
+    EXPECT_EQ(put_ctrls_into_ber(ber, nullptr), 0);
     EXPECT_EQ(put_ctrls_into_ber(ber, none), 0);
     EXPECT_EQ(put_ctrls_into_ber_old(ber, none), 0);
     EXPECT_EQ(flatten(ber), "");
+    LDAPControl **list = make_control_list({make_control("1.1", false)});
+    lber_free(list[0]->ldctl_oid);
+    list[0]->ldctl_oid = nullptr;
+    EXPECT_EQ(put_ctrls_into_ber(ber, list), LDAP_ENCODING_ERROR);
     fber_free(ber);
+    ldap_controls_free(list);
 }
 
 TEST(ControlDecoding, RoundTripKeepsOidCriticalityAndValue)
@@ -430,20 +424,18 @@ TEST(ClientControls, AnyCriticalOneIsRefusedWith12)
     EXPECT_EQ(ldap_check_client_controls(nullptr), 0);
     LDAPControl **soft = make_control_list({make_control("1.1", false), make_control("1.2", false)});
     EXPECT_EQ(ldap_check_client_controls(soft), 0);
-    LDAPControl **hard = make_control_list({make_control("1.1", false), make_control("1.2", true)});
-    EXPECT_EQ(ldap_check_client_controls(hard), LDAP_UNAVAILABLE_CRITICAL_EXTENSION);
+    soft[1]->ldctl_iscritical = 1;
+    EXPECT_EQ(ldap_check_client_controls(soft), LDAP_UNAVAILABLE_CRITICAL_EXTENSION);
     ldap_controls_free(soft);
-    ldap_controls_free(hard);
 }
 
+// Read once per process, case-insensitively: the only test in this program that asks.
 TEST(ProxiedAuthEncoding, ModeIsReadOnceAndCached)
 {
-    int first;
     {
         wzrtest::ScopedEnv env("USE_JAVA_PROXIED_AUTH_CONTROL_ENCODING", "yEs");
-        first = ldap_proxied_auth_encoding_mode();
+        EXPECT_EQ(ldap_proxied_auth_encoding_mode(), 1);
     }
-    EXPECT_EQ(first, 1);
     wzrtest::ScopedEnv other("USE_JAVA_PROXIED_AUTH_CONTROL_ENCODING", "no");
     EXPECT_EQ(ldap_proxied_auth_encoding_mode(), 1);
 }

@@ -56,114 +56,79 @@ std::string env_now(const char *name)
     return v != nullptr ? v : "<unset>";
 }
 
-TEST(EnvRead, GetenvReturnsAnOwnedCopy)
-{
-    wzrtest::ScopedEnv v(VAR, std::string("some value"));
-    char *got = ldap_getenv(VAR);
-    ASSERT_NE(got, nullptr);
-    EXPECT_STREQ(got, "some value");
-    EXPECT_NE(got, getenv(VAR));
-    lber_free(got);
-
-    wzrtest::ScopedEnv unset("WZR_ENV_TEST_UNSET", std::nullopt);
-    EXPECT_EQ(ldap_getenv("WZR_ENV_TEST_UNSET"), nullptr);
-    EXPECT_EQ(ldap_getenv(""), nullptr);
-    EXPECT_EQ(ldap_getenv(nullptr), nullptr);
-
-    int walked = wzrtest::walk_alloc_failures([] {
-        char *value = ldap_getenv(VAR);
-        bool ok = value != nullptr;
-        lber_free(value);
-        return ok;
-    });
-    EXPECT_EQ(walked, 1);
-}
-
-TEST(EnvRead, ChkenvCountsTheValueAndItsTerminator)
-{
-    wzrtest::ScopedEnv empty(VAR, std::string(""));
-    EXPECT_EQ(ldap_chkenv(VAR), 1) << "an empty value is set";
-    wzrtest::ScopedEnv abc("WZR_ENV_TEST_ABC", std::string("abc"));
-    EXPECT_EQ(ldap_chkenv("WZR_ENV_TEST_ABC"), 4);
-    wzrtest::ScopedEnv unset("WZR_ENV_TEST_UNSET", std::nullopt);
-    EXPECT_EQ(ldap_chkenv("WZR_ENV_TEST_UNSET"), 0);
-    EXPECT_EQ(ldap_chkenv(""), 0);
-    EXPECT_EQ(ldap_chkenv(nullptr), 0);
-}
-
-TEST(EnvRead, GetenvBufCutsLongValuesButReportsTheirLength)
+TEST(EnvRead, GetenvCopiesChkenvCountsGetenvBufCuts)
 {
     wzrtest::ScopedEnv v(VAR, std::string("0123456789"));
+    wzrtest::ScopedEnv empty("WZR_ENV_TEST_EMPTY", std::string(""));
+    wzrtest::ScopedEnv unset("WZR_ENV_TEST_UNSET", std::nullopt);
+    char *got = ldap_getenv(VAR);
+    ASSERT_NE(got, nullptr);
+    EXPECT_STREQ(got, "0123456789");
+    EXPECT_NE(got, getenv(VAR)) << "an owned copy";
+    lber_free(got);
+    for (const char *none : {"WZR_ENV_TEST_UNSET", "", static_cast<const char *>(nullptr)}) {
+        EXPECT_EQ(ldap_getenv(none), nullptr);
+        EXPECT_EQ(ldap_chkenv(none), 0);
+    }
+    EXPECT_EQ(ldap_chkenv(VAR), 11) << "the value and its terminator";
+    EXPECT_EQ(ldap_chkenv("WZR_ENV_TEST_EMPTY"), 1) << "an empty value is set";
+    EXPECT_EQ(wzrtest::walk_alloc_failures([] {
+                  char *value = ldap_getenv(VAR);
+                  lber_free(value);
+                  return value != nullptr;
+              }),
+              1);
+
     char buf[5];
-    EXPECT_EQ(ldap_getenv_buf(VAR, buf, sizeof buf), 10);
+    EXPECT_EQ(ldap_getenv_buf(VAR, buf, sizeof buf), 10) << "cut, but the full length told";
     EXPECT_STREQ(buf, "0123");
     char big[32];
+    long calls = lber_alloc_calls();
     EXPECT_EQ(ldap_getenv_buf(VAR, big, sizeof big), 10);
+    EXPECT_EQ(lber_alloc_calls(), calls) << "reads without allocating";
     EXPECT_STREQ(big, "0123456789");
-    wzrtest::ScopedEnv unset("WZR_ENV_TEST_UNSET", std::nullopt);
     EXPECT_EQ(ldap_getenv_buf("WZR_ENV_TEST_UNSET", big, sizeof big), -1);
     EXPECT_EQ(ldap_getenv_buf(VAR, big, 0), -1);
-    long calls = lber_alloc_calls();
-    (void)ldap_getenv_buf(VAR, big, sizeof big);
-    EXPECT_EQ(lber_alloc_calls(), calls) << "reads without allocating";
 }
 
 TEST(EnvWrite, PutenvHandsTheStringToTheEnvironment)
 {
     wzrtest::ScopedEnv guard(VAR, std::nullopt);
     static char assignment[] = "WZR_ENV_TEST_LIST=put";
-    EXPECT_EQ(ldap_putenv(assignment), 0);
-    EXPECT_EQ(env_now(VAR), "put");
-    EXPECT_EQ(ldap_putenv(nullptr), 0);
     static char nothing[] = "";
+    EXPECT_EQ(ldap_putenv(assignment), 0);
+    EXPECT_EQ(ldap_putenv(nullptr), 0);
     EXPECT_EQ(ldap_putenv(nothing), 0);
     EXPECT_EQ(env_now(VAR), "put");
 }
 
+// Mode 1 appends, any other prepends; an element already there (any case, either slash) stays.
 TEST(EnvWrite, ChangeEnvVarPrependsAppendsOrKeeps)
 {
     Assignments made;
-    {
-        wzrtest::ScopedEnv v(VAR, std::string("/B:/c"));
-        EXPECT_EQ(ldap_change_env_var(0, VAR, ':', "/b"), 0);
-        EXPECT_EQ(env_now(VAR), "/B:/c") << "already there, whatever the letter case";
-        EXPECT_EQ(ldap_change_env_var(1, VAR, ':', "/C"), 0);
-        EXPECT_EQ(env_now(VAR), "/B:/c");
-    }
-    {
-        wzrtest::ScopedEnv v(VAR, std::string("/c"));
-        EXPECT_EQ(ldap_change_env_var(0, VAR, ':', "/a"), 0);
-        EXPECT_EQ(env_now(VAR), "/a:/c");
-        made.record(VAR);
-    }
-    {
-        wzrtest::ScopedEnv v(VAR, std::string("/c"));
-        EXPECT_EQ(ldap_change_env_var(1, VAR, ':', "/a"), 0);
-        EXPECT_EQ(env_now(VAR), "/c:/a");
-        made.record(VAR);
-    }
-    {
-        wzrtest::ScopedEnv v(VAR, std::string("/c"));
-        EXPECT_EQ(ldap_change_env_var(7, VAR, ';', "/a"), 0) << "any mode but 1 prepends";
-        EXPECT_EQ(env_now(VAR), "/a;/c");
-        made.record(VAR);
-    }
-    {
-        wzrtest::ScopedEnv v(VAR, std::nullopt);
-        EXPECT_EQ(ldap_change_env_var(1, VAR, ':', "/opt/x"), 0);
-        EXPECT_EQ(env_now(VAR), "/opt/x");
-        made.record(VAR);
-    }
-    {
-        wzrtest::ScopedEnv v(VAR, std::string(""));
-        EXPECT_EQ(ldap_change_env_var(0, VAR, ':', "/opt/x"), 0);
-        EXPECT_EQ(env_now(VAR), "/opt/x") << "an empty value takes no separator";
-        made.record(VAR);
-    }
-    {
-        wzrtest::ScopedEnv v(VAR, std::string("C:\\Tools;D:\\x"));
-        EXPECT_EQ(ldap_change_env_var(0, VAR, ';', "c:/tools"), 0);
-        EXPECT_EQ(env_now(VAR), "C:\\Tools;D:\\x") << "slashes of either kind match";
+    const struct {
+        const char *before; // null: unset
+        int mode;
+        char sep;
+        const char *item;
+        const char *after;
+    } cases[] = {
+        {"/B:/c", 0, ':', "/b", "/B:/c"},
+        {"/B:/c", 1, ':', "/C", "/B:/c"},
+        {"/c", 0, ':', "/a", "/a:/c"},
+        {"/c", 1, ':', "/a", "/c:/a"},
+        {"/c", 7, ';', "/a", "/a;/c"},
+        {nullptr, 1, ':', "/opt/x", "/opt/x"},
+        {"", 0, ':', "/opt/x", "/opt/x"}, // an empty value takes no separator
+        {"C:\\Tools;D:\\x", 0, ';', "c:/tools", "C:\\Tools;D:\\x"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::string(c.before ? c.before : "(unset)") + " + " + c.item);
+        wzrtest::ScopedEnv v(VAR, c.before ? std::optional<std::string>(c.before) : std::nullopt);
+        EXPECT_EQ(ldap_change_env_var(c.mode, VAR, c.sep, c.item), 0);
+        EXPECT_EQ(env_now(VAR), c.after);
+        if (c.before == nullptr || strcmp(c.before, c.after) != 0)
+            made.record(VAR);
     }
     EXPECT_EQ(ldap_change_env_var(0, nullptr, ':', "/a"), LDAP_PARAM_ERROR);
     EXPECT_EQ(ldap_change_env_var(0, "", ':', "/a"), LDAP_PARAM_ERROR);

@@ -74,13 +74,17 @@ TEST(FilterEncoding, SubstringParts)
     EXPECT_EQ(encode("(cn=a*\\zz)").rc, -1);
 }
 
-TEST(FilterEncoding, PresenceAndOrderingAndApprox)
+TEST(FilterEncoding, PresenceOrderingApproxEmptySetsAndLongValues)
 {
     expect_encoding("(cn=*)", prim(0x87, "cn"));
     expect_encoding("(cn = * )", prim(0x87, "cn"));
     expect_encoding("(age<=42)", ava(0xa6, "age", "42"));
     expect_encoding("(age>=42)", ava(0xa5, "age", "42"));
     expect_encoding("(sn~=jensen)", ava(0xa8, "sn", "jensen"));
+    expect_encoding("(&)", cons(0xa0, "")); // an empty set
+    expect_encoding("(|)", cons(0xa1, ""));
+    std::string value(300, 'v'); // long values take the long length form
+    expect_encoding(("(description=" + value + ")").c_str(), ava(0xa3, "description", value));
 }
 
 TEST(FilterEncoding, ExtensibleMatches)
@@ -130,12 +134,6 @@ TEST(FilterEncoding, UnparenthesisedAndTrimmed)
     EXPECT_EQ(encode("(cn=x\\ )").rc, -1);
 }
 
-TEST(FilterEncoding, EmptyAndIsAnEmptySet)
-{
-    expect_encoding("(&)", cons(0xa0, ""));
-    expect_encoding("(|)", cons(0xa1, ""));
-}
-
 TEST(FilterEncoding, MalformedFiltersFail)
 {
     for (const char *bad :
@@ -147,30 +145,18 @@ TEST(FilterEncoding, MalformedFiltersFail)
 
 TEST(FilterEncoding, DeepNestingFailsInsteadOfOverflowing)
 {
-    std::string deep;
+    std::string deep, ok;
     for (int i = 0; i < 150; ++i)
-        deep += "(!";
-    deep += "(cn=x)";
-    for (int i = 0; i < 150; ++i)
-        deep += ")";
+        deep = "(!" + deep + ")";
+    for (int i = 0; i < 50; ++i)
+        ok = "(!" + ok + ")";
+    deep.insert(150 * 2, "(cn=x)");
+    ok.insert(50 * 2, "(cn=x)");
     EXPECT_EQ(encode(deep.c_str()).rc, -1);
-    std::string ok;
-    for (int i = 0; i < 50; ++i)
-        ok += "(!";
-    ok += "(cn=x)";
-    for (int i = 0; i < 50; ++i)
-        ok += ")";
     Bytes want = ava(0xa3, "cn", "x");
     for (int i = 0; i < 50; ++i)
         want = cons(0xa2, want);
     expect_encoding(ok.c_str(), want);
-}
-
-TEST(FilterEncoding, LongValuesUseTheLongLengthForm)
-{
-    std::string value(300, 'v');
-    std::string filter = "(description=" + value + ")";
-    expect_encoding(filter.c_str(), ava(0xa3, "description", value));
 }
 
 TEST(FilterEncoding, CompressHexInPlace)

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <optional>
 #include <string>
 #include <unistd.h>
 #include <utility>
@@ -111,49 +112,40 @@ TEST(InitHost, NullHostIsThisMachineOnPort389)
     EXPECT_EQ(ldap_unbind(ld), 0);
 }
 
-TEST(InitHost, BadArgumentsGiveNoHandle)
+// A URL (its scheme in any case) gives host and port, its default port winning over the
+// argument; a host list is kept as given; bad arguments give no handle.
+TEST(InitHost, HostArgumentForms)
 {
-    EXPECT_EQ(ldap_init("", 389), nullptr);
-    EXPECT_EQ(ldap_init("localhost", -1), nullptr);
-    EXPECT_EQ(ldap_init(nullptr, -389), nullptr);
-    EXPECT_EQ(ldap_init("ldap:///dc=example,dc=com", 0), nullptr)
-        << "a URL without a host would need DNS server location";
-    EXPECT_EQ(ldap_init("ldap://host:12x/", 0), nullptr) << "the URL does not parse";
-
-    LDAP *ld = ldap_init("somehost", 2389);
-    ASSERT_NE(ld, nullptr);
-    EXPECT_STREQ(ld->ld_defhost, "somehost");
-    EXPECT_EQ(ld->ld_defport, 2389);
-    EXPECT_EQ(ld->ld_defconn->port, 2389);
-    EXPECT_EQ(ldap_unbind(ld), 0);
-}
-
-TEST(InitHost, SchemeInCapitalsIsTakenForAUrl)
-{
-    LDAP *ld = ldap_init("LDAPS://h:1636", 0);
-    ASSERT_NE(ld, nullptr);
-    EXPECT_STREQ(ld->ld_defhost, "h");
-    EXPECT_EQ(ld->ld_defport, 1636);
-    EXPECT_STREQ(ld->ld_defconn->host, "h");
-    EXPECT_EQ(ld->ld_defconn->port, 1636);
-    EXPECT_EQ(ldap_unbind(ld), 0);
-
-    // The scheme may stand anywhere in the string; without a URL port the URL's default wins
-    // over the argument.
-    ld = ldap_init("ldap://server.example/dc=example", 2000);
-    ASSERT_NE(ld, nullptr);
-    EXPECT_STREQ(ld->ld_defhost, "server.example");
-    EXPECT_EQ(ld->ld_defport, 389);
-    EXPECT_EQ(ldap_unbind(ld), 0);
-}
-
-TEST(InitHost, HostListIsKeptAsGiven)
-{
-    LDAP *ld = ldap_init("a b:1389 [::1]:1390", 0);
-    ASSERT_NE(ld, nullptr);
-    EXPECT_STREQ(ld->ld_defhost, "a b:1389 [::1]:1390");
-    EXPECT_STREQ(ld->ld_defconn->host, "a b:1389 [::1]:1390");
-    EXPECT_EQ(ldap_unbind(ld), 0);
+    const struct {
+        const char *host;
+        int port;
+        const char *defhost; // null: refused
+        int defport;
+    } cases[] = {
+        {"", 389, nullptr, 0},
+        {"localhost", -1, nullptr, 0},
+        {nullptr, -389, nullptr, 0},
+        {"ldap:///dc=example,dc=com", 0, nullptr, 0}, // would need DNS server location
+        {"ldap://host:12x/", 0, nullptr, 0},          // the URL does not parse
+        {"somehost", 2389, "somehost", 2389},
+        {"LDAPS://h:1636", 0, "h", 1636},
+        {"ldap://server.example/dc=example", 2000, "server.example", 389},
+        {"a b:1389 [::1]:1390", 0, "a b:1389 [::1]:1390", 389},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.host != nullptr ? c.host : "(null)");
+        LDAP *ld = ldap_init(c.host, c.port);
+        if (c.defhost == nullptr) {
+            EXPECT_EQ(ld, nullptr);
+            continue;
+        }
+        ASSERT_NE(ld, nullptr);
+        EXPECT_STREQ(ld->ld_defhost, c.defhost);
+        EXPECT_EQ(ld->ld_defport, c.defport);
+        EXPECT_STREQ(ld->ld_defconn->host, c.defhost);
+        EXPECT_EQ(ld->ld_defconn->port, c.defport);
+        EXPECT_EQ(ldap_unbind(ld), 0);
+    }
 }
 
 TEST(HostEntries, SplitsAsTheOpenerSeesThem)
@@ -229,36 +221,27 @@ TEST(OpenConnection, LdapOpenGivesVersion2UnlessAskedFor3)
 {
     wzrtest::LoopbackListener server;
     ASSERT_TRUE(server.ok());
-    {
-        wzrtest::ScopedEnv version("LDAP_VERSION", std::nullopt);
+    const struct {
+        std::optional<std::string> env;
+        int version;
+    } cases[] = {{std::nullopt, 2}, {"3", 3}, {"3.0", 2}}; // only exactly "3" asks for 3
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.env.value_or("(unset)"));
+        wzrtest::ScopedEnv version("LDAP_VERSION", c.env);
         LDAP *ld = ldap_open("127.0.0.1", server.port());
         ASSERT_NE(ld, nullptr);
-        EXPECT_EQ(ld->ld_version, 2);
+        EXPECT_EQ(ld->ld_version, c.version);
         EXPECT_EQ(ld->ld_defconn->connected, 1);
-        EXPECT_TRUE(server.wait_accepted(1));
         int sd = -2;
         ASSERT_EQ(ldap_get_option(ld, LDAP_OPT_DESC, &sd), 0);
         EXPECT_EQ(sd, ld->ld_defconn->sb.sb_sd);
         EXPECT_NE(fcntl(sd, F_GETFL) & O_NONBLOCK, 0) << "the reader expects a non-blocking socket";
         EXPECT_EQ(ldap_unbind(ld), 0);
     }
-    {
-        wzrtest::ScopedEnv version("LDAP_VERSION", std::string("3"));
-        LDAP *ld = ldap_open("127.0.0.1", server.port());
-        ASSERT_NE(ld, nullptr);
-        EXPECT_EQ(ld->ld_version, 3);
-        EXPECT_EQ(ldap_unbind(ld), 0);
-    }
-    {
-        wzrtest::ScopedEnv version("LDAP_VERSION", std::string("3.0"));
-        LDAP *ld = ldap_open("127.0.0.1", server.port());
-        ASSERT_NE(ld, nullptr);
-        EXPECT_EQ(ld->ld_version, 2) << "only exactly \"3\" asks for version 3";
-        EXPECT_EQ(ldap_unbind(ld), 0);
-    }
+    EXPECT_TRUE(server.wait_accepted(3));
     LDAP *ld = ldap_init("127.0.0.1", server.port());
     ASSERT_NE(ld, nullptr);
-    EXPECT_EQ(ld->ld_version, 3);
+    EXPECT_EQ(ld->ld_version, 3) << "ldap_init keeps version 3";
     EXPECT_EQ(ldap_unbind(ld), 0);
 }
 

@@ -25,21 +25,31 @@ using wzrtest::canonical_dn;
 using wzrtest::EntryMap;
 using wzrtest::shared_slapd;
 
-// A handle on the shared server, unbound at the end of the scope.
+// A handle, unbound at the end of the scope.
 struct Handle {
     LDAP *ld = nullptr;
-    explicit Handle(const wzrtest::SlapdFixture &s)
-        : ld(ldap_init("127.0.0.1", s.port()))
-    {
-    }
-    explicit Handle(const std::string &local_path) : ld(ldap_init(local_path.c_str(), 0)) {}
     ~Handle()
     {
         if (ld != nullptr)
             ldap_unbind(ld);
     }
-    Handle(const Handle &) = delete;
-    Handle &operator=(const Handle &) = delete;
+};
+
+// Every test works on the shared server through its own handle.
+class OpsSlapd : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        WZR_REQUIRE_SLAPD(s);
+        h.ld = ldap_init("127.0.0.1", s.port());
+        ASSERT_NE(h.ld, nullptr);
+    }
+    void bind_manager()
+    {
+        ASSERT_EQ(ldap_simple_bind_s(h.ld, s.manager_dn().c_str(), s.manager_pw().c_str()), 0);
+    }
+    wzrtest::SlapdFixture &s = shared_slapd();
+    Handle h;
 };
 
 std::string quote(const std::string &s) { return "'" + s + "'"; }
@@ -85,12 +95,8 @@ bool exists(LDAP *ld, const std::string &dn)
     return rc == LDAP_SUCCESS;
 }
 
-TEST(OpsSlapd, SimpleBindsAsManagerAndUser)
+TEST_F(OpsSlapd, SimpleBindsAsManagerAndUser)
 {
-    auto &s = shared_slapd();
-    WZR_REQUIRE_SLAPD(s);
-    Handle h(s);
-    ASSERT_NE(h.ld, nullptr);
     EXPECT_EQ(ldap_simple_bind_s(h.ld, s.manager_dn().c_str(), s.manager_pw().c_str()), 0);
     EXPECT_EQ(ldap_simple_bind_s(h.ld, s.user_dn().c_str(), s.user_pw().c_str()), 0);
     EXPECT_EQ(ldap_simple_bind_s(h.ld, s.user_dn().c_str(), "not-the-password"),
@@ -114,11 +120,10 @@ TEST(OpsSlapd, SimpleBindsAsManagerAndUser)
     EXPECT_EQ(ldap_result2error(h.ld, res, 1), 0);
 }
 
-TEST(OpsSlapd, ExternalBindOverLocalSocket)
+TEST_F(OpsSlapd, ExternalBindOverLocalSocket)
 {
-    auto &s = shared_slapd();
-    WZR_REQUIRE_SLAPD(s);
-    Handle h(s.ldapi_path());
+    ldap_unbind(h.ld); // this one goes over the local socket
+    h.ld = ldap_init(s.ldapi_path().c_str(), 0);
     ASSERT_NE(h.ld, nullptr);
     // Lower case is the same mechanism.
     ASSERT_EQ(ldap_sasl_bind_s(h.ld, nullptr, "external", nullptr, nullptr, nullptr, nullptr), 0);
@@ -134,12 +139,8 @@ TEST(OpsSlapd, ExternalBindOverLocalSocket)
               LDAP_PARAM_ERROR);
 }
 
-TEST(OpsSlapd, UnknownMechanismGoesToTheServer)
+TEST_F(OpsSlapd, UnknownMechanismGoesToTheServer)
 {
-    auto &s = shared_slapd();
-    WZR_REQUIRE_SLAPD(s);
-    Handle h(s);
-    ASSERT_NE(h.ld, nullptr);
     // No plug-in: sent as a plain SASL bind, which the server refuses with its own code.
     int rc = ldap_sasl_bind_s(h.ld, nullptr, "NO-SUCH-MECH", nullptr, nullptr, nullptr, nullptr);
     EXPECT_TRUE(rc == LDAP_AUTH_UNKNOWN || rc == LDAP_STRONG_AUTH_NOT_SUPPORTED ||
@@ -148,13 +149,9 @@ TEST(OpsSlapd, UnknownMechanismGoesToTheServer)
     EXPECT_LT(rc, 81) << "the code must come from the server";
 }
 
-TEST(OpsSlapd, SearchScopesOverTheSampleTree)
+TEST_F(OpsSlapd, SearchScopesOverTheSampleTree)
 {
-    auto &s = shared_slapd();
-    WZR_REQUIRE_SLAPD(s);
-    Handle h(s);
-    ASSERT_NE(h.ld, nullptr);
-    ASSERT_EQ(ldap_simple_bind_s(h.ld, s.manager_dn().c_str(), s.manager_pw().c_str()), 0);
+    ASSERT_NO_FATAL_FAILURE(bind_manager());
     struct Case {
         int scope;
         const char *name;
@@ -177,13 +174,9 @@ TEST(OpsSlapd, SearchScopesOverTheSampleTree)
     }
 }
 
-TEST(OpsSlapd, SubtreeSearchMatchesLdapsearchValueForValue)
+TEST_F(OpsSlapd, SubtreeSearchMatchesLdapsearchValueForValue)
 {
-    auto &s = shared_slapd();
-    WZR_REQUIRE_SLAPD(s);
-    Handle h(s);
-    ASSERT_NE(h.ld, nullptr);
-    ASSERT_EQ(ldap_simple_bind_s(h.ld, s.manager_dn().c_str(), s.manager_pw().c_str()), 0);
+    ASSERT_NO_FATAL_FAILURE(bind_manager());
     LDAPMessage *res = nullptr;
     std::vector<std::string> raw;
     ASSERT_EQ(ldap_search_s(h.ld, s.base().c_str(), LDAP_SCOPE_SUBTREE, "(objectClass=*)", nullptr,
@@ -210,13 +203,9 @@ TEST(OpsSlapd, SubtreeSearchMatchesLdapsearchValueForValue)
     EXPECT_EQ(ours.count(canonical_dn("cn=a\\+b,ou=people," + s.base())), 1u);
 }
 
-TEST(OpsSlapd, FiltersSelectWhatTheServerMatches)
+TEST_F(OpsSlapd, FiltersSelectWhatTheServerMatches)
 {
-    auto &s = shared_slapd();
-    WZR_REQUIRE_SLAPD(s);
-    Handle h(s);
-    ASSERT_NE(h.ld, nullptr);
-    ASSERT_EQ(ldap_simple_bind_s(h.ld, s.manager_dn().c_str(), s.manager_pw().c_str()), 0);
+    ASSERT_NO_FATAL_FAILURE(bind_manager());
     for (const char *filter :
          {"(uid=alice)", "(&(objectClass=inetOrgPerson)(|(sn=Cert)(cn=Alice*)))", "(cn=*Jo*)",
           "(!(objectClass=inetOrgPerson))", "(cn=Smith\\2c John)", "(cn=a\\2bb)", "(cn:=x)",
@@ -240,12 +229,8 @@ TEST(OpsSlapd, FiltersSelectWhatTheServerMatches)
     }
 }
 
-TEST(OpsSlapd, SizeLimitKeepsTheEntriesThatArrived)
+TEST_F(OpsSlapd, SizeLimitKeepsTheEntriesThatArrived)
 {
-    auto &s = shared_slapd();
-    WZR_REQUIRE_SLAPD(s);
-    Handle h(s);
-    ASSERT_NE(h.ld, nullptr);
     LDAPMessage *res = nullptr;
     int rc = ldap_search_ext_s(h.ld, people(s).c_str(), LDAP_SCOPE_SUBTREE, "(uid=user*)", nullptr,
                                0, nullptr, nullptr, nullptr, 7, &res);
@@ -263,12 +248,8 @@ TEST(OpsSlapd, SizeLimitKeepsTheEntriesThatArrived)
     EXPECT_EQ(ldap_result2error(h.ld, res, 1), LDAP_SIZELIMIT_EXCEEDED);
 }
 
-TEST(OpsSlapd, TimeLimitsAndAttributeSelection)
+TEST_F(OpsSlapd, TimeLimitsAndAttributeSelection)
 {
-    auto &s = shared_slapd();
-    WZR_REQUIRE_SLAPD(s);
-    Handle h(s);
-    ASSERT_NE(h.ld, nullptr);
     // Microseconds alone ask the server for one second, not for "no limit" nor for zero.
     struct timeval tv = {0, 500000};
     LDAPMessage *res = nullptr;
@@ -301,13 +282,9 @@ TEST(OpsSlapd, TimeLimitsAndAttributeSelection)
     ldap_msgfree(res);
 }
 
-TEST(OpsSlapd, UpdatesAreReadBack)
+TEST_F(OpsSlapd, UpdatesAreReadBack)
 {
-    auto &s = shared_slapd();
-    WZR_REQUIRE_SLAPD(s);
-    Handle h(s);
-    ASSERT_NE(h.ld, nullptr);
-    ASSERT_EQ(ldap_simple_bind_s(h.ld, s.manager_dn().c_str(), s.manager_pw().c_str()), 0);
+    ASSERT_NO_FATAL_FAILURE(bind_manager());
     const std::string dn = "cn=Ops Update\\, Test,ou=people," + s.base();
     (void)ldap_delete_s(h.ld, dn.c_str()); // a leftover of an aborted run
 
@@ -369,13 +346,9 @@ TEST(OpsSlapd, UpdatesAreReadBack)
     EXPECT_EQ(ldap_delete_s(h.ld, moved.c_str()), LDAP_NO_SUCH_OBJECT);
 }
 
-TEST(OpsSlapd, AsynchronousUpdatesReturnTheirResponses)
+TEST_F(OpsSlapd, AsynchronousUpdatesReturnTheirResponses)
 {
-    auto &s = shared_slapd();
-    WZR_REQUIRE_SLAPD(s);
-    Handle h(s);
-    ASSERT_NE(h.ld, nullptr);
-    ASSERT_EQ(ldap_simple_bind_s(h.ld, s.manager_dn().c_str(), s.manager_pw().c_str()), 0);
+    ASSERT_NO_FATAL_FAILURE(bind_manager());
     const std::string dn = "cn=Ops Async,ou=people," + s.base();
     (void)ldap_delete_s(h.ld, dn.c_str());
     char *oc[] = {const_cast<char *>("person"), nullptr};

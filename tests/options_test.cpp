@@ -46,12 +46,21 @@ struct ControlList {
     }
 };
 
+// Each test gets a fresh handle on localhost.
+class HandleTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_NE(h.ld, nullptr); }
+    Handle h;
+};
+class OptionRanges : public HandleTest {};
+class OptionVersions : public HandleTest {};
+class OptionReads : public HandleTest {};
+class OptionCopies : public HandleTest {};
+
 } // namespace
 
-TEST(OptionRanges, EveryIntegerOptionChecksItsRange)
+TEST_F(OptionRanges, EveryIntegerOptionChecksItsRange)
 {
-    Handle h;
-    ASSERT_NE(h.ld, nullptr);
     struct Range {
         int option;
         int low;
@@ -86,10 +95,8 @@ TEST(OptionRanges, EveryIntegerOptionChecksItsRange)
     EXPECT_EQ(set_int(h.ld, LDAP_OPT_SSL_TIMEOUT, 86401), LDAP_PARAM_ERROR);
 }
 
-TEST(OptionRanges, FlagsTakeTheirValueInThePointer)
+TEST_F(OptionRanges, FlagsTakeTheirValueInThePointer)
 {
-    Handle h;
-    ASSERT_NE(h.ld, nullptr);
     for (int option : {LDAP_OPT_REFERRALS, LDAP_OPT_UTF8_IO, LDAP_OPT_BIND_FLAG}) {
         SCOPED_TRACE(option);
         EXPECT_EQ(ldap_set_option(h.ld, option, LDAP_OPT_OFF), 0);
@@ -101,10 +108,8 @@ TEST(OptionRanges, FlagsTakeTheirValueInThePointer)
     }
 }
 
-TEST(OptionRanges, DebugMaskIsProcessWideAndBounded)
+TEST_F(OptionRanges, DebugMaskIsProcessWideAndBounded)
 {
-    Handle h;
-    ASSERT_NE(h.ld, nullptr);
     unsigned before = ldap_debug_enabled();
     EXPECT_EQ(set_int(h.ld, LDAP_OPT_DEBUG, 0x10000), LDAP_PARAM_ERROR);
     EXPECT_EQ(set_int(h.ld, LDAP_OPT_DEBUG, -1), LDAP_PARAM_ERROR);
@@ -115,10 +120,8 @@ TEST(OptionRanges, DebugMaskIsProcessWideAndBounded)
     ldap_set_debug_mask(before);
 }
 
-TEST(OptionRanges, ReadOnlyAndUnknownOptionsAreRefused)
+TEST_F(OptionRanges, ReadOnlyAndUnknownOptionsAreRefused)
 {
-    Handle h;
-    ASSERT_NE(h.ld, nullptr);
     int value = 1;
     for (int option : {10, 11, 20, 21, 48, 49, 50, 51, 12, 16, 55, 999, -3}) {
         SCOPED_TRACE(option);
@@ -128,12 +131,14 @@ TEST(OptionRanges, ReadOnlyAndUnknownOptionsAreRefused)
     EXPECT_EQ(ldap_set_option(h.ld, -3, nullptr), LDAP_PARAM_ERROR);
     EXPECT_EQ(ldap_get_option(h.ld, 999, &value), LDAP_PARAM_ERROR);
     EXPECT_EQ(ldap_get_option(h.ld, LDAP_OPT_SIZELIMIT, nullptr), LDAP_PARAM_ERROR);
+    LDAP fake{}; // an invalid handle
+    memcpy(fake.ld_eyecatcher, "EYEDEADL", 8);
+    EXPECT_EQ(ldap_set_option(&fake, LDAP_OPT_SIZELIMIT, &value), LDAP_PARAM_ERROR);
+    EXPECT_EQ(ldap_get_option(&fake, LDAP_OPT_SIZELIMIT, &value), LDAP_PARAM_ERROR);
 }
 
-TEST(OptionVersions, NullIsRefusedAtVersion3AndTakenAsZeroAtVersion2)
+TEST_F(OptionVersions, NullIsRefusedAtVersion3AndTakenAsZeroAtVersion2)
 {
-    Handle h;
-    ASSERT_NE(h.ld, nullptr);
     ASSERT_EQ(get_int(h.ld, LDAP_OPT_PROTOCOL_VERSION), 3);
     ASSERT_EQ(set_int(h.ld, LDAP_OPT_SIZELIMIT, 50), 0);
     EXPECT_EQ(ldap_set_option(h.ld, LDAP_OPT_SIZELIMIT, nullptr), LDAP_PARAM_ERROR);
@@ -154,10 +159,8 @@ TEST(OptionVersions, NullIsRefusedAtVersion3AndTakenAsZeroAtVersion2)
     EXPECT_EQ(get_int(h.ld, LDAP_OPT_PROTOCOL_VERSION), 2);
 }
 
-TEST(OptionReads, ApiAndFeatureInfo)
+TEST_F(OptionReads, ApiAndFeatureInfo)
 {
-    Handle h;
-    ASSERT_NE(h.ld, nullptr);
     LDAPAPIInfo info{};
     info.ldapai_info_version = 99;
     EXPECT_EQ(ldap_get_option(h.ld, LDAP_OPT_API_INFO, &info), LDAP_PARAM_ERROR);
@@ -190,10 +193,8 @@ TEST(OptionReads, ApiAndFeatureInfo)
     });
 }
 
-TEST(OptionReads, ConnectionAndErrorRecordOptions)
+TEST_F(OptionReads, ConnectionAndErrorRecordOptions)
 {
-    Handle h;
-    ASSERT_NE(h.ld, nullptr);
     EXPECT_EQ(get_int(h.ld, LDAP_OPT_DESC), -1) << "not connected yet";
     EXPECT_EQ(get_int(h.ld, LDAP_OPT_PORT), 389);
     char *host = nullptr;
@@ -214,10 +215,8 @@ TEST(OptionReads, ConnectionAndErrorRecordOptions)
     EXPECT_EQ(ldap_get_option(h.ld, LDAP_OPT_ERROR_STRING, nullptr), LDAP_PARAM_ERROR);
 }
 
-TEST(OptionCopies, StringsAndTimeoutAreCopiedAndNullClears)
+TEST_F(OptionCopies, StringsAndTimeoutAreCopiedAndNullClears)
 {
-    Handle h;
-    ASSERT_NE(h.ld, nullptr);
     for (int option : {LDAP_OPT_SSL_STRING, LDAP_OPT_SSL_CIPHER_STRING,
                        LDAP_OPT_SSL_PROTOCOL_STRING}) {
         char given[] = "TLSv1.2";
@@ -255,10 +254,8 @@ TEST(OptionCopies, StringsAndTimeoutAreCopiedAndNullClears)
     EXPECT_EQ(proc, &marker);
 }
 
-TEST(OptionCopies, ControlListsAreCopiedBothWays)
+TEST_F(OptionCopies, ControlListsAreCopiedBothWays)
 {
-    Handle h;
-    ASSERT_NE(h.ld, nullptr);
     ControlList given(false);
     ASSERT_EQ(ldap_set_option(h.ld, LDAP_OPT_SERVER_CONTROLS, given.list), 0);
     ASSERT_NE(h.ld->ld_sctrls, nullptr);
@@ -295,10 +292,8 @@ TEST(OptionCopies, ControlListsAreCopiedBothWays)
     EXPECT_EQ(got, nullptr);
 }
 
-TEST(OptionCopies, SettingControlsSurvivesEveryAllocationFailure)
+TEST_F(OptionCopies, SettingControlsSurvivesEveryAllocationFailure)
 {
-    Handle h;
-    ASSERT_NE(h.ld, nullptr);
     ControlList given(false);
     for (int option : {LDAP_OPT_SERVER_CONTROLS, LDAP_OPT_CLIENT_CONTROLS}) {
         SCOPED_TRACE(option);
@@ -347,13 +342,4 @@ TEST(GlobalDefaults, NullHandleChangesOnlyTheGlobalDefault)
 
     ASSERT_EQ(set_int(nullptr, LDAP_OPT_SIZELIMIT, 0), 0);
     ASSERT_EQ(set_int(nullptr, LDAP_OPT_TIMELIMIT, 0), 0);
-}
-
-TEST(OptionValidation, InvalidHandleIsRefused)
-{
-    LDAP fake{};
-    memcpy(fake.ld_eyecatcher, "EYEDEADL", 8);
-    int value = 1;
-    EXPECT_EQ(ldap_set_option(&fake, LDAP_OPT_SIZELIMIT, &value), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_get_option(&fake, LDAP_OPT_SIZELIMIT, &value), LDAP_PARAM_ERROR);
 }

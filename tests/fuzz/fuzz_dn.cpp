@@ -51,7 +51,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     char *dn = static_cast<char *>(lber_malloc(size + 1));
     if (dn == nullptr)
         return 0;
-    memcpy(dn, data, size);
+    if (size != 0) // the empty input may come with a null pointer
+        memcpy(dn, data, size);
     dn[size] = '\0';
 
     for (int mode : {LDAP_DN_BUILD_IN_ORDER, LDAP_DN_BUILD_SORTED}) {

@@ -44,7 +44,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     char *filter = static_cast<char *>(lber_malloc(size + 1));
     if (filter == nullptr)
         return 0;
-    memcpy(filter, data, size);
+    if (size != 0) // the empty input may come with a null pointer
+        memcpy(filter, data, size);
     filter[size] = '\0';
 
     BerElement *ber = fber_alloc_t(64); // small, so long filters exercise the growth path

@@ -13,7 +13,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     char *url = static_cast<char *>(lber_malloc(size + 1));
     if (url == nullptr)
         return 0;
-    memcpy(url, data, size);
+    if (size != 0) // the empty input may come with a null pointer
+        memcpy(url, data, size);
     url[size] = '\0';
 
     (void)ldap_is_ldap_url(url);
