@@ -41,6 +41,7 @@ struct Pair {
     }
     ~Pair()
     {
+        sockbuf_release_buffer(&sb);
         close(fd[0]);
         close(fd[1]);
     }

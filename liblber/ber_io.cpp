@@ -25,6 +25,15 @@ constexpr uint32_t PROGRESS_HEADER = 2;       // tag and first length byte read,
 constexpr int FLUSH_MAX_RETRIES = 100;        // zero-byte writes before a blocking flush gives up
 constexpr useconds_t FLUSH_RETRY_SLEEP_US = 10000;
 constexpr int DUMP_MAX_BYTES = 0x7FFF; // the hex dump shows at most this many bytes
+// A contents buffer starts at most this large and doubles as the bytes arrive, so that a
+// header declaring a huge length costs memory only in step with the data actually sent.
+constexpr size_t FIRST_CONTENTS_ALLOC = 64 * 1024;
+constexpr unsigned char TAG_BIND_REQUEST = 0x60;
+constexpr unsigned char TAG_SIMPLE_CREDENTIALS = 0x80;
+constexpr unsigned char TAG_SASL_CREDENTIALS = 0xA3;
+constexpr unsigned char TAG_INTEGER = 0x02;
+constexpr unsigned char TAG_OCTET_STRING = 0x04;
+constexpr unsigned char TAG_SEQUENCE = 0x30;
 
 bool closing(const Sockbuf *sb) { return sb->sb_closing > 0; }
 
@@ -90,6 +99,104 @@ void mask_password(unsigned char *buf, size_t len)
         buf[i] = 'x';
 }
 
+// One BER header at p[at] inside n bytes: its tag, and where its contents start and how long
+// they are (they may run past n). False when the header itself does not fit.
+struct Tlv {
+    unsigned char tag;
+    size_t body;
+    size_t len;
+};
+
+bool read_tlv(const unsigned char *p, size_t n, size_t at, Tlv *t)
+{
+    if (at + 2 > n)
+        return false;
+    t->tag = p[at];
+    t->body = at + 2;
+    t->len = p[at + 1];
+    if ((t->len & 0x80) == 0)
+        return true;
+    size_t k = t->len & 0x7f;
+    if (k == 0 || k > 4 || t->body + k > n)
+        return false;
+    t->len = 0;
+    for (size_t i = 0; i < k; ++i)
+        t->len = (t->len << 8) | p[t->body++];
+    return true;
+}
+
+// The next element behind `t`, which must carry `tag`.
+bool next_tlv(const unsigned char *p, size_t n, const Tlv &t, unsigned char tag, Tlv *next)
+{
+    return read_tlv(p, n, t.body + t.len, next) && next->tag == tag;
+}
+
+// The credentials of a bind request: the simple password, or the SASL credentials. `p` is
+// a whole LDAPMessage or its contents (the reader dumps those). The range found is clipped
+// to n. False for any other message.
+bool find_bind_credentials(const unsigned char *p, size_t n, size_t *off, size_t *len)
+{
+    Tlv t;
+    if (!read_tlv(p, n, 0, &t))
+        return false;
+    if (t.tag == TAG_SEQUENCE && !read_tlv(p, n, t.body, &t))
+        return false;
+    Tlv op, version, name, auth;
+    if (t.tag != TAG_INTEGER || !next_tlv(p, n, t, TAG_BIND_REQUEST, &op) ||
+        !read_tlv(p, n, op.body, &version) || version.tag != TAG_INTEGER ||
+        !next_tlv(p, n, version, TAG_OCTET_STRING, &name) ||
+        !read_tlv(p, n, name.body + name.len, &auth))
+        return false;
+    if (auth.tag == TAG_SASL_CREDENTIALS) {
+        Tlv mech;
+        if (!read_tlv(p, n, auth.body, &mech) || mech.tag != TAG_OCTET_STRING ||
+            !next_tlv(p, n, mech, TAG_OCTET_STRING, &auth))
+            return false;
+    } else if (auth.tag != TAG_SIMPLE_CREDENTIALS) {
+        return false;
+    }
+    if (auth.body >= n)
+        return false;
+    *off = auth.body;
+    *len = auth.len < n - auth.body ? auth.len : n - auth.body;
+    return true;
+}
+
+// Stars over the bind credentials in `copy`, which holds the bytes from `skip` on of the
+// PDU at pdu[0, pdu_len).
+void mask_bind_credentials(const unsigned char *pdu, size_t pdu_len, size_t skip,
+                           unsigned char *copy, size_t shown)
+{
+    size_t off = 0, len = 0;
+    if (!find_bind_credentials(pdu, pdu_len, &off, &len))
+        return;
+    size_t from = off > skip ? off : skip;
+    size_t to = off + len < skip + shown ? off + len : skip + shown;
+    if (from < to)
+        std::memset(copy + (from - skip), '*', to - from);
+}
+
+// Dumps data[0, len) with the secrets masked in a copy; the bytes sent stay as they are.
+// `pdu` is where the PDU begins, `data` may be a later part of it (a resumed write). Only the
+// part the hex dump can show is copied, so a huge PDU is not duplicated for the trace. When
+// the copy cannot be made nothing is dumped rather than an unmasked password.
+void dump_masked(const unsigned char *pdu, const unsigned char *data, long len, const char *title)
+{
+    if (data == nullptr || len < 0 || !ldap_debug_class_on(LDAP_TRC_BER))
+        return;
+    size_t shown = static_cast<size_t>(len < DUMP_MAX_BYTES ? len : DUMP_MAX_BYTES);
+    auto *copy = static_cast<unsigned char *>(lber_malloc(shown + 1));
+    if (copy == nullptr)
+        return;
+    std::memcpy(copy, data, shown);
+    copy[shown] = '\0';
+    size_t skip = static_cast<size_t>(data - pdu);
+    mask_bind_credentials(pdu, skip + static_cast<size_t>(len), skip, copy, shown);
+    mask_password(copy, shown);
+    ldap_debug_hexdump(copy, clamp_int(len), title);
+    lber_free(copy);
+}
+
 const char *reflush_suffix(const BerElement *ber)
 {
     return ber->ber_rwptr > ber->ber_buf ? " (re-flush)" : "";
@@ -151,7 +258,86 @@ long write_step(Sockbuf *sb, const unsigned char *buf, long len, bool blocking)
     return blocking ? 0 : -BER_WOULD_BLOCK;
 }
 
+/* ---- the read-ahead of the clear transport ---- */
+
+// One read() on the descriptor: the count, 0 at the end of the stream, 0 with *would_block
+// set when nothing is there yet, or -1.
+long read_socket(Sockbuf *sb, void *buf, long len, int *would_block)
+{
+    ssize_t n;
+    do
+        n = read(sb->sb_sd, buf, static_cast<size_t>(len));
+    while (n < 0 && errno == EINTR);
+    if (n >= 0)
+        return n;
+    int err = errno;
+    LDAP_TRACE(LDAP_TRC_BER, "fber_socket_read_nb: sd=%d errno=%d EWOULDBLOCK=%d EAGAIN=%d\n",
+               sb->sb_sd, err, EWOULDBLOCK, EAGAIN);
+    if (err == EAGAIN || err == EWOULDBLOCK) {
+        *would_block = 1;
+        return 0;
+    }
+    return -1;
+}
+
+long take_buffered(Sockbuf *sb, void *buf, long len)
+{
+    long n = sb->sb_raend - sb->sb_rapos;
+    if (n > len)
+        n = len;
+    std::memcpy(buf, sb->sb_rabuf + sb->sb_rapos, static_cast<size_t>(n));
+    sb->sb_rapos += static_cast<int32_t>(n);
+    return n;
+}
+
+// The PDU reader asks for a few header bytes, then the contents, so one read() of the whole
+// read-ahead usually brings several PDUs at once. Requests at least as large as the
+// read-ahead go straight to the caller's buffer. A read-ahead that cannot be allocated fails
+// the read, as any buffer of the reader does.
+long read_clear(Sockbuf *sb, void *buf, long len, int *would_block)
+{
+    if (len < 1)
+        return len < 0 ? -1 : 0;
+    if (sb->sb_rapos < sb->sb_raend)
+        return take_buffered(sb, buf, len);
+    if (len >= SB_READ_AHEAD_SIZE)
+        return read_socket(sb, buf, len, would_block);
+    if (sb->sb_rabuf == nullptr)
+        sb->sb_rabuf = static_cast<unsigned char *>(lber_malloc(SB_READ_AHEAD_SIZE));
+    if (sb->sb_rabuf == nullptr) {
+        LDAP_TRACE(LDAP_TRC_ERROR, "fber_socket_read_nb: no memory for the read-ahead of sd=%d\n",
+                   sb->sb_sd);
+        return -1;
+    }
+    long n = read_socket(sb, sb->sb_rabuf, SB_READ_AHEAD_SIZE, would_block);
+    if (n <= 0)
+        return n;
+    sb->sb_rapos = 0;
+    sb->sb_raend = static_cast<int32_t>(n);
+    return take_buffered(sb, buf, len);
+}
+
+// Length of the BER element (header and contents) at p[0, n), or 0 when its header is not
+// all there or is one the reader refuses anyway. May exceed n.
+size_t element_size(const unsigned char *p, size_t n)
+{
+    if (n < 2 || (p[0] & 0x1f) == 0x1f)
+        return 0;
+    if ((p[1] & 0x80) == 0)
+        return 2 + p[1];
+    size_t k = p[1] & 0x7f;
+    if (k == 0 || k > 4 || n < 2 + k)
+        return 0;
+    size_t len = 0;
+    for (size_t i = 0; i < k; ++i)
+        len = (len << 8) | p[2 + i];
+    return 2 + k + len;
+}
+
 /* ---- the PDU reader's three steps ---- */
+
+// FBerReadDirect_nb that also says whether the stream ended before the count was complete.
+int read_direct(Sockbuf *sb, unsigned char *buf, long len, long *remaining, bool *ended);
 
 // Tag and first length byte. A tag that arrives alone is kept in ber_tag so that the next
 // call asks only for the length byte. Multi-byte tags are not LDAP and are refused.
@@ -218,10 +404,44 @@ long read_long_length(Sockbuf *sb, BerElement *ber)
     return 0;
 }
 
-// A zeroed buffer of ber_len + 1 bytes (the extra byte keeps the contents NUL-terminated).
-// The element's inline buffer serves when it is large enough; otherwise a heap buffer is
-// allocated and recorded in ber_heapbuf, which fber_free releases. An earlier heap buffer
-// holds nothing of this PDU, so it is replaced rather than grown and copied.
+// Size of the heap contents buffer while `filled` of `len` bytes have arrived: it starts at
+// FIRST_CONTENTS_ALLOC, doubles each time it fills, and ends at len + 1 (the extra byte keeps
+// the contents NUL-terminated). Derived rather than stored, so the partial state of a PDU
+// needs no field of its own: the reader grows the buffer as soon as it is full.
+size_t heap_capacity(ber_len_t len, size_t filled)
+{
+    size_t cap = FIRST_CONTENTS_ALLOC;
+    while (cap <= filled)
+        cap *= 2;
+    // A step that would hold all the contents but not the NUL is the final size already.
+    return cap < len ? cap : static_cast<size_t>(len + 1);
+}
+
+bool contents_on_heap(const BerElement *ber)
+{
+    return ber->ber_heapbuf != nullptr && ber->ber_ptr == ber->ber_heapbuf;
+}
+
+long trace_alloc_failure(const BerElement *ber)
+{
+    LDAP_TRACE(LDAP_TRC_ERROR, "fber_get_next_nb: calloc failed, ber->ber_len=%d\n",
+               static_cast<int>(ber->ber_len));
+    return -1;
+}
+
+// Points ber_ptr/ber_end at a contents buffer of `buf` with `missing` bytes still to come;
+// ber_buf is the fill cursor until the PDU is complete.
+void place_contents(BerElement *ber, unsigned char *buf, long missing)
+{
+    ber->ber_ptr = buf;
+    ber->ber_end = buf + ber->ber_len;
+    ber->ber_buf = ber->ber_end - missing;
+}
+
+// The contents buffer. The element's inline buffer serves when it holds ber_len + 1 bytes;
+// otherwise a heap buffer (ber_heapbuf, which fber_free releases) of at most
+// FIRST_CONTENTS_ALLOC bytes to begin with. An earlier heap buffer holds nothing of this PDU,
+// so it is replaced rather than grown and copied.
 long size_buffer(BerElement *ber, uint32_t *progress)
 {
     if (ber->ber_len > MAX_PDU_LEN)
@@ -231,45 +451,46 @@ long size_buffer(BerElement *ber, uint32_t *progress)
     if (ber->ber_inline_size > 0 && size <= static_cast<size_t>(ber->ber_inline_size) &&
         fber_owns_allocation(ber)) {
         buf = fber_inline_buffer(ber);
-        std::memset(buf, 0, size);
     } else {
         lber_free(ber->ber_heapbuf);
         ber->ber_heapbuf = nullptr;
-        buf = static_cast<unsigned char *>(lber_calloc(size, 1));
-        if (buf == nullptr) {
-            LDAP_TRACE(LDAP_TRC_ERROR, "fber_get_next_nb: calloc failed, ber->ber_len=%d\n",
-                       static_cast<int>(ber->ber_len));
-            return -1;
-        }
+        buf = static_cast<unsigned char *>(lber_malloc(heap_capacity(ber->ber_len, 0)));
+        if (buf == nullptr)
+            return trace_alloc_failure(ber);
         ber->ber_heapbuf = buf;
     }
-    ber->ber_buf = buf;
-    ber->ber_ptr = buf;
-    ber->ber_end = buf + ber->ber_len;
+    place_contents(ber, buf, static_cast<long>(ber->ber_len));
     *progress = static_cast<uint32_t>(ber->ber_len);
     return 0;
 }
 
-// The contents. Until the PDU is complete ber_buf is the fill cursor (ber_end - missing);
-// ber_ptr stays at the start.
-long read_contents(Sockbuf *sb, BerElement *ber, uint32_t *progress)
+// Doubles a full heap buffer (ber_buf is its end); the bytes read so far move along.
+long grow_contents(BerElement *ber, long missing)
 {
-    long missing = *progress;
-    long remaining = 0;
-    int rc = FBerReadDirect_nb(sb, ber->ber_end - missing, missing, &remaining);
-    if (rc == BER_WOULD_BLOCK) {
-        *progress = static_cast<uint32_t>(remaining);
-        ber->ber_buf = ber->ber_end - remaining;
-        LDAP_TRACE(LDAP_TRC_BER,
-                   "fber_get_next_nb->FBerReadDirect_nb rc=%d: %d bytes left to read\n", rc,
-                   static_cast<int>(remaining));
-        return BER_WOULD_BLOCK;
-    }
-    if (rc != 0) {
-        LDAP_TRACE(LDAP_TRC_BER, "fber_get_next_nb->FBerReadDirect_nb:3 rc=%d\n", rc);
-        return -1;
-    }
+    size_t filled = static_cast<size_t>(ber->ber_len) - static_cast<size_t>(missing);
+    auto *buf = static_cast<unsigned char *>(
+        lber_realloc(ber->ber_heapbuf, heap_capacity(ber->ber_len, filled)));
+    if (buf == nullptr)
+        return trace_alloc_failure(ber); // the old buffer stays in ber_heapbuf
+    ber->ber_heapbuf = buf;
+    place_contents(ber, buf, missing);
+    return 0;
+}
+
+// How many of the missing bytes fit the contents buffer behind the fill cursor.
+long room_for(const BerElement *ber, long missing)
+{
+    if (!contents_on_heap(ber))
+        return missing;
+    size_t filled = static_cast<size_t>(ber->ber_len) - static_cast<size_t>(missing);
+    size_t room = heap_capacity(ber->ber_len, filled) - filled;
+    return room < static_cast<size_t>(missing) ? static_cast<long>(room) : missing;
+}
+
+long contents_complete(BerElement *ber, uint32_t *progress)
+{
     ber->ber_buf = ber->ber_ptr;
+    *ber->ber_end = 0;
     *progress = 0;
     if (ldap_debug_class_on(LDAP_TRC_BER)) {
         LDAP_TRACE(LDAP_TRC_BER, "fber_get_next_nb: tag 0x%lx len=%ld contents:\n",
@@ -277,6 +498,52 @@ long read_contents(Sockbuf *sb, BerElement *ber, uint32_t *progress)
         ber_dump_masked(ber->ber_buf, static_cast<long>(ber->ber_len), nullptr);
     }
     return static_cast<long>(ber->ber_tag);
+}
+
+// The stream ended inside the contents. Like any short read it completes the PDU with the
+// missing bytes zeroed (the caller's next read meets the end and fails there), but only when
+// the buffer already has its full size: growing it for bytes that can no longer come would
+// let a header declaring a huge length cost that much memory after all.
+long contents_cut_short(BerElement *ber, long missing, uint32_t *progress)
+{
+    if (room_for(ber, missing) < missing) {
+        LDAP_TRACE(LDAP_TRC_BER, "fber_get_next_nb->FBerReadDirect_nb:3 rc=%d\n", -1);
+        return -1;
+    }
+    std::memset(ber->ber_end - missing, 0, static_cast<size_t>(missing));
+    return contents_complete(ber, progress);
+}
+
+// The contents. Until the PDU is complete ber_buf is the fill cursor (ber_end - missing);
+// ber_ptr stays at the start. A heap buffer is filled to its end, then grown.
+long read_contents(Sockbuf *sb, BerElement *ber, uint32_t *progress)
+{
+    long missing = *progress;
+    for (;;) {
+        long want = room_for(ber, missing);
+        long remaining = 0;
+        bool ended = false;
+        int rc = read_direct(sb, ber->ber_end - missing, want, &remaining, &ended);
+        if (rc != 0 && rc != BER_WOULD_BLOCK) {
+            LDAP_TRACE(LDAP_TRC_BER, "fber_get_next_nb->FBerReadDirect_nb:3 rc=%d\n", rc);
+            return -1;
+        }
+        missing -= want - remaining;
+        *progress = static_cast<uint32_t>(missing);
+        ber->ber_buf = ber->ber_end - missing;
+        if (rc == BER_WOULD_BLOCK) {
+            LDAP_TRACE(LDAP_TRC_BER,
+                       "fber_get_next_nb->FBerReadDirect_nb rc=%d: %d bytes left to read\n", rc,
+                       static_cast<int>(missing));
+            return BER_WOULD_BLOCK;
+        }
+        if (ended)
+            return contents_cut_short(ber, missing, progress);
+        if (missing == 0)
+            return contents_complete(ber, progress);
+        if (grow_contents(ber, missing) != 0)
+            return -1;
+    }
 }
 
 void dump_element(BerElement *ber, int inout, const char *name)
@@ -318,30 +585,16 @@ long fber_socket_read_nb(Sockbuf *sb, void *buf, long len, int *would_block)
         }
         return count >= 0 && count <= len ? count : -1;
     }
-    ssize_t n;
-    do
-        n = read(sb->sb_sd, buf, static_cast<size_t>(len));
-    while (n < 0 && errno == EINTR);
-    if (n < 0) {
-        int err = errno;
-        LDAP_TRACE(LDAP_TRC_BER, "fber_socket_read_nb: sd=%d errno=%d EWOULDBLOCK=%d EAGAIN=%d\n",
-                   sb->sb_sd, err, EWOULDBLOCK, EAGAIN);
-        if (err == EAGAIN || err == EWOULDBLOCK) {
-            *would_block = 1;
-            return 0;
-        }
-        return -1;
-    }
-    return n;
+    return read_clear(sb, buf, len, would_block);
 }
 
-// A read of 0 bytes (end of stream) ends the loop as though the count were complete: the
-// caller's next read meets the end again and fails there, since no LDAP PDU is empty.
-int FBerReadDirect_nb(Sockbuf *sb, unsigned char *buf, long len, long *remaining)
+namespace {
+int read_direct(Sockbuf *sb, unsigned char *buf, long len, long *remaining, bool *ended)
 {
     if (len < 1)
         return -1;
     long done = 0;
+    *ended = false;
     while (done < len) {
         int would_block = 0;
         long n = fber_socket_read_nb(sb, buf + done, len - done, &would_block);
@@ -349,14 +602,28 @@ int FBerReadDirect_nb(Sockbuf *sb, unsigned char *buf, long len, long *remaining
             *remaining = len - done;
             return BER_WOULD_BLOCK;
         }
-        if (n == 0)
-            break;
         if (n < 0)
             return -1;
+        if (n == 0) {
+            *ended = true;
+            break;
+        }
         done += n;
     }
-    *remaining = 0;
+    *remaining = *ended ? len - done : 0;
     return 0;
+}
+} // namespace
+
+// A read of 0 bytes (end of stream) ends the loop as though the count were complete: the
+// caller's next read meets the end again and fails there, since no LDAP PDU is empty.
+int FBerReadDirect_nb(Sockbuf *sb, unsigned char *buf, long len, long *remaining)
+{
+    bool ended = false;
+    int rc = read_direct(sb, buf, len, remaining, &ended);
+    if (rc == 0)
+        *remaining = 0;
+    return rc;
 }
 
 // Reads one PDU without blocking. *progress is 0 before the first byte, 2 after the tag and
@@ -388,6 +655,9 @@ int fber_select(Sockbuf *sb, struct timeval *timeout)
         LDAP_TRACE(LDAP_TRC_BER, "fber_select: Bad params sb(%p)\n", static_cast<void *>(sb));
         return -1;
     }
+    // Bytes already read ahead never show on the descriptor either.
+    if (sockbuf_buffered(sb) > 0)
+        return 1;
     if (sb->sb_secure != nullptr) {
         // Decrypted bytes already inside the toolkit never show on the descriptor.
         if (wzr_skit.secure_soc_read == nullptr)
@@ -403,6 +673,25 @@ int fber_select(Sockbuf *sb, struct timeval *timeout)
     if (rc < 0)
         LDAP_TRACE(LDAP_TRC_BER, "fber_select: returning %d\n", rc);
     return rc;
+}
+
+void sockbuf_release_buffer(Sockbuf *sb)
+{
+    if (sb == nullptr)
+        return;
+    lber_free(sb->sb_rabuf);
+    sb->sb_rabuf = nullptr;
+    sb->sb_rapos = 0;
+    sb->sb_raend = 0;
+}
+
+long sockbuf_buffered(const Sockbuf *sb) { return sb->sb_raend - sb->sb_rapos; }
+
+bool sockbuf_pdu_buffered(const Sockbuf *sb)
+{
+    size_t avail = static_cast<size_t>(sockbuf_buffered(sb));
+    size_t size = avail > 0 ? element_size(sb->sb_rabuf + sb->sb_rapos, avail) : 0;
+    return size > 0 && size <= avail;
 }
 
 /* ---- writing ---- */
@@ -427,7 +716,7 @@ int fber_flush_nb(Sockbuf *sb, BerElement *ber)
     if (ldap_debug_class_on(LDAP_TRC_BER)) {
         LDAP_TRACE(LDAP_TRC_BER, "fber_flush_nb: %ld bytes to sd=%d%s\n", len, sb->sb_sd,
                    reflush_suffix(ber));
-        ber_dump_masked(ber->ber_rwptr, len, nullptr);
+        dump_masked(ber->ber_buf, ber->ber_rwptr, len, nullptr);
     }
     if (closing(sb))
         return -1;
@@ -448,7 +737,7 @@ int ber_flush(Sockbuf *sb, BerElement *ber, int freeit)
     if (ldap_debug_class_on(LDAP_TRC_BER)) {
         LDAP_TRACE(LDAP_TRC_BER, "ber_flush: %ld bytes to sd=%d%s\n", len, sb->sb_sd,
                    reflush_suffix(ber));
-        ber_dump_masked(ber->ber_rwptr, len, nullptr);
+        dump_masked(ber->ber_buf, ber->ber_rwptr, len, nullptr);
     }
     if ((sb->sb_options & (SB_COPY_TO_FD | SB_ONLY_TO_FD)) != 0) {
         int rc = copy_to_fd(sb, ber);
@@ -486,22 +775,9 @@ int ber_flush(Sockbuf *sb, BerElement *ber, int freeit)
 
 /* ---- dumps ---- */
 
-// Dumps a copy with the password value masked; the bytes sent stay as they are. Only the
-// part the hex dump can show is copied, so a huge PDU is not duplicated for the trace. When
-// the copy cannot be made nothing is dumped rather than an unmasked password.
 void ber_dump_masked(const unsigned char *data, long len, const char *title)
 {
-    if (data == nullptr || len < 0 || !ldap_debug_class_on(LDAP_TRC_BER))
-        return;
-    size_t shown = static_cast<size_t>(len < DUMP_MAX_BYTES ? len : DUMP_MAX_BYTES);
-    auto *copy = static_cast<unsigned char *>(lber_malloc(shown + 1));
-    if (copy == nullptr)
-        return;
-    std::memcpy(copy, data, shown);
-    copy[shown] = '\0';
-    mask_password(copy, shown);
-    ldap_debug_hexdump(copy, clamp_int(len), title);
-    lber_free(copy);
+    dump_masked(data, data, len, title);
 }
 
 // inout 1: the bytes still to be read (ber_ptr..ber_end); otherwise those written so far.

@@ -61,7 +61,14 @@ struct Sockbuf {
     int sb_closing;     // positive: refuse all further reads and writes
     uint32_t sb_options; // 0x01 copy flushed PDUs to sb_copyfd, 0x02 write only there
     int sb_copyfd;
+    // Read-ahead of the clear transport: bytes taken from the socket and not yet handed out
+    // lie in sb_rabuf[sb_rapos, sb_raend). Allocated on the first read, released by
+    // sockbuf_release_buffer; guarded like the reads themselves (the connection's read lock).
+    unsigned char *sb_rabuf = nullptr;
+    int32_t sb_rapos = 0;
+    int32_t sb_raend = 0;
 };
+inline constexpr long SB_READ_AHEAD_SIZE = 64 * 1024;
 inline constexpr uint32_t SB_COPY_TO_FD = 0x01;
 inline constexpr uint32_t SB_ONLY_TO_FD = 0x02;
 
@@ -144,6 +151,11 @@ long fber_socket_read_nb(Sockbuf *sb, void *buf, long len, int *would_block);
 int FBerReadDirect_nb(Sockbuf *sb, unsigned char *buf, long len, long *remaining);
 long fber_get_next_nb(Sockbuf *sb, BerElement *ber, uint32_t *progress);
 int fber_select(Sockbuf *sb, struct timeval *timeout);
+void sockbuf_release_buffer(Sockbuf *sb); // frees the read-ahead; buffered bytes are dropped
+long sockbuf_buffered(const Sockbuf *sb); // bytes read ahead and not yet handed out
+// True when the read-ahead holds a whole PDU (header and contents): reading it costs no
+// system call and cannot block.
+bool sockbuf_pdu_buffered(const Sockbuf *sb);
 long BerWrite_nb(Sockbuf *sb, const unsigned char *buf, long len);
 long BerWrite(Sockbuf *sb, const unsigned char *buf, long len);
 int fber_flush_nb(Sockbuf *sb, BerElement *ber);

@@ -27,6 +27,7 @@ void free_one_connection(LDAPConn *lc)
     lber_free(lc->resolved);
     if (lc->connected && lc->sb.sb_sd >= 0)
         close(lc->sb.sb_sd);
+    sockbuf_release_buffer(&lc->sb);
     // No plug-in binds itself to a connection yet, so lc->plugin is always null here.
     ldap_msg_table_free(lc->table);
     ldap_controls_free(lc->bind_ctrls);

@@ -115,17 +115,13 @@ LDAPMessage *read_state(LDAP *ld, LDAPConn *lc)
 }
 
 // Reads from the connection until one PDU is complete: 1, -2 time-out (the partial PDU
-// stays), -1 error, -4 a lock or memory failure (recorded). Takes the read lock.
-int read_pdu(LDAP *ld, LDAPConn *lc, struct timeval *timeout, LDAPMessage **out)
+// stays), -1 error, -4 a lock or memory failure (recorded). Read lock held.
+int read_one_pdu(LDAP *ld, LDAPConn *lc, struct timeval *timeout, LDAPMessage **out)
 {
-    LDAP_LOCK(guard, &lc->read_lock, MODULE);
-    if (!guard.locked())
-        return ldap_fail(ld, guard.rc()), -4;
     LDAPMessage *msg = read_state(ld, lc);
     if (msg == nullptr)
         return ldap_fail(ld, LDAP_NO_MEMORY), -4;
     LDAPMsgTable *table = lc->table;
-    lc->reader = pthread_self();
     int rc = wait_for_message(lc, msg->lm_ber, &table->read_progress, timeout);
     if (rc != -2) {
         table->read_state = nullptr;
@@ -135,7 +131,60 @@ int read_pdu(LDAP *ld, LDAPConn *lc, struct timeval *timeout, LDAPMessage **out)
         else
             free_msg(msg, 0);
     }
+    return rc;
+}
+
+// One PDU as read_one_pdu, then every further PDU that already lies whole in the read-ahead:
+// those cost no system call and cannot wait, and filing them in the same turn lets the
+// waiting threads be woken once for all of them. *out gets the chain (linked by lm_chain).
+// Returns what the first read returned, or -1 when a later read found the stream broken
+// (the chain then holds what came before). Takes the read lock.
+int read_pdus(LDAP *ld, LDAPConn *lc, struct timeval *timeout, LDAPMessage **out)
+{
+    LDAP_LOCK(guard, &lc->read_lock, MODULE);
+    if (!guard.locked())
+        return ldap_fail(ld, guard.rc()), -4;
+    lc->reader = pthread_self();
+    int rc = read_one_pdu(ld, lc, timeout, out);
+    for (LDAPMessage **tail = out; rc == 1 && sockbuf_pdu_buffered(&lc->sb);) {
+        // These reads are a bonus: without memory for one, the PDU waits in the read-ahead
+        // for the next turn, and nothing is recorded against this turn's success.
+        if (read_state(ld, lc) == nullptr)
+            break;
+        tail = &(*tail)->lm_chain;
+        if (read_one_pdu(ld, lc, timeout, tail) == -1) {
+            rc = -1;
+            break;
+        }
+    }
     lc->reader = 0;
+    return rc;
+}
+
+// Decodes the envelopes of the chain read in one turn and queues the messages in order:
+// 0, -1 for an undecodable message, -3 for a notice of disconnection (recorded). What follows
+// either of those is dropped, as the connection ends there.
+int queue_messages(LDAP *ld, LDAPConn *lc, LDAPMessage *chain)
+{
+    int rc = 0;
+    while (chain != nullptr && rc == 0) {
+        LDAPMessage *msg = chain;
+        chain = msg->lm_chain;
+        msg->lm_chain = nullptr;
+        if (decode_envelope(msg) != 0) {
+            LDAP_TRACE(LDAP_TRC_ERROR,
+                       "ldap_get_msg: undecodable message, connection closed\n");
+            free_msg(msg, 0);
+            rc = -1;
+        } else if (msg->lm_msgid == 0 &&
+                   msg->lm_msgtype == static_cast<int>(LDAP_RES_EXTENDED) &&
+                   take_disconnect_notice(ld, msg)) {
+            rc = -3;
+        } else {
+            put_msg_in_queue(lc->table, msg);
+        }
+    }
+    free_msg(chain, 1);
     return rc;
 }
 
@@ -358,26 +407,19 @@ int ldap_get_msg(LDAP *ld, LDAPConn *lc, struct timeval *timeout)
         LDAP_TRACE(LDAP_TRC_ERROR, "ldap_get_msg: FATAL ERROR - Socket is not yet created\n");
         return ldap_fail(ld, LDAP_SERVER_DOWN);
     }
-    LDAPMessage *msg = nullptr;
-    int rc = read_pdu(ld, lc, timeout, &msg);
+    LDAPMessage *chain = nullptr;
+    int rc = read_pdus(ld, lc, timeout, &chain);
     if (rc < -2)
         return -1; // lock or memory failure, recorded
     if (rc == -2)
         return ldap_fail(ld, LDAP_TIMEOUT), 0; // the connection stays usable
-    if (rc == 1 && decode_envelope(msg) != 0) {
-        LDAP_TRACE(LDAP_TRC_ERROR, "ldap_get_msg: undecodable message, connection closed\n");
-        free_msg(msg, 0);
-        rc = -1;
-    }
-    if (rc != 1) {
+    int queued = queue_messages(ld, lc, chain);
+    if (rc == -1 || queued == -1) {
         ldap_conn_mark_dead(lc); // a stream out of step or broken cannot be trusted again
-        return ldap_fail_minus_one(ld, LDAP_SERVER_DOWN);
+        if (queued != -3)
+            return ldap_fail_minus_one(ld, LDAP_SERVER_DOWN);
     }
-    if (msg->lm_msgid == 0 && msg->lm_msgtype == static_cast<int>(LDAP_RES_EXTENDED) &&
-        take_disconnect_notice(ld, msg))
-        return -3;
-    put_msg_in_queue(lc->table, msg);
-    return 1;
+    return queued == -3 ? -3 : 1;
 }
 
 int wait_for_message(LDAPConn *lc, BerElement *ber, uint32_t *progress, struct timeval *timeout)

@@ -98,7 +98,9 @@ int take_put_aside_result(LDAP *ld, LDAPMsgRow &row, LDAPMessage **result)
 }
 
 // One waiting thread takes the reading turn; the caller holds the table lock and gets it back.
-// Returns what ldap_get_msg returned, or -1 (129 recorded) when the lock cannot be retaken.
+// The turn reads one PDU and every further one already buffered whole, files them all and
+// wakes the other waiters once. Returns what ldap_get_msg returned, or -1 (129 recorded) when
+// the lock cannot be retaken.
 int read_one_turn(LDAP *ld, LDAPMsgTable *table, LockGuard &guard, struct timeval *timeout)
 {
     table->reader_active = 1;
@@ -343,10 +345,15 @@ int ldap_msg_table_get_message(LDAP *ld, LDAPMsgTable *table, int *msgid, struct
         int rc = read_one_turn(ld, table, guard, deadline.limited ? &left : nullptr);
         if (!guard.locked())
             return -1;
+        if (rc == 1 || rc == 0)
+            continue;
+        // One turn files every PDU that came in one piece; those before the failure are
+        // delivered all the same.
+        if (ldap_msg_table_take_next(&table->rows[id], result))
+            return (*result)->lm_msgtype;
         if (rc == -3)
             return -1; // the notice of disconnection: its error is recorded
-        if (rc != 1 && rc != 0)
-            return ldap_fail_minus_one(ld, LDAP_SERVER_DOWN);
+        return ldap_fail_minus_one(ld, LDAP_SERVER_DOWN);
     }
 }
 

@@ -74,6 +74,50 @@ TEST_F(Result, ResponsesOutOfOrderReachTheirOwnIds)
     EXPECT_EQ(free_rows(), 256); // every row went back with its last record
 }
 
+// The turn that reads the first response also files the two that came with it in the same
+// segment, before the waiting threads are woken: no further read is needed for them.
+TEST_F(Result, OneTurnFilesEveryResponseThatArrivedTogether)
+{
+    std::vector<int> ids = {send(), send(), send()};
+    ASSERT_TRUE(server_.wait_for_requests(3));
+    std::string together;
+    for (int id : ids)
+        together += extended_response_pdu(id, 0, "", "answer " + std::to_string(id));
+    server_.connection(0)->send(together);
+    LDAPMessage *res = nullptr;
+    ASSERT_EQ(ldap_result(ld_, ids[0], LDAP_MSG_ONE, nullptr, &res), LDAP_RES_EXTENDED);
+    EXPECT_EQ(ldap_msgfree(res), LDAP_RES_EXTENDED);
+
+    pthread_mutex_lock(&table_->table_lock);
+    bool filed = table_->rows[ids[1]].first != nullptr && table_->rows[ids[2]].first != nullptr;
+    pthread_mutex_unlock(&table_->table_lock);
+    EXPECT_TRUE(filed);
+    EXPECT_EQ(sockbuf_buffered(&ld_->ld_defconn->sb), 0);
+    for (int id : {ids[1], ids[2]}) {
+        struct timeval none = tv(0);
+        ASSERT_EQ(ldap_result(ld_, id, LDAP_MSG_ONE, &none, &res), LDAP_RES_EXTENDED);
+        EXPECT_EQ(ldap_msgid(res), id);
+        EXPECT_EQ(ldap_msgfree(res), LDAP_RES_EXTENDED);
+    }
+}
+
+// A broken PDU behind good ones in the same segment: the good ones are still delivered, then
+// the connection is dead.
+TEST_F(Result, ResponsesBeforeABrokenPduInTheSameSegmentAreDelivered)
+{
+    std::vector<int> ids = {send(), send()};
+    ASSERT_TRUE(server_.wait_for_requests(2));
+    std::string together = extended_response_pdu(ids[0], 0, "", "") +
+                           extended_response_pdu(ids[1], 0, "", "") + std::string("\x30\x00", 2);
+    server_.connection(0)->send(together);
+    for (int id : ids) {
+        LDAPMessage *res = nullptr;
+        ASSERT_EQ(ldap_result(ld_, id, LDAP_MSG_ONE, nullptr, &res), LDAP_RES_EXTENDED) << id;
+        EXPECT_EQ(ldap_msgfree(res), LDAP_RES_EXTENDED);
+    }
+    EXPECT_TRUE(ldap_conn_is_dead(ld_->ld_defconn));
+}
+
 TEST_F(Result, EntriesThenFinalResultOneAtATime)
 {
     int id = send();
@@ -367,8 +411,15 @@ TEST(WaitOnSocket, LargeDescriptorsAreSupported)
 
 TEST_F(Result, ReadStateAllocationFailuresRecord90)
 {
-    int id = send();
+    // A first exchange gives the connection its read-ahead, which it keeps until the unbind.
+    int first = send();
     server_.wait_for_requests(1);
+    server_.connection(0)->send(extended_response_pdu(first, 0, "", ""));
+    LDAPMessage *res = nullptr;
+    ASSERT_EQ(ldap_result(ld_, first, LDAP_MSG_ONE, nullptr, &res), LDAP_RES_EXTENDED);
+    ldap_msgfree(res);
+    int id = send();
+    server_.wait_for_requests(2);
     (void)ldap_set_lderrno_direct(ld_, 0, nullptr, nullptr); // this thread's record exists
     LDAPConn *lc = ld_->ld_defconn;
     bool read = false;

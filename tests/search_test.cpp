@@ -206,7 +206,9 @@ TEST(SearchFailures, AllocationFailuresLeakNothing)
     };
     // One clean run first: process-wide state made once (environment, caches) is not a leak.
     ASSERT_TRUE(attempt());
-    int walked = wzrtest::walk_alloc_failures(attempt);
+    // The entry and the result arrive together; a failure to allocate for the second while
+    // reading the first is absorbed (it is read in the next turn), so not every failure shows.
+    int walked = wzrtest::walk_alloc_failures(attempt, false);
     EXPECT_GT(walked, 5);
 }
 

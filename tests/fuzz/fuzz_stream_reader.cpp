@@ -79,6 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         left -= chunk;
     }
     fber_free(ber);
+    sockbuf_release_buffer(&sb);
     close(fd[0]);
     close(fd[1]);
     return 0;
