@@ -24,8 +24,9 @@ inline size_t remaining(const BerElement *ber)
 }
 
 // Header of the next element: the tag, then the length (short form, or 0x80|n and n <= 8
-// big-endian bytes). Leaves ber_ptr at the contents; moves nothing on failure.
-ber_tag_t read_header(BerElement *ber, bool fber, ber_len_t *len)
+// big-endian bytes). Leaves ber_ptr at the contents; moves nothing on failure. Inlined so that
+// each reader gets the variant for its kind, with the high-tag branch gone from FBER readers.
+[[gnu::always_inline]] inline ber_tag_t read_header(BerElement *ber, bool fber, ber_len_t *len)
 {
     size_t left = remaining(ber);
     if (left < 2)
@@ -69,7 +70,7 @@ ber_tag_t read_header(BerElement *ber, bool fber, ber_len_t *len)
 }
 
 // A header whose contents the caller is about to take: they must be in the data.
-ber_tag_t read_contents_header(BerElement *ber, bool fber, ber_len_t *len)
+[[gnu::always_inline]] inline ber_tag_t read_contents_header(BerElement *ber, bool fber, ber_len_t *len)
 {
     unsigned char *start = ber->ber_ptr;
     ber_tag_t tag = read_header(ber, fber, len);
@@ -80,7 +81,7 @@ ber_tag_t read_contents_header(BerElement *ber, bool fber, ber_len_t *len)
     return tag;
 }
 
-ber_tag_t peek_tag(BerElement *ber, bool fber, ber_len_t *len)
+[[gnu::always_inline]] inline ber_tag_t peek_tag(BerElement *ber, bool fber, ber_len_t *len)
 {
     unsigned char *start = ber->ber_ptr;
     ber_tag_t tag = read_header(ber, fber, len);
@@ -88,21 +89,19 @@ ber_tag_t peek_tag(BerElement *ber, bool fber, ber_len_t *len)
     return tag;
 }
 
-enum class SetOpen { Error, Empty, Members };
-
 // SEQUENCE/SET header; its end goes to *last. The contents must be in the data.
-SetOpen open_set(BerElement *ber, bool fber, ber_tag_t *tag, ber_len_t *len, unsigned char **last)
+FberList open_set(BerElement *ber, bool fber, ber_tag_t *tag, ber_len_t *len, unsigned char **last)
 {
     if ((*tag = read_contents_header(ber, fber, len)) == LBER_ERROR)
-        return SetOpen::Error;
+        return FberList::Error;
     *last = ber->ber_ptr + *len;
-    return *len == 0 ? SetOpen::Empty : SetOpen::Members;
+    return *len == 0 ? FberList::Empty : FberList::Members;
 }
 
 ber_tag_t first_element(BerElement *ber, bool fber, ber_len_t *len, unsigned char **last)
 {
     ber_tag_t tag;
-    if (open_set(ber, fber, &tag, len, last) != SetOpen::Members)
+    if (open_set(ber, fber, &tag, len, last) != FberList::Members)
         return LBER_ERROR;
     return peek_tag(ber, fber, len);
 }
@@ -283,49 +282,67 @@ ber_tag_t get_string_inplace(BerElement *ber, bool fber, char **ptr)
 void release_item(char *s) { lber_free(s); }
 void release_item(struct berval *bv) { ber_bvfree(bv); }
 
-// The members of one SET/SEQUENCE into a null-terminated array: 2 slots at first, doubled
-// while the capacity is at most 1,023, then 1,024 more at a time. `read` takes one member.
-// Empty: no array, SetOpen::Empty. Any failure frees every member read and the array.
+// How many members the list loop will read, found by walking their headers exactly as that loop
+// does (each member's contents in the data, the next header readable while the set lasts), so
+// that a list which cannot decode fails before anything is allocated. 0: it cannot decode.
+size_t count_members(BerElement *ber, bool fber, const unsigned char *last)
+{
+    unsigned char *start = ber->ber_ptr;
+    size_t count = 0;
+    ber_len_t len;
+    bool ok;
+    do {
+        ok = read_contents_header(ber, fber, &len) != LBER_ERROR;
+        if (!ok)
+            break;
+        ber->ber_ptr += len;
+        ++count;
+    } while (ber->ber_ptr < last && (ok = peek_tag(ber, fber, &len) != LBER_ERROR));
+    ber->ber_ptr = start;
+    return ok ? count : 0;
+}
+
+// The members of one SET/SEQUENCE into a null-terminated array allocated once at its final size.
+// `read` takes one member. Empty: no array, FberList::Empty. Any failure frees every member read
+// and the array.
 template <class Item, class Read>
-SetOpen read_list(BerElement *ber, bool fber, Item ***out, bool owned, ber_tag_t *set_tag,
-                  Read read)
+FberList read_list(BerElement *ber, bool fber, Item ***out, bool owned, ber_tag_t *set_tag,
+                   Read read)
 {
     *out = nullptr;
     ber_len_t len;
     unsigned char *last;
-    SetOpen opened = open_set(ber, fber, set_tag, &len, &last);
-    if (opened != SetOpen::Members)
+    FberList opened = open_set(ber, fber, set_tag, &len, &last);
+    if (opened != FberList::Members)
         return opened;
-    Item **items = nullptr;
-    size_t cap = 0;
-    size_t count = 0;
-    bool ok = true;
-    do {
-        if (cap <= count + 1) {
-            size_t grown = cap == 0 ? 2 : cap <= 1023 ? cap * 2 : cap + 1024;
-            auto **bigger = static_cast<Item **>(lber_realloc(items, grown * sizeof(Item *)));
-            if (bigger == nullptr) {
-                ok = false;
-                break;
-            }
-            items = bigger;
-            cap = grown;
+    size_t count = count_members(ber, fber, last);
+    if (count == 0)
+        return FberList::Error;
+    auto **items = static_cast<Item **>(lber_malloc((count + 1) * sizeof(Item *)));
+    if (items == nullptr)
+        return FberList::Error;
+    for (size_t i = 0; i < count; ++i) {
+        if (read(&items[i]) == LBER_ERROR) { // allocation or translation: the headers are sound
+            for (size_t j = 0; owned && j < i; ++j)
+                release_item(items[j]);
+            lber_free(items);
+            return FberList::Error;
         }
-        if (read(&items[count]) == LBER_ERROR) {
-            ok = false;
-            break;
-        }
-        ++count;
-    } while (ber->ber_ptr < last && (ok = peek_tag(ber, fber, &len) != LBER_ERROR));
-    if (!ok) {
-        for (size_t i = 0; owned && i < count; ++i)
-            release_item(items[i]);
-        lber_free(items);
-        return SetOpen::Error;
     }
     items[count] = nullptr;
     *out = items;
-    return SetOpen::Members;
+    return FberList::Members;
+}
+
+// A caller-owned list of allocated members; the read position goes back on failure.
+template <class Item, class Read>
+FberList read_owned_list(BerElement *ber, bool fber, Item ***out, ber_tag_t *tag, Read read)
+{
+    unsigned char *start = ber->ber_ptr;
+    FberList r = read_list(ber, fber, out, true, tag, read);
+    if (r == FberList::Error)
+        ber->ber_ptr = start;
+    return r;
 }
 
 /* ---- scanf ---- */
@@ -354,16 +371,13 @@ void trace_scan(const BerElement *ber, const char *who, const char *fmt)
 template <class Item, class Read>
 ber_tag_t scan_list(Decoder &d, va_list *ap, ber_tag_t previous, Read read)
 {
-    Item ***out = va_arg(*ap, Item ***);
-    unsigned char *start = d.ber->ber_ptr;
     ber_tag_t tag;
-    switch (read_list(d.ber, d.fber, out, true, &tag, read)) {
-    case SetOpen::Empty:
+    switch (read_owned_list(d.ber, d.fber, va_arg(*ap, Item ***), &tag, read)) {
+    case FberList::Empty:
         return previous;
-    case SetOpen::Members:
+    case FberList::Members:
         return tag;
     default:
-        d.ber->ber_ptr = start;
         return LBER_ERROR;
     }
 }
@@ -456,12 +470,12 @@ ber_tag_t scan(BerElement *ber, bool fber, const char *who, const char *fmt, va_
 {
     if (ber == nullptr || fmt == nullptr)
         return LBER_ERROR;
-    if (fber && !ber_is_fber(ber)) {
-        LDAP_TRACE(LDAP_TRC_ERROR, "BerElement %p is not an FBER!!!\n", static_cast<void *>(ber));
-        return LBER_ERROR;
-    }
-    if (ldap_debug_enabled())
+    if (fber) {
+        if (!fber_scan_begin(ber, fmt))
+            return LBER_ERROR;
+    } else if (ldap_debug_enabled()) {
         trace_scan(ber, who, fmt);
+    }
     Decoder d{ber, fber, ber_xlate_wanted(ber, ber_decoder_legacy)};
     ber_tag_t rc = 0;
     for (const char *f = fmt; *f != '\0'; ++f) {
@@ -555,9 +569,9 @@ ber_tag_t fber_get_string_inplace(BerElement *ber, char **ptr)
 int fber_get_stringlist_inplace(BerElement *ber, char ***list)
 {
     ber_tag_t tag;
-    SetOpen r = read_list(ber, true, list, false, &tag,
+    FberList r = read_list(ber, true, list, false, &tag,
                           [ber](char **slot) { return get_string_inplace(ber, true, slot); });
-    return r == SetOpen::Error ? -1 : 0;
+    return r == FberList::Error ? -1 : 0;
 }
 
 // Header and contents, the contents cut short at the end of the data.
@@ -577,6 +591,65 @@ void fber_finish_inplace(BerElement *ber)
         *ber->ber_pending_nul = '\0';
         ber->ber_pending_nul = nullptr;
     }
+}
+
+/* ---- FBER readers for hot walkers (see ber_int.h) ---- */
+
+bool fber_xlate_wanted(const BerElement *ber) { return reader_xlate(ber); }
+
+bool fber_scan_begin(const BerElement *ber, const char *fmt)
+{
+    if (!ber_is_fber(ber)) {
+        LDAP_TRACE(LDAP_TRC_ERROR, "BerElement %p is not an FBER!!!\n", static_cast<const void *>(ber));
+        return false;
+    }
+    if (ldap_debug_enabled())
+        trace_scan(ber, "fber_scanf", fmt);
+    return true;
+}
+
+ber_tag_t fber_skip_contents(BerElement *ber)
+{
+    ber_len_t len;
+    ber_tag_t tag = read_contents_header(ber, true, &len);
+    if (tag != LBER_ERROR)
+        ber->ber_ptr += len;
+    return tag;
+}
+
+ber_tag_t fber_get_string_view(BerElement *ber, const char **value, ber_len_t *len)
+{
+    ber_tag_t tag = read_contents_header(ber, true, len);
+    if (tag == LBER_ERROR)
+        return LBER_ERROR;
+    *value = reinterpret_cast<const char *>(ber->ber_ptr);
+    ber->ber_ptr += *len;
+    return tag;
+}
+
+ber_tag_t fber_get_stringb_as(BerElement *ber, bool xlate, char *buf, ber_len_t *len)
+{
+    return get_stringb(ber, true, xlate, buf, len);
+}
+
+ber_tag_t fber_get_stringa_as(BerElement *ber, bool xlate, char **buf)
+{
+    return get_stringa(ber, true, xlate, buf);
+}
+
+FberList fber_get_string_list(BerElement *ber, bool xlate, char ***out)
+{
+    ber_tag_t tag;
+    return read_owned_list(ber, true, out, &tag,
+                           [ber, xlate](char **slot) { return get_stringa(ber, true, xlate, slot); });
+}
+
+FberList fber_get_berval_list(BerElement *ber, bool xlate, struct berval ***out)
+{
+    ber_tag_t tag;
+    return read_owned_list(ber, true, out, &tag, [ber, xlate](struct berval **slot) {
+        return get_stringal(ber, true, xlate, slot);
+    });
 }
 
 /* ---- plain BER element readers ---- */

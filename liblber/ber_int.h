@@ -1,5 +1,6 @@
 // Internals shared by the BER encoder and decoder: the FBER nesting stack, the once-per-process
-// legacy translation switch, and the per-call decision whether strings are translated.
+// legacy translation switch, the per-call decision whether strings are translated, and the
+// direct FBER readers that hot walkers use instead of interpreting a format string.
 #ifndef WZR_LBER_BER_INT_H
 #define WZR_LBER_BER_INT_H
 
@@ -60,5 +61,28 @@ bool ber_xlate_wanted(const BerElement *ber, LegacyXlateMode &legacy);
 
 // Test hook: forget both legacy flags so the variable is read again.
 void ber_xlate_reset_for_tests();
+
+/* ---- direct FBER readers (ber_decode.cpp) ----
+ * Each reads exactly what its fber_scanf letter reads, with the same checks and failures, but
+ * takes the translation decision from its caller: a walker decides once per call
+ * (fber_xlate_wanted) as one scanf call would, and reads many elements without parsing a format.
+ * fber_scan_begin does what fber_scanf does before its first letter: it refuses (false, traced)
+ * an element that is not an FBER and writes the trace line fber_scanf would write for `fmt` at
+ * this position, so a walker's BER trace reads as it would through fber_scanf (nothing is
+ * formatted when tracing is off). `{` is fber_skip_tag. */
+bool fber_xlate_wanted(const BerElement *ber);
+bool fber_scan_begin(const BerElement *ber, const char *fmt);
+ber_tag_t fber_skip_contents(BerElement *ber);                                    // `x`
+ber_tag_t fber_get_stringb_as(BerElement *ber, bool xlate, char *buf, ber_len_t *len); // `s`
+ber_tag_t fber_get_stringa_as(BerElement *ber, bool xlate, char **buf);           // `a`
+// `s` for a reader that only looks: the contents in place (not NUL-terminated, never
+// translated, nothing written), and the read position behind them.
+ber_tag_t fber_get_string_view(BerElement *ber, const char **value, ber_len_t *len);
+
+// `v` and `V` on their own: an empty set gives Empty and no array; on Error nothing is handed
+// out and the read position is where it was.
+enum class FberList { Error, Empty, Members };
+FberList fber_get_string_list(BerElement *ber, bool xlate, char ***out);
+FberList fber_get_berval_list(BerElement *ber, bool xlate, struct berval ***out);
 
 #endif

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <strings.h>
 
+#include "../liblber/ber_int.h"
 #include "ldap_entry.h"
 #include "ldap_error.h"
 #include "ldap_init.h"
@@ -734,7 +735,9 @@ char *ldap_get_dn(LDAP *ld, LDAPMessage *entry)
     // SearchResultEntry ::= [APPLICATION 4] SEQUENCE { objectName LDAPDN, ... }
     BerElement c = ldap_read_cursor(entry->lm_ber);
     char *dn = nullptr;
-    if (fber_scanf(&c, "{a", &dn) == LBER_ERROR) {
+    ber_len_t len;
+    if (!fber_scan_begin(&c, "{a") || fber_skip_tag(&c, &len) == LBER_ERROR ||
+        fber_get_stringa_as(&c, fber_xlate_wanted(&c), &dn) == LBER_ERROR) {
         LDAP_TRACE(LDAP_TRC_ERROR, "ldap_get_dn: fber_scanf failed\n");
         lber_free(dn);
         dn = nullptr;

@@ -4,8 +4,11 @@
 // on a copy that shares its buffer.
 #include "ldap_entry.h"
 
+#include <atomic>
+#include <cstdint>
 #include <cstring>
 
+#include "../liblber/ber_int.h"
 #include "ldap_error.h"
 #include "ldap_init.h"
 
@@ -63,12 +66,43 @@ int count_traced(const char *fn, LDAP *ld, LDAPMessage *chain, int type)
 
 //   SearchResultEntry ::= [APPLICATION 4] SEQUENCE { objectName LDAPDN,
 //                           attributes SEQUENCE OF SEQUENCE { type, vals SET OF value } }
-// Enters the entry, skips the name and enters the attribute list.
-bool enter_attribute_list(BerElement *c) { return fber_scanf(c, "{x{") != LBER_ERROR; }
+// "{x{": enters the entry, skips the name and enters the attribute list. The caller has begun
+// the scan (fber_scan_begin) with the format it stands for.
+bool enter_attribute_list(BerElement *c)
+{
+    ber_len_t len;
+    return fber_skip_tag(c, &len) != LBER_ERROR && fber_skip_contents(c) != LBER_ERROR &&
+           fber_skip_tag(c, &len) != LBER_ERROR;
+}
 
-// The next attribute's type from the cursor into a fresh 401-byte buffer, skipping its values.
+/* ---- the remembered attribute ----
+ * Callers read an entry as "next_attribute, then the values of the type it returned". Each
+ * successful read through a cursor of the entry remembers where that attribute begins, so that
+ * the lookup by name can start there instead of scanning from the top of the entry. Only a
+ * position a cursor of this entry reached is remembered: one of the attribute boundaries the
+ * scan passes, in the same order, with every type before it readable. Taking the attribute there
+ * gives what the scan gives when its type is the wanted one and no earlier type compares equal,
+ * which the entry's distinct types (worked out once) guarantee. */
+
+// Whether `cursor` reads the entry's own bytes (it was handed out for this entry).
+bool reads_entry(const BerElement *cursor, const LDAPMessage *entry)
+{
+    const BerElement *e = entry->lm_ber;
+    return e != nullptr && cursor->ber_buf == e->ber_buf && cursor->ber_end == e->ber_end;
+}
+
+void remember_attribute(LDAPMessage *entry, const BerElement *cursor, const unsigned char *at)
+{
+    size_t offset = static_cast<size_t>(at - cursor->ber_buf);
+    if (reads_entry(cursor, entry) && offset < UINT32_MAX)
+        std::atomic_ref<uint32_t>(entry->lm_attr_hint)
+            .store(static_cast<uint32_t>(offset + 1), std::memory_order_relaxed);
+}
+
+// The next attribute's type from the cursor into a fresh 401-byte buffer, skipping its values:
+//   PartialAttribute ::= SEQUENCE { type AttributeDescription, vals SET OF value }   ("{sx}")
 // Null with *code 0 at the normal end (no data left, or the entry's controls follow).
-char *read_attribute_name(BerElement *cursor, int *code)
+char *read_attribute_name(LDAPMessage *entry, BerElement *cursor, int *code)
 {
     *code = 0;
     ber_len_t len;
@@ -79,12 +113,17 @@ char *read_attribute_name(BerElement *cursor, int *code)
         *code = LDAP_NO_MEMORY;
         return nullptr;
     }
-    len = LDAP_ATTR_NAME_BUF;
-    if (fber_scanf(cursor, "{sx}", name, &len) == LBER_ERROR) {
+    bool xlate = fber_xlate_wanted(cursor);
+    const unsigned char *at = cursor->ber_ptr;
+    ber_len_t name_len = LDAP_ATTR_NAME_BUF;
+    if (!fber_scan_begin(cursor, "{sx}") || fber_skip_tag(cursor, &len) == LBER_ERROR ||
+        fber_get_stringb_as(cursor, xlate, name, &name_len) == LBER_ERROR ||
+        fber_skip_contents(cursor) == LBER_ERROR) {
         lber_free(name);
         *code = LDAP_DECODING_ERROR;
         return nullptr;
     }
+    remember_attribute(entry, cursor, at);
     return name;
 }
 
@@ -106,26 +145,140 @@ bool same_type(const char *name, size_t len, const char *type, size_t type_len)
     return true;
 }
 
-// Positions `c` (a copy of the entry's element) at the value set of the attribute named
-// `type`. A missing attribute reads as a decoding failure.
-bool seek_attribute(BerElement *c, const char *type)
+// The type a lookup by name asks for.
+struct WantedType {
+    const char *type;
+    size_t len;
+    bool xlate; // names are translated before they are compared
+};
+
+enum class NameRead { Error, Other, Match };
+
+// Reads the next attribute type (`s` into a 401-byte buffer) and compares it with the wanted one.
+// Untranslated names are compared where they lie: the buffer would only receive a copy.
+NameRead read_and_match_name(BerElement *c, const WantedType &want)
 {
-    size_t type_len = strlen(type);
+    if (!want.xlate) {
+        const char *name;
+        ber_len_t len;
+        if (fber_get_string_view(c, &name, &len) == LBER_ERROR || len >= LDAP_ATTR_NAME_BUF)
+            return NameRead::Error;
+        return same_type(name, len, want.type, want.len) ? NameRead::Match : NameRead::Other;
+    }
     char name[LDAP_ATTR_NAME_BUF];
     ber_len_t len = sizeof(name);
-    if (fber_scanf(c, "{x{{s", name, &len) == LBER_ERROR)
+    if (fber_get_stringb_as(c, true, name, &len) == LBER_ERROR)
+        return NameRead::Error;
+    return same_type(name, len, want.type, want.len) ? NameRead::Match : NameRead::Other;
+}
+
+// Positions `c` (a copy of the entry's element) at the value set of the first attribute named
+// `want`: "{x{{s", then "x}{s" past each attribute of another name. Running off the list, and
+// any type that cannot be read on the way, is a decoding failure (an absent attribute too).
+bool seek_attribute(BerElement *c, const WantedType &want)
+{
+    ber_len_t len;
+    if (!fber_scan_begin(c, "{x{{s") || !enter_attribute_list(c) || fber_skip_tag(c, &len) == LBER_ERROR)
         return false;
-    while (!same_type(name, len, type, type_len)) {
-        len = sizeof(name);
-        if (fber_scanf(c, "x}{s", name, &len) == LBER_ERROR)
+    for (;;) {
+        NameRead r = read_and_match_name(c, want);
+        if (r != NameRead::Other)
+            return r == NameRead::Match;
+        if (!fber_scan_begin(c, "x}{s") || fber_skip_contents(c) == LBER_ERROR || fber_skip_tag(c, &len) == LBER_ERROR)
             return false;
+    }
+}
+
+// Entries with more types than this are never judged distinct: they are always scanned.
+constexpr int MAX_DISTINCT_TYPES = 64;
+
+struct TypeView {
+    const char *name;
+    ber_len_t len;
+};
+
+bool types_distinct(const TypeView *types, int n)
+{
+    for (int i = 0; i < n; ++i) {
+        if (memchr(types[i].name, '\0', types[i].len) != nullptr)
+            return false; // compares as a shorter string: not worth judging
+        for (int j = 0; j < i; ++j) {
+            if (types[j].len == types[i].len &&
+                same_type(types[j].name, types[j].len, types[i].name, types[i].len))
+                return false;
+        }
     }
     return true;
 }
 
-// One body for ldap_get_values ("[v]": strings) and ldap_get_values_len ("[V]": bervals).
+// Reads every type of the entry the way a cursor walks them from `c` (a fresh copy of the
+// entry's element) and judges whether they are all distinct. Only an entry whose every type
+// reads cleanly is judged at all, so the shortcut never passes over a type the scan would stop at.
+bool walk_types_distinct(BerElement c)
+{
+    TypeView types[MAX_DISTINCT_TYPES];
+    int n = 0;
+    ber_len_t len;
+    if (!enter_attribute_list(&c))
+        return false;
+    while (c.ber_ptr < c.ber_end && fber_peek_tag(&c, &len) != LDAP_TAG_CONTROLS) {
+        TypeView t;
+        if (n == MAX_DISTINCT_TYPES || fber_skip_tag(&c, &len) == LBER_ERROR ||
+            fber_get_string_view(&c, &t.name, &t.len) == LBER_ERROR ||
+            t.len >= LDAP_ATTR_NAME_BUF || fber_skip_contents(&c) == LBER_ERROR)
+            return false;
+        types[n++] = t;
+    }
+    return types_distinct(types, n);
+}
+
+bool entry_types_distinct(LDAPMessage *entry, const BerElement &c)
+{
+    std::atomic_ref<int32_t> known(entry->lm_attr_unique);
+    int32_t v = known.load(std::memory_order_relaxed);
+    if (v == 0) {
+        v = walk_types_distinct(c) ? 1 : -1;
+        known.store(v, std::memory_order_relaxed);
+    }
+    return v > 0;
+}
+
+// Positions `c` (a fresh copy of the entry's element) at the value set of the remembered
+// attribute when that is where the scan would stop. Untranslated names only (they are compared
+// where they lie), and not while tracing, so that a trace always shows the scan.
+bool seek_remembered(LDAPMessage *entry, BerElement *c, const WantedType &want)
+{
+    uint32_t hint = std::atomic_ref<uint32_t>(entry->lm_attr_hint).load(std::memory_order_relaxed);
+    size_t from = static_cast<size_t>(c->ber_ptr - c->ber_buf);
+    size_t end = static_cast<size_t>(c->ber_end - c->ber_buf);
+    if (hint == 0 || want.xlate || ldap_debug_enabled() || !ber_is_fber(c) || hint - 1 < from ||
+        hint - 1 >= end)
+        return false;
+    BerElement at = *c;
+    at.ber_ptr = c->ber_buf + (hint - 1);
+    ber_len_t len;
+    if (fber_skip_tag(&at, &len) == LBER_ERROR || read_and_match_name(&at, want) != NameRead::Match ||
+        !entry_types_distinct(entry, *c))
+        return false;
+    *c = at;
+    return true;
+}
+
+// The value set as strings ("[v]") or as bervals ("[V]").
+FberList read_value_set(BerElement *c, bool xlate, char ***out)
+{
+    return fber_scan_begin(c, "[v]") ? fber_get_string_list(c, xlate, out) : FberList::Error;
+}
+
+FberList read_value_set(BerElement *c, bool xlate, struct berval ***out)
+{
+    return fber_scan_begin(c, "[V]") ? fber_get_berval_list(c, xlate, out) : FberList::Error;
+}
+
+// One body for ldap_get_values and ldap_get_values_len. An empty value set hands out no array
+// and is no error.
 template <typename Value>
-Value **get_values(LDAP *ld, LDAPMessage *entry, const char *type, const char *set_format)
+Value **get_values(LDAP *ld, LDAPMessage *entry, const char *type)
 {
     OperationBracket op(ld);
     if (op.rc() != 0)
@@ -136,9 +289,11 @@ Value **get_values(LDAP *ld, LDAPMessage *entry, const char *type, const char *s
         return nullptr;
     }
     BerElement c = ldap_read_cursor(entry->lm_ber);
+    bool xlate = fber_xlate_wanted(&c);
+    WantedType want{type, strlen(type), xlate};
     Value **values = nullptr;
-    bool ok = seek_attribute(&c, type) && fber_scanf(&c, set_format, &values) != LBER_ERROR;
-    if (!ok) {
+    bool found = seek_remembered(entry, &c, want) || seek_attribute(&c, want);
+    if (!found || read_value_set(&c, xlate, &values) == FberList::Error) {
         (void)ldap_fail(ld, LDAP_DECODING_ERROR);
         return nullptr;
     }
@@ -192,7 +347,7 @@ int ldap_count_attributes(LDAP *ld, LDAPMessage *entry)
     }
     BerElement c = ldap_read_cursor(entry->lm_ber);
     int n = 0;
-    if (!enter_attribute_list(&c)) {
+    if (!fber_scan_begin(&c, "{x{") || !enter_attribute_list(&c)) {
         (void)ldap_fail(ld, LDAP_DECODING_ERROR);
     } else {
         ber_len_t len;
@@ -224,8 +379,8 @@ char *ldap_first_attribute(LDAP *ld, LDAPMessage *entry, BerElement **cursor)
     }
     char *name = nullptr;
     int code = LDAP_DECODING_ERROR;
-    if (enter_attribute_list(c))
-        name = read_attribute_name(c, &code);
+    if (fber_scan_begin(c, "{x{") && enter_attribute_list(c))
+        name = read_attribute_name(entry, c, &code);
     if (name == nullptr && code != 0) {
         (void)ldap_fail(ld, code);
         ber_free(c, 0);
@@ -250,7 +405,7 @@ char *ldap_next_attribute(LDAP *ld, LDAPMessage *entry, BerElement *cursor)
         return nullptr;
     }
     int code;
-    char *name = read_attribute_name(cursor, &code);
+    char *name = read_attribute_name(entry, cursor, &code);
     if (code != 0)
         (void)ldap_fail(ld, code);
     return name;
@@ -259,13 +414,13 @@ char *ldap_next_attribute(LDAP *ld, LDAPMessage *entry, BerElement *cursor)
 char **ldap_get_values(LDAP *ld, LDAPMessage *entry, const char *type)
 {
     LDAP_TRACE(LDAP_TRC_API, "ldap_get_values\n");
-    return get_values<char>(ld, entry, type, "[v]");
+    return get_values<char>(ld, entry, type);
 }
 
 struct berval **ldap_get_values_len(LDAP *ld, LDAPMessage *entry, const char *type)
 {
     LDAP_TRACE(LDAP_TRC_API, "ldap_get_values_len\n");
-    return get_values<struct berval>(ld, entry, type, "[V]");
+    return get_values<struct berval>(ld, entry, type);
 }
 
 void ldap_value_free(char **values)

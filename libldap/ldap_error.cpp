@@ -3,6 +3,7 @@
 // message and extended error.
 #include "ldap_error.h"
 
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 
@@ -150,15 +151,41 @@ const char *lookup_text(const CodeText *table, int code)
     return UNKNOWN_TEXT;
 }
 
-// The calling thread's record; error lock held.
+// The list head, read without the error lock. Records are only ever pushed at the head (with
+// their thread and next link set before the release store below) and freed only when the
+// handle is, after its last operation, so a walk from an acquired head sees complete records.
+LDAPErrorRec *error_list_head(LDAP *ld)
+{
+    return std::atomic_ref<LDAPErrorRec *>(ld->ld_errors).load(std::memory_order_acquire);
+}
+
+// Error lock held.
+void push_error_record(LDAP *ld, LDAPErrorRec *rec)
+{
+    rec->next = ld->ld_errors;
+    std::atomic_ref<LDAPErrorRec *>(ld->ld_errors).store(rec, std::memory_order_release);
+}
+
+// The calling thread's record. Safe with or without the error lock (see error_list_head).
 LDAPErrorRec *own_record(LDAP *ld)
 {
     pthread_t self = pthread_self();
-    for (LDAPErrorRec *rec = ld->ld_errors; rec != nullptr; rec = rec->next) {
+    for (LDAPErrorRec *rec = error_list_head(ld); rec != nullptr; rec = rec->next) {
         if (pthread_equal(rec->thread, self))
             return rec;
     }
     return nullptr;
+}
+
+// Whether recording `code` without strings would leave the caller's record as it is. Every
+// public operation clears the record first and nearly always finds it clear; that needs no lock,
+// because a record's code and strings are written only by its own thread (this one).
+bool already_clear(LDAP *ld, int code, const char *matched, const char *errmsg)
+{
+    if (code != 0 || matched != nullptr || errmsg != nullptr)
+        return false;
+    const LDAPErrorRec *rec = own_record(ld);
+    return rec != nullptr && rec->ld_errno == 0 && rec->matched == nullptr && rec->errmsg == nullptr;
 }
 
 // Copies both strings (either may be null); 0, or 90 with nothing allocated.
@@ -228,6 +255,8 @@ int ldap_set_lderrno_direct(LDAP *ld, int code, const char *matched, const char 
 {
     if (ld == nullptr)
         return LDAP_PARAM_ERROR;
+    if (already_clear(ld, code, matched, errmsg))
+        return 0;
     LDAP_LOCK(guard, &ld->ld_errlock, MODULE);
     if (!guard.locked())
         return guard.rc();
@@ -252,10 +281,8 @@ int ldap_set_lderrno_direct(LDAP *ld, int code, const char *matched, const char 
     rec->matched = matched_copy;
     rec->errmsg = errmsg_copy;
     rec->ld_errno = code;
-    if (fresh) {
-        rec->next = ld->ld_errors;
-        ld->ld_errors = rec;
-    }
+    if (fresh)
+        push_error_record(ld, rec);
     return 0;
 }
 
@@ -281,8 +308,7 @@ int ldap_set_ext_error(LDAP *ld, int ext)
         rec = static_cast<LDAPErrorRec *>(lber_calloc(1, sizeof(LDAPErrorRec)));
         if (rec == nullptr)
             return LDAP_NO_MEMORY;
-        rec->next = ld->ld_errors;
-        ld->ld_errors = rec;
+        push_error_record(ld, rec);
     }
     rec->ext_error = ext;
     return 0;

@@ -23,7 +23,9 @@ struct LDAPControl {
     char ldctl_iscritical;
 };
 
-// One thread's last error in a handle. Guarded by the handle's error lock.
+// One thread's last error in a handle. Guarded by the handle's error lock; `thread` and `next`
+// never change once the record is in the list, and only the record's own thread writes the
+// other fields, so that thread may also read them without the lock.
 struct LDAPErrorRec {
     pthread_t thread;
     int32_t ld_errno;
@@ -47,6 +49,11 @@ struct ldapmsg {
     LDAPConn *lm_conn;
     ldapmsg *lm_chain; // next in the row's chain, also the queue link
     ldapmsg *lm_prev;
+    // Entries only, for the attribute walk (ldap_entry.cpp). Read and written through
+    // std::atomic_ref, relaxed: threads may read one entry at once, and each value is a hint that
+    // every use checks against the entry's bytes, so a stale one only costs a scan.
+    uint32_t lm_attr_hint;   // 1 + offset from ber_buf of the attribute a cursor last read; 0 none
+    int32_t lm_attr_unique;  // 1: the types a cursor can read are all distinct; -1 not; 0 unknown
     char lm_eyecatcher[8]; // "EYEALIVE" while alive
 };
 inline constexpr uint32_t LDAP_MSG_SINGLE = 2;
@@ -141,7 +148,9 @@ struct ldap {
     pthread_cond_t ld_ops_ended; // broadcast by ldap_end_operation
     int32_t ld_unbind_started;   // ld_mutex
     int32_t ld_ssl_in_use;
-    LDAPErrorRec *ld_errors;     // ld_errlock
+    // Changed under ld_errlock; pushed at the head with a release store, so that a thread may
+    // find its own record without the lock (ldap_error.cpp).
+    LDAPErrorRec *ld_errors;
     pthread_mutex_t ld_reflock;  // created last; for referral chasing state
     char *ld_defhost;
     int32_t ld_defport;

@@ -3,11 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <strings.h>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "libldap/ldap_controls.h"
+#include "libldap/ldap_dn.h"
 #include "libldap/ldap_entry.h"
 #include "libldap/ldap_error.h"
 #include "libldap/ldap_init.h"
@@ -313,6 +315,273 @@ TEST(EntryWalkThreads, ThreadsWalkTheirOwnEntriesThroughOneHandle)
         th.join();
     for (int t = 0; t < kThreads; ++t)
         EXPECT_EQ(failures[t], 0) << "thread " << t;
+}
+
+// ---- values by name after a cursor read: the remembered attribute must never change a result ----
+
+std::vector<std::string> values_of(LDAP *ld, LDAPMessage *e, const char *type)
+{
+    std::vector<std::string> out;
+    struct berval **v = ldap_get_values_len(ld, e, type);
+    for (int i = 0; v != nullptr && v[i] != nullptr; ++i)
+        out.emplace_back(v[i]->bv_val, v[i]->bv_len);
+    ldap_value_free_len(v);
+    return out;
+}
+
+using Values = std::vector<std::string>;
+
+TEST(EntryValues, RepeatedTypesAlwaysGiveTheFirstAttributeOfThatName)
+{
+    Handle h;
+    LDAPMessage *e = make_msg(wzrtest::entry_pdu(
+        "cn=x", {{"cn", {"first"}}, {"sn", {"s"}}, {"CN", {"second"}}, {"cn", {"third"}}}));
+    BerElement *cursor = nullptr;
+    std::vector<std::string> seen;
+    for (char *a = ldap_first_attribute(h.ld, e, &cursor); a != nullptr;
+         a = ldap_next_attribute(h.ld, e, cursor)) {
+        seen.emplace_back(a);
+        // Read right behind the cursor, as callers do: the later "CN" and "cn" still name the
+        // first attribute of that type.
+        EXPECT_EQ(values_of(h.ld, e, a), strcasecmp(a, "cn") == 0 ? Values{"first"} : Values{"s"})
+            << a;
+        EXPECT_EQ(ldap_get_errno(h.ld), 0);
+        ldap_memfree(a);
+    }
+    ldap_ber_free(cursor, 0);
+    EXPECT_EQ(seen, (std::vector<std::string>{"cn", "sn", "CN", "cn"}));
+    wzrtest::free_msgs(e);
+}
+
+TEST(EntryValues, TypesDifferingOnlyInCaseAreOneName)
+{
+    Handle h;
+    LDAPMessage *e = make_msg(wzrtest::entry_pdu("cn=x", {{"Mail", {"a@x"}}, {"mAIL", {"b@x"}}}));
+    BerElement *cursor = nullptr;
+    char *first = ldap_first_attribute(h.ld, e, &cursor);
+    char *second = ldap_next_attribute(h.ld, e, cursor);
+    ASSERT_NE(second, nullptr);
+    EXPECT_EQ(values_of(h.ld, e, second), Values{"a@x"});
+    EXPECT_EQ(values_of(h.ld, e, "MAIL"), Values{"a@x"});
+    ldap_memfree(first);
+    ldap_memfree(second);
+    ldap_ber_free(cursor, 0);
+    wzrtest::free_msgs(e);
+}
+
+// Where `pattern` starts in the entry's bytes, as an offset from ber_buf.
+size_t offset_of(LDAPMessage *e, const std::string &pattern)
+{
+    std::string bytes(reinterpret_cast<char *>(e->lm_ber->ber_buf),
+                      static_cast<size_t>(e->lm_ber->ber_end - e->lm_ber->ber_buf));
+    return bytes.find(pattern);
+}
+
+// Where the attribute of type `type` begins, as an offset from ber_buf; read without the
+// 401-byte limit of the walking functions.
+size_t attribute_offset(LDAPMessage *e, const std::string &type)
+{
+    BerElement c = *e->lm_ber;
+    if (fber_scanf(&c, "{x{") == LBER_ERROR)
+        return std::string::npos;
+    while (c.ber_ptr < c.ber_end) {
+        size_t at = static_cast<size_t>(c.ber_ptr - c.ber_buf);
+        char *name = nullptr;
+        if (fber_scanf(&c, "{ax}", &name) == LBER_ERROR)
+            return std::string::npos;
+        bool found = type == name;
+        lber_free(name);
+        if (found)
+            return at;
+    }
+    return std::string::npos;
+}
+
+// A cursor of one entry passed along with another entry must leave nothing behind in the
+// other: here the position it reads in its own entry falls, in the other, on a value whose
+// bytes look like an attribute of the same type.
+TEST(EntryValues, ACursorOfAnotherEntryLeavesNoRememberedPosition)
+{
+    Handle h;
+    const std::string fake_attr = std::string("\x30\x0B\x04\x02sn\x31\x05\x04\x03", 10) + "bad";
+    LDAPMessage *victim = make_msg(
+        wzrtest::entry_pdu("cn=v", {{"description", {fake_attr}}, {"sn", {"real"}}}));
+    size_t fake_at = offset_of(victim, fake_attr);
+    ASSERT_NE(fake_at, std::string::npos);
+    // Pad the other entry's DN until its own "sn" attribute begins at the same offset.
+    LDAPMessage *other = nullptr;
+    for (size_t pad = 0; pad < 64 && other == nullptr; ++pad) {
+        LDAPMessage *m =
+            make_msg(wzrtest::entry_pdu("cn=" + std::string(pad, 'p'), {{"cn", {"o"}}, {"sn", {"o"}}}));
+        if (attribute_offset(m, "sn") == fake_at)
+            other = m;
+        else
+            wzrtest::free_msgs(m);
+    }
+    ASSERT_NE(other, nullptr);
+    BerElement *cursor = nullptr;
+    char *a = ldap_first_attribute(h.ld, other, &cursor);
+    char *b = ldap_next_attribute(h.ld, victim, cursor); // the wrong entry for this cursor
+    ASSERT_NE(b, nullptr);
+    EXPECT_STREQ(b, "sn");
+    EXPECT_EQ(values_of(h.ld, victim, "sn"), Values{"real"});
+    EXPECT_EQ(values_of(h.ld, other, "sn"), Values{"o"});
+    ldap_memfree(a);
+    ldap_memfree(b);
+    ldap_ber_free(cursor, 0);
+    wzrtest::free_msgs(other);
+    wzrtest::free_msgs(victim);
+}
+
+TEST(EntryValues, CursorFreedBeforeTheLookupLeavesTheRightValues)
+{
+    Handle h;
+    LDAPMessage *e = person();
+    BerElement *cursor = nullptr;
+    char *first = ldap_first_attribute(h.ld, e, &cursor);
+    char *second = ldap_next_attribute(h.ld, e, cursor);
+    ldap_ber_free(cursor, 0);
+    ASSERT_NE(second, nullptr);
+    EXPECT_EQ(values_of(h.ld, e, second), (Values{"Ann", "Annie"}));
+    EXPECT_EQ(values_of(h.ld, e, first), (Values{"top", "person"}));
+    EXPECT_EQ(ldap_get_errno(h.ld), 0);
+    ldap_memfree(first);
+    ldap_memfree(second);
+    wzrtest::free_msgs(e);
+}
+
+// Whatever position an entry remembers, a lookup by name gives what the scan from the top gives:
+// positions past the data, inside headers, inside values, on other attributes.
+TEST(EntryValues, ARememberedPositionOnGarbageFallsBackToTheScan)
+{
+    Handle h;
+    LDAPMessage *e = person();
+    size_t size = static_cast<size_t>(e->lm_ber->ber_end - e->lm_ber->ber_buf);
+    for (uint32_t hint = 1; hint < size + 8; ++hint) {
+        e->lm_attr_hint = hint;
+        e->lm_attr_unique = 0;
+        EXPECT_EQ(values_of(h.ld, e, "cn"), (Values{"Ann", "Annie"})) << hint;
+        EXPECT_EQ(ldap_get_errno(h.ld), 0);
+        EXPECT_EQ(values_of(h.ld, e, "jpegPhoto").size(), 1u) << hint;
+        EXPECT_TRUE(values_of(h.ld, e, "mail").empty());
+        EXPECT_EQ(ldap_get_errno(h.ld), LDAP_DECODING_ERROR) << hint;
+    }
+    e->lm_attr_hint = 0xFFFFFFFFu;
+    EXPECT_EQ(values_of(h.ld, e, "objectClass"), (Values{"top", "person"}));
+    wzrtest::free_msgs(e);
+}
+
+// An attribute the cursor can read while an earlier type of the same entry is one the lookup
+// cannot: the lookup by name still stops at the unreadable type.
+TEST(EntryValues, AnUnreadableEarlierTypeStillFailsTheLookup)
+{
+    Handle h;
+    std::string t401(401, 'b');
+    LDAPMessage *e = make_msg(wzrtest::entry_pdu("cn=x", {{t401, {"v"}}, {"cn", {"x"}}}));
+    // The cursor cannot pass the long type, so nothing is remembered beyond it; a forged
+    // position on "cn" must not skip the failure either.
+    size_t cn_at = attribute_offset(e, "cn");
+    ASSERT_NE(cn_at, std::string::npos);
+    e->lm_attr_hint = static_cast<uint32_t>(cn_at + 1);
+    EXPECT_TRUE(values_of(h.ld, e, "cn").empty());
+    EXPECT_EQ(ldap_get_errno(h.ld), LDAP_DECODING_ERROR);
+    wzrtest::free_msgs(e);
+}
+
+// Each walking call starts with a clean record: a code, a matched DN or a message left by an
+// earlier call are gone, and a failure is recorded again after a success.
+TEST(EntryErrors, EveryCallClearsWhatTheLastOneRecorded)
+{
+    Handle h;
+    LDAPMessage *e = person();
+    (void)ldap_set_lderrno(h.ld, 0, "o=matched", "a message");
+    BerElement *cursor = nullptr;
+    char *a = ldap_first_attribute(h.ld, e, &cursor);
+    char *matched = nullptr;
+    char *msg = nullptr;
+    EXPECT_EQ(ldap_get_lderrno(h.ld, &matched, &msg), 0);
+    EXPECT_EQ(matched, nullptr);
+    EXPECT_EQ(msg, nullptr);
+    EXPECT_TRUE(values_of(h.ld, e, "absent").empty());
+    EXPECT_EQ(ldap_get_errno(h.ld), LDAP_DECODING_ERROR);
+    EXPECT_EQ(values_of(h.ld, e, a), (Values{"top", "person"}));
+    EXPECT_EQ(ldap_get_errno(h.ld), 0);
+    EXPECT_TRUE(values_of(h.ld, e, "absent").empty());
+    EXPECT_EQ(ldap_get_errno(h.ld), LDAP_DECODING_ERROR);
+    char *b = ldap_next_attribute(h.ld, e, cursor);
+    EXPECT_EQ(ldap_get_errno(h.ld), 0);
+    (void)ldap_set_lderrno(h.ld, LDAP_NO_MEMORY, nullptr, nullptr);
+    char *dn = ldap_get_dn(h.ld, e);
+    EXPECT_STREQ(dn, "cn=Ann,o=Acme");
+    EXPECT_EQ(ldap_get_errno(h.ld), 0);
+    ldap_memfree(dn);
+    ldap_memfree(a);
+    ldap_memfree(b);
+    ldap_ber_free(cursor, 0);
+    wzrtest::free_msgs(e);
+}
+
+// A thread's first call on a handle creates its record while other threads clear theirs
+// without the error lock; every thread keeps reading back its own codes.
+TEST(EntryErrorThreads, NewThreadsRecordWhileOthersClear)
+{
+    Handle h;
+    LDAPMessage *e = person();
+    constexpr int kThreads = 4;
+    std::vector<int> failures(kThreads, 0);
+    for (int round = 0; round < 20; ++round) {
+        std::vector<std::thread> threads;
+        for (int t = 0; t < kThreads; ++t) {
+            threads.emplace_back([&, t] {
+                for (int i = 0; i < 50; ++i) {
+                    (void)ldap_set_lderrno(h.ld, 10 + t, nullptr, nullptr);
+                    if (ldap_get_errno(h.ld) != 10 + t)
+                        ++failures[t];
+                    if (ldap_count_entries(h.ld, e) != 1 || ldap_get_errno(h.ld) != 0)
+                        ++failures[t];
+                }
+            });
+        }
+        for (std::thread &th : threads)
+            th.join();
+    }
+    for (int t = 0; t < kThreads; ++t)
+        EXPECT_EQ(failures[t], 0) << "thread " << t;
+    wzrtest::free_msgs(e);
+}
+
+// Threads walking one entry at once share its remembered position; each still gets the values
+// of the type it asked for.
+TEST(EntryWalkThreads, ThreadsWalkingOneEntryGetTheirOwnValues)
+{
+    Handle h;
+    std::vector<wzrtest::Attr> attrs;
+    for (int i = 0; i < 12; ++i)
+        attrs.push_back({"type" + std::to_string(i), {"value" + std::to_string(i)}});
+    LDAPMessage *e = make_msg(wzrtest::entry_pdu("cn=shared", attrs));
+    constexpr int kThreads = 4;
+    std::vector<int> failures(kThreads, 0);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 200; ++i) {
+                BerElement *cursor = nullptr;
+                for (char *a = ldap_first_attribute(h.ld, e, &cursor); a != nullptr;
+                     a = ldap_next_attribute(h.ld, e, cursor)) {
+                    std::string want = "value" + std::string(a + 4);
+                    if (values_of(h.ld, e, a) != Values{want})
+                        ++failures[t];
+                    ldap_memfree(a);
+                }
+                ldap_ber_free(cursor, 0);
+            }
+        });
+    }
+    for (std::thread &th : threads)
+        th.join();
+    for (int t = 0; t < kThreads; ++t)
+        EXPECT_EQ(failures[t], 0) << "thread " << t;
+    wzrtest::free_msgs(e);
 }
 
 } // namespace
