@@ -446,7 +446,9 @@ void ldap_end_operation(LDAP *ld)
     }
     if (ld->ld_opcount != 0)
         --ld->ld_opcount;
-    pthread_cond_broadcast(&ld->ld_ops_ended);
+    // Only an unbind waits on the condition, and it sets its flag before it waits.
+    if (ld->ld_unbind_started)
+        pthread_cond_broadcast(&ld->ld_ops_ended);
     ldap_mutex_unlock(&ld->ld_mutex, MODULE, __LINE__);
 }
 
