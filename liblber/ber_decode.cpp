@@ -285,17 +285,21 @@ void release_item(struct berval *bv) { ber_bvfree(bv); }
 // How many members the list loop will read, found by walking their headers exactly as that loop
 // does (each member's contents in the data, the next header readable while the set lasts), so
 // that a list which cannot decode fails before anything is allocated. 0: it cannot decode.
-size_t count_members(BerElement *ber, bool fber, const unsigned char *last)
+// *bytes: the contents bytes of the members plus one per member (a NUL each). No overflow:
+// every member lies in the buffer.
+size_t count_members(BerElement *ber, bool fber, const unsigned char *last, size_t *bytes)
 {
     unsigned char *start = ber->ber_ptr;
     size_t count = 0;
     ber_len_t len;
     bool ok;
+    *bytes = 0;
     do {
         ok = read_contents_header(ber, fber, &len) != LBER_ERROR;
         if (!ok)
             break;
         ber->ber_ptr += len;
+        *bytes += len + 1;
         ++count;
     } while (ber->ber_ptr < last && (ok = peek_tag(ber, fber, &len) != LBER_ERROR));
     ber->ber_ptr = start;
@@ -315,7 +319,8 @@ FberList read_list(BerElement *ber, bool fber, Item ***out, bool owned, ber_tag_
     FberList opened = open_set(ber, fber, set_tag, &len, &last);
     if (opened != FberList::Members)
         return opened;
-    size_t count = count_members(ber, fber, last);
+    size_t bytes;
+    size_t count = count_members(ber, fber, last, &bytes);
     if (count == 0)
         return FberList::Error;
     auto **items = static_cast<Item **>(lber_malloc((count + 1) * sizeof(Item *)));
@@ -343,6 +348,81 @@ FberList read_owned_list(BerElement *ber, bool fber, Item ***out, ber_tag_t *tag
     if (r == FberList::Error)
         ber->ber_ptr = start;
     return r;
+}
+
+/* ---- a value set in one block ---- */
+
+// A member's value as it goes into a block: the wire bytes, or their translation (owned by
+// `conv`, which the caller frees once the bytes are copied).
+struct BlockValue {
+    const char *data;
+    ber_len_t len;
+    char *conv;
+};
+
+// The next member (its header already checked by count_members), translated when asked.
+bool read_block_value(BerElement *ber, bool xlate, BlockValue *v)
+{
+    *v = {};
+    ber_len_t len;
+    if (read_contents_header(ber, true, &len) == LBER_ERROR)
+        return false;
+    *v = {reinterpret_cast<const char *>(ber->ber_ptr), len, nullptr};
+    ber->ber_ptr += len;
+    size_t conv_len;
+    if (!xlate || len == 0)
+        return true;
+    if (ldap_xlate_utf8_to_local(v->data, len, &v->conv, &conv_len) != 0)
+        return false;
+    if (v->conv != nullptr)
+        *v = {v->conv, conv_len, v->conv};
+    return true;
+}
+
+// Bytes of the `count` translated values from the read position, each with its NUL, found by
+// translating them; the fill pass translates them again, which only the legacy translation mode
+// pays for. 0: a value could not be translated or the sum does not fit.
+size_t translated_bytes(BerElement *ber, size_t count)
+{
+    unsigned char *start = ber->ber_ptr;
+    size_t bytes = 0;
+    for (size_t i = 0; i < count; ++i) {
+        BlockValue v;
+        bool ok = read_block_value(ber, true, &v);
+        lber_free(v.conv);
+        if (!ok || v.len >= SIZE_MAX - bytes) {
+            bytes = 0;
+            break;
+        }
+        bytes += v.len + 1;
+    }
+    ber->ber_ptr = start;
+    return bytes;
+}
+
+// Fills a block laid out as [count + 1 pointers][count bervals][the values, NUL-terminated],
+// `room` bytes for the values. A translation longer than when it was measured fails the set
+// rather than overrun the block.
+bool fill_block(BerElement *ber, bool xlate, size_t count, struct berval **items, size_t room)
+{
+    auto *records = reinterpret_cast<struct berval *>(items + count + 1);
+    char *bytes = reinterpret_cast<char *>(records + count);
+    const char *end = bytes + room;
+    for (size_t i = 0; i < count; ++i) {
+        BlockValue v;
+        if (!read_block_value(ber, xlate, &v) || v.len >= static_cast<size_t>(end - bytes)) {
+            lber_free(v.conv);
+            return false;
+        }
+        std::memcpy(bytes, v.data, v.len);
+        bytes[v.len] = '\0';
+        lber_free(v.conv);
+        records[i] = {v.len, bytes};
+        items[i] = &records[i];
+        bytes += v.len + 1;
+    }
+    items[count] = nullptr;
+    return true;
 }
 
 /* ---- scanf ---- */
@@ -644,12 +724,31 @@ FberList fber_get_string_list(BerElement *ber, bool xlate, char ***out)
                            [ber, xlate](char **slot) { return get_stringa(ber, true, xlate, slot); });
 }
 
-FberList fber_get_berval_list(BerElement *ber, bool xlate, struct berval ***out)
+FberList fber_get_berval_block(BerElement *ber, bool xlate, struct berval ***out)
 {
+    *out = nullptr;
+    unsigned char *start = ber->ber_ptr;
     ber_tag_t tag;
-    return read_owned_list(ber, true, out, &tag, [ber, xlate](struct berval **slot) {
-        return get_stringal(ber, true, xlate, slot);
-    });
+    ber_len_t len;
+    unsigned char *last;
+    FberList opened = open_set(ber, true, &tag, &len, &last);
+    if (opened != FberList::Members)
+        return opened; // a set that cannot be opened has not moved the read position
+    size_t bytes;
+    size_t count = count_members(ber, true, last, &bytes);
+    if (xlate && count != 0)
+        bytes = translated_bytes(ber, count);
+    size_t records = (count + 1) * sizeof(struct berval *) + count * sizeof(struct berval);
+    auto **items = bytes != 0 && bytes < SIZE_MAX - records
+                       ? static_cast<struct berval **>(lber_malloc(records + bytes))
+                       : nullptr;
+    if (items == nullptr || !fill_block(ber, xlate, count, items, bytes)) {
+        lber_free(items);
+        ber->ber_ptr = start;
+        return FberList::Error;
+    }
+    *out = items;
+    return FberList::Members;
 }
 
 /* ---- plain BER element readers ---- */

@@ -83,6 +83,8 @@ ber_tag_t fber_get_string_view(BerElement *ber, const char **value, ber_len_t *l
 // out and the read position is where it was.
 enum class FberList { Error, Empty, Members };
 FberList fber_get_string_list(BerElement *ber, bool xlate, char ***out);
-FberList fber_get_berval_list(BerElement *ber, bool xlate, struct berval ***out);
+// `V` as one allocation that a single lber_free releases: the null-terminated array, then the
+// berval records, then the values, each NUL-terminated (what ldap_get_values_len hands out).
+FberList fber_get_berval_block(BerElement *ber, bool xlate, struct berval ***out);
 
 #endif

@@ -264,7 +264,8 @@ bool seek_remembered(LDAPMessage *entry, BerElement *c, const WantedType &want)
     return true;
 }
 
-// The value set as strings ("[v]") or as bervals ("[V]").
+// The value set as strings ("[v]"), or as bervals ("[V]") in one block: a caller walks and
+// releases the whole set at once, so one allocation serves where one per value would.
 FberList read_value_set(BerElement *c, bool xlate, char ***out)
 {
     return fber_scan_begin(c, "[v]") ? fber_get_string_list(c, xlate, out) : FberList::Error;
@@ -272,7 +273,7 @@ FberList read_value_set(BerElement *c, bool xlate, char ***out)
 
 FberList read_value_set(BerElement *c, bool xlate, struct berval ***out)
 {
-    return fber_scan_begin(c, "[V]") ? fber_get_berval_list(c, xlate, out) : FberList::Error;
+    return fber_scan_begin(c, "[V]") ? fber_get_berval_block(c, xlate, out) : FberList::Error;
 }
 
 // One body for ldap_get_values and ldap_get_values_len. An empty value set hands out no array
@@ -432,15 +433,11 @@ void ldap_value_free(char **values)
     lber_free(values);
 }
 
+// The array, its bervals and their values are one block (see read_value_set).
 void ldap_value_free_len(struct berval **values)
 {
-    if (values == nullptr)
-        return;
-    for (struct berval **v = values; *v != nullptr; ++v) {
-        lber_free((*v)->bv_val);
-        lber_free(*v);
-    }
-    lber_free(values);
+    if (values != nullptr)
+        lber_free(values);
 }
 
 void ldap_memfree(void *p)

@@ -335,6 +335,40 @@ TEST_F(Charset, TranslationAllocationFailuresLeaveNothingBehind)
     });
 }
 
+// A translated value set in one block: each value has its translated length and its NUL; a
+// value that cannot be translated fails the whole set, leaves the read position alone, and a
+// failed allocation anywhere leaves nothing behind.
+TEST_F(Charset, TranslatedBervalBlockHoldsTheConvertedValues)
+{
+    use("ISO-8859-1");
+    (void)ldap_xlate_is_passthrough(); // settle the code page outside the walk
+    std::string set = "\x31\x0F" + octets(UTF8) + octets("") + octets("\xC3\xA4");
+    wzrtest::walk_alloc_failures([&] {
+        BerElement *in = received(set, 3, 0);
+        struct berval **v = nullptr;
+        bool ok = in != nullptr && fber_get_berval_block(in, true, &v) == FberList::Members;
+        if (ok) {
+            EXPECT_EQ(std::string(v[0]->bv_val, v[0]->bv_len), LATIN1);
+            EXPECT_EQ(v[0]->bv_val[v[0]->bv_len], '\0');
+            EXPECT_EQ(v[1]->bv_len, 0u);
+            EXPECT_EQ(v[1]->bv_val[0], '\0');
+            EXPECT_STREQ(v[2]->bv_val, "\xE4");
+            EXPECT_EQ(v[3], nullptr);
+        }
+        lber_free(v);
+        fber_free(in);
+        return ok;
+    });
+    BerElement *bad = received("\x31\x09" + octets("ok") + octets("\xE2\x82\xAC"), 3, 0);
+    ASSERT_NE(bad, nullptr);
+    unsigned char *at = bad->ber_ptr;
+    struct berval **v = nullptr;
+    EXPECT_EQ(fber_get_berval_block(bad, true, &v), FberList::Error); // no Latin-1 euro sign
+    EXPECT_EQ(v, nullptr);
+    EXPECT_EQ(bad->ber_ptr, at);
+    fber_free(bad);
+}
+
 TEST(CharsetThreads, ConcurrentConversionsShareTheDescriptors)
 {
     wzrtest::ScopedEnv cp("LDAP_CODEPAGE", "ISO-8859-1");
