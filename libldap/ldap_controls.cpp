@@ -196,13 +196,7 @@ pthread_once_t proxied_auth_once = PTHREAD_ONCE_INIT;
 
 void read_proxied_auth_mode()
 {
-    // A fixed buffer: the mode must not depend on whether an allocation succeeds.
-    char value[8];
-    int len = ldap_getenv_buf("USE_JAVA_PROXIED_AUTH_CONTROL_ENCODING", value, sizeof(value));
-    if (len < 0)
-        proxied_auth_mode = 0;
-    else
-        proxied_auth_mode = len == 3 && strcasecmp(value, "YES") == 0 ? 1 : 2;
+    proxied_auth_mode = ldap_env_yes_setting("USE_JAVA_PROXIED_AUTH_CONTROL_ENCODING");
 }
 } // namespace
 

@@ -29,14 +29,7 @@ constexpr size_t HOSTNAME_BUF = 257;
 pthread_once_t invalid_level_once = PTHREAD_ONCE_INIT;
 int invalid_level = 0;
 
-void read_invalid_level()
-{
-    char value[32];
-    if (ldap_getenv_buf("QRVLDAP_HANDLE_INVALID_LEVEL", value, sizeof value) > 0) {
-        int level = atoi(value);
-        invalid_level = level > 0 ? level : 0;
-    }
-}
+void read_invalid_level() { invalid_level = ldap_invalid_level_from_env(); }
 
 // ---- ldap_init helpers --------------------------------------------------------------------
 
@@ -450,6 +443,15 @@ void ldap_end_operation(LDAP *ld)
     if (ld->ld_unbind_started)
         pthread_cond_broadcast(&ld->ld_ops_ended);
     ldap_mutex_unlock(&ld->ld_mutex, MODULE, __LINE__);
+}
+
+int ldap_invalid_level_from_env()
+{
+    char value[32];
+    if (ldap_getenv_buf("QRVLDAP_HANDLE_INVALID_LEVEL", value, sizeof value) <= 0)
+        return 0;
+    int level = atoi(value);
+    return level > 0 ? level : 0;
 }
 
 int ldap_ld_valid(LDAP *ld)

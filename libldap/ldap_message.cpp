@@ -19,14 +19,7 @@ pthread_once_t msg_level_once = PTHREAD_ONCE_INIT;
 int msg_invalid_level = 0;
 
 // The reaction to an invalid record, read once per process and cached on its own.
-void read_msg_invalid_level()
-{
-    char value[32];
-    if (ldap_getenv_buf("QRVLDAP_HANDLE_INVALID_LEVEL", value, sizeof value) > 0) {
-        int level = atoi(value);
-        msg_invalid_level = level > 0 ? level : 0;
-    }
-}
+void read_msg_invalid_level() { msg_invalid_level = ldap_invalid_level_from_env(); }
 
 bool eyecatcher_alive(const LDAPMessage *msg)
 {

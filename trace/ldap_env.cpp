@@ -81,12 +81,7 @@ pthread_once_t pwdpolicy_once = PTHREAD_ONCE_INIT;
 
 void read_pwdpolicy_setting()
 {
-    char value[8];
-    int len = ldap_getenv_buf("USE_OPENLDAP_PWDPOLICY_CONTROL", value, sizeof value);
-    if (len < 0)
-        pwdpolicy_setting = 0;
-    else
-        pwdpolicy_setting = len == 3 && strcasecmp(value, "YES") == 0 ? 1 : 2;
+    pwdpolicy_setting = ldap_env_yes_setting("USE_OPENLDAP_PWDPOLICY_CONTROL");
 }
 
 } // namespace
@@ -235,6 +230,16 @@ int ldap_env_contains(char separator, const char *list, const char *item)
     lber_free(l);
     lber_free(i);
     return found;
+}
+
+int ldap_env_yes_setting(const char *name)
+{
+    // A fixed buffer: the answer must not depend on whether an allocation succeeds.
+    char value[8];
+    int len = ldap_getenv_buf(name, value, sizeof value);
+    if (len < 0)
+        return 0;
+    return len == 3 && strcasecmp(value, "YES") == 0 ? 1 : 2;
 }
 
 int ldap_use_openldap_pwdpolicy()

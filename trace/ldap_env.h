@@ -17,6 +17,8 @@ int ldap_getenv_buf(const char *name, char *buffer, size_t size);
 int ldap_env_contains(char separator, const char *list, const char *item);
 int lock_syscall_mutex();
 int unlock_syscall_mutex();
+// A yes/no switch: 0 when unset, 1 for "YES" in any letter case, 2 for any other value.
+int ldap_env_yes_setting(const char *name);
 int ldap_use_openldap_pwdpolicy();
 
 #endif
