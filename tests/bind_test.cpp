@@ -15,6 +15,7 @@
 #include "libldap/ldap_unbind.h"
 #include "support/fber_bytes.h"
 #include "support/ops_client.h"
+#include "support/request_test.h"
 #include "support/test_util.h"
 
 namespace {
@@ -23,24 +24,10 @@ using namespace wzrtest::fber;
 
 constexpr unsigned BIND = 0x60;
 
-struct BindTest : ::testing::Test {
-    wzrtest::AnsweringServer server;
-    LDAP *ld = nullptr;
-    void SetUp() override
-    {
-        ld = server.open();
-        ASSERT_NE(ld, nullptr);
-    }
-    void TearDown() override
-    {
-        if (ld != nullptr)
-            ldap_unbind(ld);
-    }
+struct BindTest : wzrtest::RequestTest {
     void expect_bind(const Bytes &body, const Bytes &controls = "")
     {
-        wzrtest::ReceivedRequest r = server.last(BIND);
-        ASSERT_GT(r.msgid, 0) << "no bind was sent";
-        EXPECT_EQ(hex(r.bytes), hex(message(r.msgid, cons(0x60, body), controls)));
+        expect_request(BIND, cons(0x60, body), controls);
     }
 };
 

@@ -18,6 +18,7 @@
 #include "libldap/ldap_update.h"
 #include "support/fber_bytes.h"
 #include "support/ops_client.h"
+#include "support/request_test.h"
 #include "support/test_util.h"
 
 namespace {
@@ -26,24 +27,10 @@ using namespace wzrtest::fber;
 
 constexpr unsigned SEARCH = 0x63;
 
-struct SearchTest : ::testing::Test {
-    wzrtest::AnsweringServer server;
-    LDAP *ld = nullptr;
-    void SetUp() override
-    {
-        ld = server.open();
-        ASSERT_NE(ld, nullptr);
-    }
-    void TearDown() override
-    {
-        if (ld != nullptr)
-            ldap_unbind(ld);
-    }
+struct SearchTest : wzrtest::RequestTest {
     void expect_search(const Bytes &body, const Bytes &controls = "")
     {
-        wzrtest::ReceivedRequest r = server.last(SEARCH);
-        ASSERT_GT(r.msgid, 0) << "no search was sent";
-        EXPECT_EQ(hex(r.bytes), hex(message(r.msgid, cons(0x63, body), controls)));
+        expect_request(SEARCH, cons(0x63, body), controls);
     }
 };
 

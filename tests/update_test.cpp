@@ -13,33 +13,14 @@
 #include "libldap/ldap_update.h"
 #include "support/fber_bytes.h"
 #include "support/ops_client.h"
+#include "support/request_test.h"
 #include "support/test_util.h"
 
 namespace {
 
 using namespace wzrtest::fber;
 
-struct UpdateTest : ::testing::Test {
-    wzrtest::AnsweringServer server;
-    LDAP *ld = nullptr;
-    void SetUp() override
-    {
-        ld = server.open();
-        ASSERT_NE(ld, nullptr);
-    }
-    void TearDown() override
-    {
-        if (ld != nullptr)
-            ldap_unbind(ld);
-    }
-    // The last request of `tag` must be exactly `op` (and `controls`) in its envelope.
-    void expect_request(unsigned tag, const Bytes &op, const Bytes &controls = "")
-    {
-        wzrtest::ReceivedRequest r = server.last(tag);
-        ASSERT_GT(r.msgid, 0) << "no request with tag " << tag;
-        EXPECT_EQ(hex(r.bytes), hex(message(r.msgid, op, controls)));
-    }
-};
+struct UpdateTest : wzrtest::RequestTest {};
 
 char *s(const char *text) { return const_cast<char *>(text); }
 
