@@ -180,9 +180,11 @@ void mask_bind_credentials(const unsigned char *pdu, size_t pdu_len, size_t skip
 // `pdu` is where the PDU begins, `data` may be a later part of it (a resumed write). Only the
 // part the hex dump can show is copied, so a huge PDU is not duplicated for the trace. When
 // the copy cannot be made nothing is dumped rather than an unmasked password.
-void dump_masked(const unsigned char *pdu, const unsigned char *data, long len, const char *title)
+// `fd` -1 dumps to the trace (when its BER class is on), any other value to that descriptor.
+void dump_masked(const unsigned char *pdu, const unsigned char *data, long len, const char *title,
+                 int fd = -1)
 {
-    if (data == nullptr || len < 0 || !ldap_debug_class_on(LDAP_TRC_BER))
+    if (data == nullptr || len < 0 || (fd < 0 && !ldap_debug_class_on(LDAP_TRC_BER)))
         return;
     size_t shown = static_cast<size_t>(len < DUMP_MAX_BYTES ? len : DUMP_MAX_BYTES);
     auto *copy = static_cast<unsigned char *>(lber_malloc(shown + 1));
@@ -193,7 +195,10 @@ void dump_masked(const unsigned char *pdu, const unsigned char *data, long len, 
     size_t skip = static_cast<size_t>(data - pdu);
     mask_bind_credentials(pdu, skip + static_cast<size_t>(len), skip, copy, shown);
     mask_password(copy, shown);
-    ldap_debug_hexdump(copy, clamp_int(len), title);
+    if (fd < 0)
+        ldap_debug_hexdump(copy, clamp_int(len), title);
+    else
+        (void)ldap_debug_hexdump_fd(fd, copy, clamp_int(len), title); // a dump is best effort
     lber_free(copy);
 }
 
@@ -546,9 +551,9 @@ long read_contents(Sockbuf *sb, BerElement *ber, uint32_t *progress)
     }
 }
 
-void dump_element(BerElement *ber, int inout, const char *name)
+void dump_element(BerElement *ber, int inout, const char *name, int fd)
 {
-    if (ber == nullptr || !ldap_debug_class_on(LDAP_TRC_BER))
+    if (ber == nullptr || (fd < 0 && !ldap_debug_class_on(LDAP_TRC_BER)))
         return;
     unsigned char *from = inout == 1 ? ber->ber_ptr : ber->ber_buf;
     unsigned char *to = inout == 1 ? ber->ber_end : ber->ber_ptr;
@@ -556,7 +561,7 @@ void dump_element(BerElement *ber, int inout, const char *name)
                static_cast<void *>(ber->ber_buf), static_cast<void *>(ber->ber_ptr),
                static_cast<void *>(ber->ber_end), static_cast<long>(to - from));
     if (from != nullptr && to > from)
-        ber_dump_masked(from, to - from, nullptr);
+        dump_masked(from, from, to - from, nullptr, fd);
 }
 
 } // namespace
@@ -781,5 +786,26 @@ void ber_dump_masked(const unsigned char *data, long len, const char *title)
 }
 
 // inout 1: the bytes still to be read (ber_ptr..ber_end); otherwise those written so far.
-void fber_dump(BerElement *ber, int inout) { dump_element(ber, inout, "fber_dump"); }
-void ber_dump(BerElement *ber, int inout) { dump_element(ber, inout, "ber_dump"); }
+void fber_dump(BerElement *ber, int inout) { dump_element(ber, inout, "fber_dump", -1); }
+void ber_dump(BerElement *ber, int inout) { dump_element(ber, inout, "ber_dump", -1); }
+void fber_dump_with_fd(BerElement *ber, int inout, int fd)
+{
+    dump_element(ber, inout, "fber_dump_with_fd", fd < 0 ? -1 : fd);
+}
+void ber_dump_with_fd(BerElement *ber, int inout, int fd)
+{
+    dump_element(ber, inout, "ber_dump_with_fd", fd < 0 ? -1 : fd);
+}
+
+// The open sequences of a plain element, innermost first.
+void ber_sos_dump(Seqorset *sos)
+{
+    if (!ldap_debug_class_on(LDAP_TRC_BER))
+        return;
+    LDAP_TRACE(LDAP_TRC_BER, "*** sos dump ***\n");
+    for (; sos != nullptr; sos = sos->sos_next)
+        LDAP_TRACE(LDAP_TRC_BER, "ber_sos_dump: clen %lu first %p ptr %p tag 0x%lx\n",
+                   static_cast<unsigned long>(sos->sos_clen), static_cast<void *>(sos->sos_first),
+                   static_cast<void *>(sos->sos_ptr), static_cast<unsigned long>(sos->sos_tag));
+    LDAP_TRACE(LDAP_TRC_BER, "*** end dump ***\n");
+}

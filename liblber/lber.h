@@ -162,6 +162,10 @@ int fber_flush_nb(Sockbuf *sb, BerElement *ber);
 int ber_flush(Sockbuf *sb, BerElement *ber, int freeit);
 void fber_dump(BerElement *ber, int inout);
 void ber_dump(BerElement *ber, int inout);
+// The same masked dumps written to a descriptor of the caller's, whatever the trace mask.
+void fber_dump_with_fd(BerElement *ber, int inout, int fd);
+void ber_dump_with_fd(BerElement *ber, int inout, int fd);
+void ber_sos_dump(Seqorset *sos);
 void ber_dump_masked(const unsigned char *data, long len, const char *title);
 
 #endif

@@ -90,6 +90,32 @@ using FberPtr = std::unique_ptr<BerElement, FberDeleter>;
 FberPtr new_fber(int size = 0) { return FberPtr(fber_alloc_t(size)); }
 
 // Routes the trace to a file for one test and silences it afterwards.
+// The bytes of every hex dump in `text`, read back from the dumps' hex columns.
+std::vector<Bytes> dumps_in(const std::string &text)
+{
+    std::vector<Bytes> out;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        size_t tab = line.find('\t');
+        if (tab == std::string::npos)
+            continue;
+        std::string row = line.substr(tab + 1);
+        if (row.size() < 59 || row[0] != '|' || row[5] != '|' ||
+            row.substr(1, 4).find_first_not_of("0123456789ABCDEF") != std::string::npos)
+            continue;
+        if (row.substr(1, 4) == "0000")
+            out.emplace_back();
+        for (size_t col = 6; col + 1 < 41; ++col) {
+            if (row[col] == ' ')
+                continue;
+            out.back().push_back(
+                static_cast<unsigned char>(std::stoi(row.substr(col, 2), nullptr, 16)));
+            ++col;
+        }
+    }
+    return out;
+}
+
 class TraceFile {
   public:
     TraceFile()
@@ -113,31 +139,7 @@ class TraceFile {
         return n;
     }
 
-    // The bytes of every hex dump in the trace, read back from the dumps' hex columns.
-    std::vector<Bytes> dumps() const
-    {
-        std::vector<Bytes> out;
-        std::istringstream in(text());
-        for (std::string line; std::getline(in, line);) {
-            size_t tab = line.find('\t');
-            if (tab == std::string::npos)
-                continue;
-            std::string row = line.substr(tab + 1);
-            if (row.size() < 59 || row[0] != '|' || row[5] != '|' ||
-                row.substr(1, 4).find_first_not_of("0123456789ABCDEF") != std::string::npos)
-                continue;
-            if (row.substr(1, 4) == "0000")
-                out.emplace_back();
-            for (size_t col = 6; col + 1 < 41; ++col) {
-                if (row[col] == ' ')
-                    continue;
-                out.back().push_back(
-                    static_cast<unsigned char>(std::stoi(row.substr(col, 2), nullptr, 16)));
-                ++col;
-            }
-        }
-        return out;
-    }
+    std::vector<Bytes> dumps() const { return dumps_in(text()); }
 
   private:
     wzrtest::TempDir dir_;
@@ -913,6 +915,28 @@ TEST(StreamDump, PasswordValueIsMaskedInTheDumpAndSentUnchanged)
     std::memset(masked.data() + 6 + 16, 'x', 7);
     EXPECT_EQ(dumps[0], masked);
     EXPECT_FALSE(contains(dumps[0], "Secret7"));
+}
+
+TEST(StreamDump, DumpToADescriptorIsMaskedAndIgnoresTheTraceMask)
+{
+    ldap_set_debug_mask(0);
+    wzrtest::TempDir dir;
+    std::string path = dir.file("dump.txt");
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    ASSERT_GE(fd, 0);
+    std::string body = std::string("\x30\x84\x00\x00\x00\x19", 6) + "userpassword" +
+                       "\x31\x09\x04\x07" + "Secret7" + std::string("\xa0\x00", 2);
+    Bytes pdu(body.begin(), body.end());
+    BerElement e = element_over(pdu);
+    fber_dump_with_fd(&e, 0, fd);
+    ber_dump_with_fd(&e, 0, fd);
+    close(fd);
+    std::vector<Bytes> dumps = dumps_in(wzrtest::read_file(path));
+    ASSERT_EQ(dumps.size(), 2u);
+    Bytes masked = pdu;
+    std::memset(masked.data() + 6 + 16, 'x', 7);
+    EXPECT_EQ(dumps[0], masked);
+    EXPECT_EQ(dumps[1], masked);
 }
 
 TEST(StreamDump, MaskingStopsAtTheFirstNonAlphanumericAndOnlyTheFirstMatchIsMasked)

@@ -13,6 +13,7 @@
 #include <ctime>
 #include <pthread.h>
 #include <strings.h>
+#include <unistd.h>
 
 #include "../liblber/ber_memory.h"
 #include "ldap_env.h"
@@ -446,6 +447,30 @@ void ldap_debug_vprint(unsigned class_mask, const char *format, va_list *args)
 // |0000|30313233 34353637 38393A3B 3C3D3E3F|0123456789:;<=>?|   data lines
 // |0010|40                                 |@               |
 // +---------------------------------------------------------+   (none after an empty dump)
+namespace {
+// The framed dump of address[0, length) on f.
+void write_dump(FILE *f, const void *address, int length, const char *title)
+{
+    if (title != nullptr && *title != '\0') {
+        dump_border(f);
+        dump_title(f, title);
+    }
+    dump_border(f);
+    dump_heading(f, address, length);
+    dump_border(f);
+    // The length counts as a signed 16-bit number, as the heading shows it.
+    int count = static_cast<int16_t>(length);
+    if (address != nullptr && count >= 1) {
+        const auto *bytes = static_cast<const unsigned char *>(address);
+        for (int offset = 0; offset < count; offset += DUMP_BYTES_PER_LINE) {
+            int n = count - offset < DUMP_BYTES_PER_LINE ? count - offset : DUMP_BYTES_PER_LINE;
+            dump_data_line(f, bytes + offset, n, offset);
+        }
+        dump_border(f);
+    }
+}
+} // namespace
+
 void ldap_debug_hexdump(const void *address, int length, const char *title)
 {
     if (out_stream.load() == nullptr)
@@ -453,26 +478,22 @@ void ldap_debug_hexdump(const void *address, int length, const char *title)
     if (pthread_mutex_lock(&trace_mutex) != 0)
         return;
     FILE *f = out_stream.load();
-    if (f != nullptr) {
-        if (title != nullptr && *title != '\0') {
-            dump_border(f);
-            dump_title(f, title);
-        }
-        dump_border(f);
-        dump_heading(f, address, length);
-        dump_border(f);
-        // The length counts as a signed 16-bit number, as the heading shows it.
-        int count = static_cast<int16_t>(length);
-        if (address != nullptr && count >= 1) {
-            const auto *bytes = static_cast<const unsigned char *>(address);
-            for (int offset = 0; offset < count; offset += DUMP_BYTES_PER_LINE) {
-                int n = count - offset < DUMP_BYTES_PER_LINE ? count - offset : DUMP_BYTES_PER_LINE;
-                dump_data_line(f, bytes + offset, n, offset);
-            }
-            dump_border(f);
-        }
-    }
+    if (f != nullptr)
+        write_dump(f, address, length, title);
     pthread_mutex_unlock(&trace_mutex);
+}
+
+int ldap_debug_hexdump_fd(int fd, const void *address, int length, const char *title)
+{
+    int copy = dup(fd);
+    FILE *f = copy < 0 ? nullptr : fdopen(copy, "a");
+    if (f == nullptr) {
+        if (copy >= 0)
+            close(copy);
+        return -1;
+    }
+    write_dump(f, address, length, title);
+    return fclose(f) == 0 ? 0 : -1;
 }
 
 void ldap_debug_init()

@@ -27,6 +27,9 @@ void ldap_debug_print(unsigned class_mask, const char *format, ...)
     __attribute__((format(printf, 2, 3)));
 void ldap_debug_vprint(unsigned class_mask, const char *format, va_list *args);
 void ldap_debug_hexdump(const void *address, int length, const char *title);
+// The same framed dump written to a descriptor of the caller's (the trace mask is not
+// consulted); 0, or -1 when the descriptor cannot be written.
+int ldap_debug_hexdump_fd(int fd, const void *address, int length, const char *title);
 
 void ldap_debug_init();
 int ldap_set_debug_file(const char *name);
