@@ -131,6 +131,7 @@ struct LDAPConn {
     void *plugin;          // plug-in record bound to this connection
     int32_t dead;          // set once an open or a read/write failed; never cleared
     pthread_t reader;      // read_lock: the thread now reading
+    int32_t stream_run;    // read_lock: entries and references read in a row
 };
 
 // The handle.

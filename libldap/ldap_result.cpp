@@ -114,6 +114,31 @@ LDAPMessage *read_state(LDAP *ld, LDAPConn *lc)
     return msg;
 }
 
+// The protocolOp tag of a complete PDU, read without moving its position (0 when the
+// envelope does not look like one; decode_envelope judges it later).
+ber_tag_t peek_op_tag(const BerElement *ber)
+{
+    BerElement c = *ber; // a private position over the same bytes
+    ber_len_t len = 0;
+    int64_t id = 0;
+    if (fber_peek_tag(&c, &len) == TAG_SEQUENCE && fber_skip_tag(&c, &len) == LBER_ERROR)
+        return 0;
+    if (fber_get_int(&c, &id) == LBER_ERROR)
+        return 0;
+    ber_tag_t tag = fber_peek_tag(&c, &len);
+    return tag == LBER_ERROR ? 0 : tag;
+}
+
+// Counts the entries and references read in a row: the sign of a search result streaming in.
+void note_stream(LDAPConn *lc, const BerElement *ber)
+{
+    ber_tag_t tag = peek_op_tag(ber);
+    if (tag == LDAP_RES_SEARCH_ENTRY || tag == LDAP_RES_SEARCH_REFERENCE)
+        ++lc->stream_run;
+    else
+        lc->stream_run = 0;
+}
+
 // Reads from the connection until one PDU is complete: 1, -2 time-out (the partial PDU
 // stays), -1 error, -4 a lock or memory failure (recorded). Read lock held.
 int read_one_pdu(LDAP *ld, LDAPConn *lc, struct timeval *timeout, LDAPMessage **out)
@@ -126,10 +151,12 @@ int read_one_pdu(LDAP *ld, LDAPConn *lc, struct timeval *timeout, LDAPMessage **
     if (rc != -2) {
         table->read_state = nullptr;
         table->read_progress = 0;
-        if (rc == 1)
+        if (rc == 1) {
+            note_stream(lc, msg->lm_ber);
             *out = msg;
-        else
+        } else {
             free_msg(msg, 0);
+        }
     }
     return rc;
 }
@@ -422,6 +449,34 @@ int ldap_get_msg(LDAP *ld, LDAPConn *lc, struct timeval *timeout)
     return queued == -3 ? -3 : 1;
 }
 
+namespace {
+// While a long search result streams in, the server sends one entry at a time and a reader
+// that waits for each is woken once per entry; in a client that keeps up, those wake-ups are
+// most of its CPU. So once STREAM_RUN_TO_COALESCE entries came in a row, a reader that finds
+// the socket empty first pauses STREAM_COALESCE_USEC, letting several entries gather for one
+// read. Short results and single responses never pause, and neither does a wait whose
+// time-out is shorter than the pause.
+constexpr int32_t STREAM_RUN_TO_COALESCE = 8;
+constexpr long STREAM_COALESCE_USEC = 150;
+
+bool pause_for_stream(const LDAPConn *lc, struct timeval *timeout)
+{
+    if (lc->stream_run < STREAM_RUN_TO_COALESCE)
+        return false;
+    if (timeout != nullptr) {
+        long long left = static_cast<long long>(timeout->tv_sec) * 1000000 + timeout->tv_usec;
+        if (left <= STREAM_COALESCE_USEC)
+            return false;
+        left -= STREAM_COALESCE_USEC;
+        timeout->tv_sec = static_cast<time_t>(left / 1000000);
+        timeout->tv_usec = static_cast<suseconds_t>(left % 1000000);
+    }
+    struct timespec pause = {0, STREAM_COALESCE_USEC * 1000};
+    nanosleep(&pause, nullptr);
+    return true;
+}
+} // namespace
+
 int wait_for_message(LDAPConn *lc, BerElement *ber, uint32_t *progress, struct timeval *timeout)
 {
     if (lc == nullptr) {
@@ -432,6 +487,10 @@ int wait_for_message(LDAPConn *lc, BerElement *ber, uint32_t *progress, struct t
         LDAP_TRACE(LDAP_TRC_ERROR,
                    "wait_for_message: BAD TIMEOUT value received. tv_sec=%ld  tv_usec=%ld \n",
                    static_cast<long>(timeout->tv_sec), static_cast<long>(timeout->tv_usec));
+    struct timeval left;
+    if (timeout != nullptr)
+        left = *timeout; // the pause below takes its share, and select may change it
+    bool paused = false;
     for (;;) {
         long rc = fber_get_next_nb(&lc->sb, ber, progress);
         if (rc == -1)
@@ -441,10 +500,14 @@ int wait_for_message(LDAPConn *lc, BerElement *ber, uint32_t *progress, struct t
                                       ber->ber_buf == ber->ber_ptr && ber->ber_len != 0 &&
                                       ber->ber_tag == static_cast<uint64_t>(BER_WOULD_BLOCK)))
             return 1;
+        if (!paused && pause_for_stream(lc, timeout != nullptr ? &left : nullptr)) {
+            paused = true;
+            continue;
+        }
         struct timeval wait;
         struct timeval *waitp = nullptr;
         if (timeout != nullptr) {
-            wait = *timeout; // select may change what it is given
+            wait = left;
             waitp = &wait;
         }
         int ready = fber_select(&lc->sb, waitp);

@@ -145,6 +145,61 @@ TEST_F(Result, EntriesThenFinalResultOneAtATime)
     EXPECT_EQ(free_rows(), 256);
 }
 
+// A long result arriving one entry at a time: once entries come in a row the reader pauses
+// before waiting so that several gather per read. Every entry still arrives, in order, and a
+// wait with a short time-out in the middle of such a stream still ends as a time-out.
+TEST_F(Result, EntriesStreamingInOneByOneAllArriveAndShortTimeOutsStillEnd)
+{
+    constexpr int ENTRIES = 40;
+    int id = send();
+    server_.wait_for_requests(1);
+    FakeConnection *c = server_.connection(0);
+    std::thread sender([c, id] {
+        for (int i = 0; i < ENTRIES; ++i) {
+            c->send(search_entry_pdu(id, "cn=e" + std::to_string(i), {}));
+            std::this_thread::sleep_for(std::chrono::microseconds(300));
+        }
+        c->send(ldap_result_pdu(id, 0x65, 0));
+    });
+    LDAPMessage *res = nullptr;
+    ASSERT_EQ(ldap_result(ld_, id, LDAP_MSG_ALL, nullptr, &res), LDAP_RES_SEARCH_RESULT);
+    sender.join();
+    ASSERT_EQ(ldap_count_messages(ld_, res), ENTRIES + 1);
+    int i = 0;
+    for (LDAPMessage *m = res; m != nullptr && ldap_msgtype(m) == LDAP_RES_SEARCH_ENTRY;
+         m = ldap_next_message(ld_, m), ++i) {
+        char *dn = nullptr;
+        BerElement *cur = ber_dup(m->lm_ber);
+        ASSERT_NE(fber_scanf(cur, "{a", &dn), LBER_ERROR);
+        EXPECT_EQ(std::string(dn), "cn=e" + std::to_string(i));
+        lber_free(dn);
+        ber_free(cur, 0);
+    }
+    EXPECT_EQ(i, ENTRIES);
+    EXPECT_EQ(ldap_msgfree(res), LDAP_RES_SEARCH_RESULT);
+
+    // In the middle of a stream (entries read in a row, no result yet) short waits time out.
+    id = send();
+    server_.wait_for_requests(2);
+    std::string burst;
+    for (int k = 0; k < 10; ++k)
+        burst += search_entry_pdu(id, "cn=f" + std::to_string(k), {});
+    c->send(burst);
+    for (int k = 0; k < 10; ++k) {
+        ASSERT_EQ(ldap_result(ld_, id, LDAP_MSG_ONE, nullptr, &res), LDAP_RES_SEARCH_ENTRY);
+        ldap_msgfree(res);
+    }
+    EXPECT_GE(ld_->ld_defconn->stream_run, 10);
+    for (struct timeval wait : {tv(0, 50), tv(0, 20000)}) {
+        EXPECT_EQ(ldap_result(ld_, id, LDAP_MSG_ONE, &wait, &res), 0);
+        EXPECT_EQ(thread_error(ld_), LDAP_TIMEOUT);
+    }
+    c->send(ldap_result_pdu(id, 0x65, 0));
+    ASSERT_EQ(ldap_result(ld_, id, LDAP_MSG_ONE, nullptr, &res), LDAP_RES_SEARCH_RESULT);
+    ldap_msgfree(res);
+    EXPECT_EQ(ld_->ld_defconn->stream_run, 0) << "a final result ends the stream";
+}
+
 TEST_F(Result, AllModeReturnsTheWholeChainAndAnyNonZeroModeActsLikeIt)
 {
     for (int mode : {1, 2, 7}) {
