@@ -256,21 +256,25 @@ int ldap_return_one_msg(LDAP *ld, int msgid, struct timeval *timeout, LDAPMessag
     }
 }
 
-int ldap_return_all_msgs(LDAP *ld, int msgid, struct timeval *timeout, LDAPMessage **result,
-                         LDAPMsgTable *table, int chase, int hops)
+// Takes the messages of one row one by one until `done` says the operation is complete, then
+// hands out the row's whole chain, all within one deadline. On a time-out the row's delivery
+// cursor goes back to the first message this call took, so the next call starts again from
+// it and nothing is lost. `on_error(took_some)` runs when a take fails.
+template <typename Take, typename Done, typename OnError>
+int collect_row(LDAP *ld, LDAPMsgTable *table, int msgid, struct timeval *timeout,
+                LDAPMessage **result, Take take, Done done, OnError on_error)
 {
+    *result = nullptr;
     const LDAPDeadline deadline = ldap_deadline_after(timeout);
-    LDAPMessage *first_received = nullptr;
+    LDAPMessage *first_taken = nullptr;
     for (;;) {
         struct timeval left;
         if (deadline.limited)
             (void)ldap_time_left(deadline, &left); // 0 once passed: one last look
         LDAPMessage *msg = nullptr;
-        int type = ldap_return_one_msg(ld, msgid, deadline.limited ? &left : nullptr, &msg, table,
-                                       chase, hops);
+        int type = take(deadline.limited ? &left : nullptr, &msg);
         if (type == -1) {
-            ldap_msg_table_release_child(ld, table, msgid);
-            *result = nullptr;
+            on_error(first_taken != nullptr);
             return -1;
         }
         LDAP_LOCK(guard, &table->table_lock, MODULE);
@@ -278,22 +282,30 @@ int ldap_return_all_msgs(LDAP *ld, int msgid, struct timeval *timeout, LDAPMessa
             return ldap_fail_minus_one(ld, guard.rc());
         LDAPMsgRow &row = table->rows[msgid];
         if (type == 0) {
-            // Nothing is lost: the next call hands out everything again from the first record
-            // this call took.
-            if (first_received != nullptr)
-                row.next_undelivered = first_received;
-            *result = nullptr;
+            if (first_taken != nullptr)
+                row.next_undelivered = first_taken;
             return 0;
         }
-        if (first_received == nullptr)
-            first_received = msg;
-        if (is_last_msg(msg)) {
+        if (first_taken == nullptr)
+            first_taken = msg;
+        if (done(row, msg)) {
             if (row.first == nullptr)
                 return ldap_fail_minus_one(ld, LDAP_LOCAL_ERROR); // released under us
             *result = row.first;
             return row.last->lm_msgtype;
         }
     }
+}
+
+int ldap_return_all_msgs(LDAP *ld, int msgid, struct timeval *timeout, LDAPMessage **result,
+                         LDAPMsgTable *table, int chase, int hops)
+{
+    auto take = [&](struct timeval *left, LDAPMessage **msg) {
+        return ldap_return_one_msg(ld, msgid, left, msg, table, chase, hops);
+    };
+    auto done = [](const LDAPMsgRow &, LDAPMessage *msg) { return is_last_msg(msg) != 0; };
+    auto on_error = [&](bool) { ldap_msg_table_release_child(ld, table, msgid); };
+    return collect_row(ld, table, msgid, timeout, result, take, done, on_error);
 }
 
 // The row's referral policy is decided by its first retrieval and kept for its life.
@@ -386,40 +398,22 @@ int ldap_get_result(LDAP *ld, int msgid, int all, struct timeval *timeout, LDAPM
                    "ldap_get_result: Error - all should be LDAP_MSG_ANY or LDAP_MSG_ALL\n");
         return ldap_fail_minus_one(ld, LDAP_PARAM_ERROR);
     }
-    const LDAPDeadline deadline = ldap_deadline_after(timeout);
-    LDAPMessage *first_taken = nullptr;
-    for (;;) {
-        struct timeval left;
-        if (deadline.limited)
-            (void)ldap_time_left(deadline, &left); // 0 once passed: one last look
-        LDAPMessage *msg = nullptr;
-        int type = ldap_msg_table_get_message(ld, table, &msgid,
-                                              deadline.limited ? &left : nullptr, &msg);
-        if (type == -1) {
-            LDAP_TRACE(LDAP_TRC_ERROR, first_taken != nullptr
-                                           ? "ldap_get_result: partial results received due to "
-                                             "socket error. Discarding with error.\n"
-                                           : "ldap_get_result: error at first msg\n");
-            ldap_msg_table_release_msgid(table, msgid);
-            return -1;
-        }
-        LDAP_LOCK(guard, &table->table_lock, MODULE);
-        if (!guard.locked())
-            return ldap_fail_minus_one(ld, guard.rc());
-        LDAPMsgRow &row = table->rows[msgid];
-        if (type == 0) {
-            if (first_taken != nullptr)
-                row.next_undelivered = first_taken;
-            return 0;
-        }
-        if (first_taken == nullptr)
-            first_taken = msg;
-        if ((row.flags & ROW_COMPLETE) != 0 && row.next_undelivered == nullptr) {
-            LDAP_TRACE(LDAP_TRC_API, "ldap_get_result: got all results\n");
-            *result = row.first;
-            return row.last->lm_msgtype;
-        }
-    }
+    auto take = [&](struct timeval *left, LDAPMessage **msg) {
+        return ldap_msg_table_get_message(ld, table, &msgid, left, msg);
+    };
+    auto done = [](const LDAPMsgRow &row, LDAPMessage *) {
+        if ((row.flags & ROW_COMPLETE) == 0 || row.next_undelivered != nullptr)
+            return false;
+        LDAP_TRACE(LDAP_TRC_API, "ldap_get_result: got all results\n");
+        return true;
+    };
+    auto on_error = [&](bool took_some) {
+        LDAP_TRACE(LDAP_TRC_ERROR, took_some ? "ldap_get_result: partial results received due "
+                                               "to socket error. Discarding with error.\n"
+                                             : "ldap_get_result: error at first msg\n");
+        ldap_msg_table_release_msgid(table, msgid);
+    };
+    return collect_row(ld, table, msgid, timeout, result, take, done, on_error);
 }
 
 int ldap_get_msg(LDAP *ld, LDAPConn *lc, struct timeval *timeout)

@@ -221,6 +221,26 @@ TEST_F(Result, AllModeReturnsTheWholeChainAndAnyNonZeroModeActsLikeIt)
     }
 }
 
+// The inner all-messages step collects until the row is complete; any mode other than one
+// or all is refused.
+TEST_F(Result, GetResultInAllModeCollectsTheCompleteRow)
+{
+    int id = send();
+    server_.wait_for_requests(1);
+    server_.connection(0)->send(search_entry_pdu(id, "cn=a", {}) + search_entry_pdu(id, "cn=b", {}));
+    LDAPMessage *res = nullptr;
+    struct timeval wait = tv(0, 100000);
+    EXPECT_EQ(ldap_get_result(ld_, id, LDAP_MSG_ALL, &wait, &res, table_), 0);
+    EXPECT_EQ(res, nullptr);
+    server_.connection(0)->send(ldap_result_pdu(id, 0x65, 0));
+    ASSERT_EQ(ldap_get_result(ld_, id, LDAP_MSG_ALL, nullptr, &res, table_),
+              LDAP_RES_SEARCH_RESULT);
+    EXPECT_EQ(ldap_count_messages(ld_, res), 3) << "the time-out lost nothing";
+    EXPECT_EQ(ldap_msgfree(res), LDAP_RES_SEARCH_RESULT);
+    EXPECT_EQ(ldap_get_result(ld_, send(), 5, nullptr, &res, table_), -1);
+    EXPECT_EQ(thread_error(ld_), LDAP_PARAM_ERROR);
+}
+
 TEST_F(Result, ZeroTimeoutWithNothingArrivedRecords85)
 {
     int id = send();
