@@ -227,12 +227,13 @@ TEST_F(Result, GetResultInAllModeCollectsTheCompleteRow)
 {
     int id = send();
     server_.wait_for_requests(1);
-    server_.connection(0)->send(search_entry_pdu(id, "cn=a", {}) + search_entry_pdu(id, "cn=b", {}));
+    FakeConnection *c = server_.connection(0);
+    c->send(search_entry_pdu(id, "cn=a", {}) + search_entry_pdu(id, "cn=b", {}));
     LDAPMessage *res = nullptr;
     struct timeval wait = tv(0, 100000);
     EXPECT_EQ(ldap_get_result(ld_, id, LDAP_MSG_ALL, &wait, &res, table_), 0);
     EXPECT_EQ(res, nullptr);
-    server_.connection(0)->send(ldap_result_pdu(id, 0x65, 0));
+    c->send(ldap_result_pdu(id, 0x65, 0));
     ASSERT_EQ(ldap_get_result(ld_, id, LDAP_MSG_ALL, nullptr, &res, table_),
               LDAP_RES_SEARCH_RESULT);
     EXPECT_EQ(ldap_count_messages(ld_, res), 3) << "the time-out lost nothing";
