@@ -152,7 +152,7 @@ int send_small(LDAP *ld)
     fber_printf(req->lm_ber, "{it{ts}}", id, LDAP_REQ_EXTENDED, ber_tag_t{0x80},
                 "1.3.6.1.4.1.4203.1.11.3");
     int msgid = -1;
-    return ldap_send_request(ld, lc, req, nullptr, &msgid) == 0 ? msgid : -1;
+    return ldap_send_request(ld, lc, req, {}, &msgid) == 0 ? msgid : -1;
 }
 
 double thread_cpu_seconds()

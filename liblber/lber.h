@@ -67,6 +67,10 @@ struct Sockbuf {
     unsigned char *sb_rabuf = nullptr;
     int32_t sb_rapos = 0;
     int32_t sb_raend = 0;
+    // A byte source that replaces the descriptor for reading, so that the fuzzers can play a
+    // server's bytes without a socket. Null in every real connection.
+    long (*sb_read_hook)(void *ctx, void *buf, long len, int *would_block) = nullptr;
+    void *sb_read_ctx = nullptr;
 };
 inline constexpr long SB_READ_AHEAD_SIZE = 64 * 1024;
 inline constexpr uint32_t SB_COPY_TO_FD = 0x01;
@@ -150,6 +154,20 @@ ber_tag_t ber_scanf_w(BerElement *ber, const char *fmt, ...);
 long fber_socket_read_nb(Sockbuf *sb, void *buf, long len, int *would_block);
 int FBerReadDirect_nb(Sockbuf *sb, unsigned char *buf, long len, long *remaining);
 long fber_get_next_nb(Sockbuf *sb, BerElement *ber, uint32_t *progress);
+// Whether a reader's result of 11 means a complete PDU whose tag is 11 rather than "would block".
+bool ber_pdu_complete(const BerElement *ber, uint32_t progress);
+
+/* ---- the PDU parser (ber_pdu.cpp) ----
+ * Frames one PDU into `ber` from bytes handed in as they arrive. *progress as for
+ * fber_get_next_nb. ber_pdu_feed consumes (*used) the bytes that belong to this PDU and returns
+ * its tag once complete, 11 while more are needed, -1 for bytes no LDAP PDU can start with
+ * (or no memory). ber_pdu_room and ber_pdu_filled are the zero-copy form for large contents:
+ * where the next content bytes go and how many fit there (0 outside the contents), then how
+ * many were put there. */
+long ber_pdu_feed(BerElement *ber, uint32_t *progress, const unsigned char *bytes, size_t len,
+                  size_t *used);
+long ber_pdu_room(BerElement *ber, uint32_t progress, unsigned char **dst);
+long ber_pdu_filled(BerElement *ber, uint32_t *progress, size_t n);
 int fber_select(Sockbuf *sb, struct timeval *timeout);
 void sockbuf_release_buffer(Sockbuf *sb); // frees the read-ahead; buffered bytes are dropped
 long sockbuf_buffered(const Sockbuf *sb); // bytes read ahead and not yet handed out

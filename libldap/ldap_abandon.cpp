@@ -14,27 +14,6 @@
 namespace {
 constexpr const char *MODULE = "libldap/ldap_abandon";
 
-// Frees the row's request and every response no caller has taken yet; responses already
-// handed out stay valid in the chain until their holder frees them (table lock held).
-void discard_pending(LDAPMsgRow &row)
-{
-    free_msg(row.request, 0);
-    row.request = nullptr;
-    LDAPMessage *cut = row.next_undelivered;
-    row.next_undelivered = nullptr;
-    if (cut == nullptr)
-        return;
-    if (cut == row.first) {
-        row.first = nullptr;
-        row.last = nullptr;
-    } else {
-        row.last = cut->lm_prev;
-        row.last->lm_chain = nullptr;
-    }
-    cut->lm_prev = nullptr;
-    free_msg(cut, 1);
-}
-
 // Encodes AbandonRequest ::= [APPLICATION 16] MessageID inside the LDAPMessage envelope:
 // "{iti" id, 0x50, abandoned id, then the controls, then "}".
 int encode_abandon(LDAP *ld, LDAPMessage *req, int abandoned, LDAPControl **serverctrls)
@@ -107,18 +86,19 @@ int ldap_abandon_ext_direct(LDAP *ld, int msgid, LDAPControl **serverctrls)
     return abandon_table_row(ld, lc->table, msgid, serverctrls);
 }
 
-int abandon_table_row(LDAP *ld, LDAPMsgTable *table, int msgid, LDAPControl **serverctrls)
+int abandon_table_row(LDAP *ld, LDAPMsgTable *table, int msgid, LDAPControl **serverctrls,
+                      const LDAPDeadline &until)
 {
     LDAP_LOCK(guard, &table->table_lock, MODULE);
     if (!guard.locked())
         return ldap_fail(ld, guard.rc());
-    if (msgid < 0 || static_cast<uint32_t>(msgid) >= table->row_count) {
+    if (msgid < 0 || (static_cast<uint32_t>(msgid) & LDAP_MSGID_ROW_MASK) >= table->row_count) {
         LDAP_TRACE(LDAP_TRC_ERROR, "abandon_table_row: bad msgid. ld(%p) table(%p), msgid(%d)\n",
                    static_cast<void *>(ld), static_cast<void *>(table), msgid);
         return ldap_fail(ld, LDAP_PARAM_ERROR);
     }
-    LDAPMsgRow *row = &table->rows[msgid];
-    if ((row->flags & ROW_IN_USE) == 0) {
+    LDAPMsgRow *row = ldap_msg_table_row(table, msgid);
+    if (row == nullptr || msgid == 0) {
         LDAP_TRACE(LDAP_TRC_ERROR,
                    "abandon_table_row: No outstanding request for given msgid=%d\n", msgid);
         return ldap_fail(ld, LDAP_PARAM_ERROR);
@@ -128,48 +108,51 @@ int abandon_table_row(LDAP *ld, LDAPMsgTable *table, int msgid, LDAPControl **se
         return ldap_fail(ld, LDAP_PARAM_ERROR);
     }
     if ((row->flags & ROW_COMPLETE) != 0) {
-        if (row->next_undelivered == nullptr) {
+        if (row->first == nullptr) {
             LDAP_TRACE(LDAP_TRC_ERROR,
                        "abandon_table_row: All msgs are already returned for this msgid=%d\n",
                        msgid);
             return ldap_fail(ld, LDAP_PARAM_ERROR);
         }
         // The server is done with it: drop the unread responses, send nothing.
-        row->flags |= ROW_ABANDONED;
-        discard_pending(*row);
-        if (row->first == nullptr && row->child == nullptr)
-            ldap_msg_table_release_msgid_direct(table, msgid); // nothing left to hand out
+        ldap_msg_table_release_msgid_direct(table, msgid);
         return ldap_fail(ld, LDAP_SUCCESS);
     }
 
     // From here on nothing more is filed for this id, whatever the server still sends.
     row->flags |= ROW_ABANDONED;
     guard.unlock(); // sending takes the table lock and writes on the socket
-    int rc = ldap_send_abandon_request(ld, table, msgid, serverctrls);
-    if (rc != 0)
-        return rc;
+    int rc = ldap_send_abandon_request(ld, table, msgid, serverctrls, until);
+    // Whether or not the server heard the abandon, the row goes now rather than when a response
+    // comes: after an abandon the server need not answer at all, and whatever it still sends
+    // carries an id that names this row no more. Responses already handed out are the
+    // caller's and stay valid; the undelivered ones go with the row.
     if (guard.relock() != 0)
         return ldap_fail(ld, guard.rc());
-    row = &table->rows[msgid];
-    discard_pending(*row);
-    LDAPRowLink child = row->child != nullptr ? *row->child : LDAPRowLink{nullptr, 0};
+    row = ldap_msg_table_row(table, msgid);
+    LDAPRowLink child = {nullptr, 0};
+    if (row != nullptr) {
+        if (row->child != nullptr)
+            child = *row->child;
+        ldap_msg_table_release_msgid_direct(table, msgid);
+    }
     guard.unlock();
     if (child.table != nullptr) {
-        rc = abandon_table_row(ld, child.table, child.row, serverctrls);
-        if (rc != 0)
-            return rc;
+        int child_rc = abandon_table_row(ld, child.table, child.row, serverctrls, until);
+        if (rc == 0)
+            rc = child_rc;
     }
-    return ldap_fail(ld, LDAP_SUCCESS);
+    return rc != 0 ? rc : ldap_fail(ld, LDAP_SUCCESS);
 }
 
 int ldap_send_abandon_request(LDAP *ld, LDAPMsgTable *table, int msgid,
-                              LDAPControl **serverctrls)
+                              LDAPControl **serverctrls, const LDAPDeadline &until)
 {
     LDAPMessage *req = ldap_msginit(table->owner);
     if (req == nullptr)
         return ldap_fail(ld, LDAP_NO_MEMORY);
     int id = ldap_msg_table_get_next_msgid(table);
-    if (id < 0 || static_cast<uint32_t>(id) >= table->row_count) {
+    if (id < 0 || (static_cast<uint32_t>(id) & LDAP_MSGID_ROW_MASK) >= table->row_count) {
         free_msg(req, 0);
         return ldap_fail(ld, LDAP_LOCAL_ERROR);
     }
@@ -181,7 +164,7 @@ int ldap_send_abandon_request(LDAP *ld, LDAPMsgTable *table, int msgid,
         return rc;
     }
     int stored = 0;
-    rc = ldap_msg_table_send_message(table, ld, req, &stored, nullptr);
+    rc = ldap_msg_table_send_message(table, ld, req, &stored, until);
     // No response comes for an abandon: its id is done with either way, and a stored request
     // goes with its row.
     if (!stored)

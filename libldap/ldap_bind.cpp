@@ -62,7 +62,7 @@ int send_bind_request(LDAP *ld, LDAPConn *lc, const char *no_conn, const char *d
         rc = fber_printf(op.ber, "}}");
     if (rc == -1)
         return ldap_op_abort(&op, LDAP_ENCODING_ERROR);
-    return ldap_op_finish(&op, LDAP_REQ_BIND, serverctrls, nullptr, msgidp);
+    return ldap_op_finish(&op, LDAP_REQ_BIND, serverctrls, {}, msgidp);
 }
 
 // Frees what the handle kept of its last bind; ld_mutex held.

@@ -42,8 +42,8 @@ int timeval_to_ms(const struct timeval *tv)
     return ms > INT32_MAX ? INT32_MAX : static_cast<int>(ms);
 }
 
-// A local-domain socket. A failed connect leaves the descriptor neither stored nor closed;
-// that is the long-standing behaviour of this path and is kept on purpose.
+// A local-domain socket. A failed connect closes its descriptor: leaving it open would leak
+// one descriptor for every attempt on a server that is down.
 int open_local(Sockbuf *sb, const char *path, struct timeval *timeout)
 {
     struct sockaddr_un addr = {};
@@ -55,8 +55,10 @@ int open_local(Sockbuf *sb, const char *path, struct timeval *timeout)
     int sd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (sd < 0)
         return LDAP_CONNECT_ERROR;
-    if (rqx_connect(sd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr, timeout) != 0)
+    if (rqx_connect(sd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr, timeout) != 0) {
+        close(sd);
         return LDAP_CONNECT_ERROR;
+    }
     sb->sb_sd = sd;
     return LDAP_SUCCESS;
 }

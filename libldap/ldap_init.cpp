@@ -377,19 +377,32 @@ LDAPConn *ldap_lc_init(const char *host, int port, unsigned table_rows)
     return lc;
 }
 
-int open_ldap_connection(LDAP *ld, LDAPConn *lc)
+namespace {
+// The connect time-out (option 70), copied under the handle mutex that guards it: the caller
+// may replace it at any moment.
+LDAPDeadline connect_deadline(LDAP *ld)
+{
+    struct timeval timeout;
+    bool set = false;
+    if (ldap_mutex_lock(&ld->ld_mutex, MODULE, __LINE__) == 0) {
+        if (ld->ld_connect_timeout != nullptr) {
+            timeout = *ld->ld_connect_timeout;
+            set = true;
+        }
+        ldap_mutex_unlock(&ld->ld_mutex, MODULE, __LINE__);
+    }
+    return ldap_deadline_after(set ? &timeout : nullptr);
+}
+} // namespace
+
+int open_ldap_connection(LDAP *ld, LDAPConn *lc, const LDAPDeadline &until)
 {
     LDAP_TRACE(LDAP_TRC_API, "open_ldap_connection: ld(%p), lc(%p)\n", static_cast<void *>(ld),
                static_cast<void *>(lc));
     if (ld == nullptr || lc == nullptr)
         return LDAP_PARAM_ERROR;
-    // A private copy: the caller may change option 70 while the connect waits.
-    struct timeval timeout;
-    struct timeval *timeoutp = nullptr;
-    if (ld->ld_connect_timeout != nullptr) {
-        timeout = *ld->ld_connect_timeout;
-        timeoutp = &timeout;
-    }
+    // The whole walk of the host list keeps to the connect time-out and to the caller's.
+    const LDAPDeadline deadline = ldap_deadline_min(connect_deadline(ld), until);
     char *list = lber_strdup(lc->host != nullptr ? lc->host : "localhost");
     if (list == nullptr)
         return LDAP_NO_MEMORY;
@@ -399,7 +412,8 @@ int open_ldap_connection(LDAP *ld, LDAPConn *lc)
     char *cursor = list;
     LDAPHostEntry entry;
     while (ldap_next_host_entry(&cursor, &seen_ipv6, lc->port, &entry)) {
-        rc = open_host_entry(ld, lc, entry, timeoutp);
+        struct timeval left;
+        rc = open_host_entry(ld, lc, entry, ldap_deadline_wait(deadline, &left));
         if (rc == 0)
             break;
     }

@@ -3,12 +3,14 @@
 #ifndef WZR_LIBLDAP_LDAP_INIT_H
 #define WZR_LIBLDAP_LDAP_INIT_H
 
+#include "ldap_deadline.h"
 #include "ldap_int.h"
 
 LDAP *ldap_init(const char *host, int port);
 LDAP *ldap_open(const char *host, int port);
 LDAPConn *ldap_lc_init(const char *host, int port, unsigned table_rows);
-[[nodiscard]] int open_ldap_connection(LDAP *ld, LDAPConn *lc); // write lock of lc held
+// Write lock of lc held. Keeps to the connect time-out (option 70) and to `until`.
+[[nodiscard]] int open_ldap_connection(LDAP *ld, LDAPConn *lc, const LDAPDeadline &until = {});
 
 [[nodiscard]] int ldap_start_operation(LDAP *ld); // 0, 89 or 129
 void ldap_end_operation(LDAP *ld);

@@ -72,7 +72,16 @@ inline constexpr uint32_t ROW_CHASE = 8;
 inline constexpr uint32_t ROW_ABANDONED = 16;
 inline constexpr uint32_t ROW_RELEASE_WHEN_DONE = 32;
 
-// One message id's row. Guarded by its table's table lock; addressed only by index.
+// A message id names its row by its low 16 bits and the row's generation by the bits above,
+// so a response that arrives for an operation whose row was released (abandoned, timed out)
+// and handed out again can never be taken for the new operation's. A row's first id is its
+// index (generation 0); each release moves the generation on.
+inline constexpr int LDAP_MSGID_ROW_BITS = 16;
+inline constexpr uint32_t LDAP_MSGID_ROW_MASK = 0xFFFF;
+inline constexpr uint32_t LDAP_MSGID_GENERATIONS = 0x8000; // ids stay positive 32-bit values
+
+// One message id's row. Guarded by its table's table lock; addressed only by index. The chain
+// holds only responses no caller has taken: a response handed out leaves its row.
 struct LDAPMsgRow {
     pthread_t owner;          // collecting thread; 0 while unclaimed
     ldapmsg *request;         // the encoded request
@@ -86,6 +95,7 @@ struct LDAPMsgRow {
     void *pending_referral;   // combined result of a chased referral
     int32_t referral_error;   // release-on-free mark
     ldapmsg *saved_result;
+    uint32_t generation;      // kept when the row is cleared, then moved on
 };
 
 inline constexpr uint32_t LDAP_TABLE_INITIAL_ROWS = 256;
@@ -103,7 +113,7 @@ struct LDAPMsgTable {
     ldapmsg *queue_head;         // queue_lock
     ldapmsg *queue_tail;         // queue_lock
     pthread_mutex_t queue_lock;
-    int32_t last_msgid;          // table_lock
+    int32_t last_msgid;          // table_lock: the row index of the id last handed out
     int32_t last_shared_row;     // table_lock
     ldapmsg *read_state;         // the connection's read lock: a partly read PDU
     uint32_t read_progress;      // the connection's read lock: progress word of read_state

@@ -58,6 +58,14 @@ LockGuard::LockGuard(pthread_mutex_t *mutex, const char *module, int line)
     held_ = rc_ == 0;
 }
 
+LockGuard::LockGuard(pthread_mutex_t *mutex, const LDAPDeadline &until, const char *module,
+                     int line)
+    : mutex_(mutex), module_(module), line_(line)
+{
+    rc_ = ldap_mutex_lock_until(mutex_, until, module_, line_);
+    held_ = rc_ == 0;
+}
+
 LockGuard::~LockGuard() { unlock(); }
 
 void LockGuard::unlock()

@@ -3,8 +3,9 @@
 // Lock order (the only nestings allowed anywhere in the library):
 //   table lock -> queue lock                      (draining the queue into rows)
 //   syscall mutex -> trace mutex                  (only to trace the syscall mutex's own failure)
+//   write lock -> handle mutex                    (a connection being opened reads option 70)
 // Each of these is taken alone, with no other library lock held:
-//   handle mutex, error lock, connection lock, conn_mutex, read lock, write lock,
+//   handle mutex (except as above), error lock, connection lock, conn_mutex, read lock, write lock,
 //   resolver lock, the four process-wide mutexes, the trace mutex.
 // No table lock is ever held across socket I/O; the read and write locks are held across I/O.
 #ifndef WZR_LIBLDAP_LDAP_LOCK_H
@@ -12,11 +13,15 @@
 
 #include <pthread.h>
 
+#include "ldap_deadline.h"
+
 // Locks on construction; a failed lock is traced with module and line and remembered, and
 // the destructor then does not unlock. Unlock failures are traced only.
 class LockGuard {
 public:
     LockGuard(pthread_mutex_t *mutex, const char *module, int line);
+    // Gives up when the deadline passes first: then rc() is LDAP_TIMEOUT (85).
+    LockGuard(pthread_mutex_t *mutex, const LDAPDeadline &until, const char *module, int line);
     ~LockGuard();
     LockGuard(const LockGuard &) = delete;
     LockGuard &operator=(const LockGuard &) = delete;

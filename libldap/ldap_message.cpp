@@ -1,6 +1,6 @@
 // LDAPMessage records: creation with the trailing eyecatcher, the validity check, freeing
-// (alone or down a chain), the public chain walkers, and ldap_msgfree, which unlinks a record
-// from its row and releases the message id once the row has nothing left to hand out.
+// (alone or down a chain), the public chain walkers, and ldap_msgfree, which frees what a
+// caller was handed without needing the handle that produced it.
 #include "ldap_message.h"
 
 #include <cstdlib>
@@ -13,7 +13,6 @@
 #include "ldap_table.h"
 
 namespace {
-constexpr const char *MODULE = "libldap/ldap_message";
 
 pthread_once_t msg_level_once = PTHREAD_ONCE_INIT;
 int msg_invalid_level = 0;
@@ -35,55 +34,13 @@ void free_one(LDAPMessage *msg)
     lber_free(msg);
 }
 
-bool msg_in_chain(const LDAPMessage *from, const LDAPMessage *wanted)
+// The type a release reports: a single record's own, a chain's last (its final result).
+int freed_type(const LDAPMessage *msg)
 {
-    for (const LDAPMessage *m = from; m != nullptr; m = m->lm_chain)
-        if (m == wanted)
-            return true;
-    return false;
-}
-
-// Takes `msg` out of its row's chain (table lock held) and says which type the caller freed:
-// a single record is cut out alone; a record handed out as a chain takes everything after it
-// with it, and the type reported is that of the chain's last record (the final result).
-int unlink_from_row(LDAPMsgRow *row, LDAPMessage *msg)
-{
-    const bool single = (msg->lm_flags & LDAP_MSG_SINGLE) != 0;
-    if (single) {
-        LDAPMessage *next = msg->lm_chain;
-        LDAPMessage *prev = msg->lm_prev;
-        if (row->first == msg)
-            row->first = next;
-        else if (prev != nullptr)
-            prev->lm_chain = next;
-        if (next != nullptr)
-            next->lm_prev = prev;
-        if (row->last == msg)
-            row->last = prev;
-        if (row->next_undelivered == msg)
-            row->next_undelivered = next;
-        msg->lm_chain = nullptr;
-        msg->lm_prev = nullptr;
-        return msg->lm_msgtype;
-    }
-    int type = row->last != nullptr ? row->last->lm_msgtype : msg->lm_msgtype;
-    if (row->next_undelivered != nullptr && msg_in_chain(msg, row->next_undelivered))
-        row->next_undelivered = nullptr; // everything from msg on is freed with it
-    if (row->first == msg) {
-        row->first = nullptr;
-        row->last = nullptr;
-    } else {
-        row->last = msg->lm_prev;
-        msg->lm_prev->lm_chain = nullptr;
-        msg->lm_prev = nullptr;
-    }
-    return type;
-}
-
-// True when `msg` is linked in `row`: it heads the chain or has a predecessor there.
-bool linked_in_row(const LDAPMsgRow *row, const LDAPMessage *msg)
-{
-    return row->first == msg || (msg->lm_prev != nullptr && msg->lm_prev->lm_chain == msg);
+    if ((msg->lm_flags & LDAP_MSG_SINGLE) == 0)
+        while (msg->lm_chain != nullptr)
+            msg = msg->lm_chain;
+    return msg->lm_msgtype;
 }
 } // namespace
 
@@ -140,6 +97,8 @@ void free_msg(LDAPMessage *msg, int all)
     }
 }
 
+// A record handed to a caller has left its row and points at nothing of its handle, so it
+// is freed here without the handle: results outlive the handle that produced them.
 int ldap_msgfree(LDAPMessage *msg)
 {
     if (msg == nullptr)
@@ -149,18 +108,6 @@ int ldap_msgfree(LDAPMessage *msg)
                    static_cast<void *>(msg));
         return 0;
     }
-    if (msg->lm_conn == nullptr) {
-        LDAP_TRACE(LDAP_TRC_ERROR, "ldap_msgfree: server pointer NULL\n");
-        return 0;
-    }
-    LDAP *ld = msg->lm_conn->ld;
-    if (ld == nullptr) {
-        LDAP_TRACE(LDAP_TRC_ERROR, "ldap_msgfree: ld pointer NULL\n");
-        return 0;
-    }
-    OperationBracket op(ld);
-    if (op.rc() != 0)
-        return 0;
     return ldap_msgfree_direct(msg);
 }
 
@@ -168,26 +115,7 @@ int ldap_msgfree_direct(LDAPMessage *msg)
 {
     if (!ldap_msg_valid(msg))
         return 0;
-    int type = msg->lm_msgtype;
-    LDAPMsgTable *table = msg->lm_conn != nullptr ? msg->lm_conn->table : nullptr;
-    if (table == nullptr) {
-        free_msg(msg, (msg->lm_flags & LDAP_MSG_SINGLE) == 0);
-        return type;
-    }
-    LDAP_LOCK(guard, &table->table_lock, MODULE);
-    if (!guard.locked())
-        return 0; // the record stays where it is rather than be freed under another's feet
-    int id = msg->lm_msgid;
-    if (id >= 0 && static_cast<uint32_t>(id) < table->row_count &&
-        linked_in_row(&table->rows[id], msg)) {
-        LDAPMsgRow *row = &table->rows[id];
-        type = unlink_from_row(row, msg);
-        bool done = (row->flags & ROW_COMPLETE) != 0 && row->first == nullptr;
-        if (id != 0 && (row->flags & ROW_IN_USE) != 0 && (done || row->referral_error != 0))
-            ldap_msg_table_release_msgid_direct(table, id);
-    }
-    guard.unlock();
-    // A single record was cut out alone; a chain takes its followers with it.
+    int type = freed_type(msg);
     free_msg(msg, (msg->lm_flags & LDAP_MSG_SINGLE) == 0);
     return type;
 }

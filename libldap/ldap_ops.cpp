@@ -3,6 +3,7 @@
 // checks, operation bracket, control merging, waiting and result conversion.
 #include "ldap_ops.h"
 
+#include "ldap_abandon.h"
 #include "ldap_controls.h"
 #include "ldap_error.h"
 #include "ldap_init.h"
@@ -52,7 +53,7 @@ int ldap_op_abort(OpRequest *op, int code)
 }
 
 int ldap_op_finish(OpRequest *op, ber_tag_t msgtype, LDAPControl **sctrls,
-                   struct timeval *timeout, int *msgidp)
+                   const LDAPDeadline &until, int *msgidp)
 {
     *msgidp = -1;
     if (sctrls != nullptr && sctrls[0] != nullptr && put_ctrls_into_ber(op->ber, sctrls) != 0)
@@ -66,7 +67,7 @@ int ldap_op_finish(OpRequest *op, ber_tag_t msgtype, LDAPControl **sctrls,
     LDAPMessage *msg = op->msg;
     op->msg = nullptr;
     // From here the engine owns the record and the id: it releases both when sending fails.
-    return ldap_send_request(op->ld, op->lc, msg, timeout, msgidp);
+    return ldap_send_request(op->ld, op->lc, msg, until, msgidp);
 }
 
 int ldap_op_ext(LDAP *ld, const char *invalid_trace, bool args_ok, LDAPControl **sctrls,
@@ -96,18 +97,21 @@ int ldap_op_ext(LDAP *ld, const char *invalid_trace, bool args_ok, LDAPControl *
     return rc;
 }
 
-// Marks a timed-out operation's rows to be released when their final result is filed; a
-// result filed between the time-out and the mark releases the row here instead.
-static void abandon_collection(LDAP *ld, int msgid)
+// How long the abandon of a timed-out operation may take to go out, beyond the caller's own
+// time-out: a small request on a healthy connection needs far less.
+constexpr long ABANDON_GRACE_USEC = 50000;
+
+// A synchronous operation whose wait timed out is abandoned at once: the server stops working
+// for nobody, and the id comes back now rather than when a result that may never come arrives.
+// The caller still sees the time-out.
+static void abandon_timed_out(LDAP *ld, int msgid)
 {
-    ldap_msg_table_mark_rows(ld, msgid, ROW_RELEASE_WHEN_DONE);
     LDAPMsgTable *table = ld->ld_defconn != nullptr ? ld->ld_defconn->table : nullptr;
-    if (table == nullptr)
-        return;
-    LDAP_LOCK(guard, &table->table_lock, "libldap/ldap_ops");
-    if (guard.locked() && msgid > 0 && static_cast<uint32_t>(msgid) < table->row_count &&
-        (table->rows[msgid].flags & ROW_COMPLETE) != 0)
-        ldap_msg_table_release_msgid_direct(table, msgid);
+    if (table != nullptr) {
+        struct timeval grace = {0, ABANDON_GRACE_USEC};
+        (void)abandon_table_row(ld, table, msgid, nullptr, ldap_deadline_after(&grace));
+    }
+    (void)ldap_set_lderrno_direct(ld, LDAP_TIMEOUT, nullptr, nullptr);
 }
 
 // The code a failed wait left behind; a failure that recorded nothing is a local error.
@@ -131,23 +135,26 @@ int ldap_op_ext_s(LDAP *ld, const OpSyncTraces &traces, struct timeval *timeout,
     OperationBracket bracket(ld);
     if (bracket.rc() != 0)
         return bracket.rc();
+    bool limited = timeout != nullptr && (timeout->tv_sec != 0 || timeout->tv_usec != 0);
+    const LDAPDeadline until = ldap_deadline_after(limited ? timeout : nullptr);
     int msgid = -1;
-    int rc = start(&msgid);
+    int rc = start(until, &msgid);
     if (rc != 0) {
         if (traces.start_failed != nullptr)
             LDAP_TRACE(LDAP_TRC_ERROR, traces.start_failed, rc);
         return rc;
     }
-    bool limited = timeout != nullptr && (timeout->tv_sec != 0 || timeout->tv_usec != 0);
     LDAPMessage *result = nullptr;
-    int type = ldap_result(ld, msgid, LDAP_MSG_ALL, limited ? timeout : nullptr, &result);
+    int type = ldap_result_until(ld, msgid, LDAP_MSG_ALL, until, &result);
     if (type == 0) {
-        // Nobody will collect this operation any more: its row goes when the result comes.
-        abandon_collection(ld, msgid);
+        abandon_timed_out(ld, msgid);
         return recorded_failure(ld);
     }
     if (type == -1 || result == nullptr) {
         rc = recorded_failure(ld);
+        // Nobody will ask for this id again: its row, if the failure left one, goes now.
+        if (ld->ld_defconn != nullptr)
+            ldap_msg_table_release_msgid(ld->ld_defconn->table, msgid);
         if (traces.result_failed != nullptr)
             LDAP_TRACE(LDAP_TRC_ERROR, traces.result_failed, rc);
         return rc;

@@ -4,6 +4,7 @@
 #ifndef WZR_LIBLDAP_LDAP_OPS_H
 #define WZR_LIBLDAP_LDAP_OPS_H
 
+#include "ldap_deadline.h"
 #include "ldap_int.h"
 
 // A non-owning reference to a callable, so the layers can take lambdas that capture the
@@ -45,12 +46,12 @@ int ldap_op_abort(OpRequest *op, int code);
 // LDAPMessage and sends the request with `msgtype`. On success *msgidp is the id and 0 is
 // returned; on failure everything is released and the recorded code returned.
 [[nodiscard]] int ldap_op_finish(OpRequest *op, ber_tag_t msgtype, LDAPControl **sctrls,
-                                 struct timeval *timeout, int *msgidp);
+                                 const LDAPDeadline &until, int *msgidp);
 
 // A _direct call with the merged server controls: encodes and sends, storing the id.
 using OpSend = FnRef<int(LDAPControl **sctrls, int *msgidp)>;
-// An _ext call: starts the operation and stores its id.
-using OpStart = FnRef<int(int *msgidp)>;
+// An _ext call: starts the operation within the synchronous call's deadline, storing its id.
+using OpStart = FnRef<int(const LDAPDeadline &until, int *msgidp)>;
 
 // The _ext layer: *msgidp = -1; an invalid handle traces `invalid_trace` (one %p) and gives 89;
 // then the operation bracket, 89 for `args_ok` false or a missing msgidp, 12 for a critical
@@ -65,10 +66,10 @@ struct OpSyncTraces {
     const char *result_failed; // one %d: the recorded code after ldap_result failed
 };
 
-// The _ext_s layer: starts the operation, waits for all its results (with `timeout` only when
-// it is non-zero) and returns ldap_result2error of the final result. With `res` the result is
-// handed to the caller, else freed. A time-out returns the recorded 85 and leaves the row to be
-// released when its result arrives.
+// The _ext_s layer: turns `timeout` (when non-zero) into the call's one deadline, starts the
+// operation, waits for all its results and returns ldap_result2error of the final result. With
+// `res` the result is handed to the caller, else freed. A time-out abandons the operation,
+// releases its row and returns 85.
 int ldap_op_ext_s(LDAP *ld, const OpSyncTraces &traces, struct timeval *timeout, OpStart start,
                   LDAPMessage **res);
 

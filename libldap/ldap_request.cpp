@@ -52,11 +52,11 @@ void trace_wait_entry_port(int sd)
 
 // Opens the connection on first use (write lock held). A failed open kills the connection
 // for good; 91 stays 91, everything else is reported as 81.
-int open_if_needed(LDAP *ld, LDAPConn *lc)
+int open_if_needed(LDAP *ld, LDAPConn *lc, const LDAPDeadline &until)
 {
     if (__atomic_load_n(&lc->connected, __ATOMIC_ACQUIRE) != 0)
         return 0;
-    int rc = open_ldap_connection(ld, lc);
+    int rc = open_ldap_connection(ld, lc, until);
     if (rc == 0) {
         __atomic_store_n(&lc->connected, 1, __ATOMIC_RELEASE);
         return 0;
@@ -69,14 +69,15 @@ int open_if_needed(LDAP *ld, LDAPConn *lc)
 }
 
 // Flushes the request until all of it is written (write lock held).
-int flush_request(LDAP *ld, LDAPConn *lc, BerElement *ber, struct timeval *timeout)
+int flush_request(LDAP *ld, LDAPConn *lc, BerElement *ber, const LDAPDeadline &until)
 {
     for (;;) {
         int rc = fber_flush_nb(&lc->sb, ber);
         if (rc == 0)
             return 0;
         if (rc == -11) {
-            int ready = waitOnSocket(lc->sb.sb_sd, timeout);
+            struct timeval left;
+            int ready = waitOnSocket(lc->sb.sb_sd, ldap_deadline_wait(until, &left));
             if (ready > 0)
                 continue;
         } else if (rc > 0) {
@@ -103,10 +104,12 @@ int ldap_parse_write_timeout(const char *value)
     return seconds > 0 ? seconds : -1;
 }
 
+// The configured write time-out bounds the wait, but never beyond what is left of the
+// caller's own time-out: a call keeps to its time-out whatever the server does.
 struct timeval *ldap_write_wait_timeout(int configured, struct timeval *caller,
                                         struct timeval *buffer)
 {
-    if (configured > 0) {
+    if (configured > 0 && (caller == nullptr || caller->tv_sec >= configured)) {
         buffer->tv_sec = configured;
         buffer->tv_usec = 0;
         return buffer;
@@ -162,7 +165,7 @@ int waitOnSocket(int sd, struct timeval *timeout)
     return rc;
 }
 
-int ldap_write_msg(LDAP *ld, LDAPMessage *request, struct timeval *timeout)
+int ldap_write_msg(LDAP *ld, LDAPMessage *request, const LDAPDeadline &until)
 {
     LDAP_TRACE(LDAP_TRC_API, "ldap_write_msg entered: ld=%p, lm=%p\n", static_cast<void *>(ld),
                static_cast<void *>(request));
@@ -173,7 +176,8 @@ int ldap_write_msg(LDAP *ld, LDAPMessage *request, struct timeval *timeout)
         LDAP_TRACE(LDAP_TRC_ERROR, "ldap_write_msg: Socket connection was closed earlier\n");
         return ldap_fail(ld, LDAP_SERVER_DOWN);
     }
-    LDAP_LOCK(guard, &lc->write_lock, MODULE);
+    // Another writer may hold the lock for as long as the server lets it write.
+    LockGuard guard(&lc->write_lock, until, MODULE, __LINE__);
     if (!guard.locked())
         return ldap_fail(ld, guard.rc());
     // Another writer may have failed the open while this one waited for the lock.
@@ -181,24 +185,25 @@ int ldap_write_msg(LDAP *ld, LDAPMessage *request, struct timeval *timeout)
         LDAP_TRACE(LDAP_TRC_ERROR, "ldap_write_msg: Socket connection was closed earlier\n");
         return ldap_fail(ld, LDAP_SERVER_DOWN);
     }
-    int rc = open_if_needed(ld, lc);
+    int rc = open_if_needed(ld, lc, until);
     if (rc != 0)
         return ldap_fail(ld, rc);
     LDAP_TRACE(LDAP_TRC_API, "ldap_write_msg: connected to host\n");
 
     // A socket that is not writable in time condemns the connection, yet the write is still
     // tried: a request that goes out is reported as sent.
-    if (waitOnSocket(lc->sb.sb_sd, timeout) <= 0) {
+    struct timeval left;
+    if (waitOnSocket(lc->sb.sb_sd, ldap_deadline_wait(until, &left)) <= 0) {
         ldap_conn_mark_dead(lc);
         (void)ldap_set_lderrno_direct(ld, LDAP_SERVER_DOWN, nullptr, nullptr);
     }
-    rc = flush_request(ld, lc, request->lm_ber, timeout);
+    rc = flush_request(ld, lc, request->lm_ber, until);
     guard.unlock();
     LDAP_TRACE(LDAP_TRC_API, "ldap_write_msg: returning %d\n", rc);
     return rc;
 }
 
-int ldap_send_request(LDAP *ld, LDAPConn *lc, LDAPMessage *request, struct timeval *timeout,
+int ldap_send_request(LDAP *ld, LDAPConn *lc, LDAPMessage *request, const LDAPDeadline &until,
                       int *msgidp)
 {
     if (request == nullptr)
@@ -208,7 +213,7 @@ int ldap_send_request(LDAP *ld, LDAPConn *lc, LDAPMessage *request, struct timev
     LDAPMsgTable *table = lc != nullptr ? lc->table : nullptr;
     const int msgid = request->lm_msgid;
     int stored = 0;
-    int rc = ldap_msg_table_send_message(table, ld, request, &stored, timeout);
+    int rc = ldap_msg_table_send_message(table, ld, request, &stored, until);
     if (rc == 0) {
         if (msgidp != nullptr)
             *msgidp = msgid;

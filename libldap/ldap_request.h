@@ -3,6 +3,7 @@
 #ifndef WZR_LIBLDAP_LDAP_REQUEST_H
 #define WZR_LIBLDAP_LDAP_REQUEST_H
 
+#include "ldap_deadline.h"
 #include "ldap_int.h"
 
 // A connection dies once (a failed open, read or write) and is never reopened. Readers and
@@ -10,7 +11,7 @@
 void ldap_conn_mark_dead(LDAPConn *lc);
 bool ldap_conn_is_dead(const LDAPConn *lc);
 
-[[nodiscard]] int ldap_write_msg(LDAP *ld, LDAPMessage *request, struct timeval *timeout);
+[[nodiscard]] int ldap_write_msg(LDAP *ld, LDAPMessage *request, const LDAPDeadline &until);
 int waitOnSocket(int sd, struct timeval *timeout);
 int ldap_get_write_timeout(); // seconds, -1 when not configured; read once per process
 
@@ -24,6 +25,6 @@ struct timeval *ldap_write_wait_timeout(int configured, struct timeval *caller,
 // Encodes nothing: sends an already encoded request record through its connection's table,
 // releasing the message id on failure. The common tail of every operation's _direct form.
 [[nodiscard]] int ldap_send_request(LDAP *ld, LDAPConn *lc, LDAPMessage *request,
-                                    struct timeval *timeout, int *msgidp);
+                                    const LDAPDeadline &until, int *msgidp);
 
 #endif

@@ -141,13 +141,13 @@ void note_stream(LDAPConn *lc, const BerElement *ber)
 
 // Reads from the connection until one PDU is complete: 1, -2 time-out (the partial PDU
 // stays), -1 error, -4 a lock or memory failure (recorded). Read lock held.
-int read_one_pdu(LDAP *ld, LDAPConn *lc, struct timeval *timeout, LDAPMessage **out)
+int read_one_pdu(LDAP *ld, LDAPConn *lc, const LDAPDeadline &until, LDAPMessage **out)
 {
     LDAPMessage *msg = read_state(ld, lc);
     if (msg == nullptr)
         return ldap_fail(ld, LDAP_NO_MEMORY), -4;
     LDAPMsgTable *table = lc->table;
-    int rc = wait_for_message(lc, msg->lm_ber, &table->read_progress, timeout);
+    int rc = wait_for_message(lc, msg->lm_ber, &table->read_progress, until);
     if (rc != -2) {
         table->read_state = nullptr;
         table->read_progress = 0;
@@ -166,20 +166,20 @@ int read_one_pdu(LDAP *ld, LDAPConn *lc, struct timeval *timeout, LDAPMessage **
 // waiting threads be woken once for all of them. *out gets the chain (linked by lm_chain).
 // Returns what the first read returned, or -1 when a later read found the stream broken
 // (the chain then holds what came before). Takes the read lock.
-int read_pdus(LDAP *ld, LDAPConn *lc, struct timeval *timeout, LDAPMessage **out)
+int read_pdus(LDAP *ld, LDAPConn *lc, const LDAPDeadline &until, LDAPMessage **out)
 {
     LDAP_LOCK(guard, &lc->read_lock, MODULE);
     if (!guard.locked())
         return ldap_fail(ld, guard.rc()), -4;
     lc->reader = pthread_self();
-    int rc = read_one_pdu(ld, lc, timeout, out);
+    int rc = read_one_pdu(ld, lc, until, out);
     for (LDAPMessage **tail = out; rc == 1 && sockbuf_pdu_buffered(&lc->sb);) {
         // These reads are a bonus: without memory for one, the PDU waits in the read-ahead
         // for the next turn, and nothing is recorded against this turn's success.
         if (read_state(ld, lc) == nullptr)
             break;
         tail = &(*tail)->lm_chain;
-        if (read_one_pdu(ld, lc, timeout, tail) == -1) {
+        if (read_one_pdu(ld, lc, until, tail) == -1) {
             rc = -1;
             break;
         }
@@ -232,13 +232,13 @@ LDAPMessage *deliver_or_chase_referral(LDAP *ld, LDAPMsgTable *table, int msgid,
     return msg;
 }
 
-int ldap_return_one_msg(LDAP *ld, int msgid, struct timeval *timeout, LDAPMessage **result,
+int ldap_return_one_msg(LDAP *ld, int msgid, const LDAPDeadline &until, LDAPMessage **result,
                         LDAPMsgTable *table, int chase, int hops)
 {
     // A row with a child link has a referral request in progress; collecting through the
     // child belongs to referral chasing, and no child link exists without it.
     for (;;) {
-        int type = ldap_get_result(ld, msgid, LDAP_MSG_ONE, timeout, result, table);
+        int type = ldap_get_result(ld, msgid, LDAP_MSG_ONE, until, result, table);
         if (type == -1) {
             if (ldap_get_errno_direct(ld) == LDAP_PARAM_ERROR)
                 ldap_msg_table_release_child(ld, table, msgid);
@@ -256,56 +256,59 @@ int ldap_return_one_msg(LDAP *ld, int msgid, struct timeval *timeout, LDAPMessag
     }
 }
 
-// Takes the messages of one row one by one until `done` says the operation is complete, then
-// hands out the row's whole chain, all within one deadline. On a time-out the row's delivery
-// cursor goes back to the first message this call took, so the next call starts again from
-// it and nothing is lost. `on_error(took_some)` runs when a take fails.
+// Takes the messages of one row one by one, each leaving the row, until `done` says the
+// operation is complete, then hands out what it took as one chain, all within one deadline.
+// On a time-out what it took goes back to the front of the row, so the next call starts again
+// from it and nothing is lost; should the row have been released meanwhile (abandoned from
+// another thread), nobody can collect those messages any more and they are freed here.
+// `on_error(took_some)` runs when a take fails; what was taken is freed.
 template <typename Take, typename Done, typename OnError>
-int collect_row(LDAP *ld, LDAPMsgTable *table, int msgid, struct timeval *timeout,
+int collect_row(LDAP *ld, LDAPMsgTable *table, int msgid, const LDAPDeadline &until,
                 LDAPMessage **result, Take take, Done done, OnError on_error)
 {
     *result = nullptr;
-    const LDAPDeadline deadline = ldap_deadline_after(timeout);
-    LDAPMessage *first_taken = nullptr;
+    LDAPMessage *head = nullptr;
+    LDAPMessage *last = nullptr;
     for (;;) {
-        struct timeval left;
-        if (deadline.limited)
-            (void)ldap_time_left(deadline, &left); // 0 once passed: one last look
         LDAPMessage *msg = nullptr;
-        int type = take(deadline.limited ? &left : nullptr, &msg);
+        int type = take(until, &msg);
         if (type == -1) {
-            on_error(first_taken != nullptr);
+            on_error(head != nullptr);
+            free_msg(head, 1);
             return -1;
         }
-        LDAP_LOCK(guard, &table->table_lock, MODULE);
-        if (!guard.locked())
-            return ldap_fail_minus_one(ld, guard.rc());
-        LDAPMsgRow &row = table->rows[msgid];
         if (type == 0) {
-            if (first_taken != nullptr)
-                row.next_undelivered = first_taken;
-            return 0;
+            LDAP_LOCK(guard, &table->table_lock, MODULE);
+            LDAPMsgRow *row = guard.locked() ? ldap_msg_table_row(table, msgid) : nullptr;
+            if (row != nullptr)
+                ldap_msg_table_put_back(row, head);
+            else
+                free_msg(head, 1);
+            return guard.locked() ? 0 : ldap_fail_minus_one(ld, guard.rc());
         }
-        if (first_taken == nullptr)
-            first_taken = msg;
-        if (done(row, msg)) {
-            if (row.first == nullptr)
-                return ldap_fail_minus_one(ld, LDAP_LOCAL_ERROR); // released under us
-            *result = row.first;
-            return row.last->lm_msgtype;
+        if (head == nullptr) {
+            head = msg;
+        } else {
+            last->lm_chain = msg;
+            msg->lm_prev = last;
+        }
+        last = msg;
+        if (done(msg)) {
+            *result = head;
+            return msg->lm_msgtype;
         }
     }
 }
 
-int ldap_return_all_msgs(LDAP *ld, int msgid, struct timeval *timeout, LDAPMessage **result,
+int ldap_return_all_msgs(LDAP *ld, int msgid, const LDAPDeadline &until, LDAPMessage **result,
                          LDAPMsgTable *table, int chase, int hops)
 {
-    auto take = [&](struct timeval *left, LDAPMessage **msg) {
-        return ldap_return_one_msg(ld, msgid, left, msg, table, chase, hops);
+    auto take = [&](const LDAPDeadline &d, LDAPMessage **msg) {
+        return ldap_return_one_msg(ld, msgid, d, msg, table, chase, hops);
     };
-    auto done = [](const LDAPMsgRow &, LDAPMessage *msg) { return is_last_msg(msg) != 0; };
+    auto done = [](LDAPMessage *msg) { return is_last_msg(msg) != 0; };
     auto on_error = [&](bool) { ldap_msg_table_release_child(ld, table, msgid); };
-    return collect_row(ld, table, msgid, timeout, result, take, done, on_error);
+    return collect_row(ld, table, msgid, until, result, take, done, on_error);
 }
 
 // The row's referral policy is decided by its first retrieval and kept for its life.
@@ -318,7 +321,10 @@ int fix_referral_policy(LDAP *ld, LDAPMsgTable *table, int msgid, int *chase, in
     LDAP_LOCK(guard, &table->table_lock, MODULE);
     if (!guard.locked())
         return ldap_fail(ld, guard.rc());
-    LDAPMsgRow &row = table->rows[msgid];
+    LDAPMsgRow *found = ldap_msg_table_row(table, msgid);
+    if (found == nullptr)
+        return ldap_fail(ld, LDAP_PARAM_ERROR); // released since it was verified
+    LDAPMsgRow &row = *found;
     if ((row.flags & ROW_POLICY_SET) == 0) {
         if (referrals)
             row.flags |= ROW_CHASE;
@@ -351,6 +357,16 @@ void trace_result_entry(LDAP *ld, int msgid, int all, const struct timeval *time
 int ldap_result(LDAP *ld, int msgid, int all, struct timeval *timeout, LDAPMessage **result)
 {
     trace_result_entry(ld, msgid, all, timeout, result);
+    if (timeout != nullptr && timeout->tv_usec > 999999) // traced, and used as it is
+        LDAP_TRACE(LDAP_TRC_ERROR,
+                   "wait_for_message: BAD TIMEOUT value received. tv_sec=%ld  tv_usec=%ld \n",
+                   static_cast<long>(timeout->tv_sec), static_cast<long>(timeout->tv_usec));
+    return ldap_result_until(ld, msgid, all, ldap_deadline_after(timeout), result);
+}
+
+int ldap_result_until(LDAP *ld, int msgid, int all, const LDAPDeadline &until,
+                      LDAPMessage **result)
+{
     OperationBracket op(ld);
     if (op.rc() != 0)
         return -1;
@@ -376,11 +392,11 @@ int ldap_result(LDAP *ld, int msgid, int all, struct timeval *timeout, LDAPMessa
 
     int type;
     if (mode == LDAP_MSG_ONE) {
-        type = ldap_return_one_msg(ld, id, timeout, result, table, chase, hops);
+        type = ldap_return_one_msg(ld, id, until, result, table, chase, hops);
         if (type > 0)
             (*result)->lm_flags |= LDAP_MSG_SINGLE;
     } else {
-        type = ldap_return_all_msgs(ld, id, timeout, result, table, chase, hops);
+        type = ldap_return_all_msgs(ld, id, until, result, table, chase, hops);
     }
     if (type == 0)
         (void)ldap_set_lderrno_direct(ld, LDAP_TIMEOUT, nullptr, nullptr);
@@ -388,21 +404,21 @@ int ldap_result(LDAP *ld, int msgid, int all, struct timeval *timeout, LDAPMessa
     return type;
 }
 
-int ldap_get_result(LDAP *ld, int msgid, int all, struct timeval *timeout, LDAPMessage **result,
-                    LDAPMsgTable *table)
+int ldap_get_result(LDAP *ld, int msgid, int all, const LDAPDeadline &until,
+                    LDAPMessage **result, LDAPMsgTable *table)
 {
     if (all == LDAP_MSG_ONE)
-        return ldap_msg_table_get_message(ld, table, &msgid, timeout, result);
+        return ldap_msg_table_get_message(ld, table, &msgid, until, result);
     if (all != LDAP_MSG_ALL) {
         LDAP_TRACE(LDAP_TRC_ERROR,
                    "ldap_get_result: Error - all should be LDAP_MSG_ANY or LDAP_MSG_ALL\n");
         return ldap_fail_minus_one(ld, LDAP_PARAM_ERROR);
     }
-    auto take = [&](struct timeval *left, LDAPMessage **msg) {
-        return ldap_msg_table_get_message(ld, table, &msgid, left, msg);
+    auto take = [&](const LDAPDeadline &d, LDAPMessage **msg) {
+        return ldap_msg_table_get_message(ld, table, &msgid, d, msg);
     };
-    auto done = [](const LDAPMsgRow &row, LDAPMessage *) {
-        if ((row.flags & ROW_COMPLETE) == 0 || row.next_undelivered != nullptr)
+    auto done = [](LDAPMessage *msg) {
+        if (is_last_msg(msg) == 0)
             return false;
         LDAP_TRACE(LDAP_TRC_API, "ldap_get_result: got all results\n");
         return true;
@@ -413,10 +429,10 @@ int ldap_get_result(LDAP *ld, int msgid, int all, struct timeval *timeout, LDAPM
                                              : "ldap_get_result: error at first msg\n");
         ldap_msg_table_release_msgid(table, msgid);
     };
-    return collect_row(ld, table, msgid, timeout, result, take, done, on_error);
+    return collect_row(ld, table, msgid, until, result, take, done, on_error);
 }
 
-int ldap_get_msg(LDAP *ld, LDAPConn *lc, struct timeval *timeout)
+int ldap_get_msg(LDAP *ld, LDAPConn *lc, const LDAPDeadline &until)
 {
     if (lc == nullptr || lc->table == nullptr)
         return ldap_fail_minus_one(ld, LDAP_PARAM_ERROR);
@@ -429,7 +445,7 @@ int ldap_get_msg(LDAP *ld, LDAPConn *lc, struct timeval *timeout)
         return ldap_fail(ld, LDAP_SERVER_DOWN);
     }
     LDAPMessage *chain = nullptr;
-    int rc = read_pdus(ld, lc, timeout, &chain);
+    int rc = read_pdus(ld, lc, until, &chain);
     if (rc < -2)
         return -1; // lock or memory failure, recorded
     if (rc == -2)
@@ -453,58 +469,46 @@ namespace {
 constexpr int32_t STREAM_RUN_TO_COALESCE = 8;
 constexpr long STREAM_COALESCE_USEC = 150;
 
-bool pause_for_stream(const LDAPConn *lc, struct timeval *timeout)
+// Pauses when a stream runs, unless less than the pause is left of the deadline.
+bool pause_for_stream(const LDAPConn *lc, const LDAPDeadline &until)
 {
     if (lc->stream_run < STREAM_RUN_TO_COALESCE)
         return false;
-    if (timeout != nullptr) {
-        long long left = static_cast<long long>(timeout->tv_sec) * 1000000 + timeout->tv_usec;
-        if (left <= STREAM_COALESCE_USEC)
-            return false;
-        left -= STREAM_COALESCE_USEC;
-        timeout->tv_sec = static_cast<time_t>(left / 1000000);
-        timeout->tv_usec = static_cast<suseconds_t>(left % 1000000);
-    }
+    struct timeval left;
+    if (until.limited && (!ldap_time_left(until, &left) ||
+                          (left.tv_sec == 0 && left.tv_usec <= STREAM_COALESCE_USEC)))
+        return false;
     struct timespec pause = {0, STREAM_COALESCE_USEC * 1000};
     nanosleep(&pause, nullptr);
     return true;
 }
 } // namespace
 
-int wait_for_message(LDAPConn *lc, BerElement *ber, uint32_t *progress, struct timeval *timeout)
+// Each poll waits only for what is left of the deadline: a server that sends a PDU in slow
+// pieces cannot stretch the wait beyond the caller's time-out.
+int wait_for_message(LDAPConn *lc, BerElement *ber, uint32_t *progress, const LDAPDeadline &until)
 {
     if (lc == nullptr) {
         LDAP_TRACE(LDAP_TRC_ERROR, "ERROR: wait_for_message() lc == NULL!\n");
         return -1;
     }
-    if (timeout != nullptr && timeout->tv_usec > 999999)
-        LDAP_TRACE(LDAP_TRC_ERROR,
-                   "wait_for_message: BAD TIMEOUT value received. tv_sec=%ld  tv_usec=%ld \n",
-                   static_cast<long>(timeout->tv_sec), static_cast<long>(timeout->tv_usec));
-    struct timeval left;
-    if (timeout != nullptr)
-        left = *timeout; // the pause below takes its share, and select may change it
     bool paused = false;
     for (;;) {
         long rc = fber_get_next_nb(&lc->sb, ber, progress);
         if (rc == -1)
             return -1;
         // 11 is "would block" unless the element is complete (a PDU whose tag byte is 11).
-        if (rc != BER_WOULD_BLOCK || (*progress == 0 && ber->ber_ptr != nullptr &&
-                                      ber->ber_buf == ber->ber_ptr && ber->ber_len != 0 &&
-                                      ber->ber_tag == static_cast<uint64_t>(BER_WOULD_BLOCK)))
+        if (rc != BER_WOULD_BLOCK || ber_pdu_complete(ber, *progress))
             return 1;
-        if (!paused && pause_for_stream(lc, timeout != nullptr ? &left : nullptr)) {
+        if (!paused && pause_for_stream(lc, until)) {
             paused = true;
             continue;
         }
-        struct timeval wait;
-        struct timeval *waitp = nullptr;
-        if (timeout != nullptr) {
-            wait = left;
-            waitp = &wait;
-        }
-        int ready = fber_select(&lc->sb, waitp);
+        struct timeval buffer;
+        struct timeval *wait = ldap_deadline_wait(until, &buffer);
+        if (wait != nullptr && wait->tv_sec == 0 && wait->tv_usec == 0)
+            return -2;
+        int ready = fber_select(&lc->sb, wait);
         if (ready == 0)
             return -2;
         if (ready < 0) {

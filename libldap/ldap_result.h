@@ -2,12 +2,17 @@
 #ifndef WZR_LIBLDAP_LDAP_RESULT_H
 #define WZR_LIBLDAP_LDAP_RESULT_H
 
+#include "ldap_deadline.h"
 #include "ldap_int.h"
 
 int ldap_result(LDAP *ld, int msgid, int all, struct timeval *timeout, LDAPMessage **result);
-int ldap_get_result(LDAP *ld, int msgid, int all, struct timeval *timeout, LDAPMessage **result,
-                    LDAPMsgTable *table);
-int ldap_get_msg(LDAP *ld, LDAPConn *lc, struct timeval *timeout);
-int wait_for_message(LDAPConn *lc, BerElement *ber, uint32_t *progress, struct timeval *timeout);
+// ldap_result within a deadline set by the caller's own entry point.
+int ldap_result_until(LDAP *ld, int msgid, int all, const LDAPDeadline &until,
+                      LDAPMessage **result);
+int ldap_get_result(LDAP *ld, int msgid, int all, const LDAPDeadline &until,
+                    LDAPMessage **result, LDAPMsgTable *table);
+int ldap_get_msg(LDAP *ld, LDAPConn *lc, const LDAPDeadline &until);
+int wait_for_message(LDAPConn *lc, BerElement *ber, uint32_t *progress,
+                     const LDAPDeadline &until);
 
 #endif

@@ -36,7 +36,8 @@ const char *or_null(const char *s) { return s != nullptr ? s : "(null)"; }
 //     filter Filter, attributes SEQUENCE OF LDAPString }
 int ldap_search_ext_direct(LDAP *ld, const char *base, int scope, const char *filter,
                            char **attrs, int attrsonly, LDAPControl **serverctrls, int sizelimit,
-                           struct timeval *timeout, int *msgidp, LDAPConn *lc)
+                           struct timeval *timeout, int *msgidp, LDAPConn *lc,
+                           const LDAPDeadline &until)
 {
     if (!ldap_ld_valid(ld)) {
         LDAP_TRACE(LDAP_TRC_ERROR, "INVALID: ldap_search_ext_direct invalid ld:%p\n",
@@ -63,38 +64,27 @@ int ldap_search_ext_direct(LDAP *ld, const char *base, int scope, const char *fi
         return ldap_op_abort(&op, LDAP_FILTER_ERROR);
     if (fber_printf(op.ber, "{v}}", attrs) == -1)
         return ldap_op_abort(&op, LDAP_ENCODING_ERROR);
-    return ldap_op_finish(&op, LDAP_REQ_SEARCH, serverctrls, timeout, msgidp);
+    return ldap_op_finish(&op, LDAP_REQ_SEARCH, serverctrls, until, msgidp);
 }
 
-int ldap_search_ext(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
-                    int attrsonly, LDAPControl **serverctrls, LDAPControl **clientctrls,
-                    struct timeval *timeout, int sizelimit, int *msgidp)
+namespace {
+// `timeout` is the request's time limit; `until` bounds the sending.
+int search_ext_until(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
+                     int attrsonly, LDAPControl **serverctrls, LDAPControl **clientctrls,
+                     struct timeval *timeout, int sizelimit, const LDAPDeadline &until,
+                     int *msgidp)
 {
     auto send = [&](LDAPControl **sctrls, int *idp) {
         return ldap_search_ext_direct(ld, base, scope, filter, attrs, attrsonly, sctrls,
-                                      sizelimit, timeout, idp, nullptr);
+                                      sizelimit, timeout, idp, nullptr, until);
     };
     return ldap_op_ext(ld, "INVALID: ldap_search_ext  invalid ld:%p\n",
                        search_args_ok(scope, filter), serverctrls, clientctrls, msgidp, send);
 }
 
-int ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
-                      int attrsonly, LDAPControl **serverctrls, LDAPControl **clientctrls,
-                      struct timeval *timeout, int sizelimit, LDAPMessage **res)
-{
-    auto start = [&](int *idp) {
-        if (res == nullptr)
-            return ldap_fail(ld, LDAP_PARAM_ERROR);
-        return ldap_search_ext(ld, base, scope, filter, attrs, attrsonly, serverctrls,
-                               clientctrls, timeout, sizelimit, idp);
-    };
-    static constexpr OpSyncTraces traces = {"INVALID: ldap_search_ext_s invalid ld:%p\n", nullptr,
-                                            nullptr};
-    return ldap_op_ext_s(ld, traces, timeout, start, res);
-}
-
-int ldap_search(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
-                int attrsonly)
+// ldap_search, whose sending also keeps to `until`.
+int search_classic_until(LDAP *ld, const char *base, int scope, const char *filter,
+                         char **attrs, int attrsonly, const LDAPDeadline &until)
 {
     if (!ldap_ld_valid(ld)) {
         LDAP_TRACE(LDAP_TRC_ERROR,
@@ -120,10 +110,42 @@ int ldap_search(LDAP *ld, const char *base, int scope, const char *filter, char 
         return -1;
     // No limit is no time-out: a zero time-out would make the write wait a mere poll.
     struct timeval limit = {timelimit, 0};
+    struct timeval *limitp = timelimit != 0 ? &limit : nullptr;
     int msgid = -1;
-    int rc = ldap_search_ext(ld, base, scope, filter, attrs, attrsonly, nullptr, nullptr,
-                             timelimit != 0 ? &limit : nullptr, sizelimit, &msgid);
+    int rc = search_ext_until(ld, base, scope, filter, attrs, attrsonly, nullptr, nullptr, limitp,
+                              sizelimit, ldap_deadline_min(until, ldap_deadline_after(limitp)),
+                              &msgid);
     return ldap_op_msgid(rc, msgid);
+}
+} // namespace
+
+int ldap_search_ext(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
+                    int attrsonly, LDAPControl **serverctrls, LDAPControl **clientctrls,
+                    struct timeval *timeout, int sizelimit, int *msgidp)
+{
+    return search_ext_until(ld, base, scope, filter, attrs, attrsonly, serverctrls, clientctrls,
+                            timeout, sizelimit, ldap_deadline_after(timeout), msgidp);
+}
+
+int ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
+                      int attrsonly, LDAPControl **serverctrls, LDAPControl **clientctrls,
+                      struct timeval *timeout, int sizelimit, LDAPMessage **res)
+{
+    auto start = [&](const LDAPDeadline &until, int *idp) {
+        if (res == nullptr)
+            return ldap_fail(ld, LDAP_PARAM_ERROR);
+        return search_ext_until(ld, base, scope, filter, attrs, attrsonly, serverctrls,
+                                clientctrls, timeout, sizelimit, until, idp);
+    };
+    static constexpr OpSyncTraces traces = {"INVALID: ldap_search_ext_s invalid ld:%p\n", nullptr,
+                                            nullptr};
+    return ldap_op_ext_s(ld, traces, timeout, start, res);
+}
+
+int ldap_search(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
+                int attrsonly)
+{
+    return search_classic_until(ld, base, scope, filter, attrs, attrsonly, LDAPDeadline{});
 }
 
 int ldap_search_s(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
@@ -138,10 +160,10 @@ int ldap_search_s(LDAP *ld, const char *base, int scope, const char *filter, cha
 int ldap_search_st(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
                    int attrsonly, struct timeval *timeout, LDAPMessage **res)
 {
-    auto start = [&](int *idp) {
+    auto start = [&](const LDAPDeadline &until, int *idp) {
         if (res == nullptr || !search_args_ok(scope, filter))
             return ldap_fail(ld, LDAP_PARAM_ERROR);
-        *idp = ldap_search(ld, base, scope, filter, attrs, attrsonly);
+        *idp = search_classic_until(ld, base, scope, filter, attrs, attrsonly, until);
         if (*idp >= 0)
             return 0;
         int rc = ldap_get_errno_direct(ld);

@@ -2,12 +2,13 @@
 #ifndef WZR_LIBLDAP_LDAP_SEARCH_H
 #define WZR_LIBLDAP_LDAP_SEARCH_H
 
+#include "ldap_deadline.h"
 #include "ldap_int.h"
 
 [[nodiscard]] int ldap_search_ext_direct(LDAP *ld, const char *base, int scope, const char *filter,
                                          char **attrs, int attrsonly, LDAPControl **serverctrls,
                                          int sizelimit, struct timeval *timeout, int *msgidp,
-                                         LDAPConn *lc);
+                                         LDAPConn *lc, const LDAPDeadline &until);
 int ldap_search_ext(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
                     int attrsonly, LDAPControl **serverctrls, LDAPControl **clientctrls,
                     struct timeval *timeout, int sizelimit, int *msgidp);

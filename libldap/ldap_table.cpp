@@ -22,14 +22,19 @@ bool unowned(const LDAPMsgRow &row) { return row.owner == 0; }
 
 bool owned_by_me(const LDAPMsgRow &row) { return pthread_equal(row.owner, pthread_self()) != 0; }
 
-// Takes a free row for a new id: in use, hop limit not yet known.
-int take_row(LDAPMsgTable *table, uint32_t id)
+// Takes a free row for a new id: in use, hop limit not yet known. Returns the row's index.
+int take_row(LDAPMsgTable *table, uint32_t index)
 {
-    LDAPMsgRow &row = table->rows[id];
+    LDAPMsgRow &row = table->rows[index];
     row.flags |= ROW_IN_USE;
     row.hop_limit = -1;
     table->free_rows -= 1;
-    return static_cast<int>(id);
+    return static_cast<int>(index);
+}
+
+int row_id(uint32_t index, const LDAPMsgRow &row)
+{
+    return static_cast<int>(index | (row.generation << LDAP_MSGID_ROW_BITS));
 }
 
 // Adds LDAP_TABLE_GROWTH rows; on failure the old array stays as it was.
@@ -78,8 +83,8 @@ int scan_for_free_row(LDAPMsgTable *table)
 }
 
 // A complete row with nothing left to deliver may still hold a result that referral chasing
-// put aside; it is filed at the chain's end and handed out. Building a message from a pending
-// referral result belongs to referral chasing.
+// put aside; it is handed out. Building a message from a pending referral result belongs to
+// referral chasing.
 int take_put_aside_result(LDAP *ld, LDAPMsgRow &row, LDAPMessage **result)
 {
     if (row.parent != nullptr || row.pending_referral != nullptr || row.saved_result == nullptr)
@@ -87,25 +92,37 @@ int take_put_aside_result(LDAP *ld, LDAPMsgRow &row, LDAPMessage **result)
     LDAPMessage *saved = row.saved_result;
     row.saved_result = nullptr;
     saved->lm_chain = nullptr;
-    saved->lm_prev = row.last;
-    if (row.last != nullptr)
-        row.last->lm_chain = saved;
-    else
-        row.first = saved;
-    row.last = saved;
+    saved->lm_prev = nullptr;
+    saved->lm_conn = nullptr;
     *result = saved;
     return saved->lm_msgtype;
+}
+
+// Once its final result is out and nothing is left to hand out, a row has done its work and
+// its id comes back at once: nothing the caller holds lives in the row any more.
+void release_if_collected(LDAPMsgTable *table, int id, const LDAPMsgRow &row)
+{
+    if (id != 0 && (row.flags & ROW_COMPLETE) != 0 && row.first == nullptr &&
+        row.child == nullptr && row.saved_result == nullptr && row.pending_referral == nullptr)
+        ldap_msg_table_release_msgid_direct(table, id);
+}
+
+// The row of `id` if this thread still collects it.
+LDAPMsgRow *my_row(LDAPMsgTable *table, int id)
+{
+    LDAPMsgRow *row = ldap_msg_table_row(table, id);
+    return row != nullptr && (id == 0 || owned_by_me(*row)) ? row : nullptr;
 }
 
 // One waiting thread takes the reading turn; the caller holds the table lock and gets it back.
 // The turn reads one PDU and every further one already buffered whole, files them all and
 // wakes the other waiters once. Returns what ldap_get_msg returned, or -1 (129 recorded) when
 // the lock cannot be retaken.
-int read_one_turn(LDAP *ld, LDAPMsgTable *table, LockGuard &guard, struct timeval *timeout)
+int read_one_turn(LDAP *ld, LDAPMsgTable *table, LockGuard &guard, const LDAPDeadline &until)
 {
     table->reader_active = 1;
     guard.unlock();
-    int rc = ldap_get_msg(ld, table->owner, timeout);
+    int rc = ldap_get_msg(ld, table->owner, until);
     if (guard.relock() != 0) {
         (void)ldap_fail(ld, LDAP_LOCK_ERROR);
         return -1;
@@ -127,35 +144,6 @@ bool wait_for_reader(LDAPMsgTable *table, const LDAPDeadline &d)
     return pthread_cond_timedwait(&table->reader_done, &table->table_lock, &d.at) != ETIMEDOUT;
 }
 } // namespace
-
-LDAPDeadline ldap_deadline_after(const struct timeval *timeout)
-{
-    LDAPDeadline d;
-    if (timeout == nullptr)
-        return d;
-    d.limited = true;
-    clock_gettime(CLOCK_MONOTONIC, &d.at);
-    long long ns = static_cast<long long>(d.at.tv_nsec) + timeout->tv_usec * 1000LL;
-    d.at.tv_sec += timeout->tv_sec + static_cast<time_t>(ns / 1000000000LL);
-    d.at.tv_nsec = static_cast<long>(ns % 1000000000LL);
-    return d;
-}
-
-bool ldap_time_left(const LDAPDeadline &d, struct timeval *left)
-{
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    long long ns = (static_cast<long long>(d.at.tv_sec) - now.tv_sec) * 1000000000LL +
-                   (d.at.tv_nsec - now.tv_nsec);
-    if (ns <= 0) {
-        left->tv_sec = 0;
-        left->tv_usec = 0;
-        return false;
-    }
-    left->tv_sec = static_cast<time_t>(ns / 1000000000LL);
-    left->tv_usec = static_cast<suseconds_t>((ns % 1000000000LL) / 1000);
-    return true;
-}
 
 int ldap_fail_minus_one(LDAP *ld, int code)
 {
@@ -256,13 +244,15 @@ int ldap_msg_table_get_next_msgid(LDAPMsgTable *table)
     }
     if (table->free_rows < 2 && grow_rows(table) != 0)
         return -1;
-    int id = scan_for_free_row(table);
-    table->last_msgid = id;
-    return id;
+    int index = scan_for_free_row(table);
+    table->last_msgid = index;
+    if (static_cast<uint32_t>(index) >= table->row_count)
+        return index; // only with a wrong free count; refused by every later look-up
+    return row_id(static_cast<uint32_t>(index), table->rows[index]);
 }
 
 int ldap_msg_table_send_message(LDAPMsgTable *table, LDAP *ld, LDAPMessage *request, int *stored,
-                                struct timeval *timeout)
+                                const LDAPDeadline &until)
 {
     int kept = 0;
     int *storedp = stored != nullptr ? stored : &kept;
@@ -277,15 +267,15 @@ int ldap_msg_table_send_message(LDAPMsgTable *table, LDAP *ld, LDAPMessage *requ
         LDAP_LOCK(guard, &table->table_lock, MODULE);
         if (!guard.locked())
             return ldap_fail(ld, guard.rc());
-        int id = request->lm_msgid;
         // Only a row handed out by the allocator and still empty may take the request.
-        if (id <= 0 || static_cast<uint32_t>(id) >= table->row_count ||
-            (table->rows[id].flags & ROW_IN_USE) == 0 || table->rows[id].request != nullptr)
+        LDAPMsgRow *row = request->lm_msgid > 0 ? ldap_msg_table_row(table, request->lm_msgid)
+                                                : nullptr;
+        if (row == nullptr || row->request != nullptr)
             return ldap_fail(ld, LDAP_PARAM_ERROR);
-        table->rows[id].request = request;
+        row->request = request;
         *storedp = 1;
     }
-    int rc = ldap_write_msg(ld, request, timeout);
+    int rc = ldap_write_msg(ld, request, until);
     if (rc != 0) {
         // The request stays filed: it is released with the row when the caller releases the id.
         LDAP_TRACE(LDAP_TRC_ERROR,
@@ -298,8 +288,8 @@ int ldap_msg_table_send_message(LDAPMsgTable *table, LDAP *ld, LDAPMessage *requ
     return 0;
 }
 
-int ldap_msg_table_get_message(LDAP *ld, LDAPMsgTable *table, int *msgid, struct timeval *timeout,
-                               LDAPMessage **result)
+int ldap_msg_table_get_message(LDAP *ld, LDAPMsgTable *table, int *msgid,
+                               const LDAPDeadline &until, LDAPMessage **result)
 {
     if (table == nullptr || result == nullptr || msgid == nullptr)
         return ldap_fail_minus_one(ld, LDAP_PARAM_ERROR);
@@ -308,49 +298,49 @@ int ldap_msg_table_get_message(LDAP *ld, LDAPMsgTable *table, int *msgid, struct
     if (!guard.locked())
         return ldap_fail_minus_one(ld, guard.rc());
     const int id = *msgid;
-    if (id < 0 || static_cast<uint32_t>(id) >= table->row_count)
+    LDAPMsgRow *at_start = ldap_msg_table_row(table, id);
+    if (at_start == nullptr)
         return ldap_fail_minus_one(ld, LDAP_PARAM_ERROR);
-
-    const LDAPMsgRow &at_start = table->rows[id];
-    if ((at_start.flags & ROW_COMPLETE) != 0 && at_start.next_undelivered == nullptr)
-        return take_put_aside_result(ld, table->rows[id], result);
-
-    // Ownership is how a waiter notices that its row was released (and perhaps reused) while
-    // it slept: clearing a row clears its owner.
-    const bool was_mine = id != 0 && owned_by_me(at_start);
-    const LDAPDeadline deadline = ldap_deadline_after(timeout);
+    if ((at_start->flags & ROW_COMPLETE) != 0 && at_start->first == nullptr) {
+        int type = take_put_aside_result(ld, *at_start, result);
+        if (type > 0)
+            release_if_collected(table, id, *at_start);
+        return type;
+    }
+    // The row is looked up again after every wait: an abandon from another thread releases it,
+    // and the id then names no row (or a newer one).
+    const bool claimed = id != 0 && owned_by_me(*at_start);
     for (;;) {
-        if (ldap_msg_table_take_next(&table->rows[id], result))
-            return (*result)->lm_msgtype;
         flush_queue(table);
-        LDAPMsgRow &row = table->rows[id];
-        if (ldap_msg_table_take_next(&row, result))
+        LDAPMsgRow *row = claimed ? my_row(table, id) : ldap_msg_table_row(table, id);
+        if (row == nullptr || (row->flags & ROW_ABANDONED) != 0)
+            return ldap_fail_minus_one(ld, LDAP_PARAM_ERROR); // nothing more will come for it
+        if (ldap_msg_table_take_next(row, result)) {
+            release_if_collected(table, id, *row);
             return (*result)->lm_msgtype;
-        if ((row.flags & ROW_ABANDONED) != 0 || (was_mine && !owned_by_me(row)))
-            return ldap_fail_minus_one(ld, LDAP_PARAM_ERROR); // nothing more will come for this id
-
-        struct timeval left;
-        bool in_time = !deadline.limited || ldap_time_left(deadline, &left);
-        if (!in_time)
-            return 0;
-        if (table->reader_active) {
-            if (!wait_for_reader(table, deadline)) {
-                flush_queue(table);
-                if (ldap_msg_table_take_next(&table->rows[id], result))
-                    return (*result)->lm_msgtype;
+        }
+        if (until.limited) {
+            struct timeval left;
+            if (!ldap_time_left(until, &left))
                 return 0;
-            }
+        }
+        if (table->reader_active) {
+            (void)wait_for_reader(table, until); // then a look at what the reader filed
             continue;
         }
-        int rc = read_one_turn(ld, table, guard, deadline.limited ? &left : nullptr);
+        int rc = read_one_turn(ld, table, guard, until);
         if (!guard.locked())
             return -1;
         if (rc == 1 || rc == 0)
             continue;
         // One turn files every PDU that came in one piece; those before the failure are
         // delivered all the same.
-        if (ldap_msg_table_take_next(&table->rows[id], result))
+        flush_queue(table);
+        row = ldap_msg_table_row(table, id);
+        if (row != nullptr && ldap_msg_table_take_next(row, result)) {
+            release_if_collected(table, id, *row);
             return (*result)->lm_msgtype;
+        }
         if (rc == -3)
             return -1; // the notice of disconnection: its error is recorded
         return ldap_fail_minus_one(ld, LDAP_SERVER_DOWN);
@@ -362,7 +352,8 @@ int verify_msgid_n_acquire_row(LDAP *ld, LDAPMsgTable *table, int *msgid, int al
     LDAP_LOCK(guard, &table->table_lock, MODULE);
     if (!guard.locked())
         return ldap_fail(ld, guard.rc());
-    if (*msgid < -1 || (*msgid != -1 && static_cast<uint32_t>(*msgid) >= table->row_count)) {
+    if (*msgid < -1 ||
+        (*msgid != -1 && (static_cast<uint32_t>(*msgid) & LDAP_MSGID_ROW_MASK) >= table->row_count)) {
         LDAP_TRACE(LDAP_TRC_ERROR, "verify_msgid_n_acquire_row: Bad msgid %d\n", *msgid);
         return ldap_fail(ld, LDAP_PARAM_ERROR);
     }
@@ -372,22 +363,19 @@ int verify_msgid_n_acquire_row(LDAP *ld, LDAPMsgTable *table, int *msgid, int al
                        "verify_msgid_n_acquire_row: No free row available for this thread\n");
             return ldap_fail(ld, LDAP_PARAM_ERROR);
         }
-    } else {
-        // An abandoned row has lost its request: say so before the row check would.
-        if (*msgid > 0 && (table->rows[*msgid].flags & ROW_ABANDONED) != 0) {
-            LDAP_TRACE(LDAP_TRC_ERROR,
-                       "verify_msgid_n_acquire_row: Abandon initiated on this msgid\n");
-            return ldap_fail(ld, LDAP_PARAM_ERROR);
-        }
-        int rc = verify_acquire_row(ld, &table->rows[*msgid], *msgid, all);
-        if (rc != 0) {
-            LDAP_TRACE(LDAP_TRC_ERROR, "verify_msgid_n_acquire_row: Unable to lock the row\n");
-            return rc;
-        }
     }
-    if ((table->rows[*msgid].flags & ROW_ABANDONED) != 0) {
+    LDAPMsgRow *row = ldap_msg_table_row(table, *msgid);
+    if (row != nullptr && *msgid > 0 && (row->flags & ROW_ABANDONED) != 0) {
         LDAP_TRACE(LDAP_TRC_ERROR, "verify_msgid_n_acquire_row: Abandon initiated on this msgid\n");
         return ldap_fail(ld, LDAP_PARAM_ERROR);
+    }
+    // An id whose row was released (or handed out again since) names no row: as for a row
+    // without a request, there is nothing to collect.
+    LDAPMsgRow released{};
+    int rc = verify_acquire_row(ld, row != nullptr ? row : &released, *msgid, all);
+    if (rc != 0) {
+        LDAP_TRACE(LDAP_TRC_ERROR, "verify_msgid_n_acquire_row: Unable to lock the row\n");
+        return rc;
     }
     return 0;
 }
@@ -428,7 +416,7 @@ int ldap_get_msg_any(LDAP *ld, LDAPMsgTable *table, int *msgid, int all)
             LDAP_TRACE(LDAP_TRC_API,
                        "ldap_get_msg_any: found a pre-occupied row for this thread, row-id = %d\n",
                        static_cast<int>(i));
-            *msgid = static_cast<int>(i);
+            *msgid = row_id(i, row);
             return 0;
         }
         if (candidate == 0 && row.request != nullptr && unowned(row))
@@ -459,7 +447,7 @@ int ldap_get_msg_any(LDAP *ld, LDAPMsgTable *table, int *msgid, int all)
     table->last_shared_row = taken;
     table->rows[taken].owner = pthread_self();
     LDAP_TRACE(LDAP_TRC_API, "ldap_get_msg_any: will take row-id = %d\n", taken);
-    *msgid = taken;
+    *msgid = row_id(static_cast<uint32_t>(taken), table->rows[taken]);
     return 0;
 }
 
@@ -474,42 +462,41 @@ void ldap_msg_table_release_msgid(LDAPMsgTable *table, int msgid)
 
 void ldap_msg_table_release_msgid_direct(LDAPMsgTable *table, int msgid)
 {
-    if (msgid < 0 || static_cast<uint32_t>(msgid) >= table->row_count)
+    // An id that no longer names its row (released already, or handed out again) releases
+    // nothing: a late release must never take a newer operation's row.
+    LDAPMsgRow *row = msgid > 0 ? ldap_msg_table_row(table, msgid) : nullptr;
+    if (row == nullptr)
         return;
-    // Releasing a free row twice would count it free twice and corrupt allocation.
-    if ((table->rows[msgid].flags & ROW_IN_USE) == 0)
-        return;
-    ldap_msg_table_clear_row(&table->rows[msgid]);
+    ldap_msg_table_clear_row(row);
     table->free_rows += 1;
     pthread_cond_broadcast(&table->released);
 }
 
-int ldap_msg_table_release_if_done(LDAPMsgTable *table, int row)
+int ldap_msg_table_release_if_done(LDAPMsgTable *table, int msgid)
 {
     LDAP_LOCK(guard, &table->table_lock, MODULE);
-    if (!guard.locked() || row <= 0 || static_cast<uint32_t>(row) >= table->row_count)
+    if (!guard.locked())
         return 0;
-    const LDAPMsgRow &r = table->rows[row];
-    if ((r.flags & ROW_COMPLETE) == 0 || r.first != nullptr || r.child != nullptr)
+    const LDAPMsgRow *r = msgid > 0 ? ldap_msg_table_row(table, msgid) : nullptr;
+    if (r == nullptr || (r->flags & ROW_COMPLETE) == 0 || r->first != nullptr ||
+        r->child != nullptr)
         return 0;
-    ldap_msg_table_release_msgid_direct(table, row);
+    ldap_msg_table_release_msgid_direct(table, msgid);
     return 1;
 }
 
-void ldap_msg_table_release_child(LDAP *ld, LDAPMsgTable *table, int row)
+void ldap_msg_table_release_child(LDAP *ld, LDAPMsgTable *table, int msgid)
 {
     LDAP_LOCK(guard, &table->table_lock, MODULE);
     if (!guard.locked()) {
         (void)ldap_fail(ld, guard.rc());
         return;
     }
-    if (row < 0 || static_cast<uint32_t>(row) >= table->row_count)
+    const LDAPMsgRow *r = ldap_msg_table_row(table, msgid);
+    if (r == nullptr || !owned_by_me(*r) || r->parent == nullptr)
         return;
-    const LDAPMsgRow &r = table->rows[row];
-    if (!owned_by_me(r) || r.parent == nullptr)
-        return;
-    LDAPRowLink parent = *r.parent;
-    ldap_msg_table_release_msgid_direct(table, row);
+    LDAPRowLink parent = *r->parent;
+    ldap_msg_table_release_msgid_direct(table, msgid);
     guard.unlock();
 
     LDAP_LOCK(parent_guard, &parent.table->table_lock, MODULE);
@@ -517,10 +504,10 @@ void ldap_msg_table_release_child(LDAP *ld, LDAPMsgTable *table, int row)
         (void)ldap_fail(ld, parent_guard.rc());
         return;
     }
-    if (parent.row >= 0 && static_cast<uint32_t>(parent.row) < parent.table->row_count) {
-        LDAPMsgRow &p = parent.table->rows[parent.row];
-        lber_free(p.child);
-        p.child = nullptr;
+    LDAPMsgRow *p = ldap_msg_table_row(parent.table, parent.row);
+    if (p != nullptr) {
+        lber_free(p->child);
+        p->child = nullptr;
     }
     parent_guard.unlock();
     (void)ldap_set_lderrno_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
@@ -537,11 +524,11 @@ void ldap_msg_table_mark_rows(LDAP *ld, int msgid, uint32_t bits)
             (void)ldap_fail(ld, guard.rc());
             return;
         }
-        if (at.row < 0 || static_cast<uint32_t>(at.row) >= at.table->row_count)
+        LDAPMsgRow *row = ldap_msg_table_row(at.table, at.row);
+        if (row == nullptr)
             return;
-        LDAPMsgRow &row = at.table->rows[at.row];
-        row.flags |= bits;
-        at = row.child != nullptr ? *row.child : LDAPRowLink{nullptr, 0};
+        row->flags |= bits;
+        at = row->child != nullptr ? *row->child : LDAPRowLink{nullptr, 0};
     }
 }
 
@@ -553,21 +540,20 @@ void ldap_msg_table_unlink_response(LDAPMessage *msg)
     LDAP_LOCK(guard, &table->table_lock, MODULE);
     if (!guard.locked())
         return;
-    int id = msg->lm_msgid;
-    if (id >= 0 && static_cast<uint32_t>(id) < table->row_count) {
-        LDAPMsgRow &row = table->rows[id];
+    LDAPMsgRow *row = ldap_msg_table_row(table, msg->lm_msgid);
+    if (row != nullptr) {
         LDAPMessage *next = msg->lm_chain;
         LDAPMessage *prev = msg->lm_prev;
-        if (row.first == msg)
-            row.first = next;
+        if (row->first == msg)
+            row->first = next;
         else if (prev != nullptr && prev->lm_chain == msg)
             prev->lm_chain = next;
         if (next != nullptr && next->lm_prev == msg)
             next->lm_prev = prev;
-        if (row.last == msg)
-            row.last = prev;
-        if (row.next_undelivered == msg)
-            row.next_undelivered = next;
+        if (row->last == msg)
+            row->last = prev;
+        if (row->next_undelivered == msg)
+            row->next_undelivered = next;
     }
     msg->lm_chain = nullptr;
     msg->lm_prev = nullptr;
@@ -575,12 +561,39 @@ void ldap_msg_table_unlink_response(LDAPMessage *msg)
 
 int ldap_msg_table_take_next(LDAPMsgRow *row, LDAPMessage **result)
 {
-    LDAPMessage *next = row->next_undelivered;
+    LDAPMessage *next = row->first;
     if (next == nullptr)
         return 0;
-    row->next_undelivered = next->lm_chain;
+    row->first = next->lm_chain;
+    if (row->first != nullptr)
+        row->first->lm_prev = nullptr;
+    else
+        row->last = nullptr;
+    row->next_undelivered = row->first;
+    // From here the record is the caller's alone: nothing in the library points at it, and it
+    // points at nothing of the handle, so it outlives the handle and no abandon, late result
+    // or release can free it.
+    next->lm_chain = nullptr;
+    next->lm_prev = nullptr;
+    next->lm_conn = nullptr;
     *result = next;
     return 1;
+}
+
+void ldap_msg_table_put_back(LDAPMsgRow *row, LDAPMessage *chain)
+{
+    if (chain == nullptr)
+        return;
+    LDAPMessage *tail = chain;
+    while (tail->lm_chain != nullptr)
+        tail = tail->lm_chain;
+    tail->lm_chain = row->first;
+    if (row->first != nullptr)
+        row->first->lm_prev = tail;
+    else
+        row->last = tail;
+    row->first = chain;
+    row->next_undelivered = chain;
 }
 
 void ldap_msg_table_clear_row(LDAPMsgRow *row)
@@ -591,5 +604,27 @@ void ldap_msg_table_clear_row(LDAPMsgRow *row)
     lber_free(row->parent);
     lber_free(row->child);
     lber_free(row->pending_referral);
+    uint32_t next_generation = (row->generation + 1) % LDAP_MSGID_GENERATIONS;
     *row = LDAPMsgRow{};
+    row->generation = next_generation;
+}
+
+LDAPMsgRow *ldap_msg_table_row(LDAPMsgTable *table, int msgid)
+{
+    if (msgid < 0)
+        return nullptr;
+    uint32_t index = static_cast<uint32_t>(msgid) & LDAP_MSGID_ROW_MASK;
+    if (index >= table->row_count)
+        return nullptr;
+    LDAPMsgRow &row = table->rows[index];
+    if (msgid == 0)
+        return &row;
+    if (index == 0 || (row.flags & ROW_IN_USE) == 0 || row_id(index, row) != msgid)
+        return nullptr;
+    return &row;
+}
+
+int ldap_msg_table_row_id(const LDAPMsgTable *table, const LDAPMsgRow *row)
+{
+    return row_id(static_cast<uint32_t>(row - table->rows), *row);
 }

@@ -54,7 +54,7 @@ int send_mods_request(LDAP *ld, ber_tag_t tag, const char *no_conn, const char *
     if (fber_printf(op.ber, "{it{s{", op.msgid, tag, dn_or_empty(dn)) == -1 ||
         put_mods(op.ber, mods, tag == LDAP_REQ_MODIFY) == -1 || fber_printf(op.ber, "}}") == -1)
         return ldap_op_abort(&op, LDAP_ENCODING_ERROR);
-    return ldap_op_finish(&op, tag, serverctrls, nullptr, msgidp);
+    return ldap_op_finish(&op, tag, serverctrls, {}, msgidp);
 }
 
 // The synchronous layers' trace texts, worded as each operation has always worded them.
@@ -75,7 +75,8 @@ constexpr OpSyncTraces COMPARE_TRACES = {nullptr,
 // Runs an _ext form synchronously: `ext` is called with the out message id.
 template <class Ext> int run_sync(LDAP *ld, const OpSyncTraces &traces, Ext ext)
 {
-    auto start = [&](int *idp) { return ext(idp); };
+    // Updates have no time-out: the deadline is not limited.
+    auto start = [&](const LDAPDeadline &, int *idp) { return ext(idp); };
     return ldap_op_ext_s(ld, traces, nullptr, start, nullptr);
 }
 
@@ -172,7 +173,7 @@ int ldap_delete_ext_direct(LDAP *ld, const char *dn, LDAPControl **serverctrls, 
         return rc;
     if (fber_printf(op.ber, "{its", op.msgid, LDAP_REQ_DELETE, dn_or_empty(dn)) == -1)
         return ldap_op_abort(&op, LDAP_ENCODING_ERROR);
-    return ldap_op_finish(&op, LDAP_REQ_DELETE, serverctrls, nullptr, msgidp);
+    return ldap_op_finish(&op, LDAP_REQ_DELETE, serverctrls, {}, msgidp);
 }
 
 int ldap_delete_ext(LDAP *ld, const char *dn, LDAPControl **serverctrls,
@@ -220,7 +221,7 @@ int ldap_rename_direct(LDAP *ld, const char *dn, const char *newrdn, const char 
          fber_printf(op.ber, "ts", MODDN_NEW_SUPERIOR, newsuperior) == -1) ||
         fber_printf(op.ber, "}") == -1)
         return ldap_op_abort(&op, LDAP_ENCODING_ERROR);
-    return ldap_op_finish(&op, LDAP_REQ_MODRDN, serverctrls, nullptr, msgidp);
+    return ldap_op_finish(&op, LDAP_REQ_MODRDN, serverctrls, {}, msgidp);
 }
 
 int ldap_rename(LDAP *ld, const char *dn, const char *newrdn, const char *newsuperior,
@@ -273,7 +274,7 @@ int ldap_compare_ext_direct(LDAP *ld, const char *dn, const char *attr, const st
     if (fber_printf(op.ber, "{it{s{so}}", op.msgid, LDAP_REQ_COMPARE, dn_or_empty(dn),
                     dn_or_empty(attr), bytes, len) == -1)
         return ldap_op_abort(&op, LDAP_ENCODING_ERROR);
-    return ldap_op_finish(&op, LDAP_REQ_COMPARE, serverctrls, nullptr, msgidp);
+    return ldap_op_finish(&op, LDAP_REQ_COMPARE, serverctrls, {}, msgidp);
 }
 
 int ldap_compare_ext(LDAP *ld, const char *dn, const char *attr, const struct berval *value,

@@ -31,7 +31,7 @@ int send_root_dse_search(LDAP *ld)
                     ber_tag_t{0x87}, "objectClass") == -1)
         return -1;
     int msgid = -1;
-    return ldap_send_request(ld, lc, req, nullptr, &msgid) == 0 ? msgid : -1;
+    return ldap_send_request(ld, lc, req, {}, &msgid) == 0 ? msgid : -1;
 }
 
 struct ResultParts {

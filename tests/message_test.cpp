@@ -7,6 +7,7 @@
 #include "libldap/ldap_init.h"
 #include "libldap/ldap_message.h"
 #include "libldap/ldap_queue.h"
+#include "libldap/ldap_result.h"
 #include "libldap/ldap_table.h"
 #include "libldap/ldap_unbind.h"
 #include "support/engine_client.h"
@@ -89,58 +90,41 @@ TEST_F(Messages, LastMessageRule)
     }
 }
 
-TEST_F(Messages, SingleRecordsAreCutOutAloneAndTheLastReleasesTheId)
+TEST_F(Messages, DeliveredRecordsLeaveTheRowAndTheFinalOneReleasesTheId)
 {
     LDAPMessage *r[3];
     int id = search_row(r);
-    for (LDAPMessage *m : r)
-        m->lm_flags |= LDAP_MSG_SINGLE; // as delivered one at a time
-    table_->rows[id].next_undelivered = nullptr;
-    EXPECT_EQ(ldap_count_messages(ld_, r[0]), 1);
-    EXPECT_EQ(ldap_next_message(ld_, r[0]), nullptr);
-    EXPECT_EQ(ldap_first_message(ld_, r[0]), r[0]);
-
     int free_before = table_->free_rows;
-    EXPECT_EQ(ldap_msgfree(r[1]), LDAP_RES_SEARCH_ENTRY); // from the middle
-    EXPECT_EQ(table_->rows[id].first, r[0]);
-    EXPECT_EQ(r[0]->lm_chain, r[2]);
-    EXPECT_EQ(r[2]->lm_prev, r[0]);
-    EXPECT_EQ(ldap_msgfree(r[0]), LDAP_RES_SEARCH_ENTRY); // the head
-    EXPECT_EQ(table_->rows[id].first, r[2]);
-    EXPECT_EQ(table_->free_rows, free_before);
-    EXPECT_EQ(ldap_msgfree(r[2]), LDAP_RES_SEARCH_RESULT);
+    for (int i = 0; i < 3; ++i) {
+        LDAPMessage *got = nullptr;
+        ASSERT_EQ(ldap_msg_table_get_message(ld_, table_, &id, {}, &got), r[i]->lm_msgtype);
+        ASSERT_EQ(got, r[i]);
+        got->lm_flags |= LDAP_MSG_SINGLE;
+        EXPECT_EQ(got->lm_chain, nullptr);
+        EXPECT_EQ(got->lm_conn, nullptr); // nothing leads from it back to the handle
+        EXPECT_EQ(ldap_count_messages(ld_, got), 1);
+        EXPECT_EQ(ldap_next_message(ld_, got), nullptr);
+    }
     EXPECT_EQ(table_->free_rows, free_before + 1);
     EXPECT_EQ(table_->rows[id].flags, 0u);
+    EXPECT_EQ(ldap_msgfree(r[1]), LDAP_RES_SEARCH_ENTRY);
+    EXPECT_EQ(ldap_msgfree(r[2]), LDAP_RES_SEARCH_RESULT);
+    EXPECT_EQ(ldap_msgfree(r[0]), LDAP_RES_SEARCH_ENTRY);
 }
 
 TEST_F(Messages, ChainFreesEverythingAndReportsTheFinalType)
 {
     LDAPMessage *r[3];
     int id = search_row(r);
-    table_->rows[id].next_undelivered = nullptr;
+    LDAPMessage *chain = nullptr;
+    ASSERT_EQ(ldap_get_result(ld_, id, LDAP_MSG_ALL, {}, &chain, table_), LDAP_RES_SEARCH_RESULT);
+    ASSERT_EQ(chain, r[0]);
     EXPECT_EQ(ldap_count_messages(ld_, r[0]), 3);
     EXPECT_EQ(ldap_next_message(ld_, r[0]), r[1]);
     EXPECT_EQ(ldap_next_message(ld_, r[2]), nullptr);
     EXPECT_EQ(ldap_count_messages(nullptr, r[0]), -1);
     EXPECT_EQ(ldap_count_messages(ld_, nullptr), 0);
-    int free_before = table_->free_rows;
     EXPECT_EQ(ldap_msgfree(r[0]), LDAP_RES_SEARCH_RESULT);
-    EXPECT_EQ(table_->free_rows, free_before + 1);
-}
-
-TEST_F(Messages, CuttingAChainInsideKeepsTheHeadAndTheId)
-{
-    LDAPMessage *r[3];
-    int id = search_row(r);
-    table_->rows[id].next_undelivered = nullptr;
-    int free_before = table_->free_rows;
-    EXPECT_EQ(ldap_msgfree(r[1]), LDAP_RES_SEARCH_RESULT); // takes r[2] with it
-    EXPECT_EQ(table_->rows[id].first, r[0]);
-    EXPECT_EQ(table_->rows[id].last, r[0]);
-    EXPECT_EQ(r[0]->lm_chain, nullptr);
-    EXPECT_EQ(table_->free_rows, free_before);
-    EXPECT_EQ(ldap_msgfree(r[0]), LDAP_RES_SEARCH_ENTRY);
-    EXPECT_EQ(table_->free_rows, free_before + 1);
 }
 
 TEST_F(Messages, ReleaseMsgidOfARequestFreesItWithTheRow)

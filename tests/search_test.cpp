@@ -145,7 +145,7 @@ TEST_F(SearchTest, EntriesAndTheFinalCodeArrive)
     ldap_msgfree(res);
 }
 
-TEST_F(SearchTest, TimedOutSynchronousSearchReleasesItsRowWhenTheResultComes)
+TEST_F(SearchTest, TimedOutSynchronousSearchIsAbandonedAndItsRowReleasedAtOnce)
 {
     server.hold(SEARCH);
     LDAPMessage *res = nullptr;
@@ -158,15 +158,19 @@ TEST_F(SearchTest, TimedOutSynchronousSearchReleasesItsRowWhenTheResultComes)
     wzrtest::ReceivedRequest slow = server.last(SEARCH);
     ASSERT_GT(slow.msgid, 0);
     LDAPMsgTable *table = ld->ld_defconn->table;
-    EXPECT_NE(table->rows[slow.msgid].flags & ROW_IN_USE, 0u);
+    EXPECT_EQ(table->rows[slow.msgid].flags & ROW_IN_USE, 0u);
+    ASSERT_TRUE(server.server().wait_for_requests(2));
+    wzrtest::ReceivedRequest abandon = server.server().requests().back();
+    EXPECT_EQ(abandon.op, 0x50u);
+    EXPECT_NE(abandon.bytes.find(std::string("\x50\x01", 2) + static_cast<char>(slow.msgid)),
+              std::string::npos);
 
-    // The late answer is read by the next operation and lets the row go.
+    // A late answer is dropped by the next operation, which succeeds.
     wzrtest::FakeConnection *conn = server.server().connection(slow.connection);
     ASSERT_NE(conn, nullptr);
     conn->send(wzrtest::search_entry_pdu(slow.msgid, "cn=late", {}));
     conn->send(wzrtest::ldap_result_pdu(slow.msgid, 0x65, 0));
     EXPECT_EQ(ldap_delete_s(ld, "cn=after"), 0);
-    EXPECT_EQ(table->rows[slow.msgid].flags & ROW_IN_USE, 0u);
 }
 
 TEST(SearchFailures, AllocationFailuresLeakNothing)

@@ -53,7 +53,7 @@ protected:
         int id = ldap_msg_table_get_next_msgid(table_);
         LDAPMessage *req = ldap_msginit(lc_);
         req->lm_msgid = id;
-        table_->rows[id].request = req;
+        table_->rows[id & LDAP_MSGID_ROW_MASK].request = req;
         return id;
     }
     int file(LDAPMessage *m)
@@ -98,8 +98,10 @@ TEST(TableIds, WrapsToTheLowestFreeIdAndReusesNothingBeforeThat)
     ldap_msg_table_release_msgid(t.get(), 3);
     ldap_msg_table_release_msgid(t.get(), 3); // a second release of a free row changes nothing
     EXPECT_EQ(t->free_rows, 3);
-    EXPECT_EQ(ldap_msg_table_get_next_msgid(t.get()), 3);   // wrapped: lowest free
-    EXPECT_EQ(ldap_msg_table_get_next_msgid(t.get()), 7);   // forward again from 4
+    // Wrapped to the lowest free row; a reused row's id carries its next generation, so a
+    // late response for the row's old operation cannot be taken for the new one's.
+    EXPECT_EQ(ldap_msg_table_get_next_msgid(t.get()), (1 << 16) | 3);
+    EXPECT_EQ(ldap_msg_table_get_next_msgid(t.get()), (1 << 16) | 7); // forward again from 4
     EXPECT_EQ(ldap_msg_table_get_next_msgid(t.get()), 256); // full: grows
     EXPECT_EQ(ldap_msg_table_get_next_msgid(nullptr), -1);
 }
@@ -243,13 +245,19 @@ TEST_F(Rows, FilingRefusesWhatNobodyCanCollect)
             std::to_string(abandoned)));
     }
     EXPECT_EQ(table_->rows[abandoned].first, nullptr);
-    int before = table_->free_rows;
+
+    // Released and handed out again: the old id names the row no more.
+    ldap_msg_table_release_msgid(table_, abandoned);
+    table_->last_msgid = abandoned - 1;
+    int reused = outstanding();
+    ASSERT_EQ(reused, abandoned | (1 << 16));
     EXPECT_EQ(file(response(lc_, abandoned, LDAP_RES_SEARCH_RESULT)), LDAP_OTHER);
-    EXPECT_EQ(table_->free_rows, before + 1); // its end came: the id is free again
+    EXPECT_EQ(table_->rows[abandoned].first, nullptr);
+    EXPECT_EQ(file(response(lc_, reused, LDAP_RES_SEARCH_RESULT)), 0);
 
     int unattended = outstanding();
     table_->rows[unattended].flags |= ROW_RELEASE_WHEN_DONE;
-    before = table_->free_rows;
+    int before = table_->free_rows;
     EXPECT_EQ(file(response(lc_, unattended, LDAP_RES_SEARCH_RESULT)), 0);
     EXPECT_EQ(table_->free_rows, before + 1);
     EXPECT_EQ(table_->rows[unattended].flags, 0u);
@@ -314,7 +322,7 @@ TEST_F(Rows, ReleaseRulesAndLinks)
 TEST_F(Rows, SendingFilesTheRequestAndAFailedSendKeepsItUntilTheIdIsReleased)
 {
     int stored = -1;
-    EXPECT_EQ(ldap_msg_table_send_message(nullptr, ld_, nullptr, &stored, nullptr),
+    EXPECT_EQ(ldap_msg_table_send_message(nullptr, ld_, nullptr, &stored, {}),
               LDAP_PARAM_ERROR);
     EXPECT_EQ(stored, 0);
     EXPECT_EQ(thread_error(ld_), LDAP_PARAM_ERROR);
@@ -325,7 +333,7 @@ TEST_F(Rows, SendingFilesTheRequestAndAFailedSendKeepsItUntilTheIdIsReleased)
     req->lm_ber = ldap_alloc_fber(ld_, 0);
     ASSERT_EQ(fber_printf(req->lm_ber, "{it{ts}}", id, LDAP_REQ_EXTENDED, ber_tag_t{0x80}, "1.2"),
               0);
-    int rc = ldap_msg_table_send_message(table_, ld_, req, &stored, nullptr);
+    int rc = ldap_msg_table_send_message(table_, ld_, req, &stored, {});
     EXPECT_TRUE(rc == LDAP_CONNECT_ERROR || rc == LDAP_SERVER_DOWN) << rc; // nothing listens
     EXPECT_EQ(stored, 1);
     EXPECT_EQ(table_->rows[id].request, req);

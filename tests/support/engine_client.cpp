@@ -34,7 +34,7 @@ int send_extended(LDAP *ld, const char *oid, int *rc)
         return *rcp = LDAP_ENCODING_ERROR, -1;
     }
     int msgid = -1;
-    *rcp = ldap_send_request(ld, lc, req, nullptr, &msgid);
+    *rcp = ldap_send_request(ld, lc, req, {}, &msgid);
     return *rcp == 0 ? msgid : -1;
 }
 

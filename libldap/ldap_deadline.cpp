@@ -1,0 +1,69 @@
+// Deadlines on the monotonic clock, the time left before one, and locking within one.
+#include "ldap_deadline.h"
+
+#include <cerrno>
+
+#include "ldap_lock.h"
+#include "wzrldap.h"
+
+LDAPDeadline ldap_deadline_after(const struct timeval *timeout)
+{
+    LDAPDeadline d;
+    if (timeout == nullptr)
+        return d;
+    d.limited = true;
+    clock_gettime(CLOCK_MONOTONIC, &d.at);
+    long long ns = static_cast<long long>(d.at.tv_nsec) + timeout->tv_usec * 1000LL;
+    d.at.tv_sec += timeout->tv_sec + static_cast<time_t>(ns / 1000000000LL);
+    d.at.tv_nsec = static_cast<long>(ns % 1000000000LL);
+    return d;
+}
+
+bool ldap_time_left(const LDAPDeadline &d, struct timeval *left)
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    long long ns = (static_cast<long long>(d.at.tv_sec) - now.tv_sec) * 1000000000LL +
+                   (d.at.tv_nsec - now.tv_nsec);
+    if (ns <= 0) {
+        left->tv_sec = 0;
+        left->tv_usec = 0;
+        return false;
+    }
+    left->tv_sec = static_cast<time_t>(ns / 1000000000LL);
+    left->tv_usec = static_cast<suseconds_t>((ns % 1000000000LL) / 1000);
+    return true;
+}
+
+struct timeval *ldap_deadline_wait(const LDAPDeadline &d, struct timeval *buffer)
+{
+    if (!d.limited)
+        return nullptr;
+    (void)ldap_time_left(d, buffer);
+    return buffer;
+}
+
+LDAPDeadline ldap_deadline_min(const LDAPDeadline &a, const LDAPDeadline &b)
+{
+    if (!a.limited)
+        return b;
+    if (!b.limited)
+        return a;
+    bool a_first = a.at.tv_sec != b.at.tv_sec ? a.at.tv_sec < b.at.tv_sec
+                                              : a.at.tv_nsec < b.at.tv_nsec;
+    return a_first ? a : b;
+}
+
+int ldap_mutex_lock_until(pthread_mutex_t *mutex, const LDAPDeadline &d, const char *module,
+                          int line)
+{
+    if (!d.limited)
+        return ldap_mutex_lock(mutex, module, line);
+    int err = pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, &d.at);
+    if (err == 0)
+        return 0;
+    if (err == ETIMEDOUT)
+        return LDAP_TIMEOUT;
+    ldap_trace_lock_failure(module, line, err);
+    return LDAP_LOCK_ERROR;
+}
