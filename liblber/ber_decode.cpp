@@ -440,7 +440,7 @@ void trace_scan(const BerElement *ber, const char *who, const char *fmt)
     long total = ber->ber_end > ber->ber_buf ? static_cast<long>(ber->ber_end - ber->ber_buf) : 0;
     if (ber->ber_ptr == ber->ber_buf) {
         ldap_debug_print(LDAP_TRC_BER, "%s fmt (%s) ber:\n", who, fmt);
-        ldap_debug_hexdump(ber->ber_buf, static_cast<int>(total), nullptr);
+        ber_dump_masked(ber->ber_buf, total, nullptr);
     } else {
         ldap_debug_print(LDAP_TRC_BER, "%s fmt (%s) offset=%ld length=%ld\n", who, fmt,
                          static_cast<long>(ber->ber_ptr - ber->ber_buf), total);

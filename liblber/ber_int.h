@@ -87,4 +87,10 @@ FberList fber_get_string_list(BerElement *ber, bool xlate, char ***out);
 // berval records, then the values, each NUL-terminated (what ldap_get_values_len hands out).
 FberList fber_get_berval_block(BerElement *ber, bool xlate, struct berval ***out);
 
+/* ---- secrets in dumps (ber_mask.cpp) ----
+ * Stars over, in `copy` (the bytes pdu[skip, skip + shown) about to be dumped), every secret
+ * that a walk over the elements of the PDU pdu[0, pdu_len) finds. */
+void ber_mask_secrets(const unsigned char *pdu, size_t pdu_len, size_t skip, unsigned char *copy,
+                      size_t shown);
+
 #endif
