@@ -1,5 +1,6 @@
 // The LDIF reader and writer of the wzrldap tool: base64, when a value must be encoded, line
-// folding, round trips of arbitrary bytes, change records, and the line of every mistake.
+// folding, round trips of arbitrary bytes, change records, the line of every mistake, and the
+// names and file:// values refused.
 #include "ldif.h"
 
 #include "support/test_util.h"
@@ -9,6 +10,8 @@
 #include <algorithm>
 #include <random>
 #include <string>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -284,6 +287,48 @@ TEST(LdifReader, NamesTheLineOfTheFirstMistake)
     ParseError err;
     EXPECT_FALSE(parse_entries(ok, &entries, &err));
     EXPECT_EQ(err.line, 1);
+}
+
+TEST(LdifReader, RefusesNamesThatAreNotAttributeDescriptions)
+{
+    for (const char *good : {"cn", "userCertificate;binary", "cn;lang-en;x-1", "2.5.4.3", "0.9"})
+        EXPECT_TRUE(is_attribute_description(good)) << good;
+    for (std::string bad : {"", "1cn", "-cn", "c_n", "c.n", "cn;", ";x", "cn;x_y", "2.5..4",
+                            "2.5.", "02.5", "7", "cn x", "c\rn", "c\x1b[2Jn", "caf\xc3\xa9"}) {
+        EXPECT_FALSE(is_attribute_description(bad)) << bad;
+        for (const std::string &rec : {"changetype: add\n" + bad + ": x\n",
+                                       "changetype: modify\nreplace: " + bad + "\n"}) {
+            ParseError err = parse_failure("dn: cn=a\n" + rec);
+            EXPECT_EQ(err.line, 3) << bad;
+            EXPECT_NE(err.message.find("bad attribute name \"" + escape_for_message(bad) + "\""),
+                      std::string::npos) << err.message;
+        }
+    }
+    EXPECT_EQ(escape_for_message("a\"\\\n\xff"), "a\\x22\\x5c\\x0a\\xff");
+    std::vector<Attribute> only_change_words = {{"changeType", {"delete"}}, {"Control", {}}};
+    EXPECT_FALSE(put_content_first(&only_change_words)); // the swap itself: in the tool test
+}
+
+TEST(LdifReader, ReadsFileValuesOnlyFromRegularFilesOf64MiBAtMost)
+{
+    wzrtest::TempDir tmp;
+    ASSERT_EQ(mkfifo(tmp.file("fifo").c_str(), 0600), 0);
+    wzrtest::write_file(tmp.file("big"), "");
+    ASSERT_EQ(truncate(tmp.file("big").c_str(), off_t(kMaxFileValue) + 1), 0);
+    const std::vector<std::pair<std::string, const char *>> cases = {
+        {tmp.file("fifo"), "not a regular file"}, {tmp.path(), "not a regular file"},
+        {"/dev/zero", "not a regular file"},      {tmp.file("big"), "larger than 64 MiB"},
+        {tmp.file("missing"), "No such file"}};
+    for (const auto &[path, says] : cases) {
+        ParseError err = parse_failure("# x\ndn: cn=a\nchangetype: add\nphoto:< file://" + path);
+        EXPECT_EQ(err.line, 4) << path;
+        EXPECT_NE(err.message.find(says), std::string::npos) << path << ": " << err.message;
+    }
+    ASSERT_EQ(truncate(tmp.file("big").c_str(), off_t(kMaxFileValue)), 0);
+    std::vector<Record> records;
+    ParseError err;
+    ASSERT_TRUE(parse("dn: cn=a\nx:< file://" + tmp.file("big"), ChangeType::Add, &records, &err));
+    EXPECT_EQ(records.at(0).mods.at(0).values.at(0).size(), kMaxFileValue);
 }
 
 } // namespace

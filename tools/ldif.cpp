@@ -1,12 +1,16 @@
-// LDIF reading and writing for the wzrldap tool: base64, the safe-string test, line folding,
-// and a parser that unfolds lines, drops comments and turns records into changes, naming the
-// line of the first mistake.
+// LDIF reading and writing for the wzrldap tool: base64, the safe-string and attribute-name
+// tests, line folding, and a parser that unfolds lines, drops comments, reads file:// values
+// from regular files only and turns records into changes, naming the line of the first mistake.
 #include "ldif.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdint>
-#include <fstream>
-#include <sstream>
+#include <cstring>
+#include <fcntl.h>
 #include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace wzrldif {
 
@@ -95,31 +99,103 @@ bool split_records(std::string_view text, std::vector<RecordLines> *records, Par
     return true;
 }
 
-bool valid_attr_name(std::string_view name)
+bool is_letter(char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'); }
+bool is_digit(char c) { return c >= '0' && c <= '9'; }
+bool is_keychar(char c) { return is_letter(c) || is_digit(c) || c == '-'; }
+
+bool is_descriptor(std::string_view s)
 {
-    if (name.empty())
-        return false;
-    for (char c : name) {
-        bool ok = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
-                  c == '-' || c == ';' || c == '.' || c == '_';
-        if (!ok)
+    return !s.empty() && is_letter(s[0]) && std::all_of(s.begin(), s.end(), is_keychar);
+}
+
+// Two or more numbers joined by dots; a number has no leading zero.
+bool is_numeric_oid(std::string_view s)
+{
+    for (int numbers = 1;; numbers++) {
+        size_t n = 0;
+        while (n < s.size() && is_digit(s[n]))
+            n++;
+        if (n == 0 || (n > 1 && s[0] == '0'))
             return false;
+        s.remove_prefix(n);
+        if (s.empty())
+            return numbers >= 2;
+        if (s[0] != '.')
+            return false;
+        s.remove_prefix(1);
+    }
+}
+
+std::string quoted(std::string_view text) { return '"' + escape_for_message(text) + '"'; }
+
+bool bad_name(ParseError *error, int line, std::string_view name)
+{
+    return fail(error, line, "bad attribute name " + quoted(name));
+}
+
+struct FileCloser {
+    int fd;
+    ~FileCloser()
+    {
+        if (fd >= 0)
+            close(fd);
+    }
+};
+
+const char kTooLarge[] = "larger than 64 MiB";
+
+// Appends what is left of `fd` to *out. The limit holds for what is read, not only for the
+// size fstat saw: the file may grow in the meantime.
+bool read_to_end(int fd, std::string *out, std::string *why)
+{
+    char buf[65536];
+    ssize_t n;
+    while ((n = read(fd, buf, sizeof buf)) != 0) {
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0 || out->size() + size_t(n) > kMaxFileValue) {
+            *why = n < 0 ? strerror(errno) : kTooLarge;
+            return false;
+        }
+        out->append(buf, size_t(n));
     }
     return true;
+}
+
+// Reads a regular file of at most kMaxFileValue bytes, else says why not. An LDIF file is
+// not trusted to name only harmless files: a FIFO would hang the reader, a device or a huge
+// file would eat memory.
+bool read_regular_file(const std::string &path, std::string *out, std::string *why)
+{
+    // Not waiting in open(), which for a FIFO blocks until a writer comes; the file is then
+    // judged by what was opened, so nothing can be swapped in after the check. Symbolic links
+    // are followed: whoever writes the LDIF could name their target directly.
+    FileCloser file{open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)};
+    struct stat st {};
+    if (file.fd < 0 || fstat(file.fd, &st) != 0) {
+        *why = strerror(errno);
+        return false;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        *why = "not a regular file";
+        return false;
+    }
+    if (size_t(st.st_size) > kMaxFileValue) {
+        *why = kTooLarge;
+        return false;
+    }
+    out->reserve(size_t(st.st_size));
+    return read_to_end(file.fd, out, why);
 }
 
 bool read_url_value(std::string_view url, int line, std::string *value, ParseError *error)
 {
     constexpr std::string_view scheme = "file://";
     if (url.substr(0, scheme.size()) != scheme)
-        return fail(error, line, "only file:// URLs are supported: " + std::string(url));
-    std::string path(url.substr(scheme.size()));
-    std::ifstream in(path, std::ios::binary);
-    if (!in)
-        return fail(error, line, "cannot read " + path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    *value = ss.str();
+        return fail(error, line, "only file:// URLs are supported: " + quoted(url));
+    std::string why;
+    if (!read_regular_file(std::string(url.substr(scheme.size())), value, &why))
+        return fail(error, line, "cannot read " + quoted(url) + ": " + why);
     return true;
 }
 
@@ -132,10 +208,10 @@ bool parse_field(const Line &line, Field *field, ParseError *error)
 {
     size_t colon = line.text.find(':');
     if (colon == std::string::npos)
-        return fail(error, line.no, "expected \"name: value\", got \"" + line.text + "\"");
+        return fail(error, line.no, "expected \"name: value\", got " + quoted(line.text));
     field->name = line.text.substr(0, colon);
-    if (!valid_attr_name(field->name))
-        return fail(error, line.no, "bad attribute name \"" + field->name + "\"");
+    if (!is_attribute_description(field->name))
+        return bad_name(error, line.no, field->name);
     std::string_view rest = std::string_view(line.text).substr(colon + 1);
     if (!rest.empty() && rest[0] == ':') {
         rest.remove_prefix(1);
@@ -240,8 +316,8 @@ bool parse_modify(const RecordLines &lines, size_t i, Record *rec, ParseError *e
             return fail(error, lines[i].no,
                         "expected add:, delete: or replace:, got \"" + op.name + ":\"");
         mod.type = std::string(trim_right(op.value));
-        if (!valid_attr_name(mod.type))
-            return fail(error, lines[i].no, "bad attribute name \"" + mod.type + "\"");
+        if (!is_attribute_description(mod.type))
+            return bad_name(error, lines[i].no, mod.type);
         int op_line = lines[i].no;
         for (i++; i < lines.size() && trim_right(lines[i].text) != "-"; i++) {
             Field v;
@@ -384,6 +460,38 @@ bool base64_decode(std::string_view text, std::string *out)
     return true;
 }
 
+bool is_attribute_description(std::string_view name)
+{
+    size_t semi = name.find(';');
+    std::string_view type = name.substr(0, semi);
+    if (!is_descriptor(type) && !is_numeric_oid(type))
+        return false;
+    while (semi != std::string_view::npos) {
+        name.remove_prefix(semi + 1);
+        semi = name.find(';');
+        std::string_view option = name.substr(0, semi);
+        if (option.empty() || !std::all_of(option.begin(), option.end(), is_keychar))
+            return false;
+    }
+    return true;
+}
+
+std::string escape_for_message(std::string_view bytes)
+{
+    static const char hex[] = "0123456789abcdef";
+    std::string out;
+    for (unsigned char c : bytes) {
+        if (c >= 0x20 && c < 0x7f && c != '"' && c != '\\') {
+            out += char(c);
+        } else {
+            out += "\\x";
+            out += hex[c >> 4];
+            out += hex[c & 15];
+        }
+    }
+    return out;
+}
+
 bool is_safe_string(std::string_view value)
 {
     if (value.empty())
@@ -419,6 +527,20 @@ std::string format_line(std::string_view name, std::string_view value, int wrap)
         out += '\n';
     }
     return out;
+}
+
+bool put_content_first(std::vector<Attribute> *attrs)
+{
+    auto starts_change = [](const Attribute &a) {
+        return iequals(a.type, "changetype") || iequals(a.type, "control");
+    };
+    if (attrs->empty() || !starts_change(attrs->front()))
+        return true;
+    auto other = std::find_if_not(attrs->begin(), attrs->end(), starts_change);
+    if (other == attrs->end())
+        return false;
+    std::iter_swap(attrs->begin(), other);
+    return true;
 }
 
 std::string format_entry(std::string_view dn, const std::vector<Attribute> &attrs, int wrap)
