@@ -1,7 +1,8 @@
 // The wzrldap command against a real slapd: its LDIF matches ldapsearch's for the same search
 // (compared by meaning, binary values included), updates from LDIF take effect, malformed
-// input changes nothing, and the exit status is the LDAP result code.
+// input changes nothing, the exit status is the LDAP result code, hostile names are refused.
 #include "ldif.h"
+#include "support/fake_server.h"
 #include "support/slapd_fixture.h"
 #include "support/test_util.h"
 #include "wzrldap.h"
@@ -370,6 +371,29 @@ TEST(WzrldapTool, MalformedLdifChangesNothing)
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_NE(r.out.find("!adding new entry"), std::string::npos) << r.out;
     EXPECT_EQ(ldapsearch(s, {"-b", "cn=two,ou=devices," + s.base()}).status, 32);
+}
+
+TEST(WzrldapTool, AttributeTypeWithLineBreakIsRefusedNotPrinted)
+{
+    wzrtest::FakeServer server; // the bind is message 1, the search message 2
+    server.queue_reply({wzrtest::Action::send(wzrtest::ldap_result_pdu(1, 0x61, 0))});
+    server.queue_reply({wzrtest::Action::send(
+        wzrtest::search_entry_pdu(2, "cn=a,dc=x",
+                                  {{"changetype", {"delete"}},
+                                   {"cn\ndn: cn=evil\nchangetype: delete", {"v"}},
+                                   {"sn", {"a"}}}) +
+        wzrtest::search_entry_pdu(2, "cn=b\ndn: cn=c", {{"sn", {"b"}}}) +
+        wzrtest::ldap_result_pdu(2, 0x65, 0))});
+    Outcome r = tool({"search", "-x", "-H", "ldap://" + server.host_port(), "-b", "dc=x"});
+    EXPECT_EQ(r.status, LDAP_DECODING_ERROR) << r.err;
+    EXPECT_NE(r.err.find("entry \"cn=a,dc=x\": refused the attribute description "
+                         "\"cn\\x0adn: cn=evil\\x0achangetype: delete\""),
+              std::string::npos) << r.err;
+    EXPECT_EQ(r.err.find("\ndn: cn=evil"), std::string::npos) << r.err;
+    // Both entries, read back as content, not changes; the DN with a line break went as base64.
+    Meaning expected = {{"cn=a,dc=x", {{"changetype", {"delete"}}, {"sn", {"a"}}}},
+                        {"cn=b\ndn: cn=c", {{"sn", {"b"}}}}};
+    EXPECT_EQ(meaning_of(r.out), expected) << r.out;
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 // wzrldap: a command-line LDAP client built only on the exported interface of
-// libwzr9ldap_64.so. "search" prints entries as LDIF; "add", "modify", "delete" and "modrdn"
-// apply LDIF change records. Flags follow the classic ldapsearch/ldapmodify tools.
+// libwzr9ldap_64.so. "search" prints entries as LDIF, refusing attribute names that LDIF
+// cannot carry; "add", "modify", "delete" and "modrdn" apply LDIF change records. Flags follow
+// the classic ldapsearch/ldapmodify tools.
 #include "wzrldap.h"
 
 #include "ldif.h"
@@ -93,6 +94,10 @@ void print_search_help()
                  "  -L          accepted for compatibility (output is always plain LDIF)\n"
                  "  -o ldif-wrap=N|no   fold lines at N columns (default 76) or not at all\n"
                  "  -o nettimeout=N     give up waiting for the results after N seconds\n"
+                 "An attribute name from the server that is not a valid LDIF attribute\n"
+                 "description is reported on standard error, escaped, and neither it nor its\n"
+                 "values are printed; the rest is printed and the exit status is 84 (decoding\n"
+                 "error), whatever the search's own result.\n"
               << kCommonHelp;
 }
 
@@ -116,6 +121,7 @@ void print_update_help(const std::string &cmd)
                      "  -a          a record without changetype adds an entry\n";
     std::cout << "Every record is read and checked before the first change is made; a\n"
                  "malformed record is reported with its line number and nothing is changed.\n"
+                 "A \"name:< file:///PATH\" value is read from a regular file of at most 64 MiB.\n"
                  "  -f FILE     read LDIF from FILE (default: standard input)\n"
                  "  -c          continue after a failed change (exit status: the first failure)\n"
                  "  -n          show what would be done without changing anything\n"
@@ -304,12 +310,30 @@ LDAP *open_session(const Options &o, bool search, int *rc)
     return ld;
 }
 
-std::vector<wzrldif::Attribute> entry_attributes(LDAP *ld, LDAPMessage *e)
+// A server's attribute name goes into the output only if it is a valid attribute description:
+// a line break in it would end the line, and the server could then forge whole records that a
+// later update would apply. Refused names are shown escaped and counted in *refused.
+bool printable_name(const std::string &dn, const char *name, int *refused)
+{
+    if (wzrldif::is_attribute_description(name))
+        return true;
+    say("entry \"" + wzrldif::escape_for_message(dn) + "\": refused the attribute description \"" +
+        wzrldif::escape_for_message(name) + "\", which is not valid in LDIF; not printed");
+    (*refused)++;
+    return false;
+}
+
+std::vector<wzrldif::Attribute> entry_attributes(LDAP *ld, LDAPMessage *e, const std::string &dn,
+                                                 int *refused)
 {
     std::vector<wzrldif::Attribute> attrs;
     BerElement *cursor = nullptr;
     for (char *name = wzr_ldap_first_attribute(ld, e, &cursor); name != nullptr;
          name = wzr_ldap_next_attribute(ld, e, cursor)) {
+        if (!printable_name(dn, name, refused)) {
+            wzr_ldap_memfree(name);
+            continue;
+        }
         wzrldif::Attribute a{name, {}};
         struct berval **vals = wzr_ldap_get_values_len(ld, e, name);
         for (size_t i = 0; vals != nullptr && vals[i] != nullptr; i++)
@@ -322,15 +346,25 @@ std::vector<wzrldif::Attribute> entry_attributes(LDAP *ld, LDAPMessage *e)
     return attrs;
 }
 
-int print_entries(LDAP *ld, LDAPMessage *res, int wrap)
+// Prints every entry of `res`, never in a form that reads back as a change record; the DN needs
+// no check, as format_entry encodes any DN that is not a safe string. Returns the number of
+// entries.
+int print_entries(LDAP *ld, LDAPMessage *res, int wrap, int *refused)
 {
     int count = 0;
     for (LDAPMessage *e = wzr_ldap_first_entry(ld, res); e != nullptr;
          e = wzr_ldap_next_entry(ld, e)) {
-        char *dn = wzr_ldap_get_dn(ld, e);
-        std::string text = wzrldif::format_entry(dn != nullptr ? dn : "", entry_attributes(ld, e),
-                                                 wrap);
-        wzr_ldap_memfree(dn);
+        char *raw_dn = wzr_ldap_get_dn(ld, e);
+        std::string dn = raw_dn != nullptr ? raw_dn : "";
+        wzr_ldap_memfree(raw_dn);
+        std::vector<wzrldif::Attribute> attrs = entry_attributes(ld, e, dn, refused);
+        if (!wzrldif::put_content_first(&attrs)) {
+            say("entry \"" + wzrldif::escape_for_message(dn) + "\": refused its attributes, all " +
+                "named changetype or control: they would read back as a change record");
+            *refused += int(attrs.size());
+            attrs.clear();
+        }
+        std::string text = wzrldif::format_entry(dn, attrs, wrap);
         fwrite(text.data(), 1, text.size(), stdout);
         count++;
     }
@@ -355,13 +389,20 @@ int cmd_search(const Options &o)
                             attrs.size() > 1 ? attrs.data() : nullptr, o.attrsonly ? 1 : 0,
                             o.net_timeout >= 0 ? &tv : nullptr, &res);
     // A search cut short by a limit still delivers the entries found so far.
-    int count = res != nullptr ? print_entries(ld, res, o.wrap) : 0;
+    int refused = 0;
+    int count = res != nullptr ? print_entries(ld, res, o.wrap, &refused) : 0;
     fflush(stdout);
     wzr_ldap_msgfree(res);
     std::cerr << "# numEntries: " << count << '\n';
     if (rc != LDAP_SUCCESS)
         report("search", rc);
     wzr_ldap_unbind(ld);
+    // The output lacks something the server sent: a script must notice even when the search
+    // itself succeeded, so this status wins over the search's own.
+    if (refused > 0) {
+        say(std::to_string(refused) + " attribute description(s) refused");
+        return LDAP_DECODING_ERROR;
+    }
     return rc;
 }
 
