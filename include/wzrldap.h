@@ -222,15 +222,21 @@ extern const char wzr_ldap_build_ident[];
 LDAP *wzr_ldap_init(const char *host, int port);
 int wzr_ldap_set_option(LDAP *ld, int option, const void *value);
 int wzr_ldap_simple_bind_s(LDAP *ld, const char *dn, const char *password);
+/* Waits until the operations other threads run on the handle have ended, then frees the handle
+ * and closes its connections. Results already handed out stay the caller's: they remain valid
+ * and are freed with wzr_ldap_msgfree after the unbind as before it. */
 int wzr_ldap_unbind(LDAP *ld);
 
 /* Errors. */
 int wzr_ldap_get_errno(LDAP *ld);
 const char *wzr_ldap_err2string(int code);
 
-/* Search and results. */
+/* Search and results. A non-zero time-out bounds the whole call, whatever the server does:
+ * when it runs out the search is abandoned and 0x55 (time-out) returned. */
 int wzr_ldap_search_st(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
                        int attrsonly, struct timeval *timeout, LDAPMessage **result);
+/* Frees a result chain and returns the type of its last message (0x65 for a search); needs no
+ * handle, so it works after wzr_ldap_unbind of the handle that produced the result. NULL: 0. */
 int wzr_ldap_msgfree(LDAPMessage *msg);
 int wzr_ldap_count_entries(LDAP *ld, LDAPMessage *chain);
 LDAPMessage *wzr_ldap_first_entry(LDAP *ld, LDAPMessage *chain);

@@ -151,30 +151,6 @@ bool contains(const Bytes &hay, const std::string &needle)
     return std::search(hay.begin(), hay.end(), needle.begin(), needle.end()) != hay.end();
 }
 
-long resident_kib()
-{
-    long pages_total = 0, pages_resident = 0;
-    FILE *f = fopen("/proc/self/statm", "r");
-    if (f == nullptr)
-        return -1;
-    if (fscanf(f, "%ld %ld", &pages_total, &pages_resident) != 2)
-        pages_resident = -1;
-    fclose(f);
-    return pages_resident * (sysconf(_SC_PAGESIZE) / 1024);
-}
-
-long virtual_kib()
-{
-    long pages_total = 0;
-    FILE *f = fopen("/proc/self/statm", "r");
-    if (f == nullptr)
-        return -1;
-    if (fscanf(f, "%ld", &pages_total) != 1)
-        pages_total = -1;
-    fclose(f);
-    return pages_total * (sysconf(_SC_PAGESIZE) / 1024);
-}
-
 /* ---- reading ---- */
 
 TEST(StreamReader, PduArrivingOneBytePerCallCompletesOnTheLastByte)
@@ -400,8 +376,8 @@ TEST(StreamReader, HugeDeclaredLengthWithNoDataWaitsWithoutAllocatingIt)
     SocketPair sp;
     auto ber = new_fber();
     uint32_t progress = 0;
-    long rss_before = resident_kib();
-    long vsz_before = virtual_kib();
+    long rss_before = wzrtest::resident_kib();
+    long vsz_before = wzrtest::virtual_kib();
     sp.peer_write(Bytes{0x30, 0x84, 0x7f, 0xff, 0xff, 0xfe, 0x02});
     ASSERT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), BER_WOULD_BLOCK);
     EXPECT_EQ(progress, 0x7FFFFFFEu - 1);
@@ -409,8 +385,8 @@ TEST(StreamReader, HugeDeclaredLengthWithNoDataWaitsWithoutAllocatingIt)
     EXPECT_EQ(ber->ber_ptr, ber->ber_heapbuf);
     EXPECT_EQ(ber->ber_buf, ber->ber_ptr + 1) << "the fill cursor is behind the one byte read";
     EXPECT_EQ(ber->ber_ptr[0], 0x02);
-    long rss_after = resident_kib();
-    long vsz_after = virtual_kib();
+    long rss_after = wzrtest::resident_kib();
+    long vsz_after = wzrtest::virtual_kib();
     std::printf("huge header: RSS %ld -> %ld KiB, VSZ %ld -> %ld KiB\n", rss_before, rss_after,
                 vsz_before, vsz_after);
     // Even an allocator that clears what it hands out must not be asked for gigabytes: the

@@ -375,6 +375,12 @@ void FakeServer::serve(FakeConnection *conn)
     conn->fd_ = -1;
 }
 
+void FakeServer::keep_requests(bool on)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    keep_ = on;
+}
+
 void FakeServer::handle(const ReceivedRequest &req, FakeConnection &conn)
 {
     Handler handler;
@@ -382,7 +388,8 @@ void FakeServer::handle(const ReceivedRequest &req, FakeConnection &conn)
     bool scripted = false;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        requests_.push_back(req);
+        if (keep_)
+            requests_.push_back(req);
         changed_.notify_all();
         handler = handler_;
         if (!handler && req.op != OP_ABANDON && req.op != OP_UNBIND && !scripts_.empty()) {

@@ -121,6 +121,8 @@ public:
     void on_idle(IdleHandler handler);
     void on_connect(ConnectHandler handler);
     void queue_reply(Script script);
+    // Off: requests are answered but not kept (for runs of very many requests).
+    void keep_requests(bool on);
 
     std::vector<ReceivedRequest> requests() const;
     size_t request_count() const;
@@ -157,6 +159,7 @@ private:
     std::vector<std::thread> threads_;
     std::thread acceptor_;
     bool stopped_ = false;
+    bool keep_ = true;
 };
 
 } // namespace wzrtest

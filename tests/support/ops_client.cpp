@@ -210,10 +210,10 @@ void AnsweringServer::answer_with(unsigned request_tag, int code)
     codes_[request_tag] = code;
 }
 
-void AnsweringServer::hold(unsigned request_tag)
+void AnsweringServer::hold(unsigned request_tag, bool on)
 {
     std::lock_guard<std::mutex> lock(mutex_);
-    held_[request_tag] = true;
+    held_[request_tag] = on;
 }
 
 ReceivedRequest AnsweringServer::last(unsigned request_tag) const

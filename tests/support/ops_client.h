@@ -48,7 +48,7 @@ public:
     AnsweringServer();
     LDAP *open(); // ldap_init on the server's port; the caller unbinds
     void answer_with(unsigned request_tag, int code);
-    void hold(unsigned request_tag);
+    void hold(unsigned request_tag, bool on = true); // held requests are not answered
     // The last request with this tag (msgid -1 and no bytes when there was none).
     ReceivedRequest last(unsigned request_tag) const;
     size_t count(unsigned request_tag) const;

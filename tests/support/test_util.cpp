@@ -3,10 +3,12 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <unistd.h>
 
 #include "liblber/ber_memory.h"
 
@@ -84,5 +86,23 @@ void write_file(const std::string &path, const std::string &content)
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out << content;
 }
+
+namespace {
+// Field 0 (size) or 1 (resident) of /proc/self/statm, in KiB.
+long statm_kib(int field)
+{
+    long pages[2] = {-1, -1};
+    FILE *f = fopen("/proc/self/statm", "r");
+    if (f == nullptr)
+        return -1;
+    if (fscanf(f, "%ld %ld", &pages[0], &pages[1]) != 2)
+        pages[field] = -1;
+    fclose(f);
+    return pages[field] < 0 ? -1 : pages[field] * (sysconf(_SC_PAGESIZE) / 1024);
+}
+} // namespace
+
+long resident_kib() { return statm_kib(1); }
+long virtual_kib() { return statm_kib(0); }
 
 } // namespace wzrtest

@@ -44,6 +44,9 @@ private:
 int walk_alloc_failures(const std::function<bool()> &attempt, bool failure_must_show = true);
 
 std::string read_file(const std::string &path);
+// This process's resident and virtual sizes in KiB (-1 when unknown).
+long resident_kib();
+long virtual_kib();
 void write_file(const std::string &path, const std::string &content);
 
 } // namespace wzrtest

@@ -1,0 +1,317 @@
+// The message engine against hostile servers and hostile timing: cut and dripping PDUs,
+// results kept past abandon, time-outs and unbind, ids of operations that never end, a flood
+// of unsolicited messages, secrets in dumps, and failed local connects.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <dirent.h>
+#include <thread>
+
+#include "liblber/ber_int.h"
+#include "liblber/ber_memory.h"
+#include "libldap/ldap_abandon.h"
+#include "libldap/ldap_bind.h"
+#include "libldap/ldap_dn.h"
+#include "libldap/ldap_entry.h"
+#include "libldap/ldap_error.h"
+#include "libldap/ldap_init.h"
+#include "libldap/ldap_message.h"
+#include "libldap/ldap_options.h"
+#include "libldap/ldap_result.h"
+#include "libldap/ldap_search.h"
+#include "libldap/ldap_unbind.h"
+#include "libldap/ldap_update.h"
+#include "support/engine_client.h"
+#include "support/fake_server.h"
+#include "support/ops_client.h"
+#include "support/slapd_fixture.h"
+
+using namespace wzrtest;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr unsigned SEARCH = 0x63;
+constexpr unsigned MODIFY = 0x66;
+
+LDAPMod *replace_description(LDAPMod *mod, char **values)
+{
+    *mod = LDAPMod{LDAP_MOD_REPLACE, const_cast<char *>("description"), {values}};
+    return mod;
+}
+
+int modify(LDAP *ld)
+{
+    char *values[] = {const_cast<char *>("v"), nullptr};
+    LDAPMod mod;
+    LDAPMod *mods[] = {replace_description(&mod, values), nullptr};
+    return ldap_modify_s(ld, "cn=x", mods);
+}
+
+// Sends `bytes` one byte at a time, `gap` apart.
+Script drip(const std::string &bytes, std::chrono::milliseconds gap)
+{
+    Script s;
+    for (char c : bytes) {
+        s.push_back(Action::send(std::string(1, c)));
+        s.push_back(Action::pause_for(gap));
+    }
+    return s;
+}
+
+double seconds_since(std::chrono::steady_clock::time_point start)
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+} // namespace
+
+// No response that ended early is decoded, wherever it was cut: the outcome is unknown, and
+// the call says so with 81 instead of reporting the zero-filled bytes as success.
+TEST(EngineFaults, ResponseCutShortIsServerDownNeverSuccess)
+{
+    const std::string answer = ldap_result_pdu(1, 0x67, 0);
+    const std::string cuts[] = {answer.substr(0, 7), answer.substr(0, 1), answer.substr(0, 3),
+                                answer.substr(0, answer.size() - 1)};
+    for (const std::string &cut : cuts) {
+        FakeServer server;
+        server.queue_reply({Action::send(cut), Action::pause_for(20ms), Action::close()});
+        LDAP *ld = ldap_init("127.0.0.1", server.port());
+        EXPECT_EQ(modify(ld), LDAP_SERVER_DOWN) << cut.size() << " bytes";
+        EXPECT_EQ(modify(ld), LDAP_SERVER_DOWN); // and the connection stays dead
+        ldap_unbind(ld);
+    }
+}
+
+// Every poll for a PDU in pieces waits only for what is left of the one deadline.
+TEST(EngineFaults, DrippingServerCannotStretchTheTimeOut)
+{
+    FakeServer server;
+    server.queue_reply(drip(search_entry_pdu(1, "cn=slow", {}).substr(0, 6), 300ms));
+    LDAP *ld = ldap_init("127.0.0.1", server.port());
+    struct timeval tv = {1, 0};
+    LDAPMessage *res = nullptr;
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(ldap_search_st(ld, "o=x", 2, "(cn=slow)", nullptr, 0, &tv, &res), LDAP_TIMEOUT);
+    EXPECT_LT(seconds_since(start), 1.1 + 0.4); // the limit, the abandon's grace, a slow CI
+    EXPECT_EQ(res, nullptr);
+    ldap_unbind(ld);
+}
+
+// Three times the table's size of searches that time out against a server that never answers:
+// each is abandoned and gives its id back, nothing piles up, and the handle still works.
+TEST(EngineFaults, TimedOutSearchesGiveTheirIdsBack)
+{
+    AnsweringServer server;
+    server.server().keep_requests(false);
+    server.hold(SEARCH);
+    LDAP *ld = server.open();
+    struct timeval tv = {0, 1};
+    LDAPMessage *res = nullptr;
+    ASSERT_EQ(ldap_search_st(ld, "o=x", 2, "(cn=a)", nullptr, 0, &tv, &res), LDAP_TIMEOUT);
+    const long blocks = lber_live_blocks();
+    const long rss = resident_kib();
+    for (int i = 0; i < 3 * 65536; ++i)
+        ASSERT_EQ(ldap_search_st(ld, "o=x", 2, "(cn=a)", nullptr, 0, &tv, &res), LDAP_TIMEOUT);
+    EXPECT_LE(lber_live_blocks(), blocks + 2); // a read-ahead may come to exist
+    std::printf("196608 timed-out searches: RSS %ld -> %ld KiB, table %u rows\n", rss,
+                resident_kib(), ld->ld_defconn->table->row_count);
+    EXPECT_EQ(ld->ld_defconn->table->row_count, LDAP_TABLE_INITIAL_ROWS);
+    server.hold(SEARCH, false);
+    EXPECT_EQ(ldap_search_st(ld, "o=x", 2, "(cn=a)", nullptr, 0, nullptr, &res), 0);
+    ldap_msgfree(res);
+    ldap_unbind(ld);
+}
+
+// Row 0 keeps the newest 64 unsolicited messages however many the server sends.
+TEST(EngineFaults, UnsolicitedMessagesAreBounded)
+{
+    AnsweringServer server;
+    server.server().on_connect([](FakeConnection &c) {
+        std::string flood;
+        for (int i = 0; i < 100; ++i)
+            flood += extended_response_pdu(0, 0, "", "n" + std::to_string(i), "1.2.3");
+        c.send(flood);
+    });
+    LDAP *ld = server.open();
+    TraceCapture trace;
+    ASSERT_EQ(ldap_delete_s(ld, "cn=x"), 0);
+    int kept = 0;
+    LDAPMessage *res = nullptr;
+    struct timeval none = {0, 0};
+    while (ldap_result(ld, LDAP_RES_ANY, LDAP_MSG_ONE, &none, &res) > 0) {
+        ++kept;
+        ldap_msgfree(res);
+    }
+    EXPECT_EQ(kept, 64);
+    EXPECT_TRUE(trace.contains("unsolicited message of type 0x78 dropped, 64 kept"));
+    ldap_unbind(ld);
+}
+
+// An entry handed out one at a time stays the caller's through abandon, the late final
+// result the server still sends, and another operation's read that meets it.
+TEST(EngineFaults, EntryHeldAcrossAbandonAndLateResultStaysValid)
+{
+    FakeServer server;
+    server.on_request([](const ReceivedRequest &req, FakeConnection &c) {
+        if (req.op == SEARCH)
+            c.send(search_entry_pdu(req.msgid, "cn=kept", {{"cn", {"kept"}}}));
+        else if (req.op == 0x50) // the late end of the abandoned search, then the modify's
+            c.send(ldap_result_pdu(1, 0x65, 0) + search_entry_pdu(1, "cn=late", {}));
+        else
+            c.send(ldap_result_pdu(req.msgid, 0x67, 0));
+    });
+    LDAP *ld = ldap_init("127.0.0.1", server.port());
+    int id = ldap_search(ld, "o=x", 2, "(cn=*)", nullptr, 0);
+    LDAPMessage *entry = nullptr;
+    ASSERT_EQ(ldap_result(ld, id, LDAP_MSG_ONE, nullptr, &entry), LDAP_RES_SEARCH_ENTRY);
+    ASSERT_EQ(ldap_abandon(ld, id), 0);
+    EXPECT_EQ(modify(ld), 0);
+    char *dn = ldap_get_dn(ld, entry);
+    EXPECT_STREQ(dn, "cn=kept");
+    ldap_memfree(dn);
+    EXPECT_EQ(ldap_msgfree(entry), LDAP_RES_SEARCH_ENTRY);
+    ldap_unbind(ld);
+}
+
+// All-messages after one-message on one id hands out only what the first call did not.
+TEST(EngineFaults, AllAfterOneHandsOutOnlyTheRest)
+{
+    AnsweringServer server;
+    server.server().on_request([](const ReceivedRequest &req, FakeConnection &c) {
+        c.send(search_entry_pdu(req.msgid, "cn=1", {}) + search_entry_pdu(req.msgid, "cn=2", {}) +
+               ldap_result_pdu(req.msgid, 0x65, 0));
+    });
+    LDAP *ld = server.open();
+    int id = ldap_search(ld, "o=x", 2, "(cn=*)", nullptr, 0);
+    LDAPMessage *first = nullptr, *rest = nullptr;
+    ASSERT_EQ(ldap_result(ld, id, LDAP_MSG_ONE, nullptr, &first), LDAP_RES_SEARCH_ENTRY);
+    ASSERT_EQ(ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &rest), LDAP_RES_SEARCH_RESULT);
+    EXPECT_EQ(ldap_count_messages(ld, rest), 2);
+    EXPECT_EQ(ldap_msgfree(rest), LDAP_RES_SEARCH_RESULT);
+    EXPECT_EQ(ldap_msgfree(first), LDAP_RES_SEARCH_ENTRY);
+    ldap_unbind(ld);
+}
+
+// A caller's all-messages wait that took some entries when another thread abandons the
+// operation frees only what it took, and nothing the caller holds is touched.
+TEST(AbandonThreads, AbandonDuringAnAllMessagesWaitEndsItCleanly)
+{
+    FakeServer server;
+    server.on_request([](const ReceivedRequest &req, FakeConnection &c) {
+        if (req.op == SEARCH)
+            c.send(search_entry_pdu(req.msgid, "cn=1", {}) + search_entry_pdu(req.msgid, "cn=2", {}));
+        else if (req.op == 0x50) // wakes the reader: an unsolicited message
+            c.send(extended_response_pdu(0, 0, "", "", "1.2.3"));
+    });
+    LDAP *ld = ldap_init("127.0.0.1", server.port());
+    int id = ldap_search(ld, "o=x", 2, "(cn=*)", nullptr, 0);
+    int type = 1;
+    int error = 0;
+    std::thread waiter([&] {
+        struct timeval tv = {10, 0};
+        LDAPMessage *res = nullptr;
+        type = ldap_result(ld, id, LDAP_MSG_ALL, &tv, &res);
+        error = thread_error(ld);
+    });
+    std::this_thread::sleep_for(200ms);
+    EXPECT_EQ(ldap_abandon(ld, id), 0);
+    waiter.join();
+    EXPECT_EQ(type, -1);
+    EXPECT_EQ(error, LDAP_PARAM_ERROR);
+    ldap_unbind(ld);
+}
+
+// Results outlive the handle that produced them, whichever way they were collected.
+TEST(EngineFaults, ResultsOutliveTheirHandle)
+{
+    SlapdFixture &slapd = shared_slapd();
+    WZR_REQUIRE_SLAPD(slapd);
+    LDAP *ld = ldap_init(slapd.host_port().c_str(), 0);
+    LDAPMessage *all = nullptr, *one = nullptr;
+    ASSERT_EQ(ldap_search_s(ld, slapd.base().c_str(), 2, "(objectClass=*)", nullptr, 0, &all), 0);
+    int id = ldap_search(ld, slapd.base().c_str(), 2, "(objectClass=*)", nullptr, 0);
+    ASSERT_EQ(ldap_result(ld, id, LDAP_MSG_ONE, nullptr, &one), LDAP_RES_SEARCH_ENTRY);
+    ASSERT_EQ(ldap_unbind(ld), 0);
+    EXPECT_EQ(ldap_msgfree(one), LDAP_RES_SEARCH_ENTRY);
+    EXPECT_EQ(ldap_msgfree(all), LDAP_RES_SEARCH_RESULT);
+}
+
+// Every secret of a request is starred over in what the trace would dump, whatever the
+// attribute name's case or options and however long the value's header; the rest stays.
+TEST(EngineFaults, DumpsMaskEverySecret)
+{
+    AnsweringServer answering;
+    FakeServer &server = answering.server();
+    LDAP *ld = answering.open();
+    int version = LDAP_VERSION3;
+    ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
+    const std::string long_secret(300, 'L');
+    char *values[] = {const_cast<char *>("Sekret1"), const_cast<char *>(long_secret.c_str()),
+                      nullptr};
+    for (const char *type : {"userPassword", "USERPASSWORD", "userPassword;binary"}) {
+        LDAPMod mod = {LDAP_MOD_ADD, const_cast<char *>(type), {values}};
+        LDAPMod *mods[] = {&mod, nullptr};
+        (void)ldap_add_s(ld, "cn=x", mods);
+        (void)ldap_modify_s(ld, "cn=x", mods);
+    }
+    (void)ldap_simple_bind_s(ld, "cn=x", "Sekret1");
+    const berval cred = {7, const_cast<char *>("Sekret1")};
+    (void)ldap_compare_ext_s(ld, "cn=x", "userpassword", &cred, nullptr, nullptr);
+    LDAPMessage *res = nullptr;
+    (void)ldap_search_s(ld, "cn=x", 0, "(userPassword=Sekret1)", nullptr, 0, &res);
+    ldap_msgfree(res);
+    ASSERT_TRUE(server.wait_for_requests(9));
+    for (const ReceivedRequest &req : server.requests()) {
+        std::string copy = req.bytes;
+        ber_mask_secrets(reinterpret_cast<const unsigned char *>(req.bytes.data()), req.bytes.size(),
+                         0, reinterpret_cast<unsigned char *>(copy.data()), copy.size());
+        EXPECT_EQ(copy.find("Sekret1"), std::string::npos) << std::hex << req.op;
+        EXPECT_EQ(copy.find("LLLL"), std::string::npos) << std::hex << req.op;
+        EXPECT_NE(copy.find("cn=x"), std::string::npos) << std::hex << req.op;
+    }
+    ldap_unbind(ld);
+}
+
+// A failed local-socket connect leaves no descriptor behind.
+TEST(EngineFaults, FailedLocalConnectClosesItsDescriptor)
+{
+    auto open_fds = [] {
+        int n = 0;
+        DIR *d = opendir("/proc/self/fd");
+        while (d != nullptr && readdir(d) != nullptr)
+            ++n;
+        if (d != nullptr)
+            closedir(d);
+        return n;
+    };
+    TempDir dir;
+    const std::string path = dir.file("no-server");
+    int before = open_fds();
+    for (int i = 0; i < 20; ++i) {
+        LDAP *ld = ldap_init(path.c_str(), 0);
+        EXPECT_NE(modify(ld), 0);
+        ldap_unbind(ld);
+    }
+    EXPECT_EQ(open_fds(), before);
+}
+
+// The connect time-out may be replaced while another thread opens a connection with it.
+TEST(ConnectTimeoutThreads, ReplacingTheTimeOutWhileConnectingIsSafe)
+{
+    AnsweringServer server;
+    for (int i = 0; i < 30; ++i) {
+        LDAP *ld = server.open();
+        std::atomic<bool> opened{false};
+        std::thread setter([&] {
+            struct timeval tv = {5, 0};
+            while (!opened.load())
+                (void)ldap_set_option(ld, LDAP_OPT_CONNECT_TIMEOUT, &tv);
+        });
+        EXPECT_EQ(modify(ld), 0);
+        opened = true;
+        setter.join();
+        ldap_unbind(ld);
+    }
+}

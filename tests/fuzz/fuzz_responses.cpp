@@ -1,0 +1,113 @@
+// Plays arbitrary server bytes, in arbitrary pieces, to a client that binds, searches, walks
+// the entries, abandons and modifies, with no socket: the connection reads from the input
+// through its byte source and writes to /dev/null. Byte 0 gives how many piece-size bytes
+// follow (1..8, cycled; each size 1..256); the rest is what the server sends. The end of the
+// input is the end of the stream. Results are freed after the handle, as a caller may.
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <fcntl.h>
+#include <unistd.h>
+#include <vector>
+
+#include "libldap/ldap_abandon.h"
+#include "libldap/ldap_bind.h"
+#include "libldap/ldap_dn.h"
+#include "libldap/ldap_entry.h"
+#include "libldap/ldap_init.h"
+#include "libldap/ldap_message.h"
+#include "libldap/ldap_options.h"
+#include "libldap/ldap_result.h"
+#include "libldap/ldap_search.h"
+#include "libldap/ldap_unbind.h"
+#include "libldap/ldap_update.h"
+
+namespace {
+
+struct Source {
+    const uint8_t *data;
+    size_t left;
+    const uint8_t *sizes;
+    size_t nsizes;
+    size_t turn = 0;
+};
+
+long read_piece(void *ctx, void *buf, long len, int *)
+{
+    auto *s = static_cast<Source *>(ctx);
+    size_t n = static_cast<size_t>(s->sizes[s->turn++ % s->nsizes]) + 1;
+    n = std::min({n, s->left, static_cast<size_t>(len)});
+    __builtin_memcpy(buf, s->data, n);
+    s->data += n;
+    s->left -= n;
+    return static_cast<long>(n); // 0 once the input is used up: the end of the stream
+}
+
+void walk(LDAP *ld, LDAPMessage *chain)
+{
+    for (LDAPMessage *e = ldap_first_entry(ld, chain); e != nullptr; e = ldap_next_entry(ld, e)) {
+        ldap_memfree(ldap_get_dn(ld, e));
+        BerElement *cursor = nullptr;
+        for (char *a = ldap_first_attribute(ld, e, &cursor); a != nullptr;
+             a = ldap_next_attribute(ld, e, cursor)) {
+            ldap_value_free_len(ldap_get_values_len(ld, e, a));
+            ldap_memfree(a);
+        }
+        ldap_ber_free(cursor, 0);
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    if (size < 2)
+        return 0;
+    size_t nsizes = (data[0] & 7u) + 1;
+    if (size < 1 + nsizes)
+        return 0;
+    Source source{data + 1 + nsizes, size - 1 - nsizes, data + 1, nsizes};
+
+    LDAP *ld = ldap_init("127.0.0.1:1", 0);
+    if (ld == nullptr)
+        return 0;
+    int version = LDAP_VERSION3;
+    (void)ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
+    LDAPConn *lc = ld->ld_defconn;
+    lc->sb.sb_sd = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    lc->sb.sb_read_hook = read_piece;
+    lc->sb.sb_read_ctx = &source;
+    lc->connected = 1;
+
+    std::vector<LDAPMessage *> kept; // freed after the handle
+    (void)ldap_simple_bind_s(ld, "cn=fuzz", "secret");
+    char *attrs[] = {const_cast<char *>("cn"), nullptr};
+    int id = ldap_search(ld, "dc=x", LDAP_SCOPE_SUBTREE, "(cn=*)", attrs, 0);
+    struct timeval wait = {1, 0};
+    for (int i = 0; id > 0 && i < 3; ++i) {
+        LDAPMessage *one = nullptr;
+        if (ldap_result(ld, id, LDAP_MSG_ONE, &wait, &one) <= 0)
+            break;
+        walk(ld, one);
+        kept.push_back(one);
+    }
+    if (id > 0)
+        (void)ldap_abandon(ld, id);
+    LDAPMessage *all = nullptr;
+    if (ldap_search_st(ld, "dc=x", LDAP_SCOPE_ONELEVEL, "(uid=a)", nullptr, 0, &wait, &all) >= 0)
+        walk(ld, all);
+    kept.push_back(all);
+    char *values[] = {const_cast<char *>("v"), nullptr};
+    LDAPMod mod = {LDAP_MOD_REPLACE, const_cast<char *>("description"), {values}};
+    LDAPMod *mods[] = {&mod, nullptr};
+    (void)ldap_modify_s(ld, "cn=fuzz", mods);
+    LDAPMessage *any = nullptr;
+    struct timeval none = {0, 0};
+    if (ldap_result(ld, LDAP_RES_ANY, LDAP_MSG_ONE, &none, &any) > 0)
+        kept.push_back(any);
+
+    ldap_unbind(ld);
+    for (LDAPMessage *m : kept)
+        (void)ldap_msgfree(m);
+    return 0;
+}
