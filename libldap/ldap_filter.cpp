@@ -1,13 +1,14 @@
 // The string filter encoder: parenthesised prefix notation (cn=Babs*, (&(a=b)(!(c>=d))), ...)
 // parsed and written element by element into a request's FBER. Works in place on one private
-// copy of the filter; every malformed filter answers -1, which the search turns into 87.
+// copy of the filter; every filter RFC 4515 does not allow answers -1, which the search turns
+// into 87, so that nothing is sent for it.
 #include "ldap_filter.h"
 
-#include <cctype>
 #include <cstddef>
 #include <cstring>
 #include <strings.h>
 
+#include "ldap_attrdesc.h"
 #include "ldap_charset.h"
 
 namespace {
@@ -35,7 +36,8 @@ constexpr ber_tag_t MATCH_TYPE = 0x82;
 constexpr ber_tag_t MATCH_VALUE = 0x83;
 constexpr ber_tag_t MATCH_DNATTRS = 0x84;
 
-bool is_space(char c) { return isspace(static_cast<unsigned char>(c)) != 0; }
+// ASCII white space only, whatever the locale: the text is UTF-8 by now.
+bool is_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
 char *skip_space(char *s)
 {
@@ -55,22 +57,29 @@ int hex_value(char c)
     return -1;
 }
 
-// The ")" that closes the parenthesis opened just before `s`, honouring nesting and
-// backslash escapes; null when it is missing.
-char *matching_paren(char *s)
+// The end of a simple item starting at `s`: its first parenthesis or the end of the string,
+// a backslash making the next character literal; null for a backslash with nothing after it.
+// An item holds no parenthesis of its own, so whatever stops the scan must be the ")" that
+// closes it (or, without parentheses, the end).
+char *simple_item_end(char *s)
 {
-    int depth = 1;
-    for (; *s != '\0'; ++s) {
-        if (*s == '\\') {
-            if (*++s == '\0')
-                return nullptr;
-        } else if (*s == '(') {
-            ++depth;
-        } else if (*s == ')' && --depth == 0) {
-            return s;
-        }
+    for (; *s != '\0' && *s != '(' && *s != ')'; ++s) {
+        if (*s == '\\' && *++s == '\0')
+            return nullptr;
     }
-    return nullptr;
+    return s;
+}
+
+// Whether `s` holds an asterisk not escaped by a backslash.
+bool has_wildcard(const char *s)
+{
+    for (; *s != '\0'; ++s) {
+        if (*s == '*')
+            return true;
+        if (*s == '\\' && s[1] != '\0')
+            ++s;
+    }
+    return false;
 }
 
 // Cuts trailing white space off `s` (whose end is `end`), keeping a space that a backslash
@@ -82,33 +91,26 @@ void trim_right(char *s, char *end)
     *end = '\0';
 }
 
-int put_filter_text(BerElement *ber, char *str);
+[[nodiscard]] char *put_parenthesised(BerElement *ber, char *str);
 
-// SET OF Filter: each parenthesised item of `str` in turn; an empty list is an empty SET.
-int put_filter_list(BerElement *ber, char *str)
+// SET OF Filter: parenthesised filters up to the ")" that closes the list, which is returned
+// (null for anything else); `count` gets the number of filters.
+[[nodiscard]] char *put_filter_list(BerElement *ber, char *str, int *count)
 {
-    for (;;) {
+    for (*count = 0;; ++*count) {
         str = skip_space(str);
-        if (*str == '\0')
-            return 0;
         if (*str != '(')
-            return -1;
-        char *close = matching_paren(str + 1);
-        if (close == nullptr)
-            return -1;
-        char saved = close[1];
-        close[1] = '\0';
-        int rc = put_filter_text(ber, str);
-        close[1] = saved;
-        if (rc != 0)
-            return -1;
-        str = close + 1;
+            return *str == ')' ? str : nullptr;
+        str = put_parenthesised(ber, str + 1);
+        if (str == nullptr)
+            return nullptr;
     }
 }
 
 // SubstringFilter ::= SEQUENCE { type AttributeDescription, substrings SEQUENCE OF CHOICE {
 //     initial [0] AssertionValue, any [1] AssertionValue, final [2] AssertionValue } }
-int put_substring_filter(BerElement *ber, const char *type, char *value)
+// Only the first and the last part may be empty: "a**b" names no part between its stars.
+[[nodiscard]] int put_substring_filter(BerElement *ber, const char *type, char *value)
 {
     if (fber_printf_raw(ber, "t{s{", FILTER_SUBSTRINGS, type) == -1)
         return -1;
@@ -122,6 +124,8 @@ int put_substring_filter(BerElement *ber, const char *type, char *value)
         if (*part != '\0') {
             long len = compress_hex(part);
             rc = len < 0 ? -1 : fber_printf_raw(ber, "to", tag, part, static_cast<int>(len));
+        } else if (tag == SUBSTRING_ANY) {
+            rc = -1;
         }
         if (star != nullptr)
             *star = '*';
@@ -134,75 +138,114 @@ int put_substring_filter(BerElement *ber, const char *type, char *value)
     return fber_printf_raw(ber, "}}") == -1 ? -1 : 0;
 }
 
+// The shared attribute description scanners, on this encoder's writable text.
+char *attr_desc_end(char *p, const char *end)
+{
+    return p + (wzr_attrdesc::attr_desc_end(p, end) - p);
+}
+
+char *oid_end(char *p, const char *end) { return p + (wzr_attrdesc::oid_end(p, end) - p); }
+
+// What stands between an extensible item's type and its value: [":dn"] [":" rule] ":=".
+struct ExtensibleMarkers {
+    bool dnattrs = false;
+    char *rule = nullptr; // null when absent
+    char *rule_end = nullptr;
+    char *value = nullptr; // after ":=", null when the markers are malformed
+};
+
+// `p` is on the ":" that ends the type.
+ExtensibleMarkers read_extensible_markers(char *p, const char *end)
+{
+    ExtensibleMarkers m;
+    if (end - p >= 4 && strncasecmp(p, ":dn:", 4) == 0) {
+        m.dnattrs = true;
+        p += 3;
+    }
+    if (p[1] != '=') {
+        m.rule = p + 1;
+        m.rule_end = oid_end(m.rule, end);
+        if (m.rule_end == m.rule)
+            return m;
+        p = m.rule_end;
+    }
+    if (*p == ':' && p[1] == '=')
+        m.value = p + 2;
+    return m;
+}
+
 // MatchingRuleAssertion ::= SEQUENCE { matchingRule [1] MatchingRuleId OPTIONAL,
 //     type [2] AttributeDescription OPTIONAL, matchValue [3] AssertionValue,
 //     dnAttributes [4] BOOLEAN DEFAULT FALSE }
-// `left` is what stood before ":=": type, then ":dn" and/or ":rule". A bare "type:" (neither
-// dn nor rule) is refused, and so is a match with neither type nor rule.
-int put_extensible_filter(BerElement *ber, char *left, const char *value)
+// `item` is the whole item, its type (possibly empty) ends at `type_end`, on a ":". A bare
+// "type:=" (neither dn nor rule) is refused on purpose, and so is a match with neither type
+// nor rule. The value is sent as written, but may hold no unescaped wildcard.
+[[nodiscard]] int put_extensible_filter(BerElement *ber, char *item, char *type_end, char *end)
 {
-    char *colon = strchr(left, ':');
-    if (colon == nullptr)
+    ExtensibleMarkers m = read_extensible_markers(type_end, end);
+    bool has_type = type_end != item;
+    if (m.value == nullptr || (m.rule == nullptr && !(m.dnattrs && has_type)))
         return -1;
-    *colon = '\0';
-    const char *type = left;
-    char *rest = colon + 1;
-    if (*rest == ':')
+    char *value = skip_space(m.value);
+    trim_right(value, end);
+    if (has_wildcard(value))
         return -1;
-    int dnattrs = 0;
-    if (strncasecmp(rest, "dn", 2) == 0 && (rest[2] == ':' || rest[2] == '\0')) {
-        dnattrs = 1;
-        rest += rest[2] == ':' ? 3 : 2;
-        if (*rest == ':' || (rest[-1] == ':' && *rest == '\0'))
-            return -1;
-    } else if (*rest == '\0') {
-        return -1;
-    }
-    const char *rule = rest;
-    if (*type == '\0' && *rule == '\0')
-        return -1;
+    *type_end = '\0';
+    if (m.rule != nullptr)
+        *m.rule_end = '\0';
     if (fber_printf_raw(ber, "t{", FILTER_EXTENSIBLE) == -1)
         return -1;
-    if (*rule != '\0' && fber_printf_raw(ber, "ts", MATCH_RULE, rule) == -1)
+    if (m.rule != nullptr && fber_printf_raw(ber, "ts", MATCH_RULE, m.rule) == -1)
         return -1;
-    if (*type != '\0' && fber_printf_raw(ber, "ts", MATCH_TYPE, type) == -1)
+    if (has_type && fber_printf_raw(ber, "ts", MATCH_TYPE, item) == -1)
         return -1;
     int len = static_cast<int>(strlen(value));
+    int dnattrs = m.dnattrs ? 1 : 0;
     if (fber_printf_raw(ber, "totb}", MATCH_VALUE, value, len, MATCH_DNATTRS, dnattrs) == -1)
         return -1;
     return 0;
 }
 
-// One item without its parentheses: type, operator, value.
-int put_simple_filter(BerElement *ber, char *item)
+// The filter type written after an attribute description, and where its value starts.
+[[nodiscard]] ber_tag_t read_operator(char *p, char **value)
 {
-    char *eq = strchr(item, '=');
-    if (eq == nullptr || eq == item)
-        return -1;
-    *eq = '\0';
-    char *value = skip_space(eq + 1);
-    trim_right(value, value + strlen(value));
-
-    ber_tag_t tag = FILTER_EQUALITY;
-    char *type_end = eq;
-    switch (eq[-1]) {
+    ber_tag_t tag = 0;
+    switch (*p) {
+    case '=': *value = p + 1; return FILTER_EQUALITY;
     case '<': tag = FILTER_LE; break;
     case '>': tag = FILTER_GE; break;
     case '~': tag = FILTER_APPROX; break;
-    case ':': eq[-1] = '\0'; return put_extensible_filter(ber, item, value);
-    default: break;
+    default: return 0;
     }
-    if (tag != FILTER_EQUALITY)
-        --type_end;
-    trim_right(item, type_end);
-    if (*item == '\0')
+    *value = p + 2;
+    return p[1] == '=' ? tag : 0;
+}
+
+// One item without its parentheses: attribute description, filter type, value. The item is
+// read by the grammar of these three rather than split at its first "=": split there,
+// "((uid=x))" asked about an attribute named "(uid" and "(uid =x)" about one named "uid ",
+// a different question from the one written, so such items fail before anything is sent.
+[[nodiscard]] int put_simple_filter(BerElement *ber, char *item)
+{
+    char *end = item + strlen(item);
+    char *type_end = attr_desc_end(item, end);
+    if (*type_end == ':')
+        return put_extensible_filter(ber, item, type_end, end);
+    char *value = nullptr;
+    ber_tag_t tag = read_operator(type_end, &value);
+    if (type_end == item || tag == 0)
         return -1;
+    *type_end = '\0';
+    value = skip_space(value);
+    trim_right(value, end);
 
     if (tag == FILTER_EQUALITY) {
         if (strcmp(value, "*") == 0)
             return fber_printf_raw(ber, "ts", FILTER_PRESENT, item) == -1 ? -1 : 0;
         if (strchr(value, '*') != nullptr)
             return put_substring_filter(ber, item, value);
+    } else if (strchr(value, '*') != nullptr) {
+        return -1; // an ordering or approximate value names no wildcard
     }
     // AttributeValueAssertion ::= SEQUENCE { attributeDesc, assertionValue OCTET STRING }
     long len = compress_hex(value);
@@ -211,54 +254,80 @@ int put_simple_filter(BerElement *ber, char *item)
     return fber_printf_raw(ber, "t{so}", tag, item, value, static_cast<int>(len)) == -1 ? -1 : 0;
 }
 
-// The loop over one filter text (already UTF-8, private and writable).
-int put_filter_text(BerElement *ber, char *str)
+// AND and OR take any number of filters (none: absolute true and false), NOT exactly one.
+// The ")" that closes the list, or null.
+[[nodiscard]] char *put_composite_filter(BerElement *ber, ber_tag_t tag, char *list)
+{
+    if (fber_printf_raw(ber, "t{", tag) == -1)
+        return nullptr;
+    int count = 0;
+    char *close = put_filter_list(ber, list, &count);
+    if (close == nullptr || (tag == FILTER_NOT && count != 1) || fber_printf_raw(ber, "}") == -1)
+        return nullptr;
+    return close;
+}
+
+// A simple item up to its first parenthesis, which must be the ")" that closes it and is
+// returned (null on failure). Any character other than an operator after "(" starts such an
+// item: "((uid=x))" is not an item wrapped twice but an item beginning with "(", refused.
+[[nodiscard]] char *put_parenthesised_item(BerElement *ber, char *str)
+{
+    char *close = simple_item_end(str);
+    if (close == nullptr || *close != ')')
+        return nullptr;
+    *close = '\0';
+    int rc = put_simple_filter(ber, str);
+    *close = ')';
+    return rc == 0 ? close : nullptr;
+}
+
+// "(" has been read and `str` follows it: one AND, OR, NOT or simple item through its ")".
+// Where the text goes on after that ")", or null.
+char *put_parenthesised(BerElement *ber, char *str)
 {
     str = skip_space(str);
-    while (*str != '\0') {
-        if (is_space(*str)) {
-            ++str;
-            continue;
-        }
-        if (*str == ')') {
-            LDAP_TRACE(LDAP_TRC_API, "put_filter: end\n");
-            return -1;
-        }
-        if (*str != '(') {
-            LDAP_TRACE(LDAP_TRC_API, "put_filter: default\n");
-            char *end = str + strlen(str);
-            trim_right(str, end);
-            return put_simple_filter(ber, str);
-        }
-        str = skip_space(str + 1);
-        ber_tag_t tag = 0;
-        switch (*str) {
-        case '&': tag = FILTER_AND; LDAP_TRACE(LDAP_TRC_API, "put_filter: AND\n"); break;
-        case '|': tag = FILTER_OR; LDAP_TRACE(LDAP_TRC_API, "put_filter: OR\n"); break;
-        case '!': tag = FILTER_NOT; LDAP_TRACE(LDAP_TRC_API, "put_filter: NOT\n"); break;
-        default: LDAP_TRACE(LDAP_TRC_API, "put_filter: simple\n"); break;
-        }
-        if (tag != 0)
-            ++str;
-        char *close = matching_paren(str);
-        if (close == nullptr)
-            return -1;
-        *close = '\0';
-        int rc;
-        if (tag != 0) {
-            rc = fber_printf_raw(ber, "t{", tag) == -1 || put_filter_list(ber, str) != 0 ||
-                         fber_printf_raw(ber, "}") == -1
-                     ? -1
-                     : 0;
-        } else {
-            rc = put_simple_filter(ber, str);
-        }
-        *close = ')';
-        if (rc != 0)
-            return -1;
-        str = close + 1;
+    ber_tag_t tag = 0;
+    switch (*str) {
+    case '&': tag = FILTER_AND; LDAP_TRACE(LDAP_TRC_API, "put_filter: AND\n"); break;
+    case '|': tag = FILTER_OR; LDAP_TRACE(LDAP_TRC_API, "put_filter: OR\n"); break;
+    case '!': tag = FILTER_NOT; LDAP_TRACE(LDAP_TRC_API, "put_filter: NOT\n"); break;
+    default: LDAP_TRACE(LDAP_TRC_API, "put_filter: simple\n"); break;
     }
-    return 0;
+    char *close =
+        tag != 0 ? put_composite_filter(ber, tag, str + 1) : put_parenthesised_item(ber, str);
+    return close != nullptr ? close + 1 : nullptr;
+}
+
+// An item without parentheses (cn=abc), trimmed at both ends.
+[[nodiscard]] int put_unparenthesised(BerElement *ber, char *str)
+{
+    LDAP_TRACE(LDAP_TRC_API, "put_filter: default\n");
+    char *end = simple_item_end(str);
+    if (end == nullptr || *end != '\0')
+        return -1;
+    trim_right(str, end);
+    return put_simple_filter(ber, str);
+}
+
+// One filter text (already UTF-8, private and writable): exactly one filter, white space
+// around it allowed. Whatever follows the first filter is refused rather than encoded behind
+// it: a request carries one filter, and the server would answer the first one alone.
+[[nodiscard]] int put_filter_text(BerElement *ber, char *str)
+{
+    str = skip_space(str);
+    if (*str != '\0' && *str != '(' && *str != ')')
+        return put_unparenthesised(ber, str);
+    if (*str == '(') {
+        str = put_parenthesised(ber, str + 1);
+        if (str == nullptr)
+            return -1;
+        str = skip_space(str);
+    }
+    if (*str == ')') {
+        LDAP_TRACE(LDAP_TRC_API, "put_filter: end\n");
+        return -1;
+    }
+    return *str == '\0' ? 0 : -1;
 }
 
 } // namespace

@@ -77,7 +77,7 @@ TEST(FilterEncoding, SubstringParts)
 TEST(FilterEncoding, PresenceOrderingApproxEmptySetsAndLongValues)
 {
     expect_encoding("(cn=*)", prim(0x87, "cn"));
-    expect_encoding("(cn = * )", prim(0x87, "cn"));
+    expect_encoding("(cn= * )", prim(0x87, "cn"));
     expect_encoding("(age<=42)", ava(0xa6, "age", "42"));
     expect_encoding("(age>=42)", ava(0xa5, "age", "42"));
     expect_encoding("(sn~=jensen)", ava(0xa8, "sn", "jensen"));
@@ -141,6 +141,36 @@ TEST(FilterEncoding, MalformedFiltersFail)
           "(|(cn=a)x)", "(<=x)", "", "   ", "(&(cn=a))(", "(cn=a\\", "(!(cn=a)"}) {
         EXPECT_EQ(encode(bad).rc, -1) << "[" << bad << "]";
     }
+}
+
+// Each of these would ask the server a question other than the one written, or none at all:
+// nesting, a second filter, descriptions, empty or incomplete items, stray parentheses and
+// wildcards, and NOT over more or less than one filter.
+TEST(FilterEncoding, FiltersTheStandardDoesNotAllowFail)
+{
+    for (const char *bad :
+         {"((uid=x))", "(&((uid=x)))", "(uid=a)(uid=b)", "(uid=a) x=1", "cn=a(b=c)", "(uid =x)",
+          "(u id=x)", "(u_d=x)", "(c\xc3\xa9=x)", "(2a=x)", "(1=x)", "(2.5.4.03=x)", "(cn;=x)",
+          "(cn;a_b=x)", "()", "( )", "(:dn:=x)", "(cn:1.x:=x)", "(cn:1.2;o:=x)", "(cn=a(b)",
+          "cn=a)b", "(cn:1.2:=a(b)", "(!)", "(!(a=1)(b=2))", "(cn=a**b)", "(cn>=a*)",
+          "(cn:1.2:=a*)"})
+        EXPECT_EQ(encode(bad).rc, -1) << "[" << bad << "]";
+}
+
+TEST(FilterEncoding, OptionsNumericOidsAndTheKeptConveniencesEncode)
+{
+    const Bytes dn(1, '\xff');
+    const std::pair<const char *, Bytes> cases[] = {
+        {" ( cn;lang-en= x ) ", ava(0xa3, "cn;lang-en", "x")},
+        {"(2.5.4.0>=1)", ava(0xa5, "2.5.4.0", "1")},
+        {"x-1~=y", ava(0xa8, "x-1", "y")},
+        {"(! (cn;x:dn:=v) )",
+         cons(0xa2, cons(0xa9, prim(0x82, "cn;x") + prim(0x83, "v") + prim(0x84, dn)))},
+        {"(:DN:caseExactMatch:=v)",
+         cons(0xa9, prim(0x81, "caseExactMatch") + prim(0x83, "v") + prim(0x84, dn))},
+    };
+    for (const auto &[filter, want] : cases)
+        expect_encoding(filter, want);
 }
 
 TEST(FilterEncoding, DeepNestingFailsInsteadOfOverflowing)

@@ -113,7 +113,8 @@ TEST_F(SearchTest, ParameterAndFilterErrorsSendNothing)
                               &id),
               LDAP_PARAM_ERROR);
     EXPECT_EQ(id, -1);
-    for (const char *bad : {"(cn=abc))", "(cn:=x)", "(cn=a\\zz)", "", "(&(cn=a)"}) {
+    for (const char *bad : {"(cn=abc))", "(cn:=x)", "(cn=a\\zz)", "", "(&(cn=a)", "((cn=a))",
+                            "(cn=a)(cn=b)"}) {
         EXPECT_EQ(ldap_search_s(ld, "o=x", 2, bad, nullptr, 0, &res), LDAP_FILTER_ERROR) << bad;
         EXPECT_EQ(ldap_get_errno(ld), LDAP_FILTER_ERROR) << bad;
     }
