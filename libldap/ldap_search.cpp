@@ -2,6 +2,7 @@
 // with control merging and waiting, and the classic ldap_search / _s / _st on top.
 #include "ldap_search.h"
 
+#include "ldap_attrdesc.h"
 #include "ldap_error.h"
 #include "ldap_filter.h"
 #include "ldap_init.h"
@@ -28,6 +29,20 @@ bool search_args_ok(int scope, const char *filter)
 }
 
 const char *or_null(const char *s) { return s != nullptr ? s : "(null)"; }
+
+// Each requested attribute is an attribute description, "*" (the user attributes), "+" (the
+// operational ones) or "@" and an object class (its attributes); a name outside these asks
+// the server for an attribute nobody meant.
+bool search_attrs_valid(char **attrs)
+{
+    for (; attrs != nullptr && *attrs != nullptr; ++attrs) {
+        std::string_view a = *attrs;
+        if (a != "*" && a != "+" && !wzr_attrdesc::is_attr_desc(a) &&
+            !(a.starts_with('@') && wzr_attrdesc::is_oid(a.substr(1))))
+            return false;
+    }
+    return true;
+}
 
 } // namespace
 
@@ -62,6 +77,8 @@ int ldap_search_ext_direct(LDAP *ld, const char *base, int scope, const char *fi
     LDAP_TRACE(LDAP_TRC_API, "putting filter %s into ber\n", or_null(filter));
     if (put_filter(op.ber, filter, 0) != 0)
         return ldap_op_abort(&op, LDAP_FILTER_ERROR);
+    if (!search_attrs_valid(attrs))
+        return ldap_op_abort(&op, LDAP_PARAM_ERROR);
     if (fber_printf(op.ber, "{v}}", attrs) == -1)
         return ldap_op_abort(&op, LDAP_ENCODING_ERROR);
     return ldap_op_finish(&op, LDAP_REQ_SEARCH, serverctrls, until, msgidp);

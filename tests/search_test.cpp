@@ -45,7 +45,8 @@ Bytes eq(const char *a, const char *v) { return cons(0xa3, str(a) + str(v)); }
 
 TEST_F(SearchTest, ExtendedFormEncodesEveryField)
 {
-    char *attrs[] = {const_cast<char *>("cn"), const_cast<char *>("mail"), nullptr};
+    char *attrs[] = {const_cast<char *>("cn;binary"), const_cast<char *>("+"),
+                     const_cast<char *>("@person"), nullptr};
     LDAPControl **ctrls = wzrtest::control_list({{"1.2.840.113556.1.4.319", true, "page"}});
     struct timeval tv = {30, 0};
     LDAPMessage *res = nullptr;
@@ -57,7 +58,7 @@ TEST_F(SearchTest, ExtendedFormEncodesEveryField)
     EXPECT_EQ(ldap_msgtype(res), LDAP_RES_SEARCH_RESULT);
     ldap_msgfree(res);
     expect_search(head("dc=example,dc=com", 2, 0, 200, 30, true) + eq("cn", "Babs Jensen") +
-                      seq(str("cn") + str("mail")),
+                      seq(str("cn;binary") + str("+") + str("@person")),
                   cons(0xa0, seq(str("1.2.840.113556.1.4.319") + boolean(true) + str("page"))));
 }
 
@@ -118,6 +119,8 @@ TEST_F(SearchTest, ParameterAndFilterErrorsSendNothing)
         EXPECT_EQ(ldap_search_s(ld, "o=x", 2, bad, nullptr, 0, &res), LDAP_FILTER_ERROR) << bad;
         EXPECT_EQ(ldap_get_errno(ld), LDAP_FILTER_ERROR) << bad;
     }
+    char *bad_attrs[] = {const_cast<char *>("cn"), const_cast<char *>("mail "), nullptr};
+    EXPECT_EQ(ldap_search_s(ld, "o=x", 2, "(cn=a)", bad_attrs, 0, &res), LDAP_PARAM_ERROR);
     EXPECT_EQ(server.count(SEARCH), 0u);
     // The ids the failures took were all given back: the next request still succeeds.
     ASSERT_EQ(ldap_search_s(ld, "o=x", 0, "(cn=a)", nullptr, 0, &res), 0);
