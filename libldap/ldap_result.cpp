@@ -28,6 +28,28 @@ bool is_connected(const LDAPConn *lc)
     return __atomic_load_n(&lc->connected, __ATOMIC_ACQUIRE) != 0;
 }
 
+// A server sends only responses; any other protocolOp means the stream is out of step (and a
+// type such as 0 would read as a time-out to every caller).
+bool is_response_tag(ber_tag_t tag)
+{
+    switch (tag) {
+    case LDAP_RES_BIND:
+    case LDAP_RES_SEARCH_ENTRY:
+    case LDAP_RES_SEARCH_RESULT:
+    case LDAP_RES_MODIFY:
+    case LDAP_RES_ADD:
+    case LDAP_RES_DELETE:
+    case LDAP_RES_MODDN:
+    case LDAP_RES_COMPARE:
+    case LDAP_RES_SEARCH_REFERENCE:
+    case LDAP_RES_EXTENDED:
+    case LDAP_RES_INTERMEDIATE:
+        return true;
+    default:
+        return false;
+    }
+}
+
 // LDAPMessage ::= SEQUENCE { messageID INTEGER, protocolOp CHOICE {...}, controls [0] OPT }
 // The stream reader has taken the outer header off; the contents start at the id. (A buffer
 // that still holds the outer SEQUENCE header is accepted as well.) Leaves the read position
@@ -47,7 +69,7 @@ int decode_envelope(LDAPMessage *msg)
     if (fber_get_int(ber, &id) == LBER_ERROR || id < 0 || id > INT32_MAX)
         return -1;
     tag = fber_peek_tag(ber, &len);
-    if (tag == LBER_ERROR || tag > 0xff)
+    if (!is_response_tag(tag))
         return -1;
     msg->lm_msgid = static_cast<int32_t>(id);
     msg->lm_msgtype = static_cast<int32_t>(tag);
