@@ -146,38 +146,6 @@ TEST_F(Abandon, ResultArrivedWithEntriesUnreadDiscardsThemAndSendsNothing)
     EXPECT_EQ(ldap_msgfree(first), LDAP_RES_SEARCH_ENTRY);
 }
 
-TEST_F(Abandon, EverythingDeliveredIsRefused)
-{
-    int id = send_extended(ld_);
-    server_.wait_for_requests(1);
-    server_.connection(0)->send(extended_response_pdu(id, 0, "", ""));
-    LDAPMessage *res = nullptr;
-    ASSERT_EQ(ldap_result(ld_, id, LDAP_MSG_ONE, nullptr, &res), LDAP_RES_EXTENDED);
-    EXPECT_EQ(ldap_abandon_ext(ld_, id, nullptr, nullptr), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_msgfree(res), LDAP_RES_EXTENDED);
-}
-
-TEST_F(Abandon, ResponsesArrivingAfterAbandonAreDiscarded)
-{
-    int id = send_extended(ld_);
-    int other = send_extended(ld_);
-    server_.wait_for_requests(2);
-    int before = free_rows();
-    ASSERT_EQ(ldap_abandon(ld_, id), 0);
-    server_.wait_for_requests(3);
-    server_.connection(0)->send(search_entry_pdu(id, "cn=late", {}) +
-                                ldap_result_pdu(id, 0x65, 0) +
-                                extended_response_pdu(other, 0, "", "other"));
-    LDAPMessage *res = nullptr;
-    ASSERT_EQ(ldap_result(ld_, other, LDAP_MSG_ONE, nullptr, &res), LDAP_RES_EXTENDED);
-    EXPECT_EQ(ldap_msgfree(res), LDAP_RES_EXTENDED);
-    EXPECT_EQ(table_->rows[id].first, nullptr);
-    EXPECT_EQ(ldap_result(ld_, id, LDAP_MSG_ONE, nullptr, &res), -1);
-    EXPECT_EQ(thread_error(ld_), LDAP_PARAM_ERROR);
-    // The refused final result freed the abandoned id; `other` went back too.
-    EXPECT_EQ(free_rows(), before + 2);
-}
-
 TEST_F(Abandon, WaiterOnAnAbandonedIdIsReleased)
 {
     int id = send_extended(ld_);

@@ -5,7 +5,7 @@
 
 #include <atomic>
 #include <chrono>
-#include <dirent.h>
+#include <unistd.h>
 #include <thread>
 
 #include "liblber/ber_int.h"
@@ -14,7 +14,6 @@
 #include "libldap/ldap_bind.h"
 #include "libldap/ldap_dn.h"
 #include "libldap/ldap_entry.h"
-#include "libldap/ldap_error.h"
 #include "libldap/ldap_init.h"
 #include "libldap/ldap_message.h"
 #include "libldap/ldap_options.h"
@@ -33,19 +32,12 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr unsigned SEARCH = 0x63;
-constexpr unsigned MODIFY = 0x66;
-
-LDAPMod *replace_description(LDAPMod *mod, char **values)
-{
-    *mod = LDAPMod{LDAP_MOD_REPLACE, const_cast<char *>("description"), {values}};
-    return mod;
-}
 
 int modify(LDAP *ld)
 {
     char *values[] = {const_cast<char *>("v"), nullptr};
-    LDAPMod mod;
-    LDAPMod *mods[] = {replace_description(&mod, values), nullptr};
+    LDAPMod mod = {LDAP_MOD_REPLACE, const_cast<char *>("description"), {values}};
+    LDAPMod *mods[] = {&mod, nullptr};
     return ldap_modify_s(ld, "cn=x", mods);
 }
 
@@ -58,11 +50,6 @@ Script drip(const std::string &bytes, std::chrono::milliseconds gap)
         s.push_back(Action::pause_for(gap));
     }
     return s;
-}
-
-double seconds_since(std::chrono::steady_clock::time_point start)
-{
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
 } // namespace
@@ -94,7 +81,7 @@ TEST(EngineFaults, DrippingServerCannotStretchTheTimeOut)
     LDAPMessage *res = nullptr;
     auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(ldap_search_st(ld, "o=x", 2, "(cn=slow)", nullptr, 0, &tv, &res), LDAP_TIMEOUT);
-    EXPECT_LT(seconds_since(start), 1.1 + 0.4); // the limit, the abandon's grace, a slow CI
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 1500ms); // 1 s, the abandon, a slow CI
     EXPECT_EQ(res, nullptr);
     ldap_unbind(ld);
 }
@@ -189,9 +176,9 @@ TEST(EngineFaults, AllAfterOneHandsOutOnlyTheRest)
     ASSERT_EQ(ldap_result(ld, id, LDAP_MSG_ONE, nullptr, &first), LDAP_RES_SEARCH_ENTRY);
     ASSERT_EQ(ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &rest), LDAP_RES_SEARCH_RESULT);
     EXPECT_EQ(ldap_count_messages(ld, rest), 2);
+    ldap_unbind(ld);
     EXPECT_EQ(ldap_msgfree(rest), LDAP_RES_SEARCH_RESULT);
     EXPECT_EQ(ldap_msgfree(first), LDAP_RES_SEARCH_ENTRY);
-    ldap_unbind(ld);
 }
 
 // A caller's all-messages wait that took some entries when another thread abandons the
@@ -277,24 +264,17 @@ TEST(EngineFaults, DumpsMaskEverySecret)
 // A failed local-socket connect leaves no descriptor behind.
 TEST(EngineFaults, FailedLocalConnectClosesItsDescriptor)
 {
-    auto open_fds = [] {
-        int n = 0;
-        DIR *d = opendir("/proc/self/fd");
-        while (d != nullptr && readdir(d) != nullptr)
-            ++n;
-        if (d != nullptr)
-            closedir(d);
-        return n;
-    };
     TempDir dir;
-    const std::string path = dir.file("no-server");
-    int before = open_fds();
+    int before = dup(0); // the lowest free descriptor: the next one a leak would take
+    close(before);
     for (int i = 0; i < 20; ++i) {
-        LDAP *ld = ldap_init(path.c_str(), 0);
+        LDAP *ld = ldap_init(dir.file("no-server").c_str(), 0);
         EXPECT_NE(modify(ld), 0);
         ldap_unbind(ld);
     }
-    EXPECT_EQ(open_fds(), before);
+    int after = dup(0);
+    close(after);
+    EXPECT_EQ(after, before);
 }
 
 // The connect time-out may be replaced while another thread opens a connection with it.

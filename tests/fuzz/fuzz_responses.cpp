@@ -79,33 +79,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     lc->sb.sb_read_ctx = &source;
     lc->connected = 1;
 
-    std::vector<LDAPMessage *> kept; // freed after the handle
+    std::vector<LDAPMessage *> kept(5, nullptr); // freed after the handle
     (void)ldap_simple_bind_s(ld, "cn=fuzz", "secret");
-    char *attrs[] = {const_cast<char *>("cn"), nullptr};
-    int id = ldap_search(ld, "dc=x", LDAP_SCOPE_SUBTREE, "(cn=*)", attrs, 0);
+    int id = ldap_search(ld, "dc=x", LDAP_SCOPE_SUBTREE, "(cn=*)", nullptr, 0);
     struct timeval wait = {1, 0};
-    for (int i = 0; id > 0 && i < 3; ++i) {
-        LDAPMessage *one = nullptr;
-        if (ldap_result(ld, id, LDAP_MSG_ONE, &wait, &one) <= 0)
-            break;
-        walk(ld, one);
-        kept.push_back(one);
-    }
-    if (id > 0)
-        (void)ldap_abandon(ld, id);
-    LDAPMessage *all = nullptr;
-    if (ldap_search_st(ld, "dc=x", LDAP_SCOPE_ONELEVEL, "(uid=a)", nullptr, 0, &wait, &all) >= 0)
-        walk(ld, all);
-    kept.push_back(all);
+    for (int i = 0; id > 0 && i < 3 && ldap_result(ld, id, 0, &wait, &kept[i]) > 0; ++i)
+        walk(ld, kept[i]);
+    (void)ldap_abandon(ld, id);
+    (void)ldap_search_st(ld, "dc=x", LDAP_SCOPE_ONELEVEL, "(uid=a)", nullptr, 0, &wait, &kept[3]);
+    walk(ld, kept[3]);
     char *values[] = {const_cast<char *>("v"), nullptr};
     LDAPMod mod = {LDAP_MOD_REPLACE, const_cast<char *>("description"), {values}};
     LDAPMod *mods[] = {&mod, nullptr};
     (void)ldap_modify_s(ld, "cn=fuzz", mods);
-    LDAPMessage *any = nullptr;
     struct timeval none = {0, 0};
-    if (ldap_result(ld, LDAP_RES_ANY, LDAP_MSG_ONE, &none, &any) > 0)
-        kept.push_back(any);
-
+    (void)ldap_result(ld, LDAP_RES_ANY, LDAP_MSG_ONE, &none, &kept[4]);
     ldap_unbind(ld);
     for (LDAPMessage *m : kept)
         (void)ldap_msgfree(m);
