@@ -46,14 +46,23 @@ int timeval_to_ms(const struct timeval *tv)
 }
 
 // The select() contract (ready count, 0 on time-out, -1) for one descriptor, through poll()
-// so that descriptors above FD_SETSIZE work too.
-int wait_readable(int sd, const struct timeval *timeout)
+// so that descriptors above FD_SETSIZE work too. A wake-up on `wake_fd` (when not -1) is
+// drained and reported as FBER_SELECT_WOKEN.
+int wait_readable(int sd, const struct timeval *timeout, int wake_fd)
 {
-    struct pollfd p = {sd, POLLIN, 0};
+    struct pollfd p[2] = {{sd, POLLIN, 0}, {wake_fd, POLLIN, 0}};
     int rc;
     do
-        rc = poll(&p, 1, timeval_to_ms(timeout));
+        rc = poll(p, wake_fd >= 0 ? 2 : 1, timeval_to_ms(timeout));
     while (rc < 0 && errno == EINTR);
+    if (rc > 0 && wake_fd >= 0 && (p[1].revents & POLLIN) != 0) {
+        uint64_t count;
+        ssize_t n = read(wake_fd, &count, sizeof count);
+        (void)n; // drained, or drained by another reader already
+        if ((p[0].revents & POLLIN) == 0)
+            return FBER_SELECT_WOKEN;
+        rc = 1;
+    }
     return rc;
 }
 
@@ -352,8 +361,12 @@ long stream_ended(const BerElement *ber, uint32_t progress, long n)
     return -1;
 }
 
+// read_towards: bytes arrived, go on (not a value fber_get_next_nb can return; a PDU whose
+// tag is 0 must not be taken for it).
+constexpr long KEEP_READING = -2;
+
 // One read towards the PDU: large contents go straight into their buffer, anything else
-// refills the read-ahead. 0 when bytes arrived, else what fber_get_next_nb returns.
+// refills the read-ahead. KEEP_READING when bytes arrived, else what fber_get_next_nb returns.
 long read_towards(Sockbuf *sb, BerElement *ber, uint32_t *progress)
 {
     int would_block = 0;
@@ -366,12 +379,12 @@ long read_towards(Sockbuf *sb, BerElement *ber, uint32_t *progress)
         if (n <= 0)
             return stream_ended(ber, *progress, n);
         long rc = ber_pdu_filled(ber, progress, static_cast<size_t>(n));
-        return rc == BER_WOULD_BLOCK && !ber_pdu_complete(ber, *progress) ? 0 : rc;
+        return rc == BER_WOULD_BLOCK && !ber_pdu_complete(ber, *progress) ? KEEP_READING : rc;
     }
     long n = fill_read_ahead(sb, &would_block);
     if (would_block)
         return BER_WOULD_BLOCK;
-    return n > 0 ? 0 : stream_ended(ber, *progress, n);
+    return n > 0 ? KEEP_READING : stream_ended(ber, *progress, n);
 }
 } // namespace
 
@@ -406,21 +419,23 @@ long fber_get_next_nb(Sockbuf *sb, BerElement *ber, uint32_t *progress)
                 return rc;
         }
         long rc = read_towards(sb, ber, progress);
-        if (rc != 0)
+        if (rc != KEEP_READING)
             return rc;
     }
 }
 
-int fber_select(Sockbuf *sb, struct timeval *timeout)
+int fber_select(Sockbuf *sb, struct timeval *timeout, int wake_fd)
 {
     if (sb == nullptr) {
         LDAP_TRACE(LDAP_TRC_BER, "fber_select: Bad params sb(%p)\n", static_cast<void *>(sb));
         return -1;
     }
-    // Bytes already read ahead never show on the descriptor either; a test build's byte
-    // source is always ready (it answers with bytes or with the end of the stream).
-    if (sockbuf_buffered(sb) > 0 || sb->sb_read_hook != nullptr)
+    // Bytes already read ahead never show on the descriptor either. A test build's byte
+    // source says itself whether it is ready (asked with no buffer).
+    if (sockbuf_buffered(sb) > 0)
         return 1;
+    if (sb->sb_read_hook != nullptr)
+        return sb->sb_read_hook(sb->sb_read_ctx, nullptr, 0, nullptr) > 0 ? 1 : 0;
     if (sb->sb_secure != nullptr) {
         // Decrypted bytes already inside the toolkit never show on the descriptor.
         if (wzr_skit.secure_soc_read == nullptr)
@@ -432,8 +447,8 @@ int fber_select(Sockbuf *sb, struct timeval *timeout)
         if (pending > 0)
             return 1;
     }
-    int rc = wait_readable(sb->sb_sd, timeout);
-    if (rc < 0)
+    int rc = wait_readable(sb->sb_sd, timeout, wake_fd);
+    if (rc == -1)
         LDAP_TRACE(LDAP_TRC_BER, "fber_select: returning %d\n", rc);
     return rc;
 }

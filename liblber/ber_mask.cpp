@@ -77,20 +77,10 @@ bool contents_equal(const unsigned char *p, const Element &e, const char *text)
     return e.end - e.body == len && memcmp(p + e.body, text, len) == 0;
 }
 
-// "userPassword", "USERPASSWORD;binary", ...: a password attribute with any options.
 bool names_password(const unsigned char *p, const Element &e)
 {
-    if (e.tag != TAG_OCTET_STRING && e.tag != TAG_MRA_TYPE)
-        return false;
-    size_t len = e.end - e.body;
-    const auto *semi = static_cast<const unsigned char *>(memchr(p + e.body, ';', len));
-    if (semi != nullptr)
-        len = static_cast<size_t>(semi - (p + e.body));
-    for (const char *name : PASSWORD_ATTRIBUTES)
-        if (strlen(name) == len && strncasecmp(reinterpret_cast<const char *>(p + e.body), name,
-                                               len) == 0)
-            return true;
-    return false;
+    return (e.tag == TAG_OCTET_STRING || e.tag == TAG_MRA_TYPE) &&
+           ber_is_password_attribute(reinterpret_cast<const char *>(p + e.body), e.end - e.body);
 }
 
 struct Walk {
@@ -190,6 +180,18 @@ struct Walk {
 };
 
 } // namespace
+
+// "userPassword", "USERPASSWORD;binary", ...: a password attribute with any options.
+bool ber_is_password_attribute(const char *desc, size_t len)
+{
+    const auto *semi = static_cast<const char *>(memchr(desc, ';', len));
+    if (semi != nullptr)
+        len = static_cast<size_t>(semi - desc);
+    for (const char *name : PASSWORD_ATTRIBUTES)
+        if (strlen(name) == len && strncasecmp(desc, name, len) == 0)
+            return true;
+    return false;
+}
 
 void ber_mask_secrets(const unsigned char *pdu, size_t pdu_len, size_t skip, unsigned char *copy,
                       size_t shown)

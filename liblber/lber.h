@@ -68,7 +68,8 @@ struct Sockbuf {
     int32_t sb_rapos = 0;
     int32_t sb_raend = 0;
     // A byte source that replaces the descriptor for reading, so that the fuzzers can play a
-    // server's bytes without a socket. Null in every real connection.
+    // server's bytes without a socket (asked with a null buffer, it says whether it is ready:
+    // > 0 yes, 0 a time-out). Null in every real connection.
     long (*sb_read_hook)(void *ctx, void *buf, long len, int *would_block) = nullptr;
     void *sb_read_ctx = nullptr;
 };
@@ -168,7 +169,10 @@ long ber_pdu_feed(BerElement *ber, uint32_t *progress, const unsigned char *byte
                   size_t *used);
 long ber_pdu_room(BerElement *ber, uint32_t progress, unsigned char **dst);
 long ber_pdu_filled(BerElement *ber, uint32_t *progress, size_t n);
-int fber_select(Sockbuf *sb, struct timeval *timeout);
+// Waits until the socket is readable: the ready count, 0 on time-out, -1 on error, or
+// FBER_SELECT_WOKEN when `wake_fd` (an eventfd, or -1 for none) was written to first.
+int fber_select(Sockbuf *sb, struct timeval *timeout, int wake_fd = -1);
+inline constexpr int FBER_SELECT_WOKEN = -2;
 void sockbuf_release_buffer(Sockbuf *sb); // frees the read-ahead; buffered bytes are dropped
 long sockbuf_buffered(const Sockbuf *sb); // bytes read ahead and not yet handed out
 // True when the read-ahead holds a whole PDU (header and contents): reading it costs no
@@ -179,6 +183,8 @@ long BerWrite(Sockbuf *sb, const unsigned char *buf, long len);
 int fber_flush_nb(Sockbuf *sb, BerElement *ber);
 int ber_flush(Sockbuf *sb, BerElement *ber, int freeit);
 void fber_dump(BerElement *ber, int inout);
+// Whether an attribute description (with any options, in any case) names a password.
+bool ber_is_password_attribute(const char *desc, size_t len);
 void ber_dump(BerElement *ber, int inout);
 // The same masked dumps written to a descriptor of the caller's, whatever the trace mask.
 void fber_dump_with_fd(BerElement *ber, int inout, int fd);

@@ -135,6 +135,7 @@ int abandon_table_row(LDAP *ld, LDAPMsgTable *table, int msgid, LDAPControl **se
         if (row->child != nullptr)
             child = *row->child;
         ldap_msg_table_release_msgid_direct(table, msgid);
+        ldap_msg_table_wake_waiters(table); // its collector may wait for a response that never comes
     }
     guard.unlock();
     if (child.table != nullptr) {

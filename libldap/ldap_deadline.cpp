@@ -13,8 +13,13 @@ LDAPDeadline ldap_deadline_after(const struct timeval *timeout)
         return d;
     d.limited = true;
     clock_gettime(CLOCK_MONOTONIC, &d.at);
-    long long ns = static_cast<long long>(d.at.tv_nsec) + timeout->tv_usec * 1000LL;
-    d.at.tv_sec += timeout->tv_sec + static_cast<time_t>(ns / 1000000000LL);
+    // A negative part counts as nothing left; a time-out beyond a century as a century.
+    constexpr long long MAX_SECONDS = 100LL * 365 * 24 * 3600;
+    long long sec = timeout->tv_sec < 0 ? 0 : timeout->tv_sec;
+    long long usec = timeout->tv_usec < 0 ? 0 : timeout->tv_usec;
+    sec = sec + usec / 1000000 > MAX_SECONDS ? MAX_SECONDS : sec + usec / 1000000;
+    long long ns = d.at.tv_nsec + (usec % 1000000) * 1000LL;
+    d.at.tv_sec += static_cast<time_t>(sec + ns / 1000000000LL);
     d.at.tv_nsec = static_cast<long>(ns % 1000000000LL);
     return d;
 }

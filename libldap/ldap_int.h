@@ -122,6 +122,10 @@ struct LDAPMsgTable {
     // given the turn up, so a response read by another thread reaches its owner at once.
     pthread_cond_t reader_done;  // waited on with table_lock
     int32_t reader_active;       // table_lock: a thread holds the reading turn
+    // Written to wake the thread that holds the reading turn out of its wait on the socket
+    // when a row it may be reading for was released (an abandon from another thread); -1
+    // when none could be made. Fixed after creation.
+    int wake_fd;
 };
 
 // One server connection of a handle.

@@ -116,6 +116,10 @@ int ldap_msgfree_direct(LDAPMessage *msg)
     if (!ldap_msg_valid(msg))
         return 0;
     int type = freed_type(msg);
+    // A record inside a chain the caller holds takes the rest of the chain with it; the
+    // records before it stay the caller's and their chain now ends before it.
+    if (msg->lm_prev != nullptr && msg->lm_prev->lm_chain == msg)
+        msg->lm_prev->lm_chain = nullptr;
     free_msg(msg, (msg->lm_flags & LDAP_MSG_SINGLE) == 0);
     return type;
 }

@@ -68,21 +68,26 @@ int open_if_needed(LDAP *ld, LDAPConn *lc, const LDAPDeadline &until)
     return rc == LDAP_CONNECT_ERROR ? LDAP_CONNECT_ERROR : LDAP_SERVER_DOWN;
 }
 
-// Flushes the request until all of it is written (write lock held).
+// Flushes the request until all of it is written (write lock held), waiting for the socket
+// only when it would block. A request none of which went out before the deadline leaves the
+// connection as it was (85); one cut in the middle has put the stream out of step (81).
 int flush_request(LDAP *ld, LDAPConn *lc, BerElement *ber, const LDAPDeadline &until)
 {
     for (;;) {
         int rc = fber_flush_nb(&lc->sb, ber);
         if (rc == 0)
             return 0;
+        int ready = -1;
         if (rc == -11) {
             struct timeval left;
-            int ready = waitOnSocket(lc->sb.sb_sd, ldap_deadline_wait(until, &left));
+            ready = waitOnSocket(lc->sb.sb_sd, ldap_deadline_wait(until, &left));
             if (ready > 0)
                 continue;
         } else if (rc > 0) {
             continue;
         }
+        if (ready == 0 && ber->ber_rwptr == ber->ber_buf)
+            return ldap_fail(ld, LDAP_TIMEOUT);
         ldap_conn_mark_dead(lc);
         return ldap_fail(ld, LDAP_SERVER_DOWN);
     }
@@ -190,13 +195,8 @@ int ldap_write_msg(LDAP *ld, LDAPMessage *request, const LDAPDeadline &until)
         return ldap_fail(ld, rc);
     LDAP_TRACE(LDAP_TRC_API, "ldap_write_msg: connected to host\n");
 
-    // A socket that is not writable in time condemns the connection, yet the write is still
-    // tried: a request that goes out is reported as sent.
-    struct timeval left;
-    if (waitOnSocket(lc->sb.sb_sd, ldap_deadline_wait(until, &left)) <= 0) {
-        ldap_conn_mark_dead(lc);
-        (void)ldap_set_lderrno_direct(ld, LDAP_SERVER_DOWN, nullptr, nullptr);
-    }
+    // Written at once: a wait for a writable socket first would cost a system call per
+    // request, and one that ran out would condemn a healthy connection before a byte was sent.
     rc = flush_request(ld, lc, request->lm_ber, until);
     guard.unlock();
     LDAP_TRACE(LDAP_TRC_API, "ldap_write_msg: returning %d\n", rc);

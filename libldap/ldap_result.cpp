@@ -22,6 +22,7 @@ constexpr const char *MODULE = "libldap/ldap_result";
 constexpr ber_tag_t TAG_SEQUENCE = 0x30;
 constexpr ber_tag_t TAG_INTEGER = 0x02;
 constexpr int NOTICE_RESULT_CODE = LDAP_PROTOCOL_ERROR;
+constexpr int WAIT_WOKEN = -5; // wait_for_message: woken because a row was released
 
 bool is_connected(const LDAPConn *lc)
 {
@@ -170,7 +171,7 @@ int read_one_pdu(LDAP *ld, LDAPConn *lc, const LDAPDeadline &until, LDAPMessage 
         return ldap_fail(ld, LDAP_NO_MEMORY), -4;
     LDAPMsgTable *table = lc->table;
     int rc = wait_for_message(lc, msg->lm_ber, &table->read_progress, until);
-    if (rc != -2) {
+    if (rc != -2 && rc != WAIT_WOKEN) { // else the partial PDU stays for the next reader
         table->read_state = nullptr;
         table->read_progress = 0;
         if (rc == 1) {
@@ -468,6 +469,8 @@ int ldap_get_msg(LDAP *ld, LDAPConn *lc, const LDAPDeadline &until)
     }
     LDAPMessage *chain = nullptr;
     int rc = read_pdus(ld, lc, until, &chain);
+    if (rc == WAIT_WOKEN)
+        return 1; // nothing read: the waiters look at their rows again
     if (rc < -2)
         return -1; // lock or memory failure, recorded
     if (rc == -2)
@@ -528,11 +531,11 @@ int wait_for_message(LDAPConn *lc, BerElement *ber, uint32_t *progress, const LD
         }
         struct timeval buffer;
         struct timeval *wait = ldap_deadline_wait(until, &buffer);
-        if (wait != nullptr && wait->tv_sec == 0 && wait->tv_usec == 0)
-            return -2;
-        int ready = fber_select(&lc->sb, wait);
+        int ready = fber_select(&lc->sb, wait, lc->table->wake_fd);
         if (ready == 0)
             return -2;
+        if (ready == FBER_SELECT_WOKEN)
+            return WAIT_WOKEN;
         if (ready < 0) {
             LDAP_TRACE(LDAP_TRC_ERROR,
                        "wait_for_message: select 2 failed with socket error: rc=%d, errno=%d\n",

@@ -2,6 +2,8 @@
 // with control merging and waiting, and the classic ldap_search / _s / _st on top.
 #include "ldap_search.h"
 
+#include <cstring>
+
 #include "ldap_attrdesc.h"
 #include "ldap_error.h"
 #include "ldap_filter.h"
@@ -29,6 +31,37 @@ bool search_args_ok(int scope, const char *filter)
 }
 
 const char *or_null(const char *s) { return s != nullptr ? s : "(null)"; }
+
+// Stars, in a copy of a string filter, every value asserted about a password attribute: its
+// item starts the string or follows "(", its value runs from the "=" to the next ")".
+void star_password_values(char *f)
+{
+    for (char *item = f; *item != '\0'; ++item) {
+        if (item != f && item[-1] != '(')
+            continue;
+        size_t name = strcspn(item, "=~<>:()");
+        if (name == 0 || !ber_is_password_attribute(item, name))
+            continue;
+        char *value = strpbrk(item + name, "=()");
+        if (value == nullptr || *value != '=')
+            continue;
+        for (++value; *value != '\0' && *value != ')'; ++value)
+            *value = '*';
+    }
+}
+
+// The filter's trace, which must never show a password a search asks about.
+void trace_filter(const char *filter)
+{
+    if (!ldap_debug_enabled())
+        return;
+    char *copy = filter != nullptr ? lber_strdup(filter) : nullptr;
+    if (copy != nullptr)
+        star_password_values(copy);
+    LDAP_TRACE(LDAP_TRC_API, "putting filter %s into ber\n",
+               copy != nullptr ? copy : filter != nullptr ? "(not shown)" : "(null)");
+    lber_free(copy);
+}
 
 // Each requested attribute is an attribute description, "*" (the user attributes), "+" (the
 // operational ones) or "@" and an object class (its attributes); a name outside these asks
@@ -74,7 +107,7 @@ int ldap_search_ext_direct(LDAP *ld, const char *base, int scope, const char *fi
     if (fber_printf(op.ber, "{it{seeiib", op.msgid, LDAP_REQ_SEARCH, base != nullptr ? base : "",
                     scope, deref, sizelimit, timelimit, attrsonly) == -1)
         return ldap_op_abort(&op, LDAP_ENCODING_ERROR);
-    LDAP_TRACE(LDAP_TRC_API, "putting filter %s into ber\n", or_null(filter));
+    trace_filter(filter);
     if (put_filter(op.ber, filter, 0) != 0)
         return ldap_op_abort(&op, LDAP_FILTER_ERROR);
     if (!search_attrs_valid(attrs))
@@ -140,8 +173,11 @@ int ldap_search_ext(LDAP *ld, const char *base, int scope, const char *filter, c
                     int attrsonly, LDAPControl **serverctrls, LDAPControl **clientctrls,
                     struct timeval *timeout, int sizelimit, int *msgidp)
 {
+    // A zero time limit means none, for the sending as for the server.
+    bool zero = timeout != nullptr && timeout->tv_sec == 0 && timeout->tv_usec == 0;
     return search_ext_until(ld, base, scope, filter, attrs, attrsonly, serverctrls, clientctrls,
-                            timeout, sizelimit, ldap_deadline_after(timeout), msgidp);
+                            timeout, sizelimit, ldap_deadline_after(zero ? nullptr : timeout),
+                            msgidp);
 }
 
 int ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,

@@ -6,6 +6,8 @@
 
 #include <cerrno>
 #include <ctime>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include "ldap_error.h"
 #include "ldap_lock.h"
@@ -145,6 +147,16 @@ bool wait_for_reader(LDAPMsgTable *table, const LDAPDeadline &d)
 }
 } // namespace
 
+void ldap_msg_table_wake_waiters(LDAPMsgTable *table)
+{
+    pthread_cond_broadcast(&table->reader_done);
+    if (table->reader_active && table->wake_fd >= 0) {
+        uint64_t one = 1;
+        ssize_t n = write(table->wake_fd, &one, sizeof one);
+        (void)n; // a full counter is already a wake-up
+    }
+}
+
 int ldap_fail_minus_one(LDAP *ld, int code)
 {
     (void)ldap_set_lderrno_direct(ld, code, nullptr, nullptr);
@@ -184,8 +196,10 @@ LDAPMsgTable *ldap_msg_table_init(unsigned count)
         pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
         err = pthread_cond_init(&table->reader_done, &attr);
         pthread_condattr_destroy(&attr);
-        if (err == 0)
+        if (err == 0) {
+            table->wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
             return table;
+        }
         LDAP_TRACE(LDAP_TRC_ERROR, "ldap_msg_table_init: pthread_cond_init failed, errno %d\n",
                    err);
         pthread_cond_destroy(&table->released);
@@ -212,6 +226,8 @@ void ldap_msg_table_free(LDAPMsgTable *table)
         m = next;
     }
     lber_free(table->rows);
+    if (table->wake_fd >= 0)
+        close(table->wake_fd);
     int err;
     if ((err = pthread_mutex_destroy(&table->table_lock)) != 0)
         LDAP_TRACE(LDAP_TRC_ERROR,
@@ -310,7 +326,8 @@ int ldap_msg_table_get_message(LDAP *ld, LDAPMsgTable *table, int *msgid,
     // The row is looked up again after every wait: an abandon from another thread releases it,
     // and the id then names no row (or a newer one).
     const bool claimed = id != 0 && owned_by_me(*at_start);
-    for (;;) {
+    // Even a time-out that has run out (a poll) gets one look at the socket.
+    for (bool looked = false;; looked = true) {
         flush_queue(table);
         LDAPMsgRow *row = claimed ? my_row(table, id) : ldap_msg_table_row(table, id);
         if (row == nullptr || (row->flags & ROW_ABANDONED) != 0)
@@ -319,11 +336,9 @@ int ldap_msg_table_get_message(LDAP *ld, LDAPMsgTable *table, int *msgid,
             release_if_collected(table, id, *row);
             return (*result)->lm_msgtype;
         }
-        if (until.limited) {
-            struct timeval left;
-            if (!ldap_time_left(until, &left))
-                return 0;
-        }
+        struct timeval left;
+        if (until.limited && !ldap_time_left(until, &left) && looked)
+            return 0;
         if (table->reader_active) {
             (void)wait_for_reader(table, until); // then a look at what the reader filed
             continue;

@@ -6,6 +6,10 @@
 #include "ldap_deadline.h"
 #include "ldap_int.h"
 
+// Wakes every thread waiting on the table, the one reading the socket included, so that each
+// looks at its row again (table lock held).
+void ldap_msg_table_wake_waiters(LDAPMsgTable *table);
+
 // Records `code` for the functions whose failure value is -1, and returns -1.
 int ldap_fail_minus_one(LDAP *ld, int code);
 

@@ -124,7 +124,10 @@ TEST_F(Messages, ChainFreesEverythingAndReportsTheFinalType)
     EXPECT_EQ(ldap_next_message(ld_, r[2]), nullptr);
     EXPECT_EQ(ldap_count_messages(nullptr, r[0]), -1);
     EXPECT_EQ(ldap_count_messages(ld_, nullptr), 0);
-    EXPECT_EQ(ldap_msgfree(r[0]), LDAP_RES_SEARCH_RESULT);
+    // Freed from the middle: the rest goes with it, the head's chain ends before it.
+    EXPECT_EQ(ldap_msgfree(r[1]), LDAP_RES_SEARCH_RESULT);
+    EXPECT_EQ(ldap_count_messages(ld_, r[0]), 1);
+    EXPECT_EQ(ldap_msgfree(r[0]), LDAP_RES_SEARCH_ENTRY);
 }
 
 TEST_F(Messages, ReleaseMsgidOfARequestFreesItWithTheRow)

@@ -1,8 +1,10 @@
 // Plays arbitrary server bytes, in arbitrary pieces, to a client that binds, searches, walks
 // the entries, abandons and modifies, with no socket: the connection reads from the input
 // through its byte source and writes to /dev/null. Byte 0 gives how many piece-size bytes
-// follow (1..8, cycled; each size 1..256); the rest is what the server sends. The end of the
-// input is the end of the stream. Results are freed after the handle, as a caller may.
+// follow (1..8, cycled; a size of 0 is a stall that times a wait out) and, in its top bit,
+// whether the waits have 1 s or 1 us (running out at once, so that time-outs, put-backs and
+// abandons are played too); the rest is what the server sends, its end the end of the stream.
+// Results are freed after the handle, as a caller may.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -30,12 +32,26 @@ struct Source {
     const uint8_t *sizes;
     size_t nsizes;
     size_t turn = 0;
+    bool stalled = false;
+    bool just_stalled = false;
 };
 
-long read_piece(void *ctx, void *buf, long len, int *)
+long read_piece(void *ctx, void *buf, long len, int *would_block)
 {
     auto *s = static_cast<Source *>(ctx);
-    size_t n = static_cast<size_t>(s->sizes[s->turn++ % s->nsizes]) + 1;
+    if (buf == nullptr) { // is it ready? not right after a stall: the wait times out
+        bool stalled = s->stalled;
+        s->stalled = false;
+        return stalled ? 0 : 1;
+    }
+    size_t n = s->sizes[s->turn++ % s->nsizes];
+    if (n == 0 && s->left > 0 && !s->just_stalled) { // never twice in a row: no endless stall
+        s->stalled = s->just_stalled = true;
+        *would_block = 1;
+        return 0;
+    }
+    s->just_stalled = false;
+    n = std::max<size_t>(n, 1);
     n = std::min({n, s->left, static_cast<size_t>(len)});
     __builtin_memcpy(buf, s->data, n);
     s->data += n;
@@ -82,7 +98,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     std::vector<LDAPMessage *> kept(5, nullptr); // freed after the handle
     (void)ldap_simple_bind_s(ld, "cn=fuzz", "secret");
     int id = ldap_search(ld, "dc=x", LDAP_SCOPE_SUBTREE, "(cn=*)", nullptr, 0);
-    struct timeval wait = {1, 0};
+    struct timeval wait = {(data[0] & 0x80) != 0 ? 0 : 1, 1};
     for (int i = 0; id > 0 && i < 3 && ldap_result(ld, id, 0, &wait, &kept[i]) > 0; ++i)
         walk(ld, kept[i]);
     (void)ldap_abandon(ld, id);
