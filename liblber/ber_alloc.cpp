@@ -143,8 +143,10 @@ void fber_free(BerElement *ber)
     if (fber_owns_allocation(ber)) {
         if (ber->ber_heapbuf != fber_inline_buffer(ber))
             lber_free(ber->ber_heapbuf);
-        lber_free(ber->ber_version);
-        lber_free(ber->ber_utf8_flag);
+        if (ber->ber_version != &ber->ber_own_version)
+            lber_free(ber->ber_version);
+        if (ber->ber_utf8_flag != &ber->ber_own_utf8)
+            lber_free(ber->ber_utf8_flag);
     }
     lber_free(ber);
 }

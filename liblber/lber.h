@@ -39,6 +39,11 @@ struct berelement {
     int32_t ber_lenread;            // how many of them
     unsigned char *ber_heapbuf;     // the separately allocated buffer (nullptr: inline/none)
     int32_t ber_inline_size;        // FBER: size of the inline buffer
+    // Room for the two words above inside the record itself, which ber_version and
+    // ber_utf8_flag point at when the element's maker puts them there (one allocation less
+    // each for every PDU read); a copy made by ber_dup goes on pointing at the original's.
+    int32_t ber_own_version;
+    int32_t ber_own_utf8;
     // FBER only: the inline buffer follows the record, then the 101-word nesting stack.
 };
 

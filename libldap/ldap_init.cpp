@@ -427,16 +427,16 @@ int ldap_start_operation(LDAP *ld)
         LDAP_TRACE(LDAP_TRC_ERROR, "Invalid ld in ldap_start_operation\n");
         return LDAP_PARAM_ERROR;
     }
-    int rc = ldap_mutex_lock(&ld->ld_mutex, MODULE, __LINE__);
-    if (rc != 0)
-        return ldap_fail(ld, rc);
-    if (ld->ld_unbind_started) {
-        ldap_mutex_unlock(&ld->ld_mutex, MODULE, __LINE__);
+    // Every call of the API passes here, so the count is an atomic rather than a mutex pair.
+    // It goes up before the unbind flag is read, and unbind sets the flag before it reads the
+    // count (both in one total order): either this operation sees the flag and leaves, or the
+    // unbind sees the operation and waits for it.
+    __atomic_add_fetch(&ld->ld_opcount, 1, __ATOMIC_SEQ_CST);
+    if (__atomic_load_n(&ld->ld_unbind_started, __ATOMIC_SEQ_CST) != 0) {
+        ldap_end_operation(ld);
         LDAP_TRACE(LDAP_TRC_API, "ldap_start_operation: unbind started\n");
         return LDAP_PARAM_ERROR;
     }
-    ++ld->ld_opcount;
-    ldap_mutex_unlock(&ld->ld_mutex, MODULE, __LINE__);
     return 0;
 }
 
@@ -446,16 +446,20 @@ void ldap_end_operation(LDAP *ld)
         LDAP_TRACE(LDAP_TRC_ERROR, "Invalid ld in ldap_start_operation\n");
         return;
     }
-    int rc = ldap_mutex_lock(&ld->ld_mutex, MODULE, __LINE__);
-    if (rc != 0) {
-        (void)ldap_fail(ld, rc); // nothing to return it to; the record tells the caller
+    // Only an unbind waits on the condition, and it sets its flag before it reads the count.
+    // The broadcast is made under the handle mutex, which the unbind holds from its look at
+    // the count until it sleeps, so the wake-up cannot fall between the two.
+    uint32_t count = __atomic_load_n(&ld->ld_opcount, __ATOMIC_RELAXED);
+    do {
+        if (count == 0)
+            return; // never below zero
+    } while (!__atomic_compare_exchange_n(&ld->ld_opcount, &count, count - 1, true,
+                                          __ATOMIC_SEQ_CST, __ATOMIC_RELAXED));
+    if (count != 1 || __atomic_load_n(&ld->ld_unbind_started, __ATOMIC_SEQ_CST) == 0)
         return;
-    }
-    if (ld->ld_opcount != 0)
-        --ld->ld_opcount;
-    // Only an unbind waits on the condition, and it sets its flag before it waits.
-    if (ld->ld_unbind_started)
-        pthread_cond_broadcast(&ld->ld_ops_ended);
+    if (ldap_mutex_lock(&ld->ld_mutex, MODULE, __LINE__) != 0)
+        return;
+    pthread_cond_broadcast(&ld->ld_ops_ended);
     ldap_mutex_unlock(&ld->ld_mutex, MODULE, __LINE__);
 }
 
@@ -489,19 +493,9 @@ BerElement *ldap_alloc_fber(LDAP *ld, int small)
     BerElement *ber = small ? fber_alloc_t(0) : fber_alloc();
     if (ber == nullptr)
         return nullptr;
-    auto *version = static_cast<int32_t *>(lber_malloc(sizeof(int32_t)));
-    auto *utf8 = static_cast<int32_t *>(lber_malloc(sizeof(int32_t)));
-    if (version == nullptr || utf8 == nullptr) {
-        lber_free(version);
-        lber_free(utf8);
-        fber_free(ber);
-        return nullptr;
-    }
-    *version = ld != nullptr ? ld->ld_version : LDAP_VERSION3;
-    *utf8 = ld != nullptr ? ld->ld_utf8_io : 0;
-    lber_free(ber->ber_version); // an element may come with words of its own
-    lber_free(ber->ber_utf8_flag);
-    ber->ber_version = version;
-    ber->ber_utf8_flag = utf8;
+    ber->ber_own_version = ld != nullptr ? ld->ld_version : LDAP_VERSION3;
+    ber->ber_own_utf8 = ld != nullptr ? ld->ld_utf8_io : 0;
+    ber->ber_version = &ber->ber_own_version;
+    ber->ber_utf8_flag = &ber->ber_own_utf8;
     return ber;
 }

@@ -152,7 +152,7 @@ struct LDAPConn {
 struct ldap {
     char ld_eyecatcher[8]; // "LDAP HDL" while alive
     int32_t ld_version;    // protocol version, option 17; ld_mutex
-    uint32_t ld_opcount;   // operations in progress; ld_mutex
+    uint32_t ld_opcount;   // operations in progress; atomic (ldap_start_operation)
     LDAPControl **ld_sctrls; // default server controls; ld_mutex
     LDAPControl **ld_cctrls; // default client controls; ld_mutex
     LDAPConn *ld_defconn;
@@ -161,7 +161,7 @@ struct ldap {
     pthread_mutex_t ld_errlock;  // the error lock: ld_errors only
     pthread_mutex_t ld_connlock; // the connection lock: connection chain
     pthread_cond_t ld_ops_ended; // broadcast by ldap_end_operation
-    int32_t ld_unbind_started;   // ld_mutex
+    int32_t ld_unbind_started;   // atomic, set once under ld_mutex (ldap_start_operation)
     int32_t ld_ssl_in_use;
     // Changed under ld_errlock; pushed at the head with a release store, so that a thread may
     // find its own record without the lock (ldap_error.cpp).

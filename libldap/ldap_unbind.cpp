@@ -24,8 +24,9 @@ int ldap_unbind(LDAP *ld)
     int rc = ldap_mutex_lock(&ld->ld_mutex, MODULE, __LINE__);
     if (rc != 0)
         return ldap_fail(ld, rc);
-    ld->ld_unbind_started = 1; // from here every ldap_start_operation gives 89
-    while (ld->ld_opcount != 0) {
+    // From here every ldap_start_operation gives 89 (both fields are atomics: see there).
+    __atomic_store_n(&ld->ld_unbind_started, 1, __ATOMIC_SEQ_CST);
+    while (__atomic_load_n(&ld->ld_opcount, __ATOMIC_SEQ_CST) != 0) {
         int err = pthread_cond_wait(&ld->ld_ops_ended, &ld->ld_mutex);
         if (err != 0) {
             // The mutex stays held: the handle is unusable, and freeing it under a thread
