@@ -23,6 +23,7 @@
 #include "libldap/ldap_search.h"
 #include "libldap/ldap_unbind.h"
 #include "libldap/ldap_update.h"
+#include "pieces.h"
 
 namespace {
 
@@ -77,12 +78,10 @@ void walk(LDAP *ld, LDAPMessage *chain)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    if (size < 2)
+    FuzzPieces in;
+    if (!in.parse(data, size))
         return 0;
-    size_t nsizes = (data[0] & 7u) + 1;
-    if (size < 1 + nsizes)
-        return 0;
-    Source source{data + 1 + nsizes, size - 1 - nsizes, data + 1, nsizes};
+    Source source{in.stream, in.left, in.sizes, in.nsizes};
 
     LDAP *ld = ldap_init("127.0.0.1:1", 0);
     if (ld == nullptr)

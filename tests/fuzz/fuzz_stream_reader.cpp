@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "liblber/lber.h"
+#include "pieces.h"
 
 namespace {
 
@@ -50,14 +51,13 @@ bool drain(Sockbuf *sb, BerElement **ber, uint32_t *progress)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    if (size < 2)
+    FuzzPieces in;
+    if (!in.parse(data, size))
         return 0;
-    size_t nsizes = (data[0] & 7u) + 1;
-    if (size < 1 + nsizes)
-        return 0;
-    const uint8_t *sizes = data + 1;
-    const uint8_t *stream = data + 1 + nsizes;
-    size_t left = size - 1 - nsizes;
+    const uint8_t *sizes = in.sizes;
+    const size_t nsizes = in.nsizes;
+    const uint8_t *stream = in.stream;
+    size_t left = in.left;
 
     int fd[2];
     if (socketpair(AF_UNIX, SOCK_STREAM, 0, fd) != 0)
