@@ -25,6 +25,7 @@ void free_one_connection(LDAPConn *lc)
 {
     lber_free(lc->host);
     lber_free(lc->resolved);
+    lber_free(lc->outbox);
     if (lc->connected && lc->sb.sb_sd >= 0)
         close(lc->sb.sb_sd);
     sockbuf_release_buffer(&lc->sb);

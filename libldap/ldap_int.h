@@ -144,6 +144,10 @@ struct LDAPConn {
     LDAP *ld;              // back pointer
     void *plugin;          // plug-in record bound to this connection
     int32_t dead;          // set once an open or a read/write failed; never cleared
+    // The unwritten tail of a request whose writer's time ran out in the middle of it: the
+    // next writer sends it first, so the stream stays in step. write_lock.
+    unsigned char *outbox;
+    long outbox_len;
     pthread_t reader;      // read_lock: the thread now reading
     int32_t stream_run;    // read_lock: entries and references read in a row
 };

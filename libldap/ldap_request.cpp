@@ -68,10 +68,27 @@ int open_if_needed(LDAP *ld, LDAPConn *lc, const LDAPDeadline &until)
     return rc == LDAP_CONNECT_ERROR ? LDAP_CONNECT_ERROR : LDAP_SERVER_DOWN;
 }
 
-// Flushes the request until all of it is written (write lock held), waiting for the socket
-// only when it would block. A request none of which went out before the deadline leaves the
-// connection as it was (85); one cut in the middle has put the stream out of step (81).
-int flush_request(LDAP *ld, LDAPConn *lc, BerElement *ber, const LDAPDeadline &until)
+// Keeps what is left of a PDU whose writer's time ran out in the middle, for the next writer.
+// Without memory for it the stream cannot be kept in step: false.
+bool keep_unwritten_tail(LDAPConn *lc, const unsigned char *from, long len)
+{
+    auto *copy = static_cast<unsigned char *>(lber_malloc(static_cast<size_t>(len)));
+    if (copy == nullptr)
+        return false;
+    std::memcpy(copy, from, static_cast<size_t>(len));
+    lc->outbox = copy;
+    lc->outbox_len = len;
+    return true;
+}
+
+// Flushes `ber` until all of it is written (write lock held), waiting for the socket only
+// when it would block. Within the deadline: 0. A PDU none of which went out: 85, and the
+// connection is as it was. A PDU cut in the middle when the time ran out: its tail waits in
+// the connection's outbox for the next writer, and the caller gets 85 as well, since the
+// stream is still in step. Only a failed write (or no memory for the tail) kills the
+// connection: 81.
+int flush_until(LDAP *ld, LDAPConn *lc, BerElement *ber, const LDAPDeadline &until,
+                bool is_tail = false)
 {
     for (;;) {
         int rc = fber_flush_nb(&lc->sb, ber);
@@ -86,11 +103,29 @@ int flush_request(LDAP *ld, LDAPConn *lc, BerElement *ber, const LDAPDeadline &u
         } else if (rc > 0) {
             continue;
         }
-        if (ready == 0 && ber->ber_rwptr == ber->ber_buf)
+        bool untouched = !is_tail && ber->ber_rwptr == ber->ber_buf;
+        if (ready == 0 &&
+            (untouched || keep_unwritten_tail(lc, ber->ber_rwptr, ber->ber_ptr - ber->ber_rwptr)))
             return ldap_fail(ld, LDAP_TIMEOUT);
         ldap_conn_mark_dead(lc);
         return ldap_fail(ld, LDAP_SERVER_DOWN);
     }
+}
+
+// Sends the tail another writer left, then the request (write lock held).
+int flush_request(LDAP *ld, LDAPConn *lc, BerElement *ber, const LDAPDeadline &until)
+{
+    if (lc->outbox != nullptr) {
+        BerElement tail = {};
+        tail.ber_buf = tail.ber_rwptr = lc->outbox;
+        tail.ber_ptr = lc->outbox + lc->outbox_len;
+        lc->outbox = nullptr;
+        int rc = flush_until(ld, lc, &tail, until, true); // what is left of it is kept again
+        lber_free(tail.ber_buf);
+        if (rc != 0)
+            return rc;
+    }
+    return flush_until(ld, lc, ber, until);
 }
 } // namespace
 

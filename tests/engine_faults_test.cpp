@@ -111,6 +111,24 @@ TEST(EngineFaults, TimedOutSearchesGiveTheirIdsBack)
     ldap_unbind(ld);
 }
 
+// A request cut short by its time-out leaves its tail to the next writer: the stream stays in
+// step and the connection usable.
+TEST(EngineFaults, RequestCutByItsTimeOutIsFinishedByTheNextWriter)
+{
+    AnsweringServer server;
+    server.hold(SEARCH);
+    server.server().pause_reading(true);
+    LDAP *ld = server.open();
+    const std::string filter = "(cn=" + std::string(16 << 20, 'a') + ")";
+    struct timeval tv = {0, 200000};
+    LDAPMessage *res = nullptr;
+    EXPECT_EQ(ldap_search_st(ld, "o=x", 2, filter.c_str(), nullptr, 0, &tv, &res), LDAP_TIMEOUT);
+    server.server().pause_reading(false);
+    EXPECT_EQ(ldap_delete_s(ld, "cn=x"), 0);
+    EXPECT_EQ(server.count(SEARCH), 1u);
+    ldap_unbind(ld);
+}
+
 // Row 0 keeps the newest 64 unsolicited messages however many the server sends.
 TEST(EngineFaults, UnsolicitedMessagesAreBounded)
 {

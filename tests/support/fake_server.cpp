@@ -343,6 +343,10 @@ void FakeServer::serve(FakeConnection *conn)
             break;
         if (fds[1].revents != 0)
             return; // stopping: the destructor closes the descriptor
+        if (paused_.load()) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            continue;
+        }
         ssize_t n = read(conn->fd_, chunk, sizeof chunk);
         if (n < 0 && (errno == EAGAIN || errno == EINTR))
             continue;

@@ -123,6 +123,8 @@ public:
     void queue_reply(Script script);
     // Off: requests are answered but not kept (for runs of very many requests).
     void keep_requests(bool on);
+    // On: nothing more is read from the clients (their writes back up) until it is off again.
+    void pause_reading(bool on) { paused_.store(on); }
 
     std::vector<ReceivedRequest> requests() const;
     size_t request_count() const;
@@ -160,6 +162,7 @@ private:
     std::thread acceptor_;
     bool stopped_ = false;
     bool keep_ = true;
+    std::atomic<bool> paused_{false};
 };
 
 } // namespace wzrtest

@@ -46,6 +46,7 @@ LDAPControl **control_list(std::initializer_list<ControlDef> defs);
 class AnsweringServer {
 public:
     AnsweringServer();
+    ~AnsweringServer() { server_.stop(); } // its handler reads the members below
     LDAP *open(); // ldap_init on the server's port; the caller unbinds
     void answer_with(unsigned request_tag, int code);
     void hold(unsigned request_tag, bool on = true); // held requests are not answered
