@@ -7,6 +7,7 @@
 #include <random>
 #include <thread>
 
+#include "libldap/ldap_abandon.h"
 #include "libldap/ldap_error.h"
 #include "libldap/ldap_init.h"
 #include "libldap/ldap_message.h"
@@ -119,6 +120,59 @@ TEST(EngineThreads, EveryThreadGetsExactlyItsOwnResponsesAndTheTableDrains)
     EXPECT_EQ(table->queue_head, nullptr);
     EXPECT_EQ(server.request_count(), static_cast<size_t>(THREADS * REQUESTS));
     EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
+// 64 threads mixing waits, time-outs and abandons on one handle: each thread gets only its
+// own responses, every late one is dropped, every id comes back, and an unbind that comes
+// while operations are in flight waits for them.
+TEST(EngineThreads, WaitsTimeOutsAndAbandonsMixedOnSixtyFourThreads)
+{
+    FakeServer server;
+    answer_shuffled(server);
+    LDAP *ld = ldap_init(server.host_port().c_str(), 0);
+    ASSERT_NE(ld, nullptr);
+    std::atomic<int> wrong{0}, received{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 64; ++t) {
+        threads.emplace_back([&, t] {
+            std::mt19937 rng(static_cast<unsigned>(t));
+            for (int i = 0; i < 150; ++i) {
+                int id = send_extended(ld);
+                LDAPMessage *res = nullptr;
+                struct timeval wait = {20, 0}, brief = {0, 1};
+                int kind = static_cast<int>(rng() % 3);
+                int type = kind == 2 ? 0 : ldap_result(ld, id, 0, kind == 0 ? &wait : &brief, &res);
+                if (type == LDAP_RES_EXTENDED) {
+                    received++;
+                    wrong += ldap_msgid(res) != id || text_of(res) != "for " + std::to_string(id);
+                    ldap_msgfree(res);
+                } else if (type != 0 || kind == 0 || ldap_abandon(ld, id) != 0) {
+                    wrong++;
+                }
+            }
+        });
+    }
+    for (std::thread &t : threads)
+        t.join();
+    EXPECT_EQ(wrong.load(), 0);
+    EXPECT_GT(received.load(), 64 * 150 / 3);
+    LDAPMsgTable *table = ld->ld_defconn->table;
+    EXPECT_EQ(free_rows(table), static_cast<int>(table->row_count));
+    server.on_request([](const ReceivedRequest &, FakeConnection &) {}); // answers no more
+    std::atomic<bool> started{false}, finished{false};
+    std::thread in_flight([&] {
+        OperationBracket op(ld); // counted before the unbind can begin
+        started = true;
+        LDAPMessage *res = nullptr;
+        struct timeval wait = {0, 300000};
+        (void)ldap_result(ld, send_extended(ld), 0, &wait, &res);
+        finished = true;
+    });
+    while (!started.load())
+        std::this_thread::yield();
+    EXPECT_EQ(ldap_unbind(ld), 0);
+    EXPECT_TRUE(finished.load());
+    in_flight.join();
 }
 
 TEST(EngineThreads, WaiterGetsItsResponseWhileAnotherThreadReads)
