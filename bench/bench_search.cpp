@@ -118,6 +118,88 @@ void BM_SubtreeWalk_OpenLDAP(benchmark::State &state)
 }
 BENCHMARK(BM_SubtreeWalk_OpenLDAP)->Unit(benchmark::kMillisecond)->MinTime(3.0);
 
+// Small searches (one bulk entry by uid, two attributes) from 1, 4 and 16 threads sharing one
+// handle, side by side with OpenLDAP's client library sharing one handle the same way:
+// searches per second (real time) and client CPU per search.
+constexpr int SMALL_SEARCH_THREADS[] = {1, 4, 16};
+char *small_attrs[] = {const_cast<char *>("cn"), const_cast<char *>("mail"), nullptr};
+void *shared_handle = nullptr;
+double small_cpu0 = 0;
+
+std::string bulk_filter(long i)
+{
+    char filter[32];
+    snprintf(filter, sizeof filter, "(uid=bulk%06ld)", i % BULK_ENTRIES);
+    return filter;
+}
+
+template <typename Open, typename Search, typename Close>
+void small_searches(benchmark::State &state, Open open, Search search, Close close)
+{
+    if (state.thread_index() == 0) {
+        shared_handle = open();
+        small_cpu0 = process_cpu_seconds();
+    }
+    std::string base = bulk_base();
+    long i = state.thread_index() * 1000;
+    for (auto _ : state) {
+        if (shared_handle == nullptr || !search(shared_handle, base, bulk_filter(i++))) {
+            state.SkipWithError("search failed");
+            break;
+        }
+    }
+    state.SetItemsProcessed(state.iterations());
+    if (state.thread_index() == 0) {
+        double searches = static_cast<double>(state.iterations()) * state.threads();
+        state.counters["cpu_us_per_search"] = (process_cpu_seconds() - small_cpu0) * 1e6 / searches;
+        close(shared_handle);
+        shared_handle = nullptr;
+    }
+}
+
+void BM_SmallSearches_Wzr(benchmark::State &state)
+{
+    auto open = [] {
+        LDAP *ld = ldap_init("127.0.0.1", slapd->port());
+        if (ld != nullptr &&
+            ldap_simple_bind_s(ld, slapd->manager_dn().c_str(), slapd->manager_pw().c_str()) != 0) {
+            ldap_unbind(ld);
+            ld = nullptr;
+        }
+        return static_cast<void *>(ld);
+    };
+    auto search = [](void *h, const std::string &base, const std::string &filter) {
+        LDAPMessage *res = nullptr;
+        int rc = ldap_search_s(static_cast<LDAP *>(h), base.c_str(), LDAP_SCOPE_SUBTREE,
+                               filter.c_str(), small_attrs, 0, &res);
+        ldap_msgfree(res);
+        return rc == 0;
+    };
+    small_searches(state, open, search, [](void *h) { ldap_unbind(static_cast<LDAP *>(h)); });
+}
+
+void BM_SmallSearches_OpenLDAP(benchmark::State &state)
+{
+    auto open = [] {
+        return peer::open_bound(slapd->uri().c_str(), slapd->manager_dn().c_str(),
+                                slapd->manager_pw().c_str());
+    };
+    auto search = [](void *h, const std::string &base, const std::string &filter) {
+        return peer::search_small(h, base.c_str(), filter.c_str(), small_attrs);
+    };
+    small_searches(state, open, search, peer::close);
+}
+
+void register_small_searches()
+{
+    for (int threads : SMALL_SEARCH_THREADS) {
+        benchmark::RegisterBenchmark("BM_SmallSearches_Wzr", BM_SmallSearches_Wzr)
+            ->Threads(threads)->Iterations(8000 / threads)->UseRealTime();
+        benchmark::RegisterBenchmark("BM_SmallSearches_OpenLDAP", BM_SmallSearches_OpenLDAP)
+            ->Threads(threads)->Iterations(8000 / threads)->UseRealTime();
+    }
+}
+
 void BM_FilterEncode(benchmark::State &state)
 {
     static const char *const filters[] = {
@@ -190,6 +272,7 @@ int main(int argc, char **argv)
     // The test support switches allocation accounting on; a production process has it off.
     lber_set_accounting(false);
     benchmark::Initialize(&argc, argv);
+    register_small_searches();
     wzrtest::SlapdFixture server;
     wzrtest::SlapdOptions opts;
     opts.bulk_entries = BULK_ENTRIES;

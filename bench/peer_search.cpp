@@ -55,6 +55,20 @@ bool search_walk(void *handle, const char *base, const char *filter, WalkTotals 
     return true;
 }
 
+bool search_small(void *handle, const char *base, const char *filter, char **attrs)
+{
+    auto *ld = static_cast<LDAP *>(handle);
+    int id = -1;
+    if (ldap_search_ext(ld, base, LDAP_SCOPE_SUBTREE, filter, attrs, 0, nullptr, nullptr, nullptr,
+                        0, &id) != LDAP_SUCCESS)
+        return false;
+    LDAPMessage *res = nullptr;
+    // This library reports the type of the chain's first message: the entry, when one came.
+    int type = ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res);
+    ldap_msgfree(res);
+    return type == LDAP_RES_SEARCH_RESULT || type == LDAP_RES_SEARCH_ENTRY;
+}
+
 void close(void *handle)
 {
     if (handle != nullptr)
