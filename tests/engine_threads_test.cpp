@@ -231,27 +231,6 @@ TEST(EngineThreads, ShortTimeOutIsKeptWhileAnotherThreadReadsWithoutLimit)
     EXPECT_EQ(ldap_unbind(ld), 0);
 }
 
-TEST(EngineThreads, UnbindWaitsForAThreadInResultWithATimeOut)
-{
-    FakeServer server;
-    LDAP *ld = ldap_init(server.host_port().c_str(), 0);
-    ASSERT_NE(ld, nullptr);
-    int id = send_extended(ld);
-    ASSERT_GT(id, 0);
-    std::atomic<int> type{-2};
-    auto start = std::chrono::steady_clock::now();
-    std::thread waiter([&] {
-        LDAPMessage *res = nullptr;
-        struct timeval wait = {0, 300000};
-        type = ldap_result(ld, id, LDAP_MSG_ONE, &wait, &res);
-    });
-    std::this_thread::sleep_for(50ms);
-    EXPECT_EQ(ldap_unbind(ld), 0); // waits for the operation in progress to end
-    EXPECT_GE(std::chrono::steady_clock::now() - start, 250ms);
-    waiter.join();
-    EXPECT_EQ(type.load(), 0);
-}
-
 TEST(EngineThreads, AnyWaitersShareTheOutstandingOperations)
 {
     FakeServer server;
