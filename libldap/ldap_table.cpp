@@ -638,8 +638,3 @@ LDAPMsgRow *ldap_msg_table_row(LDAPMsgTable *table, int msgid)
         return nullptr;
     return &row;
 }
-
-int ldap_msg_table_row_id(const LDAPMsgTable *table, const LDAPMsgRow *row)
-{
-    return row_id(static_cast<uint32_t>(row - table->rows), *row);
-}

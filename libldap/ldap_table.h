@@ -40,7 +40,5 @@ void ldap_msg_table_clear_row(LDAPMsgRow *row); // table lock held; moves the ge
 // The row `msgid` names while that id is the one the row carries (id 0: row 0), else null.
 // Table lock held.
 LDAPMsgRow *ldap_msg_table_row(LDAPMsgTable *table, int msgid);
-// The id a row in use now carries.
-int ldap_msg_table_row_id(const LDAPMsgTable *table, const LDAPMsgRow *row);
 
 #endif
