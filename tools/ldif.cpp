@@ -12,6 +12,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "../libldap/ldap_attrdesc.h"
+
 namespace wzrldif {
 
 namespace {
@@ -97,33 +99,6 @@ bool split_records(std::string_view text, std::vector<RecordLines> *records, Par
     if (!current.empty())
         records->push_back(std::move(current));
     return true;
-}
-
-bool is_letter(char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'); }
-bool is_digit(char c) { return c >= '0' && c <= '9'; }
-bool is_keychar(char c) { return is_letter(c) || is_digit(c) || c == '-'; }
-
-bool is_descriptor(std::string_view s)
-{
-    return !s.empty() && is_letter(s[0]) && std::all_of(s.begin(), s.end(), is_keychar);
-}
-
-// Two or more numbers joined by dots; a number has no leading zero.
-bool is_numeric_oid(std::string_view s)
-{
-    for (int numbers = 1;; numbers++) {
-        size_t n = 0;
-        while (n < s.size() && is_digit(s[n]))
-            n++;
-        if (n == 0 || (n > 1 && s[0] == '0'))
-            return false;
-        s.remove_prefix(n);
-        if (s.empty())
-            return numbers >= 2;
-        if (s[0] != '.')
-            return false;
-        s.remove_prefix(1);
-    }
 }
 
 std::string quoted(std::string_view text) { return '"' + escape_for_message(text) + '"'; }
@@ -460,21 +435,9 @@ bool base64_decode(std::string_view text, std::string *out)
     return true;
 }
 
-bool is_attribute_description(std::string_view name)
-{
-    size_t semi = name.find(';');
-    std::string_view type = name.substr(0, semi);
-    if (!is_descriptor(type) && !is_numeric_oid(type))
-        return false;
-    while (semi != std::string_view::npos) {
-        name.remove_prefix(semi + 1);
-        semi = name.find(';');
-        std::string_view option = name.substr(0, semi);
-        if (option.empty() || !std::all_of(option.begin(), option.end(), is_keychar))
-            return false;
-    }
-    return true;
-}
+// The library's own test of an attribute description, shared (it is header-only and knows no
+// library type) so that the tool accepts exactly the names the library would send.
+bool is_attribute_description(std::string_view name) { return wzr_attrdesc::is_attr_desc(name); }
 
 std::string escape_for_message(std::string_view bytes)
 {
