@@ -249,6 +249,7 @@ long fill_read_ahead(Sockbuf *sb, int *would_block)
         return -1;
     }
     long n = read_source(sb, sb->sb_rabuf, SB_READ_AHEAD_SIZE, would_block);
+    sb->sb_drained = *would_block != 0 || (n > 0 && n < SB_READ_AHEAD_SIZE);
     if (n > 0) {
         sb->sb_rapos = 0;
         sb->sb_raend = static_cast<int32_t>(n);

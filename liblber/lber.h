@@ -72,6 +72,9 @@ struct Sockbuf {
     unsigned char *sb_rabuf = nullptr;
     int32_t sb_rapos = 0;
     int32_t sb_raend = 0;
+    // The last read took all the socket held (it came back short, or would have blocked): a
+    // reader waiting for a fresh response waits for the socket before it reads again.
+    bool sb_drained = false;
     // A byte source that replaces the descriptor for reading, so that the fuzzers can play a
     // server's bytes without a socket (asked with a null buffer, it says whether it is ready:
     // > 0 yes, 0 a time-out). Null in every real connection.

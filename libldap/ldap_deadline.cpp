@@ -72,3 +72,10 @@ int ldap_mutex_lock_until(pthread_mutex_t *mutex, const LDAPDeadline &d, const c
     ldap_trace_lock_failure(module, line, err);
     return LDAP_LOCK_ERROR;
 }
+
+int64_t ldap_monotonic_ns()
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
+}

@@ -7,6 +7,7 @@
 
 #include <pthread.h>
 #include <sys/time.h>
+#include <cstdint>
 #include <ctime>
 
 // Not limited for a NULL time-out (and by default).
@@ -19,6 +20,8 @@ LDAPDeadline ldap_deadline_after(const struct timeval *timeout);
 bool ldap_time_left(const LDAPDeadline &d, struct timeval *left); // false (and 0) once passed
 // What is left as a time-out for a wait: NULL when not limited, else `buffer` (0 once passed).
 struct timeval *ldap_deadline_wait(const LDAPDeadline &d, struct timeval *buffer);
+// Now on the monotonic clock, in nanoseconds.
+int64_t ldap_monotonic_ns();
 // The earlier of the two.
 LDAPDeadline ldap_deadline_min(const LDAPDeadline &a, const LDAPDeadline &b);
 

@@ -102,6 +102,17 @@ inline constexpr uint32_t LDAP_TABLE_INITIAL_ROWS = 256;
 inline constexpr uint32_t LDAP_TABLE_GROWTH = 256;
 inline constexpr uint32_t LDAP_MAX_TBL_SIZE = 65536;
 
+// A thread asleep on a table until a response for its row is filed, the reading turn is
+// offered to it, or everything must look again (an abandon, a dead connection). Each thread
+// has one, made on its first wait.
+struct LDAPWaiter {
+    pthread_cond_t cv;  // waited on with the table lock, on the monotonic clock
+    int32_t msgid;      // table_lock: the id whose responses it waits for
+    int32_t woken;      // table_lock
+    LDAPWaiter *prev;   // table_lock
+    LDAPWaiter *next;   // table_lock
+};
+
 // The message table of one connection. Lock order: table_lock before queue_lock.
 struct LDAPMsgTable {
     LDAPMsgRow *rows;            // table_lock
@@ -117,10 +128,13 @@ struct LDAPMsgTable {
     int32_t last_shared_row;     // table_lock
     ldapmsg *read_state;         // the connection's read lock: a partly read PDU
     uint32_t read_progress;      // the connection's read lock: progress word of read_state
-    // The reading turn: one waiting thread at a time reads the socket; the others sleep on
-    // reader_done (with their own time-outs) until the reader has filed what it read or has
-    // given the turn up, so a response read by another thread reaches its owner at once.
-    pthread_cond_t reader_done;  // waited on with table_lock
+    // The reading turn: one waiting thread at a time reads the socket; the others sleep, each
+    // on its own wait record and with its own time-out. Filing a response wakes the thread
+    // that waits for its row and no other; a thread that leaves while nobody reads offers the
+    // turn to the oldest sleeper, so that exactly one takes it over.
+    LDAPWaiter *waiters;         // table_lock: asleep on this table, oldest first
+    LDAPWaiter *waiters_tail;    // table_lock
+    LDAPWaiter *heir;            // table_lock: offered the turn and not yet up, or null
     int32_t reader_active;       // table_lock: a thread holds the reading turn
     // Written to wake the thread that holds the reading turn out of its wait on the socket
     // when a row it may be reading for was released (an abandon from another thread); -1
@@ -150,6 +164,12 @@ struct LDAPConn {
     long outbox_len;
     pthread_t reader;      // read_lock: the thread now reading
     int32_t stream_run;    // read_lock: entries and references read in a row
+    // The server's pace while a result streams in (read_lock): when the reader last looked at
+    // it, stream_run then, the pause it took, and the smoothed time between two streamed PDUs.
+    int64_t stream_mark_ns;
+    int32_t stream_mark_run;
+    int64_t stream_last_pause_ns;
+    int64_t stream_pace_ns;
 };
 
 // The handle.

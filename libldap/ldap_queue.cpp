@@ -117,6 +117,7 @@ int put_msg_in_table(LDAPMsgTable *table, LDAPMessage *msg)
     if (id == 0)
         make_room_for_unsolicited(*row);
     append_to_row(*row, msg);
+    ldap_msg_table_wake_row(table, id);
     if (id != 0 && is_last_msg(msg)) {
         row->flags |= ROW_COMPLETE;
         if ((row->flags & ROW_RELEASE_WHEN_DONE) != 0)

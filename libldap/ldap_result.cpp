@@ -4,6 +4,7 @@
 // thread reads in its turn and files what it read through the table's queue.
 #include "ldap_result.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -156,10 +157,15 @@ ber_tag_t peek_op_tag(const BerElement *ber)
 void note_stream(LDAPConn *lc, const BerElement *ber)
 {
     ber_tag_t tag = peek_op_tag(ber);
-    if (tag == LDAP_RES_SEARCH_ENTRY || tag == LDAP_RES_SEARCH_REFERENCE)
-        ++lc->stream_run;
-    else
+    if (tag != LDAP_RES_SEARCH_ENTRY && tag != LDAP_RES_SEARCH_REFERENCE) {
         lc->stream_run = 0;
+        return;
+    }
+    if (lc->stream_run++ == 0) { // a stream starts: its pace is measured from here
+        lc->stream_mark_ns = ldap_monotonic_ns();
+        lc->stream_mark_run = 0;
+        lc->stream_last_pause_ns = 0;
+    }
 }
 
 // Reads from the connection until one PDU is complete: 1, -2 time-out (the partial PDU
@@ -292,6 +298,7 @@ int collect_row(LDAP *ld, LDAPMsgTable *table, int msgid, const LDAPDeadline &un
     *result = nullptr;
     LDAPMessage *head = nullptr;
     LDAPMessage *last = nullptr;
+    LDAPMsgTableCollecting collecting(table);
     for (;;) {
         LDAPMessage *msg = nullptr;
         int type = take(until, &msg);
@@ -485,26 +492,58 @@ int ldap_get_msg(LDAP *ld, LDAPConn *lc, const LDAPDeadline &until)
 }
 
 namespace {
-// While a long search result streams in, the server sends one entry at a time and a reader
-// that waits for each is woken once per entry; in a client that keeps up, those wake-ups are
-// most of its CPU. So once STREAM_RUN_TO_COALESCE entries came in a row, a reader that finds
-// the socket empty first pauses STREAM_COALESCE_USEC, letting several entries gather for one
-// read. Short results and single responses never pause, and neither does a wait whose
-// time-out is shorter than the pause.
+// While a long search result streams in, the server sends one entry at a time, and a reader
+// that reads whenever something is there is woken once per entry or two; in a client that
+// keeps up, those wake-ups and reads are most of its CPU. So once STREAM_RUN_TO_COALESCE
+// entries came in a row, a reader whose last read emptied the socket lets about STREAM_BATCH
+// entries gather before it reads again: it pauses for as long as the server takes to send
+// them, less the time it spent on the last batch. The pace is measured, not guessed: the
+// entries read since the last such look over the time since (the socket ran dry, so the client
+// kept up and that is the server's pace). A fast server gets short pauses, a slow one longer
+// ones, never more than STREAM_PAUSE_MAX_NS; a pause too short to pay for the sleep is not
+// taken. Short results and single responses never pause, bytes already read are never held
+// back, and a wait with less time left than the pause does not pause.
 constexpr int32_t STREAM_RUN_TO_COALESCE = 8;
-constexpr long STREAM_COALESCE_USEC = 150;
+constexpr int64_t STREAM_BATCH = 32;
+constexpr int64_t STREAM_PAUSE_MIN_NS = 20'000;
+constexpr int64_t STREAM_PAUSE_MAX_NS = 2'000'000;
 
-// Pauses when a stream runs, unless less than the pause is left of the deadline.
-bool pause_for_stream(const LDAPConn *lc, const LDAPDeadline &until)
+// Folds the entries since the last look into the pace; the pause it calls for (0: none).
+int64_t stream_pause_ns(LDAPConn *lc)
 {
-    if (lc->stream_run < STREAM_RUN_TO_COALESCE)
+    int64_t now = ldap_monotonic_ns();
+    int64_t since = now - lc->stream_mark_ns;
+    int64_t pdus = lc->stream_run - lc->stream_mark_run;
+    if (pdus > 0) {
+        int64_t sample = since / pdus;
+        lc->stream_pace_ns = lc->stream_pace_ns == 0 ? sample : (3 * lc->stream_pace_ns + sample) / 4;
+    }
+    int64_t busy = since - lc->stream_last_pause_ns; // reading and handing out the last batch
+    int64_t pause = std::min(lc->stream_pace_ns * STREAM_BATCH - busy, STREAM_PAUSE_MAX_NS);
+    if (pause < STREAM_PAUSE_MIN_NS)
+        pause = 0;
+    lc->stream_mark_ns = now;
+    lc->stream_mark_run = lc->stream_run;
+    lc->stream_last_pause_ns = pause;
+    return pause;
+}
+
+// Pauses before the next read of a running stream whose socket ran dry, unless less than the
+// pause is left of the deadline.
+bool pause_for_stream(LDAPConn *lc, const LDAPDeadline &until)
+{
+    if (lc->stream_run < STREAM_RUN_TO_COALESCE || !lc->sb.sb_drained ||
+        sockbuf_buffered(&lc->sb) != 0)
+        return false;
+    int64_t pause = stream_pause_ns(lc);
+    if (pause == 0)
         return false;
     struct timeval left;
     if (until.limited && (!ldap_time_left(until, &left) ||
-                          (left.tv_sec == 0 && left.tv_usec <= STREAM_COALESCE_USEC)))
+                          left.tv_sec * 1'000'000'000LL + left.tv_usec * 1000LL <= pause))
         return false;
-    struct timespec pause = {0, STREAM_COALESCE_USEC * 1000};
-    nanosleep(&pause, nullptr);
+    struct timespec ts = {0, static_cast<long>(pause)};
+    nanosleep(&ts, nullptr);
     return true;
 }
 } // namespace
@@ -518,17 +557,24 @@ int wait_for_message(LDAPConn *lc, BerElement *ber, uint32_t *progress, const LD
         return -1;
     }
     bool paused = false;
+    // On a quiet connection the last read emptied the socket, and the response to a request
+    // just sent (or the rest of a short result) is not there yet: a read now would only say
+    // so. Waiting first makes one read per response. A result streaming in is read after its
+    // pause instead, since its next entries are then in.
+    bool wait_first = lc->stream_run < STREAM_RUN_TO_COALESCE && lc->sb.sb_drained &&
+                      sockbuf_buffered(&lc->sb) == 0;
     for (;;) {
-        long rc = fber_get_next_nb(&lc->sb, ber, progress);
-        if (rc == -1)
-            return -1;
-        // 11 is "would block" unless the element is complete (a PDU whose tag byte is 11).
-        if (rc != BER_WOULD_BLOCK || ber_pdu_complete(ber, *progress))
-            return 1;
-        if (!paused && pause_for_stream(lc, until)) {
-            paused = true;
-            continue;
+        if (!wait_first) {
+            if (!paused)
+                paused = pause_for_stream(lc, until);
+            long rc = fber_get_next_nb(&lc->sb, ber, progress);
+            if (rc == -1)
+                return -1;
+            // 11 is "would block" unless the element is complete (a PDU whose tag byte is 11).
+            if (rc != BER_WOULD_BLOCK || ber_pdu_complete(ber, *progress))
+                return 1;
         }
+        wait_first = false;
         struct timeval buffer;
         struct timeval *wait = ldap_deadline_wait(until, &buffer);
         int ready = fber_select(&lc->sb, wait, lc->table->wake_fd);

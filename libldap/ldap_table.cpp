@@ -116,13 +116,124 @@ LDAPMsgRow *my_row(LDAPMsgTable *table, int id)
     return row != nullptr && (id == 0 || owned_by_me(*row)) ? row : nullptr;
 }
 
+// This thread's wait record, made on its first wait; null if its condition cannot be made.
+LDAPWaiter *this_thread_waiter()
+{
+    struct Holder {
+        LDAPWaiter waiter{};
+        int state = 0; // 0 not tried, 1 made, -1 failed
+        ~Holder()
+        {
+            if (state > 0)
+                pthread_cond_destroy(&waiter.cv);
+        }
+    };
+    thread_local Holder holder;
+    if (holder.state == 0) {
+        pthread_condattr_t attr;
+        pthread_condattr_init(&attr);
+        pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+        holder.state = pthread_cond_init(&holder.waiter.cv, &attr) == 0 ? 1 : -1;
+        pthread_condattr_destroy(&attr);
+    }
+    return holder.state > 0 ? &holder.waiter : nullptr;
+}
+
+void wake(LDAPWaiter *w)
+{
+    w->woken = 1;
+    pthread_cond_signal(&w->cv);
+}
+
+void link_waiter(LDAPMsgTable *table, LDAPWaiter *w)
+{
+    w->next = nullptr;
+    w->prev = table->waiters_tail;
+    if (w->prev != nullptr)
+        w->prev->next = w;
+    else
+        table->waiters = w;
+    table->waiters_tail = w;
+}
+
+void unlink_waiter(LDAPMsgTable *table, LDAPWaiter *w)
+{
+    (w->prev != nullptr ? w->prev->next : table->waiters) = w->next;
+    (w->next != nullptr ? w->next->prev : table->waiters_tail) = w->prev;
+    w->prev = w->next = nullptr;
+    if (table->heir == w)
+        table->heir = nullptr;
+}
+
+// Sleeps (table lock held, and held again on return) until this thread is woken or the
+// deadline passes. A thread whose record could not be made looks again a little later.
+void sleep_on_table(LDAPMsgTable *table, int id, const LDAPDeadline &until)
+{
+    LDAPWaiter *me = this_thread_waiter();
+    if (me == nullptr) {
+        pthread_mutex_unlock(&table->table_lock);
+        struct timespec pause = {0, 1'000'000};
+        nanosleep(&pause, nullptr);
+        pthread_mutex_lock(&table->table_lock);
+        return;
+    }
+    me->msgid = id;
+    me->woken = 0;
+    link_waiter(table, me);
+    while (me->woken == 0) {
+        int err = until.limited ? pthread_cond_timedwait(&me->cv, &table->table_lock, &until.at)
+                                : pthread_cond_wait(&me->cv, &table->table_lock);
+        if (err == ETIMEDOUT)
+            break;
+    }
+    unlink_waiter(table, me);
+}
+
+// Offers the reading turn to the oldest sleeper still waiting for its responses, unless a
+// thread reads or the turn is already on offer (table lock held).
+void offer_turn(LDAPMsgTable *table)
+{
+    if (table->reader_active || table->heir != nullptr)
+        return;
+    for (LDAPWaiter *w = table->waiters; w != nullptr; w = w->next) {
+        if (w->woken == 0) {
+            table->heir = w;
+            wake(w);
+            return;
+        }
+    }
+}
+
+// While a thread collects a whole result it comes straight back for the next message, so
+// it keeps the reading turn between its calls and offers it when it is done.
+thread_local int keep_turn_depth = 0;
+
+// Offers the turn on every way out of ldap_msg_table_get_message, unless the thread collects.
+class OfferTurnOnExit {
+public:
+    OfferTurnOnExit(LDAPMsgTable *table, const LockGuard &guard) : table_(table), guard_(guard) {}
+    ~OfferTurnOnExit()
+    {
+        if (guard_.locked() && keep_turn_depth == 0)
+            offer_turn(table_);
+    }
+    OfferTurnOnExit(const OfferTurnOnExit &) = delete;
+    OfferTurnOnExit &operator=(const OfferTurnOnExit &) = delete;
+
+private:
+    LDAPMsgTable *table_;
+    const LockGuard &guard_;
+};
+
 // One waiting thread takes the reading turn; the caller holds the table lock and gets it back.
-// The turn reads one PDU and every further one already buffered whole, files them all and
-// wakes the other waiters once. Returns what ldap_get_msg returned, or -1 (129 recorded) when
-// the lock cannot be retaken.
+// The turn reads one PDU and every further one already buffered whole and files them all,
+// which wakes their owners. A turn that ends in a failure wakes everyone, since every waiter
+// must learn of it. Returns what ldap_get_msg returned, or -1 (129 recorded) when the lock
+// cannot be retaken.
 int read_one_turn(LDAP *ld, LDAPMsgTable *table, LockGuard &guard, const LDAPDeadline &until)
 {
     table->reader_active = 1;
+    table->heir = nullptr;
     guard.unlock();
     int rc = ldap_get_msg(ld, table->owner, until);
     if (guard.relock() != 0) {
@@ -131,25 +242,38 @@ int read_one_turn(LDAP *ld, LDAPMsgTable *table, LockGuard &guard, const LDAPDea
     }
     table->reader_active = 0;
     flush_queue(table);
-    pthread_cond_broadcast(&table->reader_done);
+    if (rc != 0 && rc != 1)
+        ldap_msg_table_wake_waiters(table);
     return rc;
-}
-
-// Waits (table lock held) until the current reader files something or gives the turn up.
-// False when the deadline passed.
-bool wait_for_reader(LDAPMsgTable *table, const LDAPDeadline &d)
-{
-    if (!d.limited) {
-        pthread_cond_wait(&table->reader_done, &table->table_lock);
-        return true;
-    }
-    return pthread_cond_timedwait(&table->reader_done, &table->table_lock, &d.at) != ETIMEDOUT;
 }
 } // namespace
 
+LDAPMsgTableCollecting::LDAPMsgTableCollecting(LDAPMsgTable *table) : table_(table)
+{
+    ++keep_turn_depth;
+}
+
+LDAPMsgTableCollecting::~LDAPMsgTableCollecting()
+{
+    if (--keep_turn_depth != 0)
+        return;
+    LDAP_LOCK(guard, &table_->table_lock, MODULE);
+    if (guard.locked())
+        offer_turn(table_);
+}
+
+void ldap_msg_table_wake_row(LDAPMsgTable *table, int msgid)
+{
+    for (LDAPWaiter *w = table->waiters; w != nullptr; w = w->next)
+        if (w->msgid == msgid && w->woken == 0)
+            wake(w);
+}
+
 void ldap_msg_table_wake_waiters(LDAPMsgTable *table)
 {
-    pthread_cond_broadcast(&table->reader_done);
+    for (LDAPWaiter *w = table->waiters; w != nullptr; w = w->next)
+        if (w->woken == 0)
+            wake(w);
     if (table->reader_active && table->wake_fd >= 0) {
         uint64_t one = 1;
         ssize_t n = write(table->wake_fd, &one, sizeof one);
@@ -190,21 +314,8 @@ LDAPMsgTable *ldap_msg_table_init(unsigned count)
         pthread_mutex_destroy(&table->queue_lock);
         pthread_mutex_destroy(&table->table_lock);
     } else {
-        // Waiting readers keep their own time-outs: measure them on the monotonic clock.
-        pthread_condattr_t attr;
-        pthread_condattr_init(&attr);
-        pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
-        err = pthread_cond_init(&table->reader_done, &attr);
-        pthread_condattr_destroy(&attr);
-        if (err == 0) {
-            table->wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-            return table;
-        }
-        LDAP_TRACE(LDAP_TRC_ERROR, "ldap_msg_table_init: pthread_cond_init failed, errno %d\n",
-                   err);
-        pthread_cond_destroy(&table->released);
-        pthread_mutex_destroy(&table->queue_lock);
-        pthread_mutex_destroy(&table->table_lock);
+        table->wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        return table;
     }
     lber_free(table->rows);
     lber_free(table);
@@ -238,9 +349,6 @@ void ldap_msg_table_free(LDAPMsgTable *table)
                    "ldap_msg_table_free: pthread_mutex_destroy failed for queue lock, errno %d\n",
                    err);
     if ((err = pthread_cond_destroy(&table->released)) != 0)
-        LDAP_TRACE(LDAP_TRC_ERROR, "ldap_msg_table_free: pthread_cond_destroy failed, errno %d\n",
-                   err);
-    if ((err = pthread_cond_destroy(&table->reader_done)) != 0)
         LDAP_TRACE(LDAP_TRC_ERROR, "ldap_msg_table_free: pthread_cond_destroy failed, errno %d\n",
                    err);
     lber_free(table);
@@ -326,6 +434,7 @@ int ldap_msg_table_get_message(LDAP *ld, LDAPMsgTable *table, int *msgid,
     // The row is looked up again after every wait: an abandon from another thread releases it,
     // and the id then names no row (or a newer one).
     const bool claimed = id != 0 && owned_by_me(*at_start);
+    OfferTurnOnExit offer(table, guard);
     // Even a time-out that has run out (a poll) gets one look at the socket.
     for (bool looked = false;; looked = true) {
         flush_queue(table);
@@ -340,7 +449,7 @@ int ldap_msg_table_get_message(LDAP *ld, LDAPMsgTable *table, int *msgid,
         if (until.limited && !ldap_time_left(until, &left) && looked)
             return 0;
         if (table->reader_active) {
-            (void)wait_for_reader(table, until); // then a look at what the reader filed
+            sleep_on_table(table, id, until); // then a look at what the reader filed
             continue;
         }
         int rc = read_one_turn(ld, table, guard, until);

@@ -9,6 +9,21 @@
 // Wakes every thread waiting on the table, the one reading the socket included, so that each
 // looks at its row again (table lock held).
 void ldap_msg_table_wake_waiters(LDAPMsgTable *table);
+// Wakes the thread waiting for `msgid`'s responses, if one sleeps (table lock held).
+void ldap_msg_table_wake_row(LDAPMsgTable *table, int msgid);
+
+// Held by a thread while it collects a whole result message by message: it keeps the reading
+// turn between its calls, and offers it to a sleeper once it is done.
+class LDAPMsgTableCollecting {
+public:
+    explicit LDAPMsgTableCollecting(LDAPMsgTable *table);
+    ~LDAPMsgTableCollecting();
+    LDAPMsgTableCollecting(const LDAPMsgTableCollecting &) = delete;
+    LDAPMsgTableCollecting &operator=(const LDAPMsgTableCollecting &) = delete;
+
+private:
+    LDAPMsgTable *table_;
+};
 
 // Records `code` for the functions whose failure value is -1, and returns -1.
 int ldap_fail_minus_one(LDAP *ld, int code);
