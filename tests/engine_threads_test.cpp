@@ -136,7 +136,7 @@ TEST(EngineThreads, WaitsTimeOutsAndAbandonsMixedOnSixtyFourThreads)
     for (int t = 0; t < 64; ++t) {
         threads.emplace_back([&, t] {
             std::mt19937 rng(static_cast<unsigned>(t));
-            for (int i = 0; i < 150; ++i) {
+            for (int i = 0; i < 1563; ++i) { // 10^5 operations in all
                 int id = send_extended(ld);
                 LDAPMessage *res = nullptr;
                 struct timeval wait = {20, 0}, brief = {0, 1};
@@ -155,24 +155,75 @@ TEST(EngineThreads, WaitsTimeOutsAndAbandonsMixedOnSixtyFourThreads)
     for (std::thread &t : threads)
         t.join();
     EXPECT_EQ(wrong.load(), 0);
-    EXPECT_GT(received.load(), 64 * 150 / 3);
+    EXPECT_GT(received.load(), 64 * 1563 / 3);
     LDAPMsgTable *table = ld->ld_defconn->table;
     EXPECT_EQ(free_rows(table), static_cast<int>(table->row_count));
     server.on_request([](const ReceivedRequest &, FakeConnection &) {}); // answers no more
-    std::atomic<bool> started{false}, finished{false};
-    std::thread in_flight([&] {
-        OperationBracket op(ld); // counted before the unbind can begin
-        started = true;
-        LDAPMessage *res = nullptr;
-        struct timeval wait = {0, 300000};
-        (void)ldap_result(ld, send_extended(ld), 0, &wait, &res);
-        finished = true;
-    });
-    while (!started.load())
+    std::atomic<int> started{0}, finished{0};
+    std::vector<std::thread> in_flight;
+    for (int t = 0; t < 8; ++t) {
+        in_flight.emplace_back([&] {
+            OperationBracket op(ld); // counted before the unbind can begin
+            started++;
+            LDAPMessage *res = nullptr;
+            struct timeval wait = {0, 300000};
+            (void)ldap_result(ld, send_extended(ld), 0, &wait, &res);
+            finished++;
+        });
+    }
+    while (started.load() < 8)
         std::this_thread::yield();
     EXPECT_EQ(ldap_unbind(ld), 0);
-    EXPECT_TRUE(finished.load());
-    in_flight.join();
+    EXPECT_EQ(finished.load(), 8);
+    for (std::thread &t : in_flight)
+        t.join();
+}
+
+// While 64 threads wait, the server answers an id nobody waits for, answers one request twice
+// and an abandoned one, then sends the notice of disconnection and closes: the answered thread
+// gets its response, every other returns at once with the code of what it saw.
+TEST(EngineThreads, HostileAnswersWhileSixtyFourThreadsWaitEndEveryWait)
+{
+    FakeServer server;
+    LDAP *ld = ldap_init(server.host_port().c_str(), 0);
+    ASSERT_NE(ld, nullptr);
+    int abandoned = send_extended(ld);
+    ASSERT_EQ(ldap_abandon(ld, abandoned), 0);
+    std::vector<int> ids(64), types(64, -2), codes(64, -2);
+    std::atomic<int> sent{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 64; ++t) {
+        threads.emplace_back([&, t] {
+            ids[t] = send_extended(ld);
+            sent++;
+            LDAPMessage *res = nullptr;
+            struct timeval wait = {20, 0};
+            types[t] = ldap_result(ld, ids[t], LDAP_MSG_ONE, &wait, &res);
+            codes[t] = thread_error(ld);
+            ldap_msgfree(res);
+        });
+    }
+    while (sent.load() < 64)
+        std::this_thread::yield();
+    ASSERT_TRUE(server.wait_for_requests(66)); // the abandoned request, its abandon, 64 more
+    std::this_thread::sleep_for(100ms);        // let every thread fall asleep
+    FakeConnection *c = server.connection(0);
+    std::string reply = extended_response_pdu(ids[0], 0, "", "once");
+    c->send(extended_response_pdu(30000, 0, "", "nobody's") + reply + reply +
+            extended_response_pdu(abandoned, 0, "", "too late") +
+            notice_of_disconnection_pdu("going away"));
+    c->close();
+    for (std::thread &t : threads)
+        t.join();
+    EXPECT_EQ(types[0], LDAP_RES_EXTENDED);
+    int notices = 0;
+    for (int t = 1; t < 64; ++t) {
+        EXPECT_EQ(types[t], -1) << t;
+        EXPECT_TRUE(codes[t] == LDAP_SERVER_DOWN || codes[t] == LDAP_PROTOCOL_ERROR) << codes[t];
+        notices += codes[t] == LDAP_PROTOCOL_ERROR;
+    }
+    EXPECT_LE(notices, 1); // only the thread that read the notice reports it
+    EXPECT_EQ(ldap_unbind(ld), 0);
 }
 
 TEST(EngineThreads, WaiterGetsItsResponseWhileAnotherThreadReads)
