@@ -2,6 +2,7 @@
 // connection over its host list, the operation bracket every public call runs inside, the
 // handle validity check, and the FBER allocator that stamps requests with the handle's settings.
 #include "ldap_init.h"
+#include "ldap_inflight.h"
 
 #include <arpa/inet.h>
 #include <cstdlib>
@@ -421,17 +422,38 @@ int open_ldap_connection(LDAP *ld, LDAPConn *lc, const LDAPDeadline &until)
     return rc;
 }
 
+namespace {
+bool unbind_started(const LDAP *ld)
+{
+    return __atomic_load_n(&ld->ld_unbind_started, __ATOMIC_ACQUIRE) != 0;
+}
+
+// Gives up this thread's hold on the handle: its note, or else one count.
+void release_hold(LDAP *ld)
+{
+    if (ldap_inflight_leave(ld))
+        return;
+    uint32_t count = __atomic_load_n(&ld->ld_opcount, __ATOMIC_RELAXED);
+    do {
+        if (count == 0)
+            return; // never below zero
+    } while (!__atomic_compare_exchange_n(&ld->ld_opcount, &count, count - 1, true,
+                                          __ATOMIC_RELEASE, __ATOMIC_RELAXED));
+}
+} // namespace
+
 int ldap_start_operation(LDAP *ld)
 {
     if (ld == nullptr || memcmp(ld->ld_eyecatcher, LDAP_EYE_HANDLE, sizeof LDAP_EYE_HANDLE) != 0) {
         LDAP_TRACE(LDAP_TRC_ERROR, "Invalid ld in ldap_start_operation\n");
         return LDAP_PARAM_ERROR;
     }
-    // Every call of the API passes here, so the count is an atomic rather than a mutex pair.
-    // It goes up before the unbind flag is read, and unbind sets the flag before it reads the
-    // count (both in one total order): either this operation sees the flag and leaves, or the
-    // unbind sees the operation and waits for it.
-    __atomic_add_fetch(&ld->ld_opcount, 1, __ATOMIC_SEQ_CST);
+    // The hold is taken before the unbind flag is read, and unbind sets the flag before it
+    // looks for holds (after a barrier every thread passes, or in one total order with the
+    // count): either this operation sees the flag and leaves, or the unbind sees the hold and
+    // waits for it.
+    if (!ldap_inflight_enter(ld))
+        __atomic_add_fetch(&ld->ld_opcount, 1, __ATOMIC_SEQ_CST);
     if (__atomic_load_n(&ld->ld_unbind_started, __ATOMIC_SEQ_CST) != 0) {
         ldap_end_operation(ld);
         LDAP_TRACE(LDAP_TRC_API, "ldap_start_operation: unbind started\n");
@@ -446,21 +468,24 @@ void ldap_end_operation(LDAP *ld)
         LDAP_TRACE(LDAP_TRC_ERROR, "Invalid ld in ldap_start_operation\n");
         return;
     }
-    // Only an unbind waits on the condition, and it sets its flag before it reads the count.
-    // The broadcast is made under the handle mutex, which the unbind holds from its look at
-    // the count until it sleeps, so the wake-up cannot fall between the two.
-    uint32_t count = __atomic_load_n(&ld->ld_opcount, __ATOMIC_RELAXED);
-    do {
-        if (count == 0)
-            return; // never below zero
-    } while (!__atomic_compare_exchange_n(&ld->ld_opcount, &count, count - 1, true,
-                                          __ATOMIC_SEQ_CST, __ATOMIC_RELAXED));
-    if (count != 1 || __atomic_load_n(&ld->ld_unbind_started, __ATOMIC_SEQ_CST) == 0)
+    // Once the hold is given up an unbind may free the handle, so the flag is read first.
+    // When an unbind waits, the hold is given up under the handle mutex, which the unbind
+    // needs before it can free anything, and it is woken. One that starts just after this
+    // look finds the hold gone on its own (it looks again every millisecond).
+    if (!unbind_started(ld)) {
+        release_hold(ld);
         return;
+    }
     if (ldap_mutex_lock(&ld->ld_mutex, MODULE, __LINE__) != 0)
         return;
+    release_hold(ld);
     pthread_cond_broadcast(&ld->ld_ops_ended);
     ldap_mutex_unlock(&ld->ld_mutex, MODULE, __LINE__);
+}
+
+uint32_t ldap_operations_in_progress(const LDAP *ld)
+{
+    return __atomic_load_n(&ld->ld_opcount, __ATOMIC_ACQUIRE) + ldap_inflight_count(ld);
 }
 
 int ldap_invalid_level_from_env()

@@ -14,6 +14,8 @@ LDAPConn *ldap_lc_init(const char *host, int port, unsigned table_rows);
 
 [[nodiscard]] int ldap_start_operation(LDAP *ld); // 0, 89 or 129
 void ldap_end_operation(LDAP *ld);
+// Operations now bracketed on the handle, by every thread.
+uint32_t ldap_operations_in_progress(const LDAP *ld);
 int ldap_ld_valid(LDAP *ld); // 1 when the eyecatcher reads "LDAP HDL"
 // QRVLDAP_HANDLE_INVALID_LEVEL as a level (unset, empty or negative: 0); callers cache it.
 int ldap_invalid_level_from_env();

@@ -108,7 +108,7 @@ TEST(InitHost, NullHostIsThisMachineOnPort389)
     EXPECT_EQ(ld->ld_hoplimit, 10);
     EXPECT_EQ(ld->ld_bind_flag, 1);
     EXPECT_EQ(ld->ld_unbind_started, 0);
-    EXPECT_EQ(ld->ld_opcount, 0u);
+    EXPECT_EQ(ldap_operations_in_progress(ld), 0u);
     EXPECT_EQ(ldap_unbind(ld), 0);
 }
 
@@ -318,24 +318,24 @@ TEST(OperationBracket, CountsAndRefusals)
     EXPECT_EQ(ldap_start_operation(nullptr), LDAP_PARAM_ERROR);
     ASSERT_EQ(ldap_start_operation(ld), 0);
     ASSERT_EQ(ldap_start_operation(ld), 0);
-    EXPECT_EQ(ld->ld_opcount, 2u);
+    EXPECT_EQ(ldap_operations_in_progress(ld), 2u);
     ldap_end_operation(ld);
     {
         OperationBracket op(ld);
         ASSERT_EQ(op.rc(), 0);
-        EXPECT_EQ(ld->ld_opcount, 2u);
+        EXPECT_EQ(ldap_operations_in_progress(ld), 2u);
     }
-    EXPECT_EQ(ld->ld_opcount, 1u);
+    EXPECT_EQ(ldap_operations_in_progress(ld), 1u);
     ldap_end_operation(ld);
     ldap_end_operation(ld); // never below zero
-    EXPECT_EQ(ld->ld_opcount, 0u);
+    EXPECT_EQ(ldap_operations_in_progress(ld), 0u);
 
     ld->ld_unbind_started = 1;
     {
         OperationBracket op(ld);
         EXPECT_EQ(op.rc(), LDAP_PARAM_ERROR);
     }
-    EXPECT_EQ(ld->ld_opcount, 0u) << "a refused bracket ends nothing";
+    EXPECT_EQ(ldap_operations_in_progress(ld), 0u) << "a refused bracket ends nothing";
     ld->ld_unbind_started = 0;
     EXPECT_EQ(ldap_unbind(ld), 0);
 }

@@ -73,7 +73,7 @@ TEST_F(Messages, FreshRecordIsAliveAndFreedRecordIsRefused)
     EXPECT_EQ(ldap_msgfree(&dead), 0);
     EXPECT_TRUE(trace.contains("INVALID: ldap_msgfree invalid parm: "));
     EXPECT_EQ(ldap_next_message(ld_, &dead), nullptr);
-    EXPECT_EQ(ld_->ld_opcount, 0u); // the walker ended its operation even so
+    EXPECT_EQ(ldap_operations_in_progress(ld_), 0u); // the walker ended its operation even so
     EXPECT_EQ(ldap_msgfree(nullptr), 0);
 }
 
