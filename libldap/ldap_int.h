@@ -176,7 +176,7 @@ struct LDAPConn {
 struct ldap {
     char ld_eyecatcher[8]; // "LDAP HDL" while alive
     int32_t ld_version;    // protocol version, option 17; ld_mutex
-    uint32_t ld_opcount;   // operations in progress; atomic (ldap_start_operation)
+    uint32_t ld_opcount;   // operations in progress not noted per thread; atomic (ldap_start_operation)
     LDAPControl **ld_sctrls; // default server controls; ld_mutex
     LDAPControl **ld_cctrls; // default client controls; ld_mutex
     LDAPConn *ld_defconn;

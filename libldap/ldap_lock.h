@@ -4,6 +4,7 @@
 //   table lock -> queue lock                      (draining the queue into rows)
 //   syscall mutex -> trace mutex                  (only to trace the syscall mutex's own failure)
 //   write lock -> handle mutex                    (a connection being opened reads option 70)
+//   handle mutex -> in-flight registry lock       (an unbind looks for operations in progress)
 // Each of these is taken alone, with no other library lock held:
 //   handle mutex (except as above), error lock, connection lock, conn_mutex, read lock, write lock,
 //   resolver lock, the four process-wide mutexes, the trace mutex.
