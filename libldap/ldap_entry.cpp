@@ -137,6 +137,8 @@ bool same_type(const char *name, size_t len, const char *type, size_t type_len)
 {
     if (len != type_len && !(len > type_len && name[type_len] == '\0'))
         return false;
+    if (memcmp(name, type, type_len) == 0)
+        return true; // the usual case: the caller asks by the name it was handed
     for (size_t i = type_len; i-- > 0;) {
         if (ascii_fold(static_cast<unsigned char>(name[i])) !=
             ascii_fold(static_cast<unsigned char>(type[i])))

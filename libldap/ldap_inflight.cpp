@@ -56,11 +56,9 @@ struct UnlinkAtExit {
     }
 };
 
-// This thread's notes, linked into the registry on first use; null when that cannot be done.
-Notes *my_notes()
+// Links this thread's notes into the registry; null when that cannot be done.
+Notes *link_my_notes()
 {
-    if (my.linked)
-        return &my;
     thread_local UnlinkAtExit unlinker;
     if (pthread_once(&setup_once, set_up) != 0 || !barrier_ready || unlinker.armed ||
         pthread_mutex_lock(&registry_lock) != 0)
@@ -75,6 +73,8 @@ Notes *my_notes()
     pthread_mutex_unlock(&registry_lock);
     return &my;
 }
+// This thread's notes, linked on first use.
+inline Notes *my_notes() { return my.linked ? &my : link_my_notes(); }
 } // namespace
 
 bool ldap_inflight_enter(ldap *ld)
