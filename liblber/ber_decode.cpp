@@ -6,10 +6,10 @@
 #include <cstdint>
 #include <cstring>
 
-#include "../libldap/ldap_charset.h"
 #include "../trace/ldap_trace.h"
 #include "ber_int.h"
 #include "ber_memory.h"
+#include "ber_xlate.h"
 #include "lber.h"
 
 namespace {
@@ -172,7 +172,7 @@ int copy_value(const unsigned char *p, ber_len_t len, bool xlate, char **out, be
     if (xlate && len != 0) {
         char *conv;
         size_t conv_len;
-        if (ldap_xlate_utf8_to_local(reinterpret_cast<const char *>(p), len, &conv, &conv_len) != 0)
+        if (ber_xlate_from_wire(reinterpret_cast<const char *>(p), len, &conv, &conv_len) != 0)
             return -1;
         if (conv != nullptr) {
             *out = conv;
@@ -243,7 +243,7 @@ ber_tag_t get_stringb(BerElement *ber, bool fber, bool xlate, char *buf, ber_len
     const char *value = reinterpret_cast<const char *>(ber->ber_ptr);
     char *conv = nullptr;
     size_t conv_len = vlen;
-    if (xlate && vlen != 0 && ldap_xlate_utf8_to_local(value, vlen, &conv, &conv_len) != 0) {
+    if (xlate && vlen != 0 && ber_xlate_from_wire(value, vlen, &conv, &conv_len) != 0) {
         ber->ber_ptr = start;
         return LBER_ERROR;
     }
@@ -372,7 +372,7 @@ bool read_block_value(BerElement *ber, bool xlate, BlockValue *v)
     size_t conv_len;
     if (!xlate || len == 0)
         return true;
-    if (ldap_xlate_utf8_to_local(v->data, len, &v->conv, &conv_len) != 0)
+    if (ber_xlate_from_wire(v->data, len, &v->conv, &conv_len) != 0)
         return false;
     if (v->conv != nullptr)
         *v = {v->conv, conv_len, v->conv};

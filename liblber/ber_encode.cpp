@@ -7,10 +7,10 @@
 #include <cstdint>
 #include <cstring>
 
-#include "../libldap/ldap_charset.h"
 #include "../trace/ldap_trace.h"
 #include "ber_int.h"
 #include "ber_memory.h"
+#include "ber_xlate.h"
 #include "lber.h"
 
 namespace {
@@ -226,7 +226,7 @@ long put_string(Encoder &e, uint64_t tag, const char *s, size_t len)
     char *conv = nullptr;
     size_t conv_len = 0;
     if (e.xlate && len != 0) {
-        if (ldap_xlate_local_to_utf8(s, len, &conv, &conv_len) != 0)
+        if (ber_xlate_to_wire(s, len, &conv, &conv_len) != 0)
             return -1;
         if (conv != nullptr) {
             s = conv;

@@ -1,12 +1,44 @@
-// The string-translation decision of the BER printf and scanf calls: the once-per-process legacy
-// switch and the element's own protocol-version and UTF-8 words.
-#include "ber_int.h"
+// The string-translation decision of the BER printf and scanf calls (the once-per-process legacy
+// switch and the element's own protocol-version and UTF-8 words) and the translator that the
+// code-page layer installs for the codec.
+#include "ber_xlate.h"
 
 #include <sched.h>
 
-#include "../libldap/ldap_charset.h"
 #include "../trace/ldap_env.h"
 #include "../trace/ldap_trace.h"
+#include "ber_int.h"
+
+namespace {
+std::atomic<const BerTranslator *> installed{nullptr};
+}
+
+void ber_set_translator(const BerTranslator *translator)
+{
+    installed.store(translator, std::memory_order_release);
+}
+
+int ber_xlate_to_wire(const char *in, size_t inlen, char **out, size_t *outlen)
+{
+    const BerTranslator *t = installed.load(std::memory_order_acquire);
+    *out = nullptr;
+    *outlen = inlen;
+    return t != nullptr ? t->to_wire(in, inlen, out, outlen) : 0;
+}
+
+int ber_xlate_from_wire(const char *in, size_t inlen, char **out, size_t *outlen)
+{
+    const BerTranslator *t = installed.load(std::memory_order_acquire);
+    *out = nullptr;
+    *outlen = inlen;
+    return t != nullptr ? t->from_wire(in, inlen, out, outlen) : 0;
+}
+
+bool ber_xlate_passthrough()
+{
+    const BerTranslator *t = installed.load(std::memory_order_acquire);
+    return t == nullptr || t->passthrough();
+}
 
 LegacyXlateMode ber_encoder_legacy;
 LegacyXlateMode ber_decoder_legacy;
@@ -36,7 +68,7 @@ bool ber_xlate_wanted(const BerElement *ber, LegacyXlateMode &legacy)
         return false;
     if (ber->ber_version == nullptr || *ber->ber_version < 3)
         return false;
-    return !ldap_xlate_is_passthrough();
+    return !ber_xlate_passthrough();
 }
 
 void ber_xlate_reset_for_tests()

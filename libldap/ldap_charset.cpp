@@ -1,6 +1,8 @@
-// Conversion of strings between the local code page and UTF-8, on the C library's iconv. The
-// local code page ("LDAP_CODEPAGE", else the current locale's codeset) is settled once; UTF-8
-// and plain ASCII locales pass bytes through without any conversion call.
+// Conversion of strings between the local code page and UTF-8, on the C library's iconv, and
+// the translator handed to the BER codec. The local code page is settled once: "LDAP_USE_UNICODE"
+// starting with y or Y says the application's strings are UTF-8 already; else "LDAP_CODEPAGE"
+// names the code page, else "NLX_CODESET" unless it says "OS", else the locale's codeset. UTF-8
+// and plain ASCII pass bytes through without any conversion call.
 #include "ldap_charset.h"
 
 #include <atomic>
@@ -12,9 +14,11 @@
 #include <strings.h>
 
 #include "../liblber/ber_memory.h"
+#include "../liblber/ber_xlate.h"
 #include "../trace/ldap_env.h"
 #include "../trace/ldap_trace.h"
 #include "ldap_lock.h"
+#include "wzrldap.h"
 
 namespace {
 
@@ -65,17 +69,37 @@ void close_descriptors(iconv_t &a, iconv_t &b)
     a = b = NO_ICONV;
 }
 
+bool wants_unicode()
+{
+    char v[8];
+    return ldap_getenv_buf("LDAP_USE_UNICODE", v, sizeof v) > 0 && (v[0] == 'y' || v[0] == 'Y');
+}
+
+// The local code set and the setting it came from.
+const char *chosen_codeset(char *name, size_t size, const char **from)
+{
+    if (wants_unicode()) {
+        *from = "LDAP_USE_UNICODE";
+        return "UTF-8";
+    }
+    *from = "LDAP_CODEPAGE";
+    if (ldap_getenv_buf("LDAP_CODEPAGE", name, size) > 0)
+        return name;
+    *from = "NLX_CODESET";
+    if (ldap_getenv_buf("NLX_CODESET", name, size) > 0 && strcasecmp(name, "OS") != 0)
+        return name;
+    *from = "locale";
+    const char *cs = nl_langinfo(CODESET);
+    return cs != nullptr && *cs != '\0' ? cs : "ANSI_X3.4-1968";
+}
+
 // Reads the settings and opens the descriptors outside the lock (environment reads and traces
 // take locks of their own); the first thread to finish installs its result.
 int settle()
 {
     char name[64];
-    const char *cs = ldap_getenv_buf("LDAP_CODEPAGE", name, sizeof name) > 0 ? name : nullptr;
-    const char *from = cs != nullptr ? "LDAP_CODEPAGE" : "locale";
-    if (cs == nullptr)
-        cs = nl_langinfo(CODESET);
-    if (cs == nullptr || *cs == '\0')
-        cs = "ANSI_X3.4-1968";
+    const char *from = nullptr;
+    const char *cs = chosen_codeset(name, sizeof name, &from);
 
     int want = PASS_THROUGH;
     iconv_t to = NO_ICONV;
@@ -116,16 +140,25 @@ inline int current_mode()
     return m != UNSETTLED ? m : settle();
 }
 
+// iconv says EILSEQ both for bytes that are no character and for a character the target lacks;
+// from UTF-8, valid input means the second.
+int refused_code(bool towards_utf8, const char *in, size_t inlen)
+{
+    return !towards_utf8 && ldap_utf8_valid(in, inlen) ? LDAP_XLATE_NO_MAPPING
+                                                        : LDAP_XLATE_BAD_CHARACTER;
+}
+
 // Runs the whole input through `cd` (reset first, flushed last) into a buffer that grows on
 // demand. Called with the charset lock held.
-int run_iconv(iconv_t cd, const char *in, size_t inlen, char **out, size_t *outlen)
+int run_iconv(iconv_t cd, bool towards_utf8, const char *in, size_t inlen, char **out,
+              size_t *outlen)
 {
     if (inlen > (SIZE_MAX - 16) / 2)
-        return -1;
+        return LDAP_NO_MEMORY;
     size_t cap = inlen + inlen / 2 + 16;
     auto *buf = static_cast<char *>(lber_malloc(cap + 1));
     if (buf == nullptr)
-        return -1;
+        return LDAP_NO_MEMORY;
     iconv(cd, nullptr, nullptr, nullptr, nullptr);
     char *src = const_cast<char *>(in);
     size_t left = inlen;
@@ -144,15 +177,15 @@ int run_iconv(iconv_t cd, const char *in, size_t inlen, char **out, size_t *outl
             flushing = true;
             continue;
         }
-        if (err != E2BIG || cap > SIZE_MAX / 4) { // EILSEQ, EINVAL: not convertible
+        if (err != E2BIG || cap > SIZE_MAX / 4) {
             lber_free(buf);
-            return -1;
+            return err == EINVAL ? LDAP_XLATE_INPUT_TRUNCATED : refused_code(towards_utf8, in, inlen);
         }
         cap *= 2;
         auto *bigger = static_cast<char *>(lber_realloc(buf, cap + 1));
         if (bigger == nullptr) {
             lber_free(buf);
-            return -1;
+            return LDAP_NO_MEMORY;
         }
         buf = bigger;
     }
@@ -169,15 +202,15 @@ int convert(bool towards_utf8, const char *in, size_t inlen, char **out, size_t 
     if (inlen == 0 || current_mode() != CONVERT)
         return 0;
     if (in == nullptr)
-        return -1;
+        return LDAP_PARAM_ERROR;
     ldap_lock_charset();
     iconv_t cd = towards_utf8 ? to_utf8 : from_utf8;
-    int rc = cd == NO_ICONV ? 0 : run_iconv(cd, in, inlen, out, outlen);
+    int rc = cd == NO_ICONV ? 0 : run_iconv(cd, towards_utf8, in, inlen, out, outlen);
     ldap_unlock_charset();
     if (rc != 0)
-        LDAP_TRACE(LDAP_TRC_ERROR, "%s: cannot convert a value of %lu bytes\n",
+        LDAP_TRACE(LDAP_TRC_ERROR, "%s: cannot convert a value of %lu bytes, rc=%d\n",
                    towards_utf8 ? "ldap_xlate_local_to_utf8" : "ldap_xlate_utf8_to_local",
-                   static_cast<unsigned long>(inlen));
+                   static_cast<unsigned long>(inlen), rc);
     return rc;
 }
 
@@ -194,6 +227,33 @@ int ldap_xlate_utf8_to_local(const char *in, size_t inlen, char **out, size_t *o
 }
 
 bool ldap_xlate_is_passthrough() { return current_mode() == PASS_THROUGH; }
+
+const BerTranslator *ldap_charset_translator()
+{
+    static const BerTranslator translator{ldap_xlate_local_to_utf8, ldap_xlate_utf8_to_local,
+                                          ldap_xlate_is_passthrough};
+    return &translator;
+}
+
+bool ldap_utf8_valid(const char *s, size_t len)
+{
+    const auto *p = reinterpret_cast<const unsigned char *>(s);
+    for (size_t i = 0; i < len;) {
+        unsigned char c = p[i];
+        size_t follow = c < 0x80                ? 0
+                        : c >= 0xC2 && c < 0xE0 ? 1
+                        : (c & 0xF0) == 0xE0    ? 2
+                        : c >= 0xF0 && c < 0xF5 ? 3
+                                                : SIZE_MAX;
+        if (follow == SIZE_MAX || follow >= len - i)
+            return false;
+        for (size_t k = 1; k <= follow; ++k)
+            if ((p[i + k] & 0xC0) != 0x80)
+                return false;
+        i += follow + 1;
+    }
+    return true;
+}
 
 void ldap_charset_reset_for_tests()
 {

@@ -6,13 +6,21 @@
 
 #include <cstddef>
 
+struct BerTranslator;
+
 // 0 on success (with *out null for pass-through, else an allocated, NUL-terminated copy and
-// its length in *outlen); -1 when a byte sequence cannot be converted or memory runs out.
+// its length in *outlen); else LDAP_XLATE_INPUT_TRUNCATED (a multi-byte character cut off at
+// the end), LDAP_XLATE_BAD_CHARACTER (bytes that are no character of the source code set),
+// LDAP_XLATE_NO_MAPPING (a valid character the target code set lacks) or LDAP_NO_MEMORY.
 [[nodiscard]] int ldap_xlate_local_to_utf8(const char *in, size_t inlen, char **out,
                                            size_t *outlen);
 [[nodiscard]] int ldap_xlate_utf8_to_local(const char *in, size_t inlen, char **out,
                                            size_t *outlen);
 bool ldap_xlate_is_passthrough();
+// Whether `len` bytes are well-formed UTF-8 (lead and continuation bytes, no cut-off character).
+bool ldap_utf8_valid(const char *s, size_t len);
+// The translator the BER codec uses for strings on the wire (installed by ldap_alloc_fber).
+const BerTranslator *ldap_charset_translator();
 void ldap_charset_reset_for_tests(); // forget the cached code page (LDAP_CODEPAGE re-read)
 
 #endif

@@ -9,7 +9,9 @@
 #include <cstring>
 #include <unistd.h>
 
+#include "../liblber/ber_xlate.h"
 #include "../trace/ldap_env.h"
+#include "ldap_charset.h"
 #include "ldap_connect.h"
 #include "ldap_error.h"
 #include "ldap_free.h"
@@ -515,6 +517,9 @@ int ldap_ld_valid(LDAP *ld)
 
 BerElement *ldap_alloc_fber(LDAP *ld, int small)
 {
+    // Elements made here are the only ones that carry a protocol version, so the codec needs
+    // the code-page translator from the first of them on.
+    ber_set_translator(ldap_charset_translator());
     BerElement *ber = small ? fber_alloc_t(0) : fber_alloc();
     if (ber == nullptr)
         return nullptr;

@@ -10,6 +10,7 @@
 
 #include "liblber/ber_int.h"
 #include "liblber/ber_memory.h"
+#include "liblber/ber_xlate.h"
 #include "liblber/lber.h"
 #include "libldap/ldap_charset.h"
 #include "support/test_util.h"
@@ -93,6 +94,7 @@ protected:
     {
         legacy_.emplace("LDAP_LEGACY_UTF8_XLATE_MODE", std::nullopt);
         ber_xlate_reset_for_tests();
+        ber_set_translator(ldap_charset_translator()); // as the handle's first element does
     }
     void TearDown() override
     {
@@ -118,16 +120,22 @@ TEST_F(Charset, Latin1RoundTripsThroughUtf8)
     EXPECT_EQ(xlate(false, twice), many);
 }
 
-TEST_F(Charset, SequencesThatCannotBeConvertedFail)
+TEST_F(Charset, EachUnconvertibleSequenceFailsWithItsOwnCode)
 {
     use("ISO-8859-1");
-    int rc = 0;
-    xlate(false, "a\xC3\x28", &rc); // not UTF-8
-    EXPECT_EQ(rc, -1);
-    xlate(false, "\xE2\x82\xAC", &rc); // the euro sign has no Latin-1 byte
-    EXPECT_EQ(rc, -1);
-    xlate(false, "ab\xC3", &rc); // cut inside a character
-    EXPECT_EQ(rc, -1);
+    const struct {
+        const char *in;
+        int rc;
+    } cases[] = {
+        {"a\xC3\x28", LDAP_XLATE_BAD_CHARACTER},  // not UTF-8
+        {"\xE2\x82\xAC", LDAP_XLATE_NO_MAPPING}, // the euro sign has no Latin-1 byte
+        {"ab\xC3", LDAP_XLATE_INPUT_TRUNCATED},   // cut inside a character
+    };
+    for (const auto &c : cases) {
+        int rc = 0;
+        xlate(false, c.in, &rc);
+        EXPECT_EQ(rc, c.rc) << c.in;
+    }
 }
 
 TEST_F(Charset, Utf8AndTheCLocalePassThroughWithoutCopies)
