@@ -15,6 +15,7 @@
 #include "ldap_connect.h"
 #include "ldap_error.h"
 #include "ldap_free.h"
+#include "ldap_locate.h"
 #include "ldap_lock.h"
 #include "ldap_options.h"
 #include "ldap_table.h"
@@ -63,6 +64,11 @@ bool names_url(const char *host)
     return strstr(lower, "ldap://") != nullptr || strstr(lower, "ldaps://") != nullptr;
 }
 
+bool names_secure_url(const char *host)
+{
+    return strcasestr(host, "ldaps://") != nullptr;
+}
+
 // The host list named by an LDAP URL, and its port when the URL gives one.
 char *host_from_url(const char *url, int *port)
 {
@@ -80,10 +86,9 @@ char *host_from_url(const char *url, int *port)
     } else {
         if (lud->lud_dn != nullptr)
             LDAP_TRACE(LDAP_TRC_API, "ldap_init: Found DN (%s) in URL\n", lud->lud_dn);
-        // Finding servers through DNS for a URL without a host is not available in this
-        // library; such a URL cannot make a handle.
-        LDAP_TRACE(LDAP_TRC_ERROR,
-                   "ldap_init: no host in URL and DNS-based server location is not available\n");
+        int rc = ldap_locate_servers(lud->lud_dn, names_secure_url(url), &host);
+        if (rc != 0)
+            LDAP_TRACE(LDAP_TRC_ERROR, "ldap_init: no LDAP server found through DNS, rc=%d\n", rc);
     }
     ldap_free_urldesc(lud);
     return host;

@@ -5,7 +5,7 @@
 set -euo pipefail
 
 pkgs=(g++ cmake ninja-build pkg-config binutils perl libgtest-dev libgmock-dev
-      libbenchmark-dev libldap-dev ldap-utils slapd)
+      libbenchmark-dev libldap-dev ldap-utils slapd iproute2 util-linux)
 if [ "${1:-}" = --ci ]; then
     pkgs+=(clang libclang-rt-14-dev)
 fi
