@@ -142,6 +142,17 @@ int plain_reserve(BerElement *ber, int nosos, size_t need)
     return plain_grow(ber, need);
 }
 
+} // namespace
+
+int ber_realloc(BerElement *ber, ber_len_t len)
+{
+    if (ber == nullptr)
+        return -1;
+    return ber_is_fber(ber) ? fber_grow(ber, len) : plain_grow(ber, len);
+}
+
+namespace {
+
 /* ---- headers ---- */
 
 // Tag and length of an element with `len` content bytes into `hdr`; 0 when the length cannot be

@@ -387,6 +387,25 @@ long read_towards(Sockbuf *sb, BerElement *ber, uint32_t *progress)
         return BER_WOULD_BLOCK;
     return n > 0 ? KEEP_READING : stream_ended(ber, *progress, n);
 }
+// The PDU reader of both kinds of element: feeds the parser from the read-ahead and reads on
+// until the PDU is complete or the source would block.
+long read_pdu(Sockbuf *sb, BerElement *ber, uint32_t *progress)
+{
+    for (;;) {
+        long buffered = sockbuf_buffered(sb);
+        if (buffered > 0) {
+            size_t used = 0;
+            long rc = ber_pdu_feed(ber, progress, sb->sb_rabuf + sb->sb_rapos,
+                                   static_cast<size_t>(buffered), &used);
+            sb->sb_rapos += static_cast<int32_t>(used);
+            if (rc != BER_WOULD_BLOCK || ber_pdu_complete(ber, *progress))
+                return rc;
+        }
+        long rc = read_towards(sb, ber, progress);
+        if (rc != KEEP_READING)
+            return rc;
+    }
+}
 } // namespace
 
 bool ber_pdu_complete(const BerElement *ber, uint32_t progress)
@@ -409,19 +428,39 @@ long fber_get_next_nb(Sockbuf *sb, BerElement *ber, uint32_t *progress)
     }
     if (closing(sb))
         return -1;
+    return read_pdu(sb, ber, progress);
+}
+
+ber_tag_t ber_get_next(Sockbuf *sb, ber_len_t *len, BerElement *ber)
+{
+    if (sb == nullptr || ber == nullptr || len == nullptr || closing(sb))
+        return LBER_DEFAULT;
+    uint32_t progress = 0;
     for (;;) {
-        long buffered = sockbuf_buffered(sb);
-        if (buffered > 0) {
-            size_t used = 0;
-            long rc = ber_pdu_feed(ber, progress, sb->sb_rabuf + sb->sb_rapos,
-                                   static_cast<size_t>(buffered), &used);
-            sb->sb_rapos += static_cast<int32_t>(used);
-            if (rc != BER_WOULD_BLOCK || ber_pdu_complete(ber, *progress))
-                return rc;
+        long rc = read_pdu(sb, ber, &progress);
+        if (rc == BER_WOULD_BLOCK && !ber_pdu_complete(ber, progress)) {
+            if (fber_select(sb, nullptr) >= 0)
+                continue;
+            rc = -1;
         }
-        long rc = read_towards(sb, ber, progress);
-        if (rc != KEEP_READING)
-            return rc;
+        if (rc < 0)
+            return LBER_DEFAULT;
+        *len = ber->ber_len;
+        return static_cast<ber_tag_t>(rc);
+    }
+}
+
+long ber_socket_read(Sockbuf *sb, void *buf, long len)
+{
+    if (sb == nullptr || buf == nullptr || closing(sb))
+        return -1;
+    for (;;) {
+        int would_block = 0;
+        long n = read_buffered(sb, buf, len, &would_block);
+        if (!would_block)
+            return n;
+        if (fber_select(sb, nullptr) < 0)
+            return -1;
     }
 }
 

@@ -200,7 +200,7 @@ long ber_pdu_feed(BerElement *ber, uint32_t *progress, const unsigned char *byte
                   size_t *used)
 {
     *used = 0;
-    if (ber == nullptr || progress == nullptr || !ber_is_fber(ber))
+    if (ber == nullptr || progress == nullptr)
         return -1;
     Bytes in{bytes, len};
     long rc = 0;

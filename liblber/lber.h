@@ -125,6 +125,9 @@ int fber_printf_raw(BerElement *ber, const char *fmt, ...);
 int ber_printf(BerElement *ber, const char *fmt, ...);
 int ber_printf_xlate(BerElement *ber, const char *fmt, ...);
 long ber_write(BerElement *ber, const char *buf, ber_len_t len, int nosos);
+// Makes room for at least `len` more bytes at the write position of either kind of element
+// (every pointer into the buffer moves with it): 0, or -1 when memory runs out.
+int ber_realloc(BerElement *ber, ber_len_t len);
 long fber_write(BerElement *ber, const char *buf, ber_len_t len);
 
 /* ---- decoder (ber_decode.cpp) ---- */
@@ -163,6 +166,12 @@ ber_tag_t ber_scanf_w(BerElement *ber, const char *fmt, ...);
 long fber_socket_read_nb(Sockbuf *sb, void *buf, long len, int *would_block);
 int FBerReadDirect_nb(Sockbuf *sb, unsigned char *buf, long len, long *remaining);
 long fber_get_next_nb(Sockbuf *sb, BerElement *ber, uint32_t *progress);
+// The blocking readers of either kind of element, on the same framing rules and limits as
+// fber_get_next_nb: ber_get_next waits until one whole PDU has arrived and returns its tag
+// with *len its contents length (LBER_DEFAULT on error or end of stream; the element must be
+// fresh); ber_socket_read waits for at least one byte: the count, 0 at the end, -1.
+ber_tag_t ber_get_next(Sockbuf *sb, ber_len_t *len, BerElement *ber);
+long ber_socket_read(Sockbuf *sb, void *buf, long len);
 // Whether a reader's result of 11 means a complete PDU whose tag is 11 rather than "would block".
 bool ber_pdu_complete(const BerElement *ber, uint32_t progress);
 

@@ -358,3 +358,31 @@ LDAPConn *ldap_find_conn(LDAP *ld, const char *host, int port, int create, int *
         *rc = ldap_fail(ld, code);
     return found;
 }
+
+int can_bind_to_port(int port)
+{
+    if (port < 0 || port > 65535)
+        return 0;
+    int sd = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    bool v6 = sd >= 0;
+    if (!v6)
+        sd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (sd < 0)
+        return 0;
+    int rc;
+    if (v6) { // the wildcard address of both families: a port taken on either is not free
+        sockaddr_in6 a{};
+        a.sin6_family = AF_INET6;
+        a.sin6_port = htons(static_cast<uint16_t>(port));
+        int off = 0;
+        setsockopt(sd, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
+        rc = bind(sd, reinterpret_cast<sockaddr *>(&a), sizeof a);
+    } else {
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_port = htons(static_cast<uint16_t>(port));
+        rc = bind(sd, reinterpret_cast<sockaddr *>(&a), sizeof a);
+    }
+    close(sd);
+    return rc == 0 ? 1 : 0;
+}

@@ -30,5 +30,8 @@ int get_socket_flags_sd(int sd);    // the file status flags, 0 on failure
 // code recorded in the handle.
 LDAPConn *ldap_find_conn(LDAP *ld, const char *host, int port, int create, int *rc, int scope);
 LDAPConn *get_default_connection(LDAP *ld);
+// 1 when a TCP socket can be bound to `port` (host order) on the wildcard address of both
+// families, else 0.
+int can_bind_to_port(int port);
 
 #endif

@@ -1024,3 +1024,42 @@ TEST(StreamDump, OnlyBindRequestsHaveTheirCredentialsStarred)
 }
 
 } // namespace
+
+TEST(BlockingReader, PlainElementWaitsForTheWholePduThenTheEndOfStream)
+{
+    SocketPair p;
+    Bytes pdu = long_form_pdu(100000, 'q');
+    std::thread peer([&] {
+        for (size_t at : {size_t{0}, size_t{3}, size_t{70000}}) { // header cut inside its length
+            size_t end = at == 0 ? 3 : at == 3 ? 70000 : pdu.size();
+            ASSERT_EQ(write(p.fd[1], pdu.data() + at, end - at), ssize_t(end - at));
+            usleep(20000);
+        }
+        p.peer_write(Bytes{0x02, 0x01, 0x07, 0x04});
+        p.close_peer();
+    });
+    BerElement *ber = ber_alloc_t(0);
+    ber_len_t len = 0;
+    EXPECT_EQ(ber_get_next(&p.sb, &len, ber), 0x30u);
+    EXPECT_EQ(len, 100000u);
+    EXPECT_EQ(ber->ber_end - ber->ber_ptr, 100000);
+    EXPECT_EQ(ber->ber_ptr[99999], 'q');
+    unsigned char rest[8];
+    EXPECT_EQ(ber_socket_read(&p.sb, rest, sizeof rest), 4);
+    EXPECT_EQ(ber_socket_read(&p.sb, rest, sizeof rest), 0);
+    peer.join();
+    ber_free(ber, 1);
+}
+
+TEST(BlockingReader, ReallocLeavesRoomAtTheWritePositionOfEitherKind)
+{
+    for (BerElement *ber : {ber_alloc_t(0), fber_alloc_t(16)}) {
+        ASSERT_GE(ber_printf(ber, "{s", "keep"), 0);
+        long at = ber->ber_ptr - ber->ber_buf;
+        ASSERT_EQ(ber_realloc(ber, 50000), 0);
+        EXPECT_GE(ber->ber_end - ber->ber_ptr, 50000);
+        EXPECT_EQ(ber->ber_ptr - ber->ber_buf, at);
+        ASSERT_GE(ber_printf(ber, "}"), 0);
+        ber_free(ber, 1);
+    }
+}
