@@ -10,6 +10,7 @@
 #include "ldap_init.h"
 #include "ldap_lock.h"
 #include "ldap_message.h"
+#include "ldap_nls.h"
 
 namespace {
 constexpr const char *MODULE = "libldap/ldap_error";
@@ -237,12 +238,33 @@ int ldap_read_error_record(LDAP *ld, int *code, int *ext, char **matched, char *
 
 namespace {
 bool is_empty(const char *s) { return s == nullptr || *s == '\0'; }
+
+// One line of ldap_perror in the catalogue's wording (its arguments may come in another order).
+void perror_line(int which, const char *prefix, const char *value)
+{
+    const char *args[] = {prefix, value};
+    const char *fmt =
+        ldap_nls_text(LDAP_NLS_SET_PERROR, which + 1, LDAP_NLS_PERROR_LINES[which]);
+    char small[512];
+    size_t n = ldap_nls_format(small, sizeof small, fmt, 2, args);
+    char *line = n < sizeof small ? small : static_cast<char *>(lber_malloc(n + 1));
+    if (line == nullptr)
+        return;
+    if (line != small)
+        (void)ldap_nls_format(line, n + 1, fmt, 2, args);
+    fputs(line, stderr);
+    if (line != small)
+        lber_free(line);
+}
 } // namespace
 
 const char *ldap_err2string(int code)
 {
     LDAP_TRACE(LDAP_TRC_API, "ldap_err2string: err(%d)\n", code);
-    return lookup_text(RESULT_TEXTS, code);
+    const char *builtin = lookup_text(RESULT_TEXTS, code);
+    // A code without a row reads as code 80 does in the catalogue too.
+    int number = (builtin == UNKNOWN_TEXT ? LDAP_OTHER : code) + 1;
+    return ldap_nls_text(LDAP_NLS_SET_RESULTS, number, builtin);
 }
 
 const char *ldap_pwdpolicy_err2string(int code)
@@ -377,11 +399,11 @@ void ldap_perror(LDAP *ld, const char *prefix)
     char *matched = nullptr;
     char *errmsg = nullptr;
     int code = ldap_get_lderrno_direct(ld, &matched, &errmsg);
-    fprintf(stderr, "%s: %s\n", prefix, ldap_err2string(code));
+    perror_line(0, prefix, ldap_err2string(code));
     if (!is_empty(matched))
-        fprintf(stderr, "%s: matched: %s\n", prefix, matched);
+        perror_line(1, prefix, matched);
     if (!is_empty(errmsg))
-        fprintf(stderr, "%s: additional info: %s\n", prefix, errmsg);
+        perror_line(2, prefix, errmsg);
     lber_free(matched);
     lber_free(errmsg);
     fflush(stderr);

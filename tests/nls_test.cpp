@@ -1,0 +1,86 @@
+// Message catalogues chosen by the locale variables, the English one built from the library's
+// own tables, and the formatter with positional arguments.
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+
+#include "libldap/ldap_error.h"
+#include "libldap/ldap_nls.h"
+#include "support/test_util.h"
+
+namespace {
+
+using Env = std::optional<std::string>;
+
+class Nls : public ::testing::Test {
+protected:
+    // Chooses again with these settings (NLSPATH points at the build's catalogues).
+    void use(Env lc_all, Env lang)
+    {
+        lc_all_.emplace("LC_ALL", lc_all);
+        lang_.emplace("LANG", lang);
+        ldap_nls_reset_for_tests();
+    }
+    void TearDown() override
+    {
+        lc_all_.reset();
+        lang_.reset();
+        ldap_nls_reset_for_tests();
+    }
+    wzrtest::ScopedEnv path_{"NLSPATH", "/nonexistent/%N:" WZR_NLS_DIR "/%l/%N.cat"};
+    wzrtest::ScopedEnv messages_{"LC_MESSAGES", std::nullopt};
+    std::optional<wzrtest::ScopedEnv> lc_all_, lang_;
+};
+
+TEST_F(Nls, LocaleVariablesChooseTheCatalogueAndMissingTextsFallBack)
+{
+    const struct {
+        Env lc_all, lang;
+        int code;
+        const char *text;
+    } cases[] = {
+        {std::nullopt, "de_DE.UTF-8", LDAP_SERVER_DOWN, "Keine Verbindung zum LDAP-Server"},
+        {std::nullopt, "de_DE.UTF-8", 15, "Unbekannter Fehler"},           // no row: as 80
+        {std::nullopt, "de_DE.UTF-8", LDAP_LOCK_ERROR, "Could not obtain lock"}, // untranslated
+        {"C", "de_DE.UTF-8", LDAP_SERVER_DOWN, "Can't contact LDAP server"},    // LC_ALL first
+        {std::nullopt, "xx_YY", LDAP_SERVER_DOWN, "Can't contact LDAP server"}, // none installed
+    };
+    for (const auto &c : cases) {
+        use(c.lc_all, c.lang);
+        EXPECT_STREQ(ldap_err2string(c.code), c.text) << c.lang.value_or("");
+    }
+}
+
+TEST_F(Nls, EnglishCatalogueHoldsEveryBuiltInText)
+{
+    std::string builtin[256];
+    use("C", std::nullopt);
+    for (int code = 0; code < 256; ++code)
+        builtin[code] = ldap_err2string(code);
+    use(std::nullopt, "en_GB.UTF-8");
+    ASSERT_NE(ldap_nls_text(LDAP_NLS_SET_PERROR, 1, nullptr), nullptr) << "no English catalogue";
+    for (int code = 0; code < 256; ++code)
+        EXPECT_EQ(ldap_err2string(code), builtin[code]) << code;
+}
+
+TEST(NlsFormat, PositionalArgumentsMayComeInAnyOrder)
+{
+    const char *args[] = {"one", "two"};
+    const struct {
+        const char *fmt, *out;
+    } cases[] = {
+        {"%2$s (%1$s)", "two (one)"},
+        {"%s: %s 100%%", "one: two 100%"},
+        {"[%3$s]%d", "[]%d"},
+    };
+    char buf[64];
+    for (const auto &c : cases) {
+        EXPECT_EQ(ldap_nls_format(buf, sizeof buf, c.fmt, 2, args), strlen(c.out));
+        EXPECT_STREQ(buf, c.out);
+    }
+    EXPECT_EQ(ldap_nls_format(buf, 5, "%1$s-%2$s", 2, args), 7u); // cut, the length still told
+    EXPECT_STREQ(buf, "one-");
+}
+
+} // namespace
