@@ -2,7 +2,8 @@
 // the translator handed to the BER codec. The local code page is settled once: "LDAP_USE_UNICODE"
 // starting with y or Y says the application's strings are UTF-8 already; else "LDAP_CODEPAGE"
 // names the code page, else "NLX_CODESET" unless it says "OS", else the locale's codeset. UTF-8
-// and plain ASCII pass bytes through without any conversion call.
+// and plain ASCII pass bytes through without any conversion call. "LDAP_BACKSLASH" YES keeps
+// byte 0x5C a backslash on the wire in code pages that read it as another sign.
 #include "ldap_charset.h"
 
 #include <atomic>
@@ -30,6 +31,10 @@ std::atomic<int> mode{UNSETTLED};
 // Guarded by the charset lock: iconv descriptors carry shift state and are not reentrant.
 iconv_t to_utf8 = NO_ICONV;
 iconv_t from_utf8 = NO_ICONV;
+// With "LDAP_BACKSLASH" YES, what the local code page makes of byte 0x5C (the yen sign of the
+// Japanese code pages) goes on the wire as a backslash, so DN and filter escapes survive.
+// Empty when the setting is off or the code page keeps 0x5C a backslash. Set with the mode.
+char backslash_as[8] = "";
 
 // "UTF-8", "utf8", ... compare equal once case and dashes are ignored.
 bool same_codeset(const char *a, const char *b)
@@ -93,6 +98,40 @@ const char *chosen_codeset(char *name, size_t size, const char **from)
     return cs != nullptr && *cs != '\0' ? cs : "ANSI_X3.4-1968";
 }
 
+bool backslash_wanted()
+{
+    char v[8];
+    return ldap_getenv_buf("LDAP_BACKSLASH", v, sizeof v) > 0 && strcasecmp(v, "YES") == 0;
+}
+
+// The UTF-8 form of local byte 0x5C when it is not a backslash; left empty otherwise.
+void remapped_backslash(iconv_t to, char *out)
+{
+    char in[] = "\\";
+    char *src = in;
+    size_t left = 1;
+    char *dst = out;
+    size_t room = sizeof backslash_as - 1;
+    iconv(to, nullptr, nullptr, nullptr, nullptr);
+    if (iconv(to, &src, &left, &dst, &room) == static_cast<size_t>(-1) || dst - out == 1)
+        dst = out;
+    *dst = '\0';
+}
+
+// Turns every occurrence of backslash_as in the converted text back into a backslash.
+void restore_backslashes(char *text, size_t *len)
+{
+    size_t n = strlen(backslash_as);
+    size_t w = 0;
+    for (size_t r = 0; r < *len;) {
+        bool hit = r + n <= *len && memcmp(text + r, backslash_as, n) == 0;
+        text[w++] = hit ? '\\' : text[r];
+        r += hit ? n : 1;
+    }
+    text[w] = '\0';
+    *len = w;
+}
+
 // Reads the settings and opens the descriptors outside the lock (environment reads and traces
 // take locks of their own); the first thread to finish installs its result.
 int settle()
@@ -119,12 +158,16 @@ int settle()
     }
     LDAP_TRACE(LDAP_TRC_CODEPAGE, "ldap_charset_init: local code page %s (from %s)%s\n", cs, from,
                want == PASS_THROUGH ? ", strings pass unchanged" : "");
+    char backslash[sizeof backslash_as] = "";
+    if (want == CONVERT && backslash_wanted())
+        remapped_backslash(to, backslash);
 
     ldap_lock_charset();
     int now = mode.load();
     if (now == UNSETTLED) {
         to_utf8 = to;
         from_utf8 = back;
+        memcpy(backslash_as, backslash, sizeof backslash_as);
         mode.store(want, std::memory_order_release);
         now = want;
     } else {
@@ -206,6 +249,9 @@ int convert(bool towards_utf8, const char *in, size_t inlen, char **out, size_t 
     ldap_lock_charset();
     iconv_t cd = towards_utf8 ? to_utf8 : from_utf8;
     int rc = cd == NO_ICONV ? 0 : run_iconv(cd, towards_utf8, in, inlen, out, outlen);
+    if (rc == 0 && *out != nullptr && towards_utf8 && backslash_as[0] != '\0' &&
+        memchr(in, '\\', inlen) != nullptr)
+        restore_backslashes(*out, outlen);
     ldap_unlock_charset();
     if (rc != 0)
         LDAP_TRACE(LDAP_TRC_ERROR, "%s: cannot convert a value of %lu bytes, rc=%d\n",
@@ -259,6 +305,7 @@ void ldap_charset_reset_for_tests()
 {
     ldap_lock_charset();
     close_descriptors(to_utf8, from_utf8);
+    backslash_as[0] = '\0';
     mode.store(UNSETTLED);
     ldap_unlock_charset();
 }

@@ -120,6 +120,28 @@ TEST_F(Charset, Latin1RoundTripsThroughUtf8)
     EXPECT_EQ(xlate(false, twice), many);
 }
 
+TEST_F(Charset, SwitchesChooseTheCodePageAndTheMeaningOfByte5C)
+{
+    const std::string sjis = "a\\b\x95\x5C"; // a, 0x5C, b and a kanji whose second byte is 0x5C
+    const struct {
+        const char *var, *value;
+        std::string expect;
+    } cases[] = {
+        {"LDAP_BACKSLASH", nullptr, "a\xC2\xA5" "b\xE8\xA1\xA8"}, // the code page's yen sign
+        {"LDAP_BACKSLASH", "yes", "a\\b\xE8\xA1\xA8"},
+        {"LDAP_USE_UNICODE", "Y", sjis}, // the application speaks UTF-8: nothing converted
+    };
+    for (const auto &c : cases) {
+        wzrtest::ScopedEnv env(c.var, c.value != nullptr ? std::optional<std::string>(c.value)
+                                                         : std::nullopt);
+        use("SHIFT_JIS");
+        EXPECT_EQ(xlate(true, sjis), c.expect) << c.var;
+    }
+    wzrtest::ScopedEnv nlx("NLX_CODESET", "ISO-8859-1"); // used when LDAP_CODEPAGE is unset
+    use(nullptr);
+    EXPECT_EQ(xlate(true, LATIN1), UTF8);
+}
+
 TEST_F(Charset, EachUnconvertibleSequenceFailsWithItsOwnCode)
 {
     use("ISO-8859-1");
