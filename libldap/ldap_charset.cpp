@@ -301,6 +301,96 @@ bool ldap_utf8_valid(const char *s, size_t len)
     return true;
 }
 
+namespace {
+
+// UTF-8 (already checked well-formed) to UCS-2BE.
+int utf8_to_ucs2(const unsigned char *p, size_t len, char *out, size_t size, size_t *outlen)
+{
+    size_t used = 0;
+    for (size_t i = 0; i < len;) {
+        unsigned c = p[i];
+        size_t follow = c < 0x80 ? 0 : c < 0xE0 ? 1 : c < 0xF0 ? 2 : 3;
+        unsigned cp = follow == 0 ? c : c & (0x3F >> follow);
+        for (size_t k = 1; k <= follow; ++k)
+            cp = cp << 6 | (p[i + k] & 0x3F);
+        if (cp > 0xFFFF)
+            return LDAP_XLATE_NO_MAPPING;
+        if (size - used < 2)
+            return LDAP_XLATE_OUTPUT_OVERFLOW;
+        out[used++] = static_cast<char>(cp >> 8);
+        out[used++] = static_cast<char>(cp & 0xFF);
+        i += follow + 1;
+    }
+    *outlen = used;
+    return 0;
+}
+
+// UCS-2BE to UTF-8 into `out` (three bytes a character at most).
+int ucs2_to_utf8(const unsigned char *p, size_t len, char *out, size_t *outlen)
+{
+    if (len % 2 != 0)
+        return LDAP_XLATE_INPUT_TRUNCATED;
+    size_t used = 0;
+    for (size_t i = 0; i < len; i += 2) {
+        unsigned cp = p[i] << 8 | p[i + 1];
+        if (cp >= 0xD800 && cp <= 0xDFFF)
+            return LDAP_XLATE_BAD_CHARACTER;
+        if (cp >= 0x800) {
+            out[used++] = static_cast<char>(0xE0 | cp >> 12);
+            out[used++] = static_cast<char>(0x80 | (cp >> 6 & 0x3F));
+        } else if (cp >= 0x80) {
+            out[used++] = static_cast<char>(0xC0 | cp >> 6);
+        }
+        out[used++] = static_cast<char>(cp < 0x80 ? cp : 0x80 | (cp & 0x3F));
+    }
+    *outlen = used;
+    return 0;
+}
+
+// The result of a conversion that may have handed out a copy (or said: use the input as is).
+const char *converted(const char *in, const char *copy) { return copy != nullptr ? copy : in; }
+
+} // namespace
+
+int ldap_xlate_local_to_ucs2(const char *in, size_t inlen, char *out, size_t size,
+                             size_t *outlen)
+{
+    char *utf8 = nullptr;
+    size_t n = 0;
+    int rc = ldap_xlate_local_to_utf8(in, inlen, &utf8, &n);
+    if (rc == 0) {
+        const char *text = converted(in, utf8);
+        rc = ldap_utf8_valid(text, n)
+                 ? utf8_to_ucs2(reinterpret_cast<const unsigned char *>(text), n, out, size, outlen)
+                 : LDAP_XLATE_BAD_CHARACTER;
+    }
+    lber_free(utf8);
+    return rc;
+}
+
+int ldap_xlate_ucs2_to_local(const char *in, size_t inlen, char *out, size_t size,
+                             size_t *outlen)
+{
+    auto *utf8 = static_cast<char *>(lber_malloc(inlen / 2 * 3 + 1));
+    if (utf8 == nullptr)
+        return LDAP_NO_MEMORY;
+    size_t n = 0;
+    char *local = nullptr;
+    size_t local_len = 0;
+    int rc = ucs2_to_utf8(reinterpret_cast<const unsigned char *>(in), inlen, utf8, &n);
+    if (rc == 0)
+        rc = ldap_xlate_utf8_to_local(utf8, n, &local, &local_len);
+    if (rc == 0 && local_len > size)
+        rc = LDAP_XLATE_OUTPUT_OVERFLOW;
+    if (rc == 0) {
+        memcpy(out, converted(utf8, local), local_len);
+        *outlen = local_len;
+    }
+    lber_free(local);
+    lber_free(utf8);
+    return rc;
+}
+
 void ldap_charset_reset_for_tests()
 {
     ldap_lock_charset();

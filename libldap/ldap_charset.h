@@ -17,6 +17,16 @@ struct BerTranslator;
 [[nodiscard]] int ldap_xlate_utf8_to_local(const char *in, size_t inlen, char **out,
                                            size_t *outlen);
 bool ldap_xlate_is_passthrough();
+
+// The local code page to and from UCS-2 (big-endian, two bytes a character: the BMP only), into
+// a caller's buffer of `size` bytes: 0 with *outlen set (the result is not NUL-terminated), or
+// LDAP_XLATE_OUTPUT_OVERFLOW when it does not fit, LDAP_XLATE_NO_MAPPING for a character
+// outside the BMP or missing from the local code page, LDAP_XLATE_INPUT_TRUNCATED for an odd
+// byte count, LDAP_XLATE_BAD_CHARACTER for a lone surrogate or bytes that are no character.
+[[nodiscard]] int ldap_xlate_local_to_ucs2(const char *in, size_t inlen, char *out, size_t size,
+                                           size_t *outlen);
+[[nodiscard]] int ldap_xlate_ucs2_to_local(const char *in, size_t inlen, char *out, size_t size,
+                                           size_t *outlen);
 // Whether `len` bytes are well-formed UTF-8 (lead and continuation bytes, no cut-off character).
 bool ldap_utf8_valid(const char *s, size_t len);
 // The translator the BER codec uses for strings on the wire (installed by ldap_alloc_fber).

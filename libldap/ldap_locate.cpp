@@ -297,6 +297,36 @@ int locate_in_domain(res_state st, const char *domain, int secure, char **hosts)
     return rc;
 }
 
+// Within one priority, each place goes to a record drawn with a chance proportional to its
+// weight. Records of weight 0 share one extra chance among them (the small chance RFC 2782
+// gives them): one of them is put first, and a draw of 0 picks it. Without such records the
+// draw starts at 1, so the first record gets no more than its weight's share.
+void order_by_weight(LDAPDnsRecord *r, unsigned b, unsigned e)
+{
+    for (unsigned pos = b; pos + 1 < e; ++pos) {
+        uint32_t sum = 0;
+        bool zero = false;
+        for (unsigned j = pos; j < e; ++j) {
+            sum += r[j].weight;
+            if (r[j].weight == 0 && !zero) {
+                std::swap(r[pos], r[j]);
+                zero = true;
+            }
+        }
+        if (sum == 0)
+            return; // only weight 0 left: the order they came in
+        uint32_t pick = zero ? next_random() % (sum + 1) : 1 + next_random() % sum;
+        uint32_t run = 0;
+        for (unsigned j = pos; j < e; ++j) {
+            run += r[j].weight;
+            if (run >= pick) {
+                std::swap(r[pos], r[j]);
+                break;
+            }
+        }
+    }
+}
+
 } // namespace
 
 bool ldap_locate_domain_from_dn(const char *dn, char *domain, size_t size)
@@ -333,26 +363,10 @@ void ldap_locate_order_srv(LDAPDnsRecord *r, unsigned n)
     std::stable_sort(r, r + n, [](const LDAPDnsRecord &a, const LDAPDnsRecord &b) {
         return a.priority < b.priority;
     });
-    for (unsigned b = 0; b < n;) {
-        unsigned e = b;
-        while (e < n && r[e].priority == r[b].priority)
+    for (unsigned b = 0, e; b < n; b = e) {
+        for (e = b; e < n && r[e].priority == r[b].priority;)
             ++e;
-        std::stable_partition(r + b, r + e, [](const LDAPDnsRecord &x) { return x.weight == 0; });
-        for (unsigned pos = b; pos + 1 < e; ++pos) {
-            uint32_t sum = 0;
-            for (unsigned j = pos; j < e; ++j)
-                sum += r[j].weight;
-            uint32_t pick = next_random() % (sum + 1);
-            uint32_t run = 0;
-            for (unsigned j = pos; j < e; ++j) {
-                run += r[j].weight;
-                if (run >= pick) {
-                    std::swap(r[pos], r[j]);
-                    break;
-                }
-            }
-        }
-        b = e;
+        order_by_weight(r, b, e);
     }
 }
 

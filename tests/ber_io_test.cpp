@@ -1029,13 +1029,12 @@ TEST(BlockingReader, PlainElementWaitsForTheWholePduThenTheEndOfStream)
 {
     SocketPair p;
     Bytes pdu = long_form_pdu(100000, 'q');
+    pdu.insert(pdu.end(), {0x02, 0x01, 0x07, 0x04}); // what the next read gets
     std::thread peer([&] {
-        for (size_t at : {size_t{0}, size_t{3}, size_t{70000}}) { // header cut inside its length
-            size_t end = at == 0 ? 3 : at == 3 ? 70000 : pdu.size();
-            ASSERT_EQ(write(p.fd[1], pdu.data() + at, end - at), ssize_t(end - at));
-            usleep(20000);
+        for (size_t from = 0, to = 3; from < pdu.size(); from = to, to = pdu.size()) {
+            usleep(20000); // the header arrives cut inside its length, the rest later
+            ASSERT_EQ(write(p.fd[1], pdu.data() + from, to - from), ssize_t(to - from));
         }
-        p.peer_write(Bytes{0x02, 0x01, 0x07, 0x04});
         p.close_peer();
     });
     BerElement *ber = ber_alloc_t(0);
@@ -1059,7 +1058,7 @@ TEST(BlockingReader, ReallocLeavesRoomAtTheWritePositionOfEitherKind)
         ASSERT_EQ(ber_realloc(ber, 50000), 0);
         EXPECT_GE(ber->ber_end - ber->ber_ptr, 50000);
         EXPECT_EQ(ber->ber_ptr - ber->ber_buf, at);
-        ASSERT_GE(ber_printf(ber, "}"), 0);
+        EXPECT_GE(ber_printf(ber, "}"), 0); // the open sequence moved with the buffer
         ber_free(ber, 1);
     }
 }

@@ -142,22 +142,31 @@ TEST_F(Charset, SwitchesChooseTheCodePageAndTheMeaningOfByte5C)
     EXPECT_EQ(xlate(true, LATIN1), UTF8);
 }
 
-TEST_F(Charset, EachUnconvertibleSequenceFailsWithItsOwnCode)
+TEST_F(Charset, Ucs2GoesIntoTheCallersBufferAndEachFailureHasItsCode)
 {
     use("ISO-8859-1");
-    const struct {
-        const char *in;
-        int rc;
-    } cases[] = {
-        {"a\xC3\x28", LDAP_XLATE_BAD_CHARACTER},  // not UTF-8
-        {"\xE2\x82\xAC", LDAP_XLATE_NO_MAPPING}, // the euro sign has no Latin-1 byte
-        {"ab\xC3", LDAP_XLATE_INPUT_TRUNCATED},   // cut inside a character
-    };
-    for (const auto &c : cases) {
-        int rc = 0;
-        xlate(false, c.in, &rc);
-        EXPECT_EQ(rc, c.rc) << c.in;
-    }
+    char out[16], back[16];
+    size_t n = 0;
+    ASSERT_EQ(ldap_xlate_local_to_ucs2(LATIN1.data(), LATIN1.size(), out, sizeof out, &n), 0);
+    EXPECT_EQ(std::string(out, n), std::string("\0J\0\xFC\0r\0g\0e\0n", 12));
+    ASSERT_EQ(ldap_xlate_ucs2_to_local(out, n, back, sizeof back, &n), 0);
+    EXPECT_EQ(std::string(back, n), LATIN1);
+    EXPECT_EQ(ldap_xlate_local_to_ucs2(LATIN1.data(), 6, out, 11, &n), LDAP_XLATE_OUTPUT_OVERFLOW);
+    EXPECT_EQ(ldap_xlate_ucs2_to_local("\0J\0", 3, back, 16, &n), LDAP_XLATE_INPUT_TRUNCATED);
+    EXPECT_EQ(ldap_xlate_ucs2_to_local("\xD8\0", 2, back, 16, &n), LDAP_XLATE_BAD_CHARACTER);
+    EXPECT_EQ(ldap_xlate_ucs2_to_local("\x20\xAC", 2, back, 16, &n), LDAP_XLATE_NO_MAPPING);
+}
+
+TEST_F(Charset, SequencesThatCannotBeConvertedFail)
+{
+    use("ISO-8859-1");
+    int rc = 0;
+    xlate(false, "a\xC3\x28", &rc); // not UTF-8
+    EXPECT_EQ(rc, LDAP_XLATE_BAD_CHARACTER);
+    xlate(false, "\xE2\x82\xAC", &rc); // the euro sign has no Latin-1 byte
+    EXPECT_EQ(rc, LDAP_XLATE_NO_MAPPING);
+    xlate(false, "ab\xC3", &rc); // cut inside a character
+    EXPECT_EQ(rc, LDAP_XLATE_INPUT_TRUNCATED);
 }
 
 TEST_F(Charset, Utf8AndTheCLocalePassThroughWithoutCopies)

@@ -1,8 +1,8 @@
-// Server location through DNS, end to end against the test responder (this program runs in
-// private namespaces, see tests/support/dns_sandbox.sh), and the DNS answer parser on hostile
-// bytes.
+// Server location end to end against the test DNS responder (in private namespaces, see
+// tests/support/dns_sandbox.sh), and the DNS answer parser on hostile bytes.
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <sys/stat.h>
 
 #include "liblber/ber_memory.h"
@@ -15,24 +15,20 @@
 
 namespace {
 
-using wzrtest::DnsResponder;
-
 class Locate : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(dns.ok()) << "needs port 53 of a private namespace"; }
-    // The host list found, or "rc=N".
-    std::string find(const char *dn, int secure = 0)
+    std::string find(const char *dn, int secure = 0) // the host list, or "rc=N"
     {
         char *hosts = nullptr;
         int rc = ldap_locate_servers(dn, secure, &hosts);
-        std::string out = rc == 0 ? hosts : "rc=" + std::to_string(rc);
-        lber_free(hosts);
-        return out;
+        std::unique_ptr<char, void (*)(void *)> hold(hosts, lber_free);
+        return rc == 0 ? hosts : "rc=" + std::to_string(rc);
     }
     wzrtest::TempDir cache;
     wzrtest::ScopedEnv cache_env{"XDG_CACHE_HOME", cache.path()};
     wzrtest::ScopedEnv local{"LOCALDOMAIN", std::nullopt};
-    DnsResponder dns;
+    wzrtest::DnsResponder dns;
 };
 
 TEST_F(Locate, UrlWithoutHostReachesSlapdThroughItsSrvRecord)
@@ -43,9 +39,8 @@ TEST_F(Locate, UrlWithoutHostReachesSlapdThroughItsSrvRecord)
     LDAP *ld = wzr_ldap_init("ldap:///dc=example,dc=com", 0);
     ASSERT_NE(ld, nullptr);
     LDAPMessage *res = nullptr;
-    timeval tv{10, 0};
     EXPECT_EQ(wzr_ldap_search_st(ld, "dc=example,dc=com", LDAP_SCOPE_BASE, "(objectClass=*)",
-                                 nullptr, 0, &tv, &res), LDAP_SUCCESS);
+                                 nullptr, 0, nullptr, &res), LDAP_SUCCESS);
     EXPECT_EQ(wzr_ldap_count_entries(ld, res), 1);
     wzr_ldap_msgfree(res);
     wzr_ldap_unbind(ld);
@@ -54,20 +49,17 @@ TEST_F(Locate, UrlWithoutHostReachesSlapdThroughItsSrvRecord)
 TEST_F(Locate, SrvRecordsComeByPriorityThenWeightedAtRandom)
 {
     const std::string srv = "_ldap._tcp.spread.example";
-    dns.srv(srv, 20, 100, 389, "last.spread.example", 0); // TTL 0: never cached
-    dns.srv(srv, 10, 1, 389, "light.spread.example", 0);
-    dns.srv(srv, 10, 3, 389, "heavy.spread.example", 0);
-    dns.srv(srv, 5, 0, 1389, "first.spread.example", 0);
+    dns.srv(srv, 20, 100, 389, "last", 0); // TTL 0: never cached, so every lookup asks
+    dns.srv(srv, 10, 1, 389, "light", 0);
+    dns.srv(srv, 10, 3, 389, "heavy", 0);
+    dns.srv(srv, 5, 0, 1389, "first", 0);
     const int runs = 400;
     int heavy_first = 0;
     for (int i = 0; i < runs; ++i) {
         std::string h = find("DC=spread,dc=example");
-        bool heavy = h.find("heavy") < h.find("light");
-        heavy_first += heavy;
-        ASSERT_EQ(h, heavy ? "first.spread.example:1389 heavy.spread.example:389 "
-                             "light.spread.example:389 last.spread.example:389"
-                           : "first.spread.example:1389 light.spread.example:389 "
-                             "heavy.spread.example:389 last.spread.example:389");
+        heavy_first += h == "first:1389 heavy:389 light:389 last:389";
+        ASSERT_TRUE(h == "first:1389 heavy:389 light:389 last:389" ||
+                    h == "first:1389 light:389 heavy:389 last:389") << h;
     }
     EXPECT_EQ(dns.questions(), runs);
     EXPECT_GT(heavy_first, runs * 6 / 10); // weight 3 against 1: three times in four
@@ -84,8 +76,6 @@ TEST_F(Locate, EachKindOfAnswerGivesItsHostListOrCode)
     dns.srv("_ldap._tcp.dead.example", 0, 0, 0, "zero.dead.example");
     dns.srv("_ldap._tcp.cut.example", 0, 0, 389, "ds.cut.example");
     dns.truncate("_ldap._tcp.cut.example");
-    dns.raw("_ldap._tcp.bad.example", 1, std::string("\xC0\x0C\x00\x21", 4));
-    dns.raw("_ldap._tcp.loop.example", 1, std::string("\xC0\x30\x00\x21", 4)); // points ahead
     dns.srv("_ldap._tcp.corp.example", 0, 0, 389, "ds.corp.example");
     dns.srv("_ldaps._tcp.local.example", 0, 0, 636, "ds.local.example");
     const struct {
@@ -99,16 +89,13 @@ TEST_F(Locate, EachKindOfAnswerGivesItsHostListOrCode)
         {"dc=dead,dc=example", nullptr, 0, "rc=94"},
         {"dc=nowhere,dc=example", nullptr, 0, "rc=94"},
         {"dc=cut,dc=example", nullptr, 0, "rc=134"},
-        {"dc=bad,dc=example", nullptr, 0, "rc=135"},
-        {"dc=loop,dc=example", nullptr, 0, "rc=135"},
         {"o=no domain", nullptr, 0, "ds.corp.example:389"}, // the resolver's search entry
         {nullptr, "local.example other.example", 1, "ds.local.example:636"},
         {"o=no domain", "-bad", 0, "rc=136"},
     };
     for (const auto &c : cases) {
-        wzrtest::ScopedEnv env("LOCALDOMAIN", c.localdomain != nullptr
-                                                  ? std::optional<std::string>(c.localdomain)
-                                                  : std::nullopt);
+        wzrtest::ScopedEnv env("LOCALDOMAIN",
+                               c.localdomain ? c.localdomain : std::optional<std::string>());
         EXPECT_EQ(find(c.dn, c.secure), c.expect) << (c.dn ? c.dn : "(null)");
     }
 }
@@ -140,9 +127,9 @@ TEST_F(Locate, CacheFileAnswersUntilItExpiresAndDamageOnlyCostsAQuery)
 // A response with one question ("a.example" SRV) and `count` answer records of `rrs`.
 std::string message(unsigned count, const std::string &rrs)
 {
-    std::string head("\x12\x34\x81\x80\x00\x01", 6);
-    head += {char(count >> 8), char(count & 0xFF), 0, 0, 0, 0};
-    return head + DnsResponder::encode_name("a.example") + std::string("\x00\x21\x00\x01", 4) + rrs;
+    return std::string("\x12\x34\x81\x80\0\x01", 6) + char(count >> 8) + char(count & 0xFF) +
+           std::string(4, '\0') + wzrtest::DnsResponder::encode_name("a.example") +
+           std::string("\0\x21\0\x01", 4) + rrs;
 }
 
 int parse(const std::string &msg, LDAPDnsAnswer *ans)
@@ -152,15 +139,9 @@ int parse(const std::string &msg, LDAPDnsAnswer *ans)
 
 TEST(DnsAnswer, HostileAnswersAreRefusedOrCappedWithoutLeaks)
 {
-    // owner ptr, SRV, IN, TTL with the top bit set, 8 bytes: 0 0 389 "." (root) -> kept, TTL 0
-    const std::string srv("\xC0\x0C\x00\x21\x00\x01\x80\x00\x00\x01\x00\x07\x00\x00\x00\x00\x01\x85\x00", 19);
-    LDAPDnsAnswer ans;
-    ASSERT_EQ(parse(message(1, srv), &ans), 0);
-    ASSERT_EQ(ans.count, 1u);
-    EXPECT_EQ(ans.records[0].ttl, 0u);
-    EXPECT_STREQ(ans.records[0].target, "");
-    EXPECT_STREQ(ans.records[0].owner, "a.example");
-    ldap_dns_free_answer(&ans);
+    // owner ptr, SRV, IN, TTL with the top bit set (counts as 0), 7 bytes: 0 0 389 "."
+    const std::string srv("\xC0\x0C\0\x21\0\x01\x80\0\0\x01\0\x07\0\0\0\0\x01\x85\0", 19);
+    const std::string txt("\xC0\x0C\0\x10\0\x01\0\0\0\1\0\x03\x02xy", 15);
     std::string many;
     for (int i = 0; i < 3000; ++i)
         many += srv;
@@ -169,20 +150,23 @@ TEST(DnsAnswer, HostileAnswersAreRefusedOrCappedWithoutLeaks)
         int rc;
         unsigned kept;
     } cases[] = {
+        {message(1, srv), 0, 1},
         {message(10000, many), 0, LDAP_DNS_MAX_RECORDS},
-        {message(1, std::string("\xC0\x1B\x00\x21", 4)), LDAP_DNS_INVALID_DATA, 0}, // name loop
+        {message(1, std::string("\xC0\x1B\0\x21", 4)), LDAP_DNS_INVALID_DATA, 0}, // name loop
         {message(1, srv.substr(0, 18)), LDAP_DNS_INVALID_DATA, 0},                 // cut short
-        {message(2, srv + std::string("\xC0\x0C\x00\x10\x00\x01\0\0\0\1\0\x02\x05x", 14)),
-         LDAP_DNS_INVALID_DATA, 1}, // TXT string longer than its record
+        {message(2, srv + txt.substr(0, 11) + "\x02\x05x"), LDAP_DNS_INVALID_DATA, 1}, // TXT overruns
     };
     for (const auto &c : cases) {
+        LDAPDnsAnswer ans;
         EXPECT_EQ(parse(c.msg, &ans), c.rc);
-        EXPECT_EQ(ans.count, c.kept);
+        ASSERT_EQ(ans.count, c.kept);
+        EXPECT_TRUE(c.kept == 0 || (ans.records[0].ttl == 0 && ans.records[0].target[0] == '\0' &&
+                                    std::string(ans.records[0].owner) == "a.example"));
         ldap_dns_free_answer(&ans);
     }
-    const std::string txt = message(2, std::string("\xC0\x0C\x00\x10\x00\x01\0\0\0\1\0\x03\x02xy", 15) + srv);
     wzrtest::walk_alloc_failures([&] {
-        int rc = parse(txt, &ans);
+        LDAPDnsAnswer ans;
+        int rc = parse(message(2, txt + srv), &ans);
         ldap_dns_free_answer(&ans);
         return rc == 0;
     });

@@ -14,12 +14,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     int rc = ldap_dns_parse_answer(data, size, &ans);
     if (ans.count > LDAP_DNS_MAX_RECORDS)
         abort();
-    for (unsigned i = 0; i < ans.count; ++i) {
-        const LDAPDnsRecord &r = ans.records[i];
-        if (strlen(r.owner) >= LDAP_DNS_NAME_MAX || strlen(r.target) >= LDAP_DNS_NAME_MAX ||
-            (r.text != nullptr && r.type != LDAP_DNS_T_TXT))
+    for (const LDAPDnsRecord *r = ans.records; r != ans.records + ans.count; ++r)
+        if (strlen(r->owner) + strlen(r->target) > 2 * LDAP_DNS_NAME_MAX - 2 ||
+            (r->text != nullptr) != (r->type == LDAP_DNS_T_TXT))
             abort();
-    }
     if (rc == 0)
         ldap_locate_order_srv(ans.records, ans.count);
     ldap_dns_free_answer(&ans);

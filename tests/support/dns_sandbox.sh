@@ -1,8 +1,7 @@
 #!/bin/sh
-# Runs a test program in private user, mount and network namespaces: loopback is brought up,
-# and /etc/resolv.conf there is tests/data/dns/resolv.conf, naming 127.0.0.1 port 53, which is
-# this namespace's own (the program's DNS responder listens there). The machine's resolver
-# configuration and its port 53 are never touched.
+# Runs a test program in private user, mount and network namespaces where /etc/resolv.conf is
+# tests/data/dns/resolv.conf (127.0.0.1 port 53: this namespace's own, where the program's DNS
+# responder listens); the machine's resolver configuration and port 53 are never touched.
 conf=$(dirname "$0")/../data/dns/resolv.conf
 exec unshare -rmn sh -c 'ip link set lo up && mount --bind "$0" /etc/resolv.conf && exec "$@"' \
     "$conf" "$@"
