@@ -15,7 +15,10 @@ std::atomic<const BerTranslator *> installed{nullptr};
 
 void ber_set_translator(const BerTranslator *translator)
 {
-    installed.store(translator, std::memory_order_release);
+    // Called for every element a handle makes: a store only when it changes keeps the cache
+    // line shared between the threads.
+    if (installed.load(std::memory_order_relaxed) != translator)
+        installed.store(translator, std::memory_order_release);
 }
 
 int ber_xlate_to_wire(const char *in, size_t inlen, char **out, size_t *outlen)

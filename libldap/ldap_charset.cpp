@@ -33,7 +33,8 @@ iconv_t to_utf8 = NO_ICONV;
 iconv_t from_utf8 = NO_ICONV;
 // With "LDAP_BACKSLASH" YES, what the local code page makes of byte 0x5C (the yen sign of the
 // Japanese code pages) goes on the wire as a backslash, so DN and filter escapes survive.
-// Empty when the setting is off or the code page keeps 0x5C a backslash. Set with the mode.
+// Empty when the setting is off or the code page keeps 0x5C a backslash. Guarded by the
+// charset lock, like the descriptors.
 char backslash_as[8] = "";
 
 // "UTF-8", "utf8", ... compare equal once case and dashes are ignored.

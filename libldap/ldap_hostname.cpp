@@ -3,7 +3,6 @@
 #include "ldap_hostname.h"
 
 #include <cerrno>
-#include <cstring>
 
 #include "../liblber/ber_memory.h"
 #include "../trace/ldap_trace.h"

@@ -152,8 +152,8 @@ struct HostList {
 
     [[nodiscard]] int add(const char *host, unsigned port, uint32_t record_ttl)
     {
-        if (entries >= LDAP_LOCATE_MAX_SERVERS)
-            return 0;
+        if (entries >= LDAP_LOCATE_MAX_SERVERS || strlen(host) >= LDAP_DNS_NAME_MAX)
+            return 0; // a URL's host may be longer than any DNS name: skipped
         if (text == nullptr) {
             text = static_cast<char *>(lber_malloc(LDAP_LOCATE_MAX_SERVERS * HOST_ENTRY_MAX));
             if (text == nullptr)

@@ -18,7 +18,8 @@ constexpr const char *CATALOGUE = "wzrldap";
 constexpr size_t PATH_LEN = 4096;
 const nl_catd NO_CATALOGUE = reinterpret_cast<nl_catd>(-1);
 
-// -1 not chosen, -2 being chosen, 0 none, 1 open in `catalogue`.
+// -1 not chosen, -2 being chosen, 0 none, 1 open in `catalogue`. No lock: `catalogue` is
+// written only by the thread that moved `state` to -2, before it publishes 0 or 1.
 std::atomic<int> state{-1};
 nl_catd catalogue = NO_CATALOGUE;
 

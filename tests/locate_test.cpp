@@ -17,7 +17,12 @@ namespace {
 
 class Locate : public ::testing::Test {
 protected:
-    void SetUp() override { ASSERT_TRUE(dns.ok()) << "needs port 53 of a private namespace"; }
+    void SetUp() override
+    {
+        if (getenv("WZR_DNS_SANDBOX") == nullptr) // tests/support/dns_sandbox.sh could not run
+            GTEST_SKIP() << "no private namespaces here";
+        ASSERT_TRUE(dns.ok());
+    }
     std::string find(const char *dn, int secure = 0) // the host list, or "rc=N"
     {
         char *hosts = nullptr;
