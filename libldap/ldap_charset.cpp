@@ -223,7 +223,8 @@ int run_iconv(iconv_t cd, bool towards_utf8, const char *in, size_t inlen, char 
         }
         if (err != E2BIG || cap > SIZE_MAX / 4) {
             lber_free(buf);
-            return err == EINVAL ? LDAP_XLATE_INPUT_TRUNCATED : refused_code(towards_utf8, in, inlen);
+            return err == EINVAL ? LDAP_XLATE_INPUT_TRUNCATED
+                                 : refused_code(towards_utf8, in, inlen);
         }
         cap *= 2;
         auto *bigger = static_cast<char *>(lber_realloc(buf, cap + 1));

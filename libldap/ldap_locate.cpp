@@ -104,7 +104,8 @@ bool follow_cnames(const LDAPDnsAnswer *ans, char *name)
     for (unsigned hop = 0; hop < ans->count; ++hop) {
         const LDAPDnsRecord *alias = nullptr;
         for (unsigned i = 0; i < ans->count && alias == nullptr; ++i)
-            if (ans->records[i].type == LDAP_DNS_T_CNAME && strcmp(ans->records[i].owner, name) == 0)
+            if (ans->records[i].type == LDAP_DNS_T_CNAME &&
+                strcmp(ans->records[i].owner, name) == 0)
                 alias = &ans->records[i];
         if (alias == nullptr)
             break;
@@ -237,7 +238,8 @@ int txt_hosts(const LDAPDnsAnswer *ans, const char *owner, int secure, char **ho
         if (r.type != LDAP_DNS_T_TXT || strcmp(r.owner, owner) != 0 || r.text == nullptr)
             continue;
         char *save = nullptr;
-        for (char *w = strtok_r(r.text, " \t", &save); w != nullptr; w = strtok_r(nullptr, " \t", &save)) {
+        for (char *w = strtok_r(r.text, " \t", &save); w != nullptr;
+             w = strtok_r(nullptr, " \t", &save)) {
             int rc = add_url_host(w, secure, r.ttl, list);
             if (rc != 0) {
                 lber_free(list.text);

@@ -139,7 +139,8 @@ std::string message(unsigned count, const std::string &rrs)
 
 int parse(const std::string &msg, LDAPDnsAnswer *ans)
 {
-    return ldap_dns_parse_answer(reinterpret_cast<const unsigned char *>(msg.data()), msg.size(), ans);
+    auto *bytes = reinterpret_cast<const unsigned char *>(msg.data());
+    return ldap_dns_parse_answer(bytes, msg.size(), ans);
 }
 
 TEST(DnsAnswer, HostileAnswersAreRefusedOrCappedWithoutLeaks)
@@ -159,7 +160,7 @@ TEST(DnsAnswer, HostileAnswersAreRefusedOrCappedWithoutLeaks)
         {message(10000, many), 0, LDAP_DNS_MAX_RECORDS},
         {message(1, std::string("\xC0\x1B\0\x21", 4)), LDAP_DNS_INVALID_DATA, 0}, // name loop
         {message(1, srv.substr(0, 18)), LDAP_DNS_INVALID_DATA, 0},                 // cut short
-        {message(2, srv + txt.substr(0, 11) + "\x02\x05x"), LDAP_DNS_INVALID_DATA, 1}, // TXT overruns
+        {message(2, srv + txt.substr(0, 11) + "\x02\x05x"), LDAP_DNS_INVALID_DATA, 1}, // overrun
     };
     for (const auto &c : cases) {
         LDAPDnsAnswer ans;

@@ -39,7 +39,7 @@ TEST_F(Nls, LocaleVariablesChooseTheCatalogueAndMissingTextsFallBack)
         {std::nullopt, "de_DE.UTF-8", 15, "Unbekannter Fehler"},           // no row: as 80
         {std::nullopt, "de_DE.UTF-8", LDAP_LOCK_ERROR, "Could not obtain lock"}, // untranslated
         {"C", "de_DE.UTF-8", LDAP_SERVER_DOWN, "Can't contact LDAP server"},    // LC_ALL first
-        {std::nullopt, "en_GB", LDAP_SERVER_DOWN, "Can't contact LDAP server"}, // built from the table
+        {std::nullopt, "en_GB", LDAP_SERVER_DOWN, "Can't contact LDAP server"}, // from the table
     };
     for (const auto &c : cases) {
         use(c.lc_all, c.lang);
