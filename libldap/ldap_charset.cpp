@@ -194,8 +194,8 @@ int refused_code(bool towards_utf8, const char *in, size_t inlen)
 
 // Runs the whole input through `cd` (reset first, flushed last) into a buffer that grows on
 // demand. Called with the charset lock held.
-int run_iconv(iconv_t cd, bool towards_utf8, const char *in, size_t inlen, char **out,
-              size_t *outlen)
+[[nodiscard]] int run_iconv(iconv_t cd, bool towards_utf8, const char *in, size_t inlen, char **out,
+                            size_t *outlen)
 {
     if (inlen > (SIZE_MAX - 16) / 2)
         return LDAP_NO_MEMORY;
@@ -306,7 +306,8 @@ bool ldap_utf8_valid(const char *s, size_t len)
 namespace {
 
 // UTF-8 (already checked well-formed) to UCS-2BE.
-int utf8_to_ucs2(const unsigned char *p, size_t len, char *out, size_t size, size_t *outlen)
+[[nodiscard]] int utf8_to_ucs2(const unsigned char *p, size_t len, char *out, size_t size,
+                               size_t *outlen)
 {
     size_t used = 0;
     for (size_t i = 0; i < len;) {
@@ -328,7 +329,7 @@ int utf8_to_ucs2(const unsigned char *p, size_t len, char *out, size_t size, siz
 }
 
 // UCS-2BE to UTF-8 into `out` (three bytes a character at most).
-int ucs2_to_utf8(const unsigned char *p, size_t len, char *out, size_t *outlen)
+[[nodiscard]] int ucs2_to_utf8(const unsigned char *p, size_t len, char *out, size_t *outlen)
 {
     if (len % 2 != 0)
         return LDAP_XLATE_INPUT_TRUNCATED;

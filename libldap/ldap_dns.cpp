@@ -99,7 +99,7 @@ bool read_srv(Reader &r, size_t end, LDAPDnsRecord *rec)
 }
 
 // TXT RDATA: one or more <length><bytes> character-strings, joined here.
-int read_txt(Reader &r, size_t end, LDAPDnsRecord *rec)
+[[nodiscard]] int read_txt(Reader &r, size_t end, LDAPDnsRecord *rec)
 {
     rec->text = static_cast<char *>(lber_malloc(end - r.pos + 1));
     if (rec->text == nullptr)
@@ -117,7 +117,7 @@ int read_txt(Reader &r, size_t end, LDAPDnsRecord *rec)
     return 0;
 }
 
-int read_rdata(Reader &r, size_t end, LDAPDnsRecord *rec)
+[[nodiscard]] int read_rdata(Reader &r, size_t end, LDAPDnsRecord *rec)
 {
     switch (rec->type) {
     case LDAP_DNS_T_SRV:
@@ -137,7 +137,7 @@ bool wanted(uint16_t type, uint16_t cls)
 
 // resource record: owner(domain-name) type(16) class(16) ttl(32) rdlength(16) rdata.
 // Returns 0 with *kept set when the record is one of ours and was added to the answer.
-int read_record(Reader &r, LDAPDnsAnswer *answer, bool *kept)
+[[nodiscard]] int read_record(Reader &r, LDAPDnsAnswer *answer, bool *kept)
 {
     *kept = false;
     LDAPDnsRecord *rec = &answer->records[answer->count];

@@ -76,7 +76,8 @@ bool default_domain(res_state st, char *domain, size_t size)
 }
 
 // One question to the configured nameservers; the parsed answer goes to *ans.
-int query(res_state st, const char *name, uint16_t type, unsigned char *buf, LDAPDnsAnswer *ans)
+[[nodiscard]] int query(res_state st, const char *name, uint16_t type, unsigned char *buf,
+                        LDAPDnsAnswer *ans)
 {
     int n = res_nquery(st, name, ns_c_in, type, buf, static_cast<int>(ANSWER_MAX));
     if (n < 0) {
@@ -125,8 +126,8 @@ bool has_records(const LDAPDnsAnswer *ans, uint16_t type, const char *owner)
 
 // The records of `type` for `name`, CNAMEs followed (within an answer and by asking again);
 // *owner ends as the name that holds them.
-int lookup(res_state st, const char *name, uint16_t type, unsigned char *buf,
-           LDAPDnsAnswer *ans, char *owner)
+[[nodiscard]] int lookup(res_state st, const char *name, uint16_t type, unsigned char *buf,
+                         LDAPDnsAnswer *ans, char *owner)
 {
     lower_copy(owner, LDAP_DNS_NAME_MAX, name);
     for (int hop = 0; hop <= MAX_CNAME_HOPS; ++hop) {
@@ -181,7 +182,7 @@ struct HostList {
     }
 };
 
-int srv_hosts(LDAPDnsAnswer *ans, const char *owner, char **hosts, uint32_t *ttl)
+[[nodiscard]] int srv_hosts(LDAPDnsAnswer *ans, const char *owner, char **hosts, uint32_t *ttl)
 {
     // Usable records to the front (swapped, so every record stays owned by the answer). A target
     // of "." says the service is not offered there; a port of 0 cannot be connected to.
@@ -213,7 +214,7 @@ bool address_literal_ok(const char *host)
 
 // One word of a TXT record: added when it is an LDAP URL of the wanted scheme with a usable
 // host and port.
-int add_url_host(const char *word, int secure, uint32_t ttl, HostList &list)
+[[nodiscard]] int add_url_host(const char *word, int secure, uint32_t ttl, HostList &list)
 {
     LDAPURLDesc *lud = nullptr;
     if (!ldap_is_ldap_url(word) || ldap_url_parse(word, &lud) != 0 || lud == nullptr)
@@ -229,8 +230,8 @@ int add_url_host(const char *word, int secure, uint32_t ttl, HostList &list)
     return rc;
 }
 
-int txt_hosts(const LDAPDnsAnswer *ans, const char *owner, int secure, char **hosts,
-              uint32_t *ttl)
+[[nodiscard]] int txt_hosts(const LDAPDnsAnswer *ans, const char *owner, int secure, char **hosts,
+                            uint32_t *ttl)
 {
     HostList list;
     for (unsigned i = 0; i < ans->count; ++i) {
@@ -252,8 +253,8 @@ int txt_hosts(const LDAPDnsAnswer *ans, const char *owner, int secure, char **ho
 
 // SRV records of _ldap._tcp.<domain> (_ldaps for secure servers); TXT records of the domain
 // when there are none.
-int ask_dns(res_state st, const char *domain, int secure, unsigned char *buf, char **hosts,
-            uint32_t *ttl)
+[[nodiscard]] int ask_dns(res_state st, const char *domain, int secure, unsigned char *buf,
+                          char **hosts, uint32_t *ttl)
 {
     char name[LDAP_DNS_NAME_MAX + 16];
     char owner[LDAP_DNS_NAME_MAX];
@@ -273,7 +274,7 @@ int ask_dns(res_state st, const char *domain, int secure, unsigned char *buf, ch
 
 // A fresh cache entry answers at once; otherwise DNS is asked and the entry replaced. When DNS
 // cannot be reached an expired entry is still better than nothing.
-int locate_in_domain(res_state st, const char *domain, int secure, char **hosts)
+[[nodiscard]] int locate_in_domain(res_state st, const char *domain, int secure, char **hosts)
 {
     time_t now = time(nullptr);
     char *cached = nullptr;
