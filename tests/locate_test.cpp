@@ -153,8 +153,7 @@ TEST(DnsAnswer, HostileAnswersAreRefusedOrCappedWithoutLeaks)
         many += srv;
     const struct {
         std::string msg;
-        int rc;
-        unsigned kept;
+        int rc, kept;
     } cases[] = {
         {message(1, srv), 0, 1},
         {message(10000, many), 0, LDAP_DNS_MAX_RECORDS},
@@ -165,7 +164,7 @@ TEST(DnsAnswer, HostileAnswersAreRefusedOrCappedWithoutLeaks)
     for (const auto &c : cases) {
         LDAPDnsAnswer ans;
         EXPECT_EQ(parse(c.msg, &ans), c.rc);
-        ASSERT_EQ(ans.count, c.kept);
+        ASSERT_EQ(ans.count, unsigned(c.kept));
         EXPECT_TRUE(c.kept == 0 || (ans.records[0].ttl == 0 && ans.records[0].target[0] == '\0' &&
                                     std::string(ans.records[0].owner) == "a.example"));
         ldap_dns_free_answer(&ans);
