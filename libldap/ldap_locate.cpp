@@ -363,9 +363,10 @@ bool ldap_locate_domain_from_dn(const char *dn, char *domain, size_t size)
 
 void ldap_locate_order_srv(LDAPDnsRecord *r, unsigned n)
 {
-    std::stable_sort(r, r + n, [](const LDAPDnsRecord &a, const LDAPDnsRecord &b) {
-        return a.priority < b.priority;
-    });
+    // Insertion sort: stable, and no buffer outside the library's allocator (n is at most 256).
+    for (unsigned i = 1; i < n; ++i)
+        for (unsigned j = i; j > 0 && r[j - 1].priority > r[j].priority; --j)
+            std::swap(r[j - 1], r[j]);
     for (unsigned b = 0, e; b < n; b = e) {
         for (e = b; e < n && r[e].priority == r[b].priority;)
             ++e;
