@@ -387,6 +387,7 @@ long read_towards(Sockbuf *sb, BerElement *ber, uint32_t *progress)
         return BER_WOULD_BLOCK;
     return n > 0 ? KEEP_READING : stream_ended(ber, *progress, n);
 }
+
 // The PDU reader of both kinds of element: feeds the parser from the read-ahead and reads on
 // until the PDU is complete or the source would block.
 long read_pdu(Sockbuf *sb, BerElement *ber, uint32_t *progress)
