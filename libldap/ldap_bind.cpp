@@ -210,23 +210,18 @@ int ldap_sasl_bind_direct(LDAP *ld, const char *dn, const char *mechanism,
     return ldap_sasl_bind_encode_and_send(ld, dn, MECH_EXTERNAL, nullptr, serverctrls, msgidp, lc);
 }
 
-int ldap_sasl_bind_call_plugin(LDAP *ld, const char *dn, const char *mechanism,
-                               const struct berval *cred, LDAPControl **serverctrls,
-                               LDAPControl **clientctrls, struct berval **servercredp,
-                               int option224, int async, int *msgidp)
+int ldap_sasl_bind_step(LDAP *ld, LDAPConn *lc, const char *dn, const char *mechanism,
+                        const struct berval *cred, LDAPControl **serverctrls,
+                        struct berval **servercredp, char **errmsg)
 {
-    (void)dn;
-    (void)cred;
-    (void)serverctrls;
-    (void)clientctrls;
-    (void)servercredp;
-    (void)option224;
-    (void)async;
-    (void)msgidp;
-    // No plug-in registry is configured: no mechanism has a plug-in.
-    LDAP_TRACE(LDAP_TRC_API, "ldap_sasl_bind_call_plugin: no plugin for mechanism %s\n",
-               or_null(mechanism));
-    return ldap_fail(ld, NO_PLUGIN);
+    *errmsg = nullptr;
+    int msgid = -1;
+    int rc = ldap_sasl_bind_encode_and_send(ld, dn, mechanism, cred, serverctrls, &msgid, lc);
+    if (rc == 0)
+        rc = wait_bind_result(ld, msgid, servercredp);
+    int code = 0, ext = 0;
+    (void)ldap_read_error_record(ld, &code, &ext, nullptr, errmsg); // no text is fine
+    return rc;
 }
 
 int ldap_sasl_bind_int(LDAP *ld, const char *dn, const char *mechanism, const struct berval *cred,

@@ -37,12 +37,22 @@ int ldap_sasl_bind_s(LDAP *ld, const char *dn, const char *mechanism, const stru
 [[nodiscard]] int ldap_sasl_bind_s_direct(LDAP *ld, const char *dn, const char *mechanism,
                                           const struct berval *cred, LDAPControl **serverctrls,
                                           struct berval **servercredp);
-// Carries a SASL bind out through the mechanism's plug-in. No plug-in registry exists yet, so
-// every mechanism answers 12 (no plug-in), recorded; the caller then sends a plain request.
+// Carries a synchronous SASL bind out through the mechanism's plug-in (ldap_bind_plugin.cpp):
+// the plug-in's result, recorded; 12 when no plug-in serves the mechanism and 192 without a
+// configuration file (the caller then sends a plain request).
 [[nodiscard]] int ldap_sasl_bind_call_plugin(LDAP *ld, const char *dn, const char *mechanism,
                                              const struct berval *cred, LDAPControl **serverctrls,
                                              LDAPControl **clientctrls,
                                              struct berval **servercredp, int option224,
                                              int async, int *msgidp);
+// Runs the clean-up of the plug-in record on `lc` (function 302) and frees the record.
+void ldap_plugin_release_record(LDAPConn *lc);
+// One request and response of a plug-in's SASL exchange on `lc` (null: the default
+// connection): the result code, the server's credentials into *servercredp and a copy of its
+// diagnostic text into *errmsg (null when none).
+[[nodiscard]] int ldap_sasl_bind_step(LDAP *ld, LDAPConn *lc, const char *dn,
+                                      const char *mechanism, const struct berval *cred,
+                                      LDAPControl **serverctrls, struct berval **servercredp,
+                                      char **errmsg);
 
 #endif

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <unistd.h>
 
+#include "ldap_bind.h"
 #include "ldap_controls.h"
 #include "ldap_error.h"
 #include "ldap_init.h"
@@ -29,7 +30,7 @@ void free_one_connection(LDAPConn *lc)
     if (lc->connected && lc->sb.sb_sd >= 0)
         close(lc->sb.sb_sd);
     sockbuf_release_buffer(&lc->sb);
-    // No plug-in binds itself to a connection yet, so lc->plugin is always null here.
+    ldap_plugin_release_record(lc);
     ldap_msg_table_free(lc->table);
     ldap_controls_free(lc->bind_ctrls);
     ldap_destroy_mutex_traced(&lc->conn_mutex, __LINE__);

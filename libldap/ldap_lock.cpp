@@ -108,6 +108,12 @@ void ldap_init_all_mutex_once()
     }
 }
 
+pthread_mutex_t *ldap_config_mutex()
+{
+    ensure_process_mutexes();
+    return &config_mutex;
+}
+
 void ldap_lock_config() { lock_process_mutex(&config_mutex, __LINE__); }
 void ldap_unlock_config() { ldap_mutex_unlock(&config_mutex, MODULE, __LINE__); }
 void ldap_lock_defaults() { lock_process_mutex(&defaults_mutex, __LINE__); }

@@ -5,6 +5,10 @@
 //   syscall mutex -> trace mutex                  (only to trace the syscall mutex's own failure)
 //   write lock -> handle mutex                    (a connection being opened reads option 70)
 //   handle mutex -> in-flight registry lock       (an unbind looks for operations in progress)
+//   config lock -> (a plug-in's entry point)      (the configuration file and plug-in registry
+//                                                 lock is held across dlopen and the entry
+//                                                 point, which may only use its block's
+//                                                 services; those take no library lock)
 // Each of these is taken alone, with no other library lock held:
 //   handle mutex (except as above), error lock, connection lock, conn_mutex, read lock, write lock,
 //   resolver lock, the four process-wide mutexes, the trace mutex.
@@ -52,6 +56,9 @@ void ldap_mutex_unlock(pthread_mutex_t *m, const char *module, int line);
 
 // The process-wide mutexes, created on first use in the order config, defaults, ssl, charset.
 void ldap_init_all_mutex_once();
+// The configuration lock (configuration file and plug-in registry), created if need be, for
+// a LockGuard.
+pthread_mutex_t *ldap_config_mutex();
 void ldap_lock_config();
 void ldap_unlock_config();
 void ldap_lock_defaults();

@@ -1,0 +1,70 @@
+// Plug-ins for the registry tests, one source built once per defect (TESTPLUG_KIND): a good
+// one whose bind does what its arguments say, one without the entry point, one whose entry
+// point fails, one that publishes nothing, one with an operations record from the future.
+#include <cstdio>
+#include <cstring>
+
+#include "wzrldap_plugin.h"
+
+#define KIND_GOOD 0
+#define KIND_NO_ENTRY 1
+#define KIND_FAILS 2
+#define KIND_NO_OPS 3
+#define KIND_FUTURE 4
+
+extern "C" {
+__attribute__((visibility("default"))) int testplug_cleanups = 0;
+}
+
+namespace {
+const char *text_param(LDAPPluginBlock *b, int number)
+{
+    const char *s = nullptr;
+    return b->services->get_param(b, number, &s) == 0 && s != nullptr ? s : "-";
+}
+
+// "nonsense": an impossible code; "step": one exchange with the server, its answer returned;
+// otherwise 80 with a text telling what the plug-in was given.
+int bind_s(LDAPPluginBlock *b)
+{
+    const char *args = text_param(b, LDAP_PLUGIN_PARAM_ARGS);
+    if (strcmp(args, "mode=nonsense") == 0)
+        return -12345;
+    if (strcmp(args, "mode=step") == 0) {
+        struct berval *server = nullptr;
+        int rc = b->services->sasl_bind_step(b, nullptr, &server);
+        b->services->free_berval(server);
+        return rc;
+    }
+    const struct berval *cred = nullptr;
+    (void)b->services->get_param(b, LDAP_PLUGIN_PARAM_CRED, &cred);
+    char text[512];
+    snprintf(text, sizeof text, "dn=%s mech=%s args=%s host=%s cred=%lu set106=%d",
+             text_param(b, LDAP_PLUGIN_PARAM_DN), text_param(b, LDAP_PLUGIN_PARAM_MECH), args,
+             text_param(b, LDAP_PLUGIN_PARAM_SERVICE_HOST), cred != nullptr ? cred->bv_len : 0,
+             b->services->set_param(b, LDAP_PLUGIN_PARAM_LD, nullptr));
+    (void)b->services->set_param(b, LDAP_PLUGIN_PARAM_ERRTEXT, text);
+    return LDAP_OTHER;
+}
+
+int cleanup(LDAPPluginBlock *)
+{
+    testplug_cleanups++;
+    return 0;
+}
+
+const LDAPPluginOps OPS = {TESTPLUG_KIND == KIND_FUTURE ? LDAP_PLUGIN_OPS_VERSION + 1
+                                                        : LDAP_PLUGIN_OPS_VERSION,
+                           nullptr, bind_s, nullptr, cleanup};
+} // namespace
+
+#if TESTPLUG_KIND != KIND_NO_ENTRY
+extern "C" __attribute__((visibility("default"))) int ldap_plugin_init(LDAPPluginBlock *b)
+{
+    if (TESTPLUG_KIND == KIND_FAILS)
+        return 1;
+    if (TESTPLUG_KIND == KIND_NO_OPS)
+        return 0;
+    return b->services->set_param(b, LDAP_PLUGIN_PARAM_OPS, &OPS);
+}
+#endif
