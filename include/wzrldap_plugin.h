@@ -105,13 +105,15 @@ typedef struct ldap_plugin_services {
     int (*get_param)(LDAPPluginBlock *block, int number, void *out);
     /* 0, 89 for a number a plug-in may not set, 90 without memory. */
     int (*set_param)(LDAPPluginBlock *block, int number, const void *value);
-    /* Sends one SASL bind request with the bind's DN (201), mechanism (204) and server
-     * controls (206) and `cred` (NULL: no credentials) on the handle's connection, waits for
+    /* Sends one SASL bind request with the name `dn` (NULL: empty; SASL mechanisms carry
+     * their identities in their credentials and leave it empty), the bind's mechanism (204)
+     * and server controls (206) and `cred` (NULL: no credentials) on the handle's connection,
+     * waits for
      * the response and returns its result code (14 while the exchange goes on, 0 when bound,
      * the server's code otherwise, or the library's own code). The server's SASL credentials
      * go to *servercredp (NULL when it sent none; free with free_berval), and the server's
      * diagnostic text, when there is one, is stored as parameter 210. */
-    int (*sasl_bind_step)(LDAPPluginBlock *block, const struct berval *cred,
+    int (*sasl_bind_step)(LDAPPluginBlock *block, const char *dn, const struct berval *cred,
                           struct berval **servercredp);
     void (*free_berval)(struct berval *bv);
 } LDAPPluginServices;

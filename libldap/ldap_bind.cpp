@@ -10,6 +10,7 @@
 #include "ldap_error.h"
 #include "ldap_init.h"
 #include "ldap_lock.h"
+#include "ldap_message.h"
 #include "ldap_ops.h"
 #include "ldap_options.h"
 #include "ldap_parse.h"
@@ -157,8 +158,15 @@ int wait_bind_result(LDAP *ld, int msgid, struct berval **servercredp)
     }
     if (ld->ld_defconn != nullptr)
         keep_bind_controls(ld, res);
-    if (servercredp != nullptr)
-        return ldap_parse_sasl_bind_result_direct(ld, res, servercredp, 1);
+    // The credentials first; then the code, recorded with the server's text, which a SASL
+    // exchange needs to report why it failed.
+    if (servercredp != nullptr) {
+        int rc = ldap_parse_sasl_bind_result_direct(ld, res, servercredp, 0);
+        if (rc == LDAP_NO_MEMORY || rc == LDAP_DECODING_ERROR) {
+            ldap_msgfree(res);
+            return rc;
+        }
+    }
     return ldap_result2error(ld, res, 1);
 }
 

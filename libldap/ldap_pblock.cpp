@@ -84,7 +84,7 @@ int service_set(LDAPPluginBlock *block, int number, const void *value)
     return ldap_pblock_set(pb, number, value);
 }
 
-int service_sasl_step(LDAPPluginBlock *block, const struct berval *cred,
+int service_sasl_step(LDAPPluginBlock *block, const char *dn, const struct berval *cred,
                       struct berval **servercredp)
 {
     if (servercredp != nullptr)
@@ -93,11 +93,9 @@ int service_sasl_step(LDAPPluginBlock *block, const struct berval *cred,
     if (pb == nullptr || pb->ld == nullptr)
         return LDAP_PARAM_ERROR;
     char *errmsg = nullptr;
-    int rc = ldap_sasl_bind_step(
-        pb->ld, pb->lc, static_cast<const char *>(ldap_pblock_value(pb, LDAP_PLUGIN_PARAM_DN)),
-        static_cast<const char *>(ldap_pblock_value(pb, LDAP_PLUGIN_PARAM_MECH)), cred,
-        static_cast<LDAPControl **>(ldap_pblock_value(pb, LDAP_PLUGIN_PARAM_SERVERCTRLS)),
-        servercredp, &errmsg);
+    auto *mech = static_cast<const char *>(ldap_pblock_value(pb, LDAP_PLUGIN_PARAM_MECH));
+    auto **sctrls = static_cast<LDAPControl **>(ldap_pblock_value(pb, LDAP_PLUGIN_PARAM_SERVERCTRLS));
+    int rc = ldap_sasl_bind_step(pb->ld, pb->lc, dn, mech, cred, sctrls, servercredp, &errmsg);
     if (errmsg != nullptr && *errmsg != '\0' &&
         ldap_pblock_set(pb, LDAP_PLUGIN_PARAM_ERRTEXT, errmsg) != 0)
         rc = LDAP_NO_MEMORY;

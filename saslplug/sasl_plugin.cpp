@@ -38,7 +38,7 @@ int get_simple(void *ctx, int id, const char **result, unsigned *len)
     auto *b = static_cast<Bind *>(ctx);
     const char *v = id == SASL_CB_USER ? b->id.authzid : b->id.authcid;
     if (id == SASL_CB_AUTHNAME && *v == '\0')
-        return SASL_FAIL;
+        return SASL_BADPARAM; // the mechanism needs a user name the bind did not give
     *result = v;
     if (len != nullptr)
         *len = static_cast<unsigned>(strlen(v));
@@ -97,7 +97,7 @@ int exchange(Bind *b, const char *out, unsigned outlen)
     for (;;) {
         struct berval cred = {outlen, const_cast<char *>(out)};
         struct berval *server = nullptr;
-        int rc = b->sv->sasl_bind_step(b->block, out != nullptr ? &cred : nullptr, &server);
+        int rc = b->sv->sasl_bind_step(b->block, nullptr, out != nullptr ? &cred : nullptr, &server);
         if (rc != LDAP_SASL_BIND_IN_PROGRESS && rc != LDAP_SUCCESS) {
             b->sv->free_berval(server);
             return rc;

@@ -134,6 +134,7 @@ cmd_init() {
         -e "s|@ROOTPW@|$ROOTPW|g" -e "s|@EXTERNAL_DN@|$EXTERNAL_DN|g" \
         -e "s|@UID@|$(id -u)|g" -e "s|@GID@|$(id -g)|g" \
         "$DATA/slapd.conf.in" > "$dir/slapd.conf"
+    : > "$dir/global-extra.conf"
     write_ldif "$BULK" "$EXTRA" > "$dir/data.ldif"
     "$SBIN/slapadd" -q -f "$dir/slapd.conf" -l "$dir/data.ldif" > "$dir/slapadd.log" 2>&1 ||
         { cat "$dir/slapadd.log" >&2; die "slapadd failed"; }

@@ -32,6 +32,7 @@ std::string sbin_dir()
 }
 
 std::string sandbox_script() { return std::string(WZR_SOURCE_DIR) + "/tools/slapd-sandbox.sh"; }
+std::string kdc_script() { return std::string(WZR_SOURCE_DIR) + "/tools/kdc-sandbox.sh"; }
 
 std::string shell_quote(const std::string &s)
 {
@@ -237,42 +238,86 @@ bool SlapdFixture::read_env()
     return true;
 }
 
-bool SlapdFixture::launch(int port)
+// Forks `argv` (bash and a script) with its output in `log`; everything the child needs is
+// prepared before fork, so only async-signal-safe calls follow. -1 when fork fails.
+static pid_t spawn(const char *const argv[], const std::string &log)
 {
-    // Everything the child needs is prepared before fork: only async-signal-safe calls follow.
-    std::string script = sandbox_script(), port_s = std::to_string(port), log = dir_ + "/slapd.log";
-    const char *argv[] = {"bash", script.c_str(), "run", dir_.c_str(), port_s.c_str(), nullptr};
     // The death signal follows the thread that forks; only the main thread lives as long as
-    // the process, so only then can the server be tied to us should the test program crash.
+    // the process, so only then can the child be tied to us should the test program crash.
     bool tie_to_parent = syscall(SYS_gettid) == getpid();
     pid_t parent = getpid();
     pid_t pid = fork();
+    if (pid != 0)
+        return pid;
+    if (tie_to_parent) {
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        if (getppid() != parent)
+            _exit(127);
+    }
+    int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (fd >= 0) {
+        dup2(fd, 1);
+        dup2(fd, 2);
+        close(fd);
+    }
+    int devnull = open("/dev/null", O_RDONLY);
+    if (devnull >= 0) {
+        dup2(devnull, 0);
+        close(devnull);
+    }
+    execvp("bash", const_cast<char *const *>(argv));
+    _exit(127);
+}
+
+bool SlapdFixture::launch(int port)
+{
+    std::string script = sandbox_script(), port_s = std::to_string(port), log = dir_ + "/slapd.log";
+    const char *argv[] = {"bash", script.c_str(), "run", dir_.c_str(), port_s.c_str(), nullptr};
+    pid_t pid = spawn(argv, log);
     if (pid < 0) {
         error_ = std::string("fork: ") + std::strerror(errno);
         return false;
     }
-    if (pid == 0) {
-        if (tie_to_parent) {
-            prctl(PR_SET_PDEATHSIG, SIGTERM);
-            if (getppid() != parent)
-                _exit(127);
-        }
-        int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (fd >= 0) {
-            dup2(fd, 1);
-            dup2(fd, 2);
-            close(fd);
-        }
-        int devnull = open("/dev/null", O_RDONLY);
-        if (devnull >= 0) {
-            dup2(devnull, 0);
-            close(devnull);
-        }
-        execvp("bash", const_cast<char *const *>(argv));
-        _exit(127);
-    }
     pid_ = pid;
     port_ = port;
+    return true;
+}
+
+// The KDC, its principals and the user's ticket; then this process's Kerberos variables point
+// into the sandbox, so slapd (started next) finds its key and the tests' binds the ticket.
+bool SlapdFixture::start_kdc()
+{
+    std::string kdir = dir_ + "/krb5", script = kdc_script(), out;
+    int port = free_loopback_port();
+    if (run_capture("bash " + shell_quote(script) + " init " + shell_quote(kdir) + " " +
+                        std::to_string(port) + " 2>&1",
+                    &out) != 0) {
+        error_ = "kdc-sandbox.sh init failed: " + out;
+        return false;
+    }
+    const char *argv[] = {"bash", script.c_str(), "run", kdir.c_str(), nullptr};
+    kdc_pid_ = spawn(argv, kdir + "/run.log");
+    for (int waited = 0; kdc_pid_ > 0 && !port_accepts(port); waited += 10) {
+        if (waited > 10000 || reap_or_gone(kdc_pid_)) {
+            error_ = "the KDC did not start: " + tail_of(kdir + "/kdc.log");
+            return false;
+        }
+        usleep(10 * 1000);
+    }
+    if (run_capture("bash " + shell_quote(script) + " kinit " + shell_quote(kdir) + " 2>&1",
+                    &out) != 0) {
+        error_ = "kinit failed: " + out;
+        return false;
+    }
+    std::ifstream env(kdir + "/kdc.env");
+    std::string line;
+    while (std::getline(env, line)) {
+        size_t eq = line.find('=');
+        if (line.rfind("KRB5", 0) == 0 && eq != std::string::npos)
+            setenv(line.substr(0, eq).c_str(), line.substr(eq + 1).c_str(), 1);
+    }
+    // The service key is ldap/localhost: clients name the server "localhost".
+    std::ofstream(dir_ + "/global-extra.conf") << "sasl-host localhost\n";
     return true;
 }
 
@@ -304,7 +349,8 @@ bool SlapdFixture::start(const SlapdOptions &opts)
         error_ = "slapd is not installed in " + sbin_dir();
         return false;
     }
-    if (!init_directory(opts)) {
+    if (!init_directory(opts) || (opts.kerberos && !start_kdc())) {
+        stop();
         remove_directory();
         return false;
     }
@@ -319,13 +365,24 @@ bool SlapdFixture::start(const SlapdOptions &opts)
             break;
         if (wait_listening(port))
             return true;
-        stop();
+        stop_slapd();
     }
+    stop();
     remove_directory();
     return false;
 }
 
 void SlapdFixture::stop()
+{
+    stop_slapd();
+    if (kdc_pid_ > 0) {
+        kill(kdc_pid_, SIGTERM);
+        wait_gone(kdc_pid_, 10000);
+        kdc_pid_ = -1;
+    }
+}
+
+void SlapdFixture::stop_slapd()
 {
     if (pid_ > 0) {
         kill(pid_, SIGTERM);

@@ -13,6 +13,10 @@ namespace wzrtest {
 struct SlapdOptions {
     int bulk_entries = 0;   // generated uid=bulkNNNNNN,ou=bulk,<base> entries, ~10 attributes
     std::string extra_ldif; // appended to the sample tree before loading
+    // A throwaway Kerberos KDC (tools/kdc-sandbox.sh) with slapd's service key ldap/localhost
+    // and a ticket for alice; sets this process's KRB5_CONFIG, KRB5_KDC_PROFILE, KRB5_KTNAME
+    // and KRB5CCNAME to the sandbox's files.
+    bool kerberos = false;
 };
 
 // Start-up failures are reported by start() returning false and error() saying why; a test
@@ -55,9 +59,12 @@ private:
     bool read_env();
     bool launch(int port);
     bool wait_listening(int port);
+    bool start_kdc();
+    void stop_slapd();
     void remove_directory();
 
     pid_t pid_ = -1;
+    pid_t kdc_pid_ = -1;
     pid_t owner_ = getpid();
     int port_ = 0;
     std::string dir_, error_;

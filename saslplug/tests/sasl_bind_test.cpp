@@ -1,0 +1,153 @@
+// The Cyrus SASL plug-in against a real slapd: password mechanisms over the local socket and
+// TCP, GSSAPI with a throwaway KDC, the server's refusals with their texts, and the plug-in's
+// identity words and code mapping.
+#include <gtest/gtest.h>
+
+#include <sasl/sasl.h>
+#include <string>
+
+#include "libldap/ldap_bind.h"
+#include "libldap/ldap_config.h"
+#include "libldap/ldap_error.h"
+#include "libldap/ldap_init.h"
+#include "libldap/ldap_unbind.h"
+#include "support/slapd_fixture.h"
+#include "support/test_util.h"
+#include "support/whoami.h"
+#include "wzrsasl.h"
+
+namespace {
+
+bool have_kdc() { return access("/usr/sbin/krb5kdc", X_OK) == 0; }
+
+wzrtest::SlapdFixture &sasl_slapd()
+{
+    struct Shared {
+        wzrtest::SlapdFixture fixture;
+        Shared()
+        {
+            wzrtest::SlapdOptions opts;
+            opts.kerberos = have_kdc();
+            if (wzrtest::SlapdFixture::available())
+                fixture.start(opts);
+        }
+    };
+    static Shared shared;
+    return shared.fixture;
+}
+
+struct SaslBindTest : ::testing::Test {
+    wzrtest::TempDir dir;
+    wzrtest::ScopedEnv env{"QRVLDAP_CONF", dir.path()};
+    LDAP *ld = nullptr;
+
+    void SetUp() override
+    {
+        WZR_REQUIRE_SLAPD(sasl_slapd());
+        std::string conf;
+        for (const char *mech : {"PLAIN", "DIGEST-MD5", "SCRAM-SHA-1", "SCRAM-SHA-256", "GSSAPI"})
+            conf += std::string("plugin sasl ") + mech + " " + WZR_SASL_PLUGIN + "\n";
+        wzrtest::write_file(dir.file("qrvldap.conf"), conf);
+        ldap_conf_reset();
+    }
+    void TearDown() override
+    {
+        if (ld != nullptr)
+            ldap_unbind(ld);
+        ldap_conf_reset();
+    }
+    int bind(const std::string &host, const char *dn, const char *mech, const char *password)
+    {
+        ld = ldap_init(host.c_str(), 0);
+        EXPECT_NE(ld, nullptr);
+        struct berval pw = {password != nullptr ? strlen(password) : 0,
+                            const_cast<char *>(password)};
+        return ldap_sasl_bind_s(ld, dn, mech, password != nullptr ? &pw : nullptr, nullptr,
+                                nullptr, nullptr);
+    }
+    std::string errmsg()
+    {
+        char *m = nullptr;
+        (void)ldap_get_lderrno(ld, nullptr, &m);
+        std::string s = m != nullptr ? m : "";
+        lber_free(m);
+        return s;
+    }
+};
+
+TEST_F(SaslBindTest, PasswordMechanismsBindAsTheUsersEntry)
+{
+    wzrtest::SlapdFixture &s = sasl_slapd();
+    struct Case {
+        const char *mech;
+        std::string host;
+        const char *dn;
+    } cases[] = {
+        {"PLAIN", s.ldapi_path(), "alice"},
+        {"DIGEST-MD5", "localhost:" + std::to_string(s.port()), "authcid=alice realm=example"},
+        {"SCRAM-SHA-1", s.host_port(), "alice"},
+        {"SCRAM-SHA-256", s.host_port(), "authcid=alice"},
+    };
+    for (const Case &c : cases) {
+        ASSERT_EQ(bind(c.host, c.dn, c.mech, s.user_pw().c_str()), 0) << c.mech << ": " << errmsg();
+        EXPECT_EQ(wzrtest::whoami(ld), "dn:" + s.user_dn()) << c.mech;
+        ldap_unbind(ld);
+        ld = nullptr;
+    }
+}
+
+TEST_F(SaslBindTest, RefusalsKeepTheServersCodeAndText)
+{
+    wzrtest::SlapdFixture &s = sasl_slapd();
+    EXPECT_EQ(bind(s.host_port(), "alice", "SCRAM-SHA-256", "wrong"), LDAP_INVALID_CREDENTIALS);
+    EXPECT_NE(errmsg().find("SASL"), std::string::npos) << errmsg();
+    EXPECT_EQ(wzrtest::whoami(ld), "");
+    ldap_unbind(ld);
+    // PLAIN is not offered on a connection without protection.
+    EXPECT_EQ(bind(s.host_port(), "alice", "PLAIN", "alice-secret"), LDAP_INAPPROPRIATE_AUTH);
+    EXPECT_NE(errmsg().find("mechanism"), std::string::npos) << errmsg();
+    ldap_unbind(ld);
+    // A mechanism with no plug-in goes out as a plain request, which the server refuses.
+    EXPECT_EQ(bind(s.host_port(), nullptr, "X-UNKNOWN", nullptr), LDAP_STRONG_AUTH_NOT_SUPPORTED);
+    ldap_unbind(ld);
+    // The plug-in refuses before sending when the mechanism needs a user it was not given.
+    EXPECT_EQ(bind(s.host_port(), nullptr, "SCRAM-SHA-1", "x"), LDAP_PARAM_ERROR);
+    EXPECT_NE(errmsg(), "");
+}
+
+TEST_F(SaslBindTest, GssapiBindUsesTheKerberosTicket)
+{
+    if (!have_kdc())
+        GTEST_SKIP() << "krb5-kdc is not installed";
+    ASSERT_EQ(bind("localhost:" + std::to_string(sasl_slapd().port()), nullptr, "GSSAPI", nullptr),
+              0)
+        << errmsg();
+    EXPECT_EQ(wzrtest::whoami(ld), "dn:" + sasl_slapd().user_dn());
+}
+
+TEST(SaslIdentity, ArgumentsThenDnMakeTheIdentity)
+{
+    std::string too_long = "authcid=" + std::string(300, 'x');
+    struct Case {
+        const char *args, *dn;
+        int rc;
+        const char *authcid, *authzid, *realm;
+    } cases[] = {
+        {"realm=R authzid=u:bob", "alice", 0, "alice", "u:bob", "R"},
+        {"authcid=carol", "authcid=alice realm=Q", 0, "alice", "", "Q"},
+        {nullptr, "uid=alice,ou=people", 0, "uid=alice,ou=people", "", ""},
+        {"nonsense", nullptr, LDAP_PARAM_ERROR, "", "", ""},
+        {nullptr, too_long.c_str(), LDAP_PARAM_ERROR, "", "", ""},
+    };
+    for (const Case &c : cases) {
+        wzrsasl_identity id;
+        ASSERT_EQ(wzrsasl_bind_identity(c.args, c.dn, &id), c.rc) << c.dn;
+        if (c.rc == 0) {
+            EXPECT_STREQ(id.authcid, c.authcid);
+            EXPECT_STREQ(id.authzid, c.authzid);
+            EXPECT_STREQ(id.realm, c.realm);
+        }
+    }
+}
+
+} // namespace
