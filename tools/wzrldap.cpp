@@ -5,6 +5,7 @@
 #include "wzrldap.h"
 
 #include "ldif.h"
+#include "sasl_bind.h"
 
 #include <cerrno>
 #include <cstdint>
@@ -40,6 +41,7 @@ struct Options {
     std::string file;
     bool continue_on_error = false, dry_run = false, default_add = false, delete_old_rdn = false;
     std::vector<std::string> args;
+    wzrsasl_tool::SaslOptions sasl;
 };
 
 void say(const std::string &text) { std::cerr << "wzrldap: " << text << '\n'; }
@@ -64,7 +66,7 @@ const char kCommonHelp[] =
     "  -D DN       bind DN (simple bind; without it the bind is anonymous)\n"
     "  -w PASSWD   bind password\n"
     "  -y FILE     read the bind password from FILE (one trailing newline is dropped)\n"
-    "  -x          simple authentication (the only kind; accepted for compatibility)\n"
+    "  -x          simple authentication (the default; accepted for compatibility)\n"
     "  -P 2|3      protocol version (default 3)\n"
     "  --help      this text\n"
     "Exit status: 0 on success, else the LDAP result code (89 for usage or input errors).\n";
@@ -98,7 +100,7 @@ void print_search_help()
                  "description is reported on standard error, escaped, and neither it nor its\n"
                  "values are printed; the rest is printed and the exit status is 84 (decoding\n"
                  "error), whatever the search's own result.\n"
-              << kCommonHelp;
+              << kCommonHelp << wzrsasl_tool::kHelp;
 }
 
 void print_update_help(const std::string &cmd)
@@ -125,7 +127,7 @@ void print_update_help(const std::string &cmd)
                  "  -f FILE     read LDIF from FILE (default: standard input)\n"
                  "  -c          continue after a failed change (exit status: the first failure)\n"
                  "  -n          show what would be done without changing anything\n"
-              << kCommonHelp;
+              << kCommonHelp << wzrsasl_tool::kHelp;
 }
 
 bool read_all(const std::string &path, std::string *out)
@@ -190,7 +192,7 @@ bool parse_extended_option(const std::string &opt, Options *o)
 int parse_options(const std::string &cmd, int argc, char **argv, Options *o)
 {
     const bool search = cmd == "search";
-    std::string flags = ":H:D:w:y:xP:";
+    std::string flags = std::string(":H:D:w:y:xP:") + wzrsasl_tool::kFlags;
     flags += search ? "b:s:z:l:ALo:" : "f:cnar";
     static const option long_opts[] = {{"help", no_argument, nullptr, 'h'},
                                        {nullptr, 0, nullptr, 0}};
@@ -255,6 +257,9 @@ int parse_options(const std::string &cmd, int argc, char **argv, Options *o)
                 return usage_error("-r is a flag of modrdn");
             o->delete_old_rdn = true;
             break;
+        case 'Y': case 'U': case 'X': case 'R':
+            (void)wzrsasl_tool::parse_flag(c, optarg, &o->sasl);
+            break;
         case ':':
             return usage_error(std::string("option -") + char(optopt) + " needs a value");
         default:
@@ -301,6 +306,12 @@ LDAP *open_session(const Options &o, bool search, int *rc)
     }
     const char *dn = o.binddn.empty() ? nullptr : o.binddn.c_str();
     const char *pw = o.password ? o.password->c_str() : nullptr;
+    if (!o.sasl.mech.empty()) {
+        *rc = wzrsasl_tool::bind(ld, o.sasl, o.binddn, pw);
+        if (*rc != LDAP_SUCCESS)
+            wzr_ldap_unbind(ld);
+        return *rc == LDAP_SUCCESS ? ld : nullptr;
+    }
     *rc = wzr_ldap_simple_bind_s(ld, dn, pw);
     if (*rc != LDAP_SUCCESS) {
         report(dn != nullptr ? "bind as \"" + o.binddn + "\"" : std::string("anonymous bind"), *rc);

@@ -10,7 +10,9 @@
 #include "libldap/ldap_config.h"
 #include "libldap/ldap_error.h"
 #include "libldap/ldap_init.h"
+#include "libldap/ldap_plugin.h"
 #include "libldap/ldap_unbind.h"
+#include "support/fake_server.h"
 #include "support/slapd_fixture.h"
 #include "support/test_util.h"
 #include "support/whoami.h"
@@ -123,6 +125,54 @@ TEST_F(SaslBindTest, GssapiBindUsesTheKerberosTicket)
               0)
         << errmsg();
     EXPECT_EQ(wzrtest::whoami(ld), "dn:" + sasl_slapd().user_dn());
+}
+
+// A server whose challenges are garbage, enormous, or whose final word cannot be verified:
+// the exchange ends with a code, and nothing is left allocated.
+TEST_F(SaslBindTest, HostileChallengesEndTheExchangeWithACode)
+{
+    struct Case {
+        const char *mech;
+        int code; // the server's answer to the client's first message
+        std::string creds;
+    } cases[] = {
+        {"SCRAM-SHA-256", LDAP_SASL_BIND_IN_PROGRESS, "r=,s=\x01,i=-5"},
+        {"SCRAM-SHA-1", LDAP_SASL_BIND_IN_PROGRESS, std::string(1 << 20, 'r')},
+        {"DIGEST-MD5", LDAP_SASL_BIND_IN_PROGRESS, std::string("\0\xff\x80garbage", 10)},
+        {"SCRAM-SHA-256", LDAP_SUCCESS, "v=bm90IHRoZSBzaWduYXR1cmU="},
+    };
+    for (const Case &c : cases) {
+        LDAPPluginRef ref; // registered before counting: the registry lives for the process
+        ASSERT_EQ(ldap_find_plugin("sasl", c.mech, &ref), 0);
+    }
+    for (const Case &c : cases) {
+        wzrtest::FakeServer server;
+        server.on_request([&](const wzrtest::ReceivedRequest &r, wzrtest::FakeConnection &conn) {
+            std::string op = wzrtest::ber_int(c.code, 0x0a) + wzrtest::ber_str("") +
+                             wzrtest::ber_str("") + wzrtest::ber_str(c.creds, 0x87);
+            conn.send(wzrtest::ldap_message(r.msgid, wzrtest::ber_tlv(0x61, op)));
+        });
+        long live = lber_live_blocks();
+        int rc = bind(server.host_port(), "alice", c.mech, "pw");
+        EXPECT_NE(rc, 0) << c.mech;
+        EXPECT_NE(rc, LDAP_SASL_BIND_IN_PROGRESS) << c.mech;
+        ldap_unbind(ld);
+        ld = nullptr;
+        EXPECT_EQ(lber_live_blocks(), live) << c.mech;
+    }
+}
+
+TEST_F(SaslBindTest, ToolBindsWithTheMechanismTheFlagsName)
+{
+    wzrtest::SlapdFixture &s = sasl_slapd();
+    std::string tool = std::string(WZR_TOOL_BIN) + " search -H " + s.uri() + " -b " +
+                       s.user_dn() + " -s base -Y SCRAM-SHA-256 -U alice -R example ";
+    std::string out;
+    ASSERT_EQ(wzrtest::run_capture(tool + "-w " + s.user_pw() + " '(objectClass=*)' uid 2>&1", &out), 0) << out;
+    EXPECT_NE(out.find("uid: alice"), std::string::npos) << out;
+    out.clear();
+    EXPECT_EQ(wzrtest::run_capture(tool + "-w wrong uid 2>&1", &out), LDAP_INVALID_CREDENTIALS);
+    EXPECT_NE(out.find("additional info: SASL"), std::string::npos) << out;
 }
 
 TEST(SaslIdentity, ArgumentsThenDnMakeTheIdentity)
