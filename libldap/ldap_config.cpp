@@ -85,11 +85,17 @@ int parse_line(LDAPConfParser *p)
         return 0;
     char *field[6] = {};
     int n = split_line(p->line, field);
-    if (n < 4)
+    if (n < 4) {
+        if (n > 0)
+            LDAP_TRACE(LDAP_TRC_WARN, "ldap_process_conf_data: line of %d fields skipped\n", n);
         return 0;
+    }
     LDAPConfEntry *e = make_entry(field, n);
     if (e == nullptr)
         return LDAP_NO_MEMORY;
+    // The arguments may name identities: only the first four fields are traced.
+    LDAP_TRACE(LDAP_TRC_API, "ldap_process_conf_data: %s %s %s %s\n", field[0], field[1],
+               field[2], field[3]);
     *p->tail = e;
     p->tail = &e->next;
     return 0;
@@ -244,12 +250,15 @@ int ldap_read_conf_file()
     if (conf_read)
         return 0;
     FILE *f = ldap_open_conf_file();
-    if (f == nullptr)
+    if (f == nullptr) {
+        LDAP_TRACE(LDAP_TRC_API, "ldap_read_conf_file: no configuration file\n");
         return LDAP_PLUGIN_CONF_NOT_OPENED;
+    }
     int rc = ldap_process_conf_data(f, &conf_list);
     fclose(f);
     if (rc == 0)
         __atomic_store_n(&conf_read, true, __ATOMIC_RELEASE);
+    LDAP_TRACE(LDAP_TRC_API, "ldap_read_conf_file: rc=%d\n", rc);
     return rc;
 }
 

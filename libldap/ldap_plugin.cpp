@@ -116,14 +116,21 @@ int initialise_loaded(const plugin_info *info)
         ldap_pblock_free(pb);
         return LDAP_NO_MEMORY;
     }
-    int rc = entry(&pb->base) != 0 ? LDAP_PLUGIN_NOT_INITIALIZED : 0;
+    int answer = entry(&pb->base);
+    LDAP_TRACE(LDAP_TRC_API, "ldap_register_plugin: %s returned %d for %s %s\n", name, answer,
+               info->pi_type, info->pi_mechanism);
+    int rc = answer != 0 ? LDAP_PLUGIN_NOT_INITIALIZED : 0;
     auto *ops = static_cast<const LDAPPluginOps *>(ldap_pblock_value(pb, LDAP_PLUGIN_PARAM_OPS));
     void *state = ldap_pblock_value(pb, LDAP_PLUGIN_PARAM_OWN_STATE);
     ldap_pblock_free(pb);
-    if (rc == 0 && ops == nullptr)
-        rc = LDAP_OPERATIONS_ERROR; // the plug-in published no operations
-    else if (rc == 0 && !ops_usable(ops))
+    if (rc == 0 && ops == nullptr) {
+        LDAP_TRACE(LDAP_TRC_ERROR, "ldap_register_plugin: no operations published\n");
+        rc = LDAP_OPERATIONS_ERROR;
+    } else if (rc == 0 && !ops_usable(ops)) {
+        LDAP_TRACE(LDAP_TRC_ERROR, "ldap_register_plugin: operations version %d unknown\n",
+                   ops->version);
         rc = LDAP_PLUGIN_NOT_INITIALIZED;
+    }
     return rc != 0 ? rc : add_registered(info, ops, entry, state);
 }
 

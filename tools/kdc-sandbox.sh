@@ -63,10 +63,33 @@ EOC
     printf 'REALM=%s\nUSER=%s\n' "$REALM" "$USER" >> "$dir/kdc.env"
 }
 
-cmd_run() {
-    local dir=${1:?run needs a directory}
+# Starts the KDC as a daemon on a free loopback port and takes the user's ticket.
+cmd_start() {
+    local dir=${1:?start needs a directory} port i
+    port=$(bash "$(dirname "${BASH_SOURCE[0]}")/slapd-sandbox.sh" free-port)
+    cmd_init "$dir" "$port"
+    dir=$(cd "$dir" && pwd)
     set -a; . "$dir/kdc.env"; set +a
-    exec "$SBIN/krb5kdc" -n -r "$REALM" -P "$dir/kdc.pid"
+    "$SBIN/krb5kdc" -r "$REALM" -P "$dir/kdc.pid" > "$dir/run.log" 2>&1 ||
+        { cat "$dir/run.log" >&2; die "krb5kdc did not start"; }
+    for ((i = 0; i < 1000; i++)); do
+        (exec 3<> "/dev/tcp/127.0.0.1/$port") 2> /dev/null && break
+        sleep 0.01
+    done
+    cmd_kinit "$dir"
+}
+
+# Stops the KDC of DIR by its pid and waits until it is gone.
+cmd_stop() {
+    local dir=${1:?stop needs a directory} pid i
+    [ -f "$dir/kdc.pid" ] || return 0
+    pid=$(cat "$dir/kdc.pid")
+    kill -TERM "$pid" 2> /dev/null || true
+    for ((i = 0; i < 500; i++)); do
+        kill -0 "$pid" 2> /dev/null || break
+        sleep 0.01
+    done
+    rm -f "$dir/kdc.pid"
 }
 
 # kinit reads the password from its standard input when that is not a terminal.
@@ -79,7 +102,9 @@ cmd_kinit() {
 
 case ${1:-} in
     init) shift; cmd_init "$@" ;;
-    run) shift; cmd_run "$@" ;;
+    start) shift; cmd_start "$@" ;;
+    stop) shift; cmd_stop "$@" ;;
     kinit) shift; cmd_kinit "$@" ;;
-    *) echo "usage: kdc-sandbox.sh init DIR PORT | run DIR | kinit DIR" >&2; exit 2 ;;
+    *) echo "usage: kdc-sandbox.sh init DIR PORT | start DIR | stop DIR | kinit DIR" >&2
+       exit 2 ;;
 esac

@@ -5,6 +5,7 @@
 
 #include <sasl/sasl.h>
 #include <string>
+#include <vector>
 
 #include "libldap/ldap_bind.h"
 #include "libldap/ldap_config.h"
@@ -22,20 +23,13 @@ namespace {
 
 bool have_kdc() { return access("/usr/sbin/krb5kdc", X_OK) == 0; }
 
+// One server for the program, with a KDC when one is installed.
 wzrtest::SlapdFixture &sasl_slapd()
 {
-    struct Shared {
-        wzrtest::SlapdFixture fixture;
-        Shared()
-        {
-            wzrtest::SlapdOptions opts;
-            opts.kerberos = have_kdc();
-            if (wzrtest::SlapdFixture::available())
-                fixture.start(opts);
-        }
-    };
-    static Shared shared;
-    return shared.fixture;
+    static wzrtest::SlapdFixture fixture;
+    static bool started = wzrtest::SlapdFixture::available() && fixture.start({0, "", have_kdc()});
+    (void)started;
+    return fixture;
 }
 
 struct SaslBindTest : ::testing::Test {
@@ -58,8 +52,11 @@ struct SaslBindTest : ::testing::Test {
             ldap_unbind(ld);
         ldap_conf_reset();
     }
+    // A fresh handle (the previous one unbound) and its synchronous SASL bind.
     int bind(const std::string &host, const char *dn, const char *mech, const char *password)
     {
+        if (ld != nullptr)
+            ldap_unbind(ld);
         ld = ldap_init(host.c_str(), 0);
         EXPECT_NE(ld, nullptr);
         struct berval pw = {password != nullptr ? strlen(password) : 0,
@@ -67,34 +64,30 @@ struct SaslBindTest : ::testing::Test {
         return ldap_sasl_bind_s(ld, dn, mech, password != nullptr ? &pw : nullptr, nullptr,
                                 nullptr, nullptr);
     }
-    std::string errmsg()
-    {
-        char *m = nullptr;
-        (void)ldap_get_lderrno(ld, nullptr, &m);
-        std::string s = m != nullptr ? m : "";
-        lber_free(m);
-        return s;
-    }
+    std::string errmsg() { return wzrtest::recorded_message(ld); }
 };
 
-TEST_F(SaslBindTest, PasswordMechanismsBindAsTheUsersEntry)
+// GSSAPI takes its identity from the Kerberos ticket the fixture took for alice.
+TEST_F(SaslBindTest, EveryMechanismBindsAsTheUsersEntry)
 {
     wzrtest::SlapdFixture &s = sasl_slapd();
+    const std::string localhost = "localhost:" + std::to_string(s.port());
     struct Case {
         const char *mech;
         std::string host;
-        const char *dn;
-    } cases[] = {
-        {"PLAIN", s.ldapi_path(), "alice"},
-        {"DIGEST-MD5", "localhost:" + std::to_string(s.port()), "authcid=alice realm=example"},
-        {"SCRAM-SHA-1", s.host_port(), "alice"},
-        {"SCRAM-SHA-256", s.host_port(), "authcid=alice"},
+        const char *dn, *password;
     };
+    std::vector<Case> cases = {
+        {"PLAIN", s.ldapi_path(), "alice", s.user_pw().c_str()},
+        {"DIGEST-MD5", localhost, "authcid=alice realm=example", s.user_pw().c_str()},
+        {"SCRAM-SHA-1", s.host_port(), "alice", s.user_pw().c_str()},
+        {"SCRAM-SHA-256", s.host_port(), "authcid=alice", s.user_pw().c_str()},
+    };
+    if (have_kdc())
+        cases.push_back({"GSSAPI", localhost, nullptr, nullptr});
     for (const Case &c : cases) {
-        ASSERT_EQ(bind(c.host, c.dn, c.mech, s.user_pw().c_str()), 0) << c.mech << ": " << errmsg();
+        ASSERT_EQ(bind(c.host, c.dn, c.mech, c.password), 0) << c.mech << ": " << errmsg();
         EXPECT_EQ(wzrtest::whoami(ld), "dn:" + s.user_dn()) << c.mech;
-        ldap_unbind(ld);
-        ld = nullptr;
     }
 }
 
@@ -103,28 +96,13 @@ TEST_F(SaslBindTest, RefusalsKeepTheServersCodeAndText)
     wzrtest::SlapdFixture &s = sasl_slapd();
     EXPECT_EQ(bind(s.host_port(), "alice", "SCRAM-SHA-256", "wrong"), LDAP_INVALID_CREDENTIALS);
     EXPECT_NE(errmsg().find("SASL"), std::string::npos) << errmsg();
-    EXPECT_EQ(wzrtest::whoami(ld), "");
-    ldap_unbind(ld);
     // PLAIN is not offered on a connection without protection.
     EXPECT_EQ(bind(s.host_port(), "alice", "PLAIN", "alice-secret"), LDAP_INAPPROPRIATE_AUTH);
     EXPECT_NE(errmsg().find("mechanism"), std::string::npos) << errmsg();
-    ldap_unbind(ld);
     // A mechanism with no plug-in goes out as a plain request, which the server refuses.
     EXPECT_EQ(bind(s.host_port(), nullptr, "X-UNKNOWN", nullptr), LDAP_STRONG_AUTH_NOT_SUPPORTED);
-    ldap_unbind(ld);
     // The plug-in refuses before sending when the mechanism needs a user it was not given.
     EXPECT_EQ(bind(s.host_port(), nullptr, "SCRAM-SHA-1", "x"), LDAP_PARAM_ERROR);
-    EXPECT_NE(errmsg(), "");
-}
-
-TEST_F(SaslBindTest, GssapiBindUsesTheKerberosTicket)
-{
-    if (!have_kdc())
-        GTEST_SKIP() << "krb5-kdc is not installed";
-    ASSERT_EQ(bind("localhost:" + std::to_string(sasl_slapd().port()), nullptr, "GSSAPI", nullptr),
-              0)
-        << errmsg();
-    EXPECT_EQ(wzrtest::whoami(ld), "dn:" + sasl_slapd().user_dn());
 }
 
 // A server whose challenges are garbage, enormous, or whose final word cannot be verified:
@@ -141,10 +119,9 @@ TEST_F(SaslBindTest, HostileChallengesEndTheExchangeWithACode)
         {"DIGEST-MD5", LDAP_SASL_BIND_IN_PROGRESS, std::string("\0\xff\x80garbage", 10)},
         {"SCRAM-SHA-256", LDAP_SUCCESS, "v=bm90IHRoZSBzaWduYXR1cmU="},
     };
-    for (const Case &c : cases) {
-        LDAPPluginRef ref; // registered before counting: the registry lives for the process
-        ASSERT_EQ(ldap_find_plugin("sasl", c.mech, &ref), 0);
-    }
+    LDAPPluginRef ref; // registered before counting: the registry lives for the process
+    for (const char *mech : {"SCRAM-SHA-1", "SCRAM-SHA-256", "DIGEST-MD5"})
+        ASSERT_EQ(ldap_find_plugin("sasl", mech, &ref), 0);
     for (const Case &c : cases) {
         wzrtest::FakeServer server;
         server.on_request([&](const wzrtest::ReceivedRequest &r, wzrtest::FakeConnection &conn) {
@@ -154,8 +131,7 @@ TEST_F(SaslBindTest, HostileChallengesEndTheExchangeWithACode)
         });
         long live = lber_live_blocks();
         int rc = bind(server.host_port(), "alice", c.mech, "pw");
-        EXPECT_NE(rc, 0) << c.mech;
-        EXPECT_NE(rc, LDAP_SASL_BIND_IN_PROGRESS) << c.mech;
+        EXPECT_TRUE(rc != 0 && rc != LDAP_SASL_BIND_IN_PROGRESS) << c.mech << ": " << rc;
         ldap_unbind(ld);
         ld = nullptr;
         EXPECT_EQ(lber_live_blocks(), live) << c.mech;
@@ -168,36 +144,22 @@ TEST_F(SaslBindTest, ToolBindsWithTheMechanismTheFlagsName)
     std::string tool = std::string(WZR_TOOL_BIN) + " search -H " + s.uri() + " -b " +
                        s.user_dn() + " -s base -Y SCRAM-SHA-256 -U alice -R example ";
     std::string out;
-    ASSERT_EQ(wzrtest::run_capture(tool + "-w " + s.user_pw() + " '(objectClass=*)' uid 2>&1", &out), 0) << out;
+    ASSERT_EQ(wzrtest::run_capture(tool + "-w " + s.user_pw() + " '(uid=*)' uid 2>&1", &out), 0)
+        << out;
     EXPECT_NE(out.find("uid: alice"), std::string::npos) << out;
     out.clear();
     EXPECT_EQ(wzrtest::run_capture(tool + "-w wrong uid 2>&1", &out), LDAP_INVALID_CREDENTIALS);
     EXPECT_NE(out.find("additional info: SASL"), std::string::npos) << out;
 }
 
-TEST(SaslIdentity, ArgumentsThenDnMakeTheIdentity)
+TEST(SaslIdentity, DnWordsOverrideTheArgumentsAndUnknownWordsAreRefused)
 {
+    wzrsasl_identity id;
+    ASSERT_EQ(wzrsasl_bind_identity("realm=R authzid=u:bob authcid=carol", "authcid=alice", &id), 0);
+    EXPECT_EQ(std::string(id.authcid) + "|" + id.authzid + "|" + id.realm, "alice|u:bob|R");
+    EXPECT_EQ(wzrsasl_bind_identity("nonsense", nullptr, &id), LDAP_PARAM_ERROR);
     std::string too_long = "authcid=" + std::string(300, 'x');
-    struct Case {
-        const char *args, *dn;
-        int rc;
-        const char *authcid, *authzid, *realm;
-    } cases[] = {
-        {"realm=R authzid=u:bob", "alice", 0, "alice", "u:bob", "R"},
-        {"authcid=carol", "authcid=alice realm=Q", 0, "alice", "", "Q"},
-        {nullptr, "uid=alice,ou=people", 0, "uid=alice,ou=people", "", ""},
-        {"nonsense", nullptr, LDAP_PARAM_ERROR, "", "", ""},
-        {nullptr, too_long.c_str(), LDAP_PARAM_ERROR, "", "", ""},
-    };
-    for (const Case &c : cases) {
-        wzrsasl_identity id;
-        ASSERT_EQ(wzrsasl_bind_identity(c.args, c.dn, &id), c.rc) << c.dn;
-        if (c.rc == 0) {
-            EXPECT_STREQ(id.authcid, c.authcid);
-            EXPECT_STREQ(id.authzid, c.authzid);
-            EXPECT_STREQ(id.realm, c.realm);
-        }
-    }
+    EXPECT_EQ(wzrsasl_bind_identity(nullptr, too_long.c_str(), &id), LDAP_PARAM_ERROR);
 }
 
 } // namespace

@@ -1,16 +1,10 @@
-// Plug-ins for the registry tests, one source built once per defect (TESTPLUG_KIND): a good
-// one whose bind does what its arguments say, one without the entry point, one whose entry
-// point fails, one that publishes nothing, one with an operations record from the future.
+// Plug-ins for the registry tests, one source built once per TESTPLUG_KIND: 0 a good one whose
+// bind does what its arguments say, 1 one without the entry point, 2 one whose entry point
+// fails, 3 one that publishes nothing, 4 one with an operations record from the future.
 #include <cstdio>
 #include <cstring>
 
 #include "wzrldap_plugin.h"
-
-#define KIND_GOOD 0
-#define KIND_NO_ENTRY 1
-#define KIND_FAILS 2
-#define KIND_NO_OPS 3
-#define KIND_FUTURE 4
 
 extern "C" {
 __attribute__((visibility("default"))) int testplug_cleanups = 0;
@@ -53,17 +47,17 @@ int cleanup(LDAPPluginBlock *)
     return 0;
 }
 
-const LDAPPluginOps OPS = {TESTPLUG_KIND == KIND_FUTURE ? LDAP_PLUGIN_OPS_VERSION + 1
+const LDAPPluginOps OPS = {TESTPLUG_KIND == 4 ? LDAP_PLUGIN_OPS_VERSION + 1
                                                         : LDAP_PLUGIN_OPS_VERSION,
                            nullptr, bind_s, nullptr, cleanup};
 } // namespace
 
-#if TESTPLUG_KIND != KIND_NO_ENTRY
+#if TESTPLUG_KIND != 1
 extern "C" __attribute__((visibility("default"))) int ldap_plugin_init(LDAPPluginBlock *b)
 {
-    if (TESTPLUG_KIND == KIND_FAILS)
+    if (TESTPLUG_KIND == 2)
         return 1;
-    if (TESTPLUG_KIND == KIND_NO_OPS)
+    if (TESTPLUG_KIND == 3)
         return 0;
     return b->services->set_param(b, LDAP_PLUGIN_PARAM_OPS, &OPS);
 }

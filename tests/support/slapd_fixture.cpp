@@ -238,78 +238,59 @@ bool SlapdFixture::read_env()
     return true;
 }
 
-// Forks `argv` (bash and a script) with its output in `log`; everything the child needs is
-// prepared before fork, so only async-signal-safe calls follow. -1 when fork fails.
-static pid_t spawn(const char *const argv[], const std::string &log)
+bool SlapdFixture::launch(int port)
 {
+    // Everything the child needs is prepared before fork: only async-signal-safe calls follow.
+    std::string script = sandbox_script(), port_s = std::to_string(port), log = dir_ + "/slapd.log";
+    const char *argv[] = {"bash", script.c_str(), "run", dir_.c_str(), port_s.c_str(), nullptr};
     // The death signal follows the thread that forks; only the main thread lives as long as
-    // the process, so only then can the child be tied to us should the test program crash.
+    // the process, so only then can the server be tied to us should the test program crash.
     bool tie_to_parent = syscall(SYS_gettid) == getpid();
     pid_t parent = getpid();
     pid_t pid = fork();
-    if (pid != 0)
-        return pid;
-    if (tie_to_parent) {
-        prctl(PR_SET_PDEATHSIG, SIGTERM);
-        if (getppid() != parent)
-            _exit(127);
-    }
-    int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (fd >= 0) {
-        dup2(fd, 1);
-        dup2(fd, 2);
-        close(fd);
-    }
-    int devnull = open("/dev/null", O_RDONLY);
-    if (devnull >= 0) {
-        dup2(devnull, 0);
-        close(devnull);
-    }
-    execvp("bash", const_cast<char *const *>(argv));
-    _exit(127);
-}
-
-bool SlapdFixture::launch(int port)
-{
-    std::string script = sandbox_script(), port_s = std::to_string(port), log = dir_ + "/slapd.log";
-    const char *argv[] = {"bash", script.c_str(), "run", dir_.c_str(), port_s.c_str(), nullptr};
-    pid_t pid = spawn(argv, log);
     if (pid < 0) {
         error_ = std::string("fork: ") + std::strerror(errno);
         return false;
+    }
+    if (pid == 0) {
+        if (tie_to_parent) {
+            prctl(PR_SET_PDEATHSIG, SIGTERM);
+            if (getppid() != parent)
+                _exit(127);
+        }
+        int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (fd >= 0) {
+            dup2(fd, 1);
+            dup2(fd, 2);
+            close(fd);
+        }
+        int devnull = open("/dev/null", O_RDONLY);
+        if (devnull >= 0) {
+            dup2(devnull, 0);
+            close(devnull);
+        }
+        execvp("bash", const_cast<char *const *>(argv));
+        _exit(127);
     }
     pid_ = pid;
     port_ = port;
     return true;
 }
 
-// The KDC, its principals and the user's ticket; then this process's Kerberos variables point
-// into the sandbox, so slapd (started next) finds its key and the tests' binds the ticket.
+// The KDC (a daemon of the sandbox script, stopped by its pid file) with the user's ticket;
+// then this process's Kerberos variables point into the sandbox, so slapd (started next)
+// finds its key and the tests' binds the ticket.
 bool SlapdFixture::start_kdc()
 {
-    std::string kdir = dir_ + "/krb5", script = kdc_script(), out;
-    int port = free_loopback_port();
-    if (run_capture("bash " + shell_quote(script) + " init " + shell_quote(kdir) + " " +
-                        std::to_string(port) + " 2>&1",
+    std::string out;
+    if (run_capture("bash " + shell_quote(kdc_script()) + " start " + shell_quote(dir_ + "/krb5") +
+                        " 2>&1",
                     &out) != 0) {
-        error_ = "kdc-sandbox.sh init failed: " + out;
+        error_ = "kdc-sandbox.sh start failed: " + out;
         return false;
     }
-    const char *argv[] = {"bash", script.c_str(), "run", kdir.c_str(), nullptr};
-    kdc_pid_ = spawn(argv, kdir + "/run.log");
-    for (int waited = 0; kdc_pid_ > 0 && !port_accepts(port); waited += 10) {
-        if (waited > 10000 || reap_or_gone(kdc_pid_)) {
-            error_ = "the KDC did not start: " + tail_of(kdir + "/kdc.log");
-            return false;
-        }
-        usleep(10 * 1000);
-    }
-    if (run_capture("bash " + shell_quote(script) + " kinit " + shell_quote(kdir) + " 2>&1",
-                    &out) != 0) {
-        error_ = "kinit failed: " + out;
-        return false;
-    }
-    std::ifstream env(kdir + "/kdc.env");
+    kdc_ = true;
+    std::ifstream env(dir_ + "/krb5/kdc.env");
     std::string line;
     while (std::getline(env, line)) {
         size_t eq = line.find('=');
@@ -365,24 +346,13 @@ bool SlapdFixture::start(const SlapdOptions &opts)
             break;
         if (wait_listening(port))
             return true;
-        stop_slapd();
+        stop();
     }
-    stop();
     remove_directory();
     return false;
 }
 
 void SlapdFixture::stop()
-{
-    stop_slapd();
-    if (kdc_pid_ > 0) {
-        kill(kdc_pid_, SIGTERM);
-        wait_gone(kdc_pid_, 10000);
-        kdc_pid_ = -1;
-    }
-}
-
-void SlapdFixture::stop_slapd()
 {
     if (pid_ > 0) {
         kill(pid_, SIGTERM);
@@ -399,6 +369,11 @@ void SlapdFixture::remove_directory()
 {
     if (dir_.empty())
         return;
+    if (kdc_)
+        (void)run_capture("bash " + shell_quote(kdc_script()) + " stop " +
+                              shell_quote(dir_ + "/krb5") + " 2>&1",
+                          nullptr);
+    kdc_ = false;
     std::error_code ec;
     std::filesystem::remove_all(dir_, ec);
     dir_.clear();

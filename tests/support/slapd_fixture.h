@@ -13,9 +13,8 @@ namespace wzrtest {
 struct SlapdOptions {
     int bulk_entries = 0;   // generated uid=bulkNNNNNN,ou=bulk,<base> entries, ~10 attributes
     std::string extra_ldif; // appended to the sample tree before loading
-    // A throwaway Kerberos KDC (tools/kdc-sandbox.sh) with slapd's service key ldap/localhost
-    // and a ticket for alice; sets this process's KRB5_CONFIG, KRB5_KDC_PROFILE, KRB5_KTNAME
-    // and KRB5CCNAME to the sandbox's files.
+    // A throwaway KDC (tools/kdc-sandbox.sh), slapd's key ldap/localhost and a ticket for alice;
+    // this process's KRB5_CONFIG, KRB5_KDC_PROFILE, KRB5_KTNAME and KRB5CCNAME then point to it.
     bool kerberos = false;
 };
 
@@ -60,11 +59,10 @@ private:
     bool launch(int port);
     bool wait_listening(int port);
     bool start_kdc();
-    void stop_slapd();
     void remove_directory();
 
     pid_t pid_ = -1;
-    pid_t kdc_pid_ = -1;
+    bool kdc_ = false; // a KDC runs in dir_/krb5
     pid_t owner_ = getpid();
     int port_ = 0;
     std::string dir_, error_;

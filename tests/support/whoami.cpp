@@ -1,7 +1,7 @@
 // Who-am-I for the tests, sent as a bare extended request on the handle's default connection.
 #include "support/whoami.h"
 
-#include "libldap/ldap_message.h"
+#include "libldap/ldap_error.h"
 #include "libldap/ldap_ops.h"
 #include "libldap/ldap_parse.h"
 #include "libldap/ldap_result.h"
@@ -23,17 +23,20 @@ std::string whoami(LDAP *ld)
     if (rc == 0 && ldap_result(ld, msgid, LDAP_MSG_ALL, nullptr, &res) <= 0)
         rc = LDAP_LOCAL_ERROR;
     struct berval *data = nullptr;
-    int code = -1;
     if (rc == 0)
-        rc = ldap_parse_result(ld, res, &code, nullptr, nullptr, nullptr, nullptr, 0);
-    if (rc == 0 && code == 0)
-        rc = ldap_parse_extended_result(ld, res, nullptr, &data, 0);
-    else if (rc == 0)
-        rc = code;
-    ldap_msgfree(res);
+        rc = ldap_parse_extended_result(ld, res, nullptr, &data, 1); // the server's code
     std::string out = data != nullptr ? std::string(data->bv_val, data->bv_len) : "";
     ber_bvfree(data);
     return rc == 0 ? out : "error " + std::to_string(rc);
+}
+
+std::string recorded_message(LDAP *ld)
+{
+    char *m = nullptr;
+    (void)ldap_get_lderrno(ld, nullptr, &m);
+    std::string s = m != nullptr ? m : "";
+    lber_free(m);
+    return s;
 }
 
 } // namespace wzrtest
