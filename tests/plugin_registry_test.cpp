@@ -181,9 +181,9 @@ struct PluginBindTest : wzrtest::RequestTest {
 
 TEST_F(PluginBindTest, PluginGetsTheBindsParametersAndItsCleanUpRunsWithTheHandle)
 {
-    auto *cleanups = static_cast<int *>(dlsym(RTLD_DEFAULT, "testplug_cleanups"));
     struct berval pw = {6, const_cast<char *>("secret")};
     EXPECT_EQ(ldap_sasl_bind_s(ld, "cn=u", "X-ECHO", &pw, nullptr, nullptr, nullptr), LDAP_OTHER);
+    auto *cleanups = static_cast<int *>(dlsym(RTLD_DEFAULT, "testplug_cleanups"));
     EXPECT_EQ(errmsg(), "dn=cn=u mech=X-ECHO args=realm=R host=127.0.0.1 cred=6 set106=89");
     EXPECT_EQ(server.count(0x60), 0u) << "the plug-in sent nothing";
     ASSERT_NE(cleanups, nullptr);

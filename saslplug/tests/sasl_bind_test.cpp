@@ -119,10 +119,10 @@ TEST_F(SaslBindTest, HostileChallengesEndTheExchangeWithACode)
         {"DIGEST-MD5", LDAP_SASL_BIND_IN_PROGRESS, std::string("\0\xff\x80garbage", 10)},
         {"SCRAM-SHA-256", LDAP_SUCCESS, "v=bm90IHRoZSBzaWduYXR1cmU="},
     };
-    LDAPPluginRef ref; // registered before counting: the registry lives for the process
-    for (const char *mech : {"SCRAM-SHA-1", "SCRAM-SHA-256", "DIGEST-MD5"})
-        ASSERT_EQ(ldap_find_plugin("sasl", mech, &ref), 0);
-    for (const Case &c : cases) {
+    // Each case runs twice and only the second is counted: the first loads its plug-in and
+    // the process-wide state a first connection sets up.
+    for (size_t run = 0; run < 2 * std::size(cases); run++) {
+        const Case &c = cases[run / 2];
         wzrtest::FakeServer server;
         server.on_request([&](const wzrtest::ReceivedRequest &r, wzrtest::FakeConnection &conn) {
             std::string op = wzrtest::ber_int(c.code, 0x0a) + wzrtest::ber_str("") +
@@ -134,7 +134,7 @@ TEST_F(SaslBindTest, HostileChallengesEndTheExchangeWithACode)
         EXPECT_TRUE(rc != 0 && rc != LDAP_SASL_BIND_IN_PROGRESS) << c.mech << ": " << rc;
         ldap_unbind(ld);
         ld = nullptr;
-        EXPECT_EQ(lber_live_blocks(), live) << c.mech;
+        EXPECT_TRUE(run % 2 == 0 || lber_live_blocks() == live) << c.mech;
     }
 }
 
