@@ -47,7 +47,7 @@ int cleanup(LDAPPluginBlock *)
     return 0;
 }
 
-const LDAPPluginOps OPS = {TESTPLUG_KIND == 4 ? LDAP_PLUGIN_OPS_VERSION + 1
+[[maybe_unused]] const LDAPPluginOps OPS = {TESTPLUG_KIND == 4 ? LDAP_PLUGIN_OPS_VERSION + 1
                                                         : LDAP_PLUGIN_OPS_VERSION,
                            nullptr, bind_s, nullptr, cleanup};
 } // namespace
