@@ -163,6 +163,7 @@ struct PluginBindTest : wzrtest::RequestTest {
                             "# test plug-ins\nplugin sasl X-ECHO " + good + "realm=R\n" +
                                 "plugin sasl X-NONSENSE " + good + "mode=nonsense\n" +
                                 "plugin sasl X-STEP " + good + "mode=step\n" +
+                                "plugin sasl GSSAPI " + good + "mode=initfails\n" +
                                 "plugin sasl X-BROKEN " + plugin_path("fails") + "\n");
         ldap_conf_reset();
         RequestTest::SetUp();
@@ -202,6 +203,7 @@ TEST_F(PluginBindTest, StepServiceCarriesTheExchangeAndAnswersAreChecked)
     expect_request(0x60, cons(0x60, integer(3) + str("cn=u") + cons(0xa3, str("X-STEP"))));
     EXPECT_EQ(sasl(nullptr, "X-NONSENSE"), LDAP_PLUGIN_BIND_FAILED);
     EXPECT_EQ(sasl(nullptr, "X-BROKEN"), LDAP_PLUGIN_NOT_INITIALIZED);
+    EXPECT_EQ(sasl(nullptr, "GSSAPI"), LDAP_PLUGIN_NOT_INITIALIZED);
     // Not configured, and then no file at all: both go out as plain SASL requests.
     EXPECT_EQ(sasl("cn=v", "X-NONE"), 0);
     wzrtest::ScopedEnv nowhere("QRVLDAP_CONF", dir.path() + "/none");

@@ -41,6 +41,12 @@ int bind_s(LDAPPluginBlock *b)
     return LDAP_OTHER;
 }
 
+// "mode=initfails": the initialisation a GSSAPI bind runs first refuses.
+int init(LDAPPluginBlock *b)
+{
+    return strcmp(text_param(b, LDAP_PLUGIN_PARAM_ARGS), "mode=initfails") == 0;
+}
+
 int cleanup(LDAPPluginBlock *)
 {
     testplug_cleanups++;
@@ -49,7 +55,7 @@ int cleanup(LDAPPluginBlock *)
 
 [[maybe_unused]] const LDAPPluginOps OPS = {TESTPLUG_KIND == 4 ? LDAP_PLUGIN_OPS_VERSION + 1
                                                         : LDAP_PLUGIN_OPS_VERSION,
-                           nullptr, bind_s, nullptr, cleanup};
+                           init, bind_s, nullptr, cleanup};
 } // namespace
 
 #if TESTPLUG_KIND != 1
