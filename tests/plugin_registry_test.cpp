@@ -14,7 +14,6 @@
 #include "libldap/ldap_unbind.h"
 #include "support/request_test.h"
 #include "support/test_util.h"
-#include "support/whoami.h"
 
 namespace {
 

@@ -16,7 +16,6 @@
 #include "support/fake_server.h"
 #include "support/slapd_fixture.h"
 #include "support/test_util.h"
-#include "support/whoami.h"
 #include "wzrsasl.h"
 
 namespace {

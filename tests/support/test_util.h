@@ -49,6 +49,12 @@ long resident_kib();
 long virtual_kib();
 void write_file(const std::string &path, const std::string &content);
 
+// Who-am-I (1.3.6.1.4.1.4203.1.11.3) on a handle: "dn:..." for the bound identity, "" for
+// anonymous, "error N" on failure; and the calling thread's recorded error message ("" for
+// none). In whoami.cpp.
+std::string whoami(struct ldap *ld);
+std::string recorded_message(struct ldap *ld);
+
 } // namespace wzrtest
 
 #endif

@@ -1,5 +1,6 @@
 // Who-am-I for the tests, sent as a bare extended request on the handle's default connection.
-#include "support/whoami.h"
+#include "libldap/ldap_int.h"
+#include "support/test_util.h"
 
 #include "libldap/ldap_error.h"
 #include "libldap/ldap_ops.h"
