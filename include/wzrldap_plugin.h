@@ -68,8 +68,8 @@ extern "C" {
  *     204 const char *  the mechanism
  *     205, 206 void *   the client and server controls of the bind (opaque)
  *     208 int           GSSAPI only: the handle's Kerberos version setting (option 54)
- *     310 const char *  GSSAPI only: the name of the server host the handle's connection
- *                       reached, for the service principal ldap/HOST
+ *     310 const char *  the name of the server host the handle's connection reached (or
+ *                       will reach), for the service name ldap/HOST of GSSAPI and DIGEST-MD5
  *     210 (set)         const char *: a text for the caller, copied; the library records it
  *                       as the handle's error message with the bind's result
  *     303 (set, in the entry point's block) void *: the plug-in's own value, given back as 103
