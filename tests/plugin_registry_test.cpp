@@ -3,8 +3,10 @@
 // and SASL binds routed through a configured plug-in.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <dlfcn.h>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "libldap/ldap_bind.h"
@@ -209,6 +211,26 @@ TEST_F(PluginBindTest, StepServiceCarriesTheExchangeAndAnswersAreChecked)
     ldap_conf_reset();
     EXPECT_EQ(sasl("cn=w", "X-NONE"), 0);
     EXPECT_EQ(server.count(0x60), 3u);
+}
+
+// Threads bind at once, the first ones racing to read the file and register the plug-in; two
+// share a handle, so its plug-in record is replaced under them.
+struct PluginBindThreads : PluginBindTest {};
+TEST_F(PluginBindThreads, BindsRunAtOnceThroughOnePlugin)
+{
+    LDAP *other = server.open();
+    std::vector<std::thread> threads;
+    std::atomic<int> bound{0};
+    for (int i = 0; i < 4; i++)
+        threads.emplace_back([&, i] {
+            for (int n = 0; n < 20; n++)
+                bound += ldap_sasl_bind_s(i % 2 ? ld : other, "cn=t", "X-STEP", nullptr, nullptr,
+                                          nullptr, nullptr) == 0;
+        });
+    for (std::thread &t : threads)
+        t.join();
+    ldap_unbind(other);
+    EXPECT_EQ(bound.load(), 80);
 }
 
 // Runs last in this program: it fills the registry past what a snapshot may hold.
