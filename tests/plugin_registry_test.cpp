@@ -67,15 +67,13 @@ TEST(ConfigParser, LinesBecomeSixFieldEntries)
 TEST(ConfigParser, HostileFilesEndWithEntriesAndNoLeak)
 {
     long live = lber_live_blocks();
-    std::string many, binary;
+    std::string many;
     for (int i = 0; i < 100000; i++)
         many += "plugin sasl M" + std::to_string(i % 10) + " /p\n";
     EXPECT_EQ(parse(many, 4096).size(), 100000u);
     // 10,000-character lines are cut every 511 characters; each piece is a line of its own.
+    // (Binary bytes are the fuzz target's.)
     EXPECT_EQ(parse(std::string(10000, 'a') + "\n" + std::string(10000, ' ') + "\n").size(), 0u);
-    for (int i = 0; i < 20000; i++)
-        binary += static_cast<char>((i * 7919) & 0xff);
-    (void)parse(binary, 333);
     EXPECT_EQ(lber_live_blocks(), live);
     wzrtest::walk_alloc_failures([] {
         const char text[] = "plugin sasl A /a e x y\nplugin sasl B /b\n";

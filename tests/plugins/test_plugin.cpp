@@ -6,9 +6,14 @@
 
 #include "wzrldap_plugin.h"
 
+// The clean-up count the tests read; only the good kind exports it (one definition a process).
+#if TESTPLUG_KIND == 0
 extern "C" {
 __attribute__((visibility("default"))) int testplug_cleanups = 0;
 }
+#else
+static int testplug_cleanups = 0;
+#endif
 
 namespace {
 const char *text_param(LDAPPluginBlock *b, int number)
