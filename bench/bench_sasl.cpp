@@ -25,7 +25,8 @@ void BM_ScramBind_Wzr(benchmark::State &state)
     struct berval pw = {slapd->user_pw().size(), const_cast<char *>(slapd->user_pw().c_str())};
     for (auto _ : state) {
         LDAP *ld = ldap_init(slapd->host_port().c_str(), 0);
-        if (ld == nullptr || ldap_sasl_bind_s(ld, "alice", MECH, &pw, nullptr, nullptr, nullptr) != 0) {
+        if (ld == nullptr ||
+            ldap_sasl_bind_s(ld, "alice", MECH, &pw, nullptr, nullptr, nullptr) != 0) {
             state.SkipWithError("bind failed");
             break;
         }

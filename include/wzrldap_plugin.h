@@ -116,6 +116,9 @@ typedef struct ldap_plugin_services {
     int (*sasl_bind_step)(LDAPPluginBlock *block, const char *dn, const struct berval *cred,
                           struct berval **servercredp);
     void (*free_berval)(struct berval *bv);
+    /* Writes one line to the library's trace (when tracing is on), prefixed with the plug-in's
+     * mechanism. Never pass a password or a key. */
+    void (*trace)(LDAPPluginBlock *block, const char *text);
 } LDAPPluginServices;
 
 /* The block: the services come first; the rest is the library's. */

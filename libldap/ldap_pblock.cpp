@@ -94,7 +94,8 @@ int service_sasl_step(LDAPPluginBlock *block, const char *dn, const struct berva
         return LDAP_PARAM_ERROR;
     char *errmsg = nullptr;
     auto *mech = static_cast<const char *>(ldap_pblock_value(pb, LDAP_PLUGIN_PARAM_MECH));
-    auto **sctrls = static_cast<LDAPControl **>(ldap_pblock_value(pb, LDAP_PLUGIN_PARAM_SERVERCTRLS));
+    auto **sctrls =
+        static_cast<LDAPControl **>(ldap_pblock_value(pb, LDAP_PLUGIN_PARAM_SERVERCTRLS));
     int rc = ldap_sasl_bind_step(pb->ld, pb->lc, dn, mech, cred, sctrls, servercredp, &errmsg);
     if (errmsg != nullptr && *errmsg != '\0' &&
         ldap_pblock_set(pb, LDAP_PLUGIN_PARAM_ERRTEXT, errmsg) != 0)
@@ -105,8 +106,18 @@ int service_sasl_step(LDAPPluginBlock *block, const char *dn, const struct berva
 
 void service_free_berval(struct berval *bv) { ber_bvfree(bv); }
 
+void service_trace(LDAPPluginBlock *block, const char *text)
+{
+    LDAPPBlock *pb = checked(block);
+    auto *mech = pb != nullptr ? static_cast<const char *>(
+                                     ldap_pblock_value(pb, LDAP_PLUGIN_PARAM_MECH))
+                               : nullptr;
+    LDAP_TRACE(LDAP_TRC_API, "plugin %s: %s\n", mech != nullptr ? mech : "-",
+               text != nullptr ? text : "");
+}
+
 const LDAPPluginServices SERVICES = {LDAP_PLUGIN_SERVICES_VERSION, service_get, service_set,
-                                     service_sasl_step, service_free_berval};
+                                     service_sasl_step, service_free_berval, service_trace};
 } // namespace
 
 LDAPPBlock *ldap_pblock_new()

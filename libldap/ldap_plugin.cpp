@@ -29,7 +29,10 @@ Registered *registry = nullptr;
 Registered *retired = nullptr;
 void *last_loaded = nullptr;
 
-bool same(const char *a, const char *b) { return a != nullptr && b != nullptr && strcmp(a, b) == 0; }
+bool same(const char *a, const char *b)
+{
+    return a != nullptr && b != nullptr && strcmp(a, b) == 0;
+}
 
 // True when `r` is the plug-in of `type` and `mechanism`.
 bool ldap_gpt_eval(const Registered *r, const char *type, const char *mechanism)

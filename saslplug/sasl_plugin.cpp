@@ -2,6 +2,7 @@
 // synchronous bind runs a Cyrus client exchange whose every message goes to the server
 // through the library's sasl_bind_step service. No security layer is negotiated.
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <pthread.h>
@@ -78,9 +79,18 @@ template <class F> CbFn callback(F fn)
     return reinterpret_cast<CbFn>(reinterpret_cast<void (*)()>(fn));
 }
 
+// A line for the library's trace; the messages' contents (credentials) are never shown.
+void trace(Bind *b, const char *fmt, long a, long c = 0)
+{
+    char line[128];
+    snprintf(line, sizeof line, fmt, a, c);
+    b->sv->trace(b->block, line);
+}
+
 // Cyrus reports its own failures with a text; the server's text, when there is one, wins.
 int cyrus_failure(Bind *b, int sasl_rc)
 {
+    trace(b, "Cyrus SASL result %ld", sasl_rc);
     const char *text = b->conn != nullptr ? sasl_errdetail(b->conn) : sasl_errstring(sasl_rc,
                                                                                      nullptr,
                                                                                      nullptr);
@@ -97,7 +107,9 @@ int exchange(Bind *b, const char *out, unsigned outlen)
     for (;;) {
         struct berval cred = {outlen, const_cast<char *>(out)};
         struct berval *server = nullptr;
-        int rc = b->sv->sasl_bind_step(b->block, nullptr, out != nullptr ? &cred : nullptr, &server);
+        const struct berval *send = out != nullptr ? &cred : nullptr;
+        int rc = b->sv->sasl_bind_step(b->block, nullptr, send, &server);
+        trace(b, "sent %ld bytes, server answered %ld", out != nullptr ? long(outlen) : -1L, rc);
         if (rc != LDAP_SASL_BIND_IN_PROGRESS && rc != LDAP_SUCCESS) {
             b->sv->free_berval(server);
             return rc;
@@ -122,8 +134,9 @@ int exchange(Bind *b, const char *out, unsigned outlen)
 
 int start(Bind *b, const char *mech)
 {
-    const char *host = b->id.host[0] != '\0' ? b->id.host
-                                              : param<const char *>(b, LDAP_PLUGIN_PARAM_SERVICE_HOST);
+    const char *host = b->id.host[0] != '\0'
+                           ? b->id.host
+                           : param<const char *>(b, LDAP_PLUGIN_PARAM_SERVICE_HOST);
     sasl_callback_t callbacks[] = {
         {SASL_CB_AUTHNAME, callback(get_simple), b},
         {SASL_CB_USER, callback(get_simple), b},

@@ -161,7 +161,8 @@ TEST_F(SaslBindTest, ToolBindsWithTheMechanismTheFlagsName)
 TEST(SaslIdentity, DnWordsOverrideTheArgumentsAndUnknownWordsAreRefused)
 {
     wzrsasl_identity id;
-    ASSERT_EQ(wzrsasl_bind_identity("realm=R authzid=u:bob authcid=carol", "authcid=alice", &id), 0);
+    ASSERT_EQ(wzrsasl_bind_identity("realm=R authzid=u:bob authcid=carol", "authcid=alice", &id),
+              0);
     EXPECT_EQ(std::string(id.authcid) + "|" + id.authzid + "|" + id.realm, "alice|u:bob|R");
     EXPECT_EQ(wzrsasl_bind_identity("nonsense", nullptr, &id), LDAP_PARAM_ERROR);
     std::string too_long = "authcid=" + std::string(300, 'x');

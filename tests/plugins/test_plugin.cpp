@@ -31,7 +31,8 @@ int bind_s(LDAPPluginBlock *b)
         return -12345;
     if (strcmp(args, "mode=step") == 0) {
         struct berval *server = nullptr;
-        int rc = b->services->sasl_bind_step(b, text_param(b, LDAP_PLUGIN_PARAM_DN), nullptr, &server);
+        const char *dn = text_param(b, LDAP_PLUGIN_PARAM_DN);
+        int rc = b->services->sasl_bind_step(b, dn, nullptr, &server);
         b->services->free_berval(server);
         return rc;
     }
