@@ -55,7 +55,7 @@ int init(LDAPPluginBlock *b)
 
 int cleanup(LDAPPluginBlock *)
 {
-    testplug_cleanups++;
+    __atomic_fetch_add(&testplug_cleanups, 1, __ATOMIC_RELAXED); // binds run in many threads
     return 0;
 }
 
