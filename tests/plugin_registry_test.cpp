@@ -43,10 +43,7 @@ std::vector<std::string> parse(const std::string &text, size_t chunk = 7)
 TEST(ConfigParser, LinesBecomeSixFieldEntries)
 {
     const std::string x492(492, 'x');
-    struct Case {
-        std::string text;
-        std::vector<std::string> want;
-    } cases[] = {
+    struct Case { std::string text; std::vector<std::string> want; } cases[] = {
         {"plugin sasl FOO /lib/foo.so\n", {"plugin|sasl|FOO|/lib/foo.so|~|~"}},
         {"plugin sasl FOO\n# plugin sasl FOO /lib/foo.so\n", {}},
         {" # sasl FOO /p\n", {"#|sasl|FOO|/p|~|~"}},
@@ -58,10 +55,8 @@ TEST(ConfigParser, LinesBecomeSixFieldEntries)
         // A zero byte ends the line's text, as it would for a C string.
         {std::string("plugin sasl Z /p\0 tail\n", 23), {"plugin|sasl|Z|/p|~|~"}},
     };
-    for (const Case &c : cases) {
-        EXPECT_EQ(parse(c.text), c.want) << c.text;
-        EXPECT_EQ(parse(c.text, 1000), c.want) << c.text;
-    }
+    for (const Case &c : cases)
+        EXPECT_EQ(parse(c.text), c.want) << c.text; // other piece sizes: the fuzz target
 }
 
 TEST(ConfigParser, HostileFilesEndWithEntriesAndNoLeak)
@@ -113,10 +108,7 @@ TEST(PluginRegistry, EachDefectHasItsCode)
 {
     wzrtest::TempDir dir;
     wzrtest::write_file(dir.file("notalib.so"), "not an ELF file\n");
-    struct Case {
-        std::string path;
-        int want;
-    } cases[] = {
+    struct Case { std::string path; int want; } cases[] = {
         {plugin_path("no_entry"), LDAP_PLUGIN_FUNC_NOT_RESOLVED},
         {plugin_path("fails"), LDAP_PLUGIN_NOT_INITIALIZED},
         {plugin_path("no_ops"), LDAP_OPERATIONS_ERROR},
@@ -219,11 +211,10 @@ TEST_F(PluginBindThreads, BindsRunAtOnceThroughOnePlugin)
     LDAP *other = server.open();
     std::vector<std::thread> threads;
     std::atomic<int> bound{0};
-    for (int i = 0; i < 4; i++)
-        threads.emplace_back([&, i] {
+    for (LDAP *h : {ld, ld, other, other})
+        threads.emplace_back([&, h] {
             for (int n = 0; n < 20; n++)
-                bound += ldap_sasl_bind_s(i % 2 ? ld : other, "cn=t", "X-STEP", nullptr, nullptr,
-                                          nullptr, nullptr) == 0;
+                bound += ldap_sasl_bind_s(h, "cn=t", "X-STEP", nullptr, nullptr, nullptr, 0) == 0;
         });
     for (std::thread &t : threads)
         t.join();

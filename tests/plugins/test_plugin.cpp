@@ -6,11 +6,9 @@
 
 #include "wzrldap_plugin.h"
 
-// The clean-up count the tests read; only the good kind exports it (one definition a process).
-#if TESTPLUG_KIND == 0
-extern "C" {
-__attribute__((visibility("default"))) int testplug_cleanups = 0;
-}
+#if TESTPLUG_KIND == 0 // the clean-up count the tests read: one definition in a process
+extern "C" __attribute__((visibility("default"))) int testplug_cleanups;
+int testplug_cleanups = 0;
 #else
 static int testplug_cleanups = 0;
 #endif
