@@ -1,6 +1,5 @@
-// The configuration file parser (lines, comments, fields, limits, hostile bytes), the plug-in
-// registry with small test plug-ins (every refusal code, one entry per mechanism, snapshots),
-// and SASL binds routed through a configured plug-in.
+// The configuration file parser, the plug-in registry with small test plug-ins (every refusal
+// code, one entry per mechanism, snapshots), and SASL binds through a configured plug-in.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -159,11 +158,7 @@ struct PluginBindTest : wzrtest::RequestTest {
         ldap_conf_reset();
         RequestTest::SetUp();
     }
-    void TearDown() override
-    {
-        RequestTest::TearDown();
-        ldap_conf_reset();
-    }
+    void TearDown() override { RequestTest::TearDown(), ldap_conf_reset(); }
     std::string errmsg() { return wzrtest::recorded_message(ld); }
     int sasl(const char *dn, const char *mech)
     {

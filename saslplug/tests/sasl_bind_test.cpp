@@ -1,6 +1,5 @@
-// The Cyrus SASL plug-in against a real slapd: password mechanisms over the local socket and
-// TCP, GSSAPI with a throwaway KDC, the server's refusals with their texts, and the plug-in's
-// identity words and code mapping.
+// The Cyrus SASL plug-in against a real slapd (password mechanisms, GSSAPI with a throwaway
+// KDC, refusals and their texts), against hostile challenges, and through the tool.
 #include <gtest/gtest.h>
 
 #include <sasl/sasl.h>
@@ -29,7 +28,6 @@ namespace {
 
 bool have_kdc() { return access("/usr/sbin/krb5kdc", X_OK) == 0; }
 
-// One server for the program, with a KDC when one is installed.
 wzrtest::SlapdFixture &sasl_slapd()
 {
     static wzrtest::SlapdFixture fixture;
@@ -117,8 +115,7 @@ TEST_F(SaslBindTest, HostileChallengesEndTheExchangeWithACode)
         {"DIGEST-MD5", LDAP_SASL_BIND_IN_PROGRESS, std::string("\0\xff\x80garbage", 10)},
         {"SCRAM-SHA-256", LDAP_SUCCESS, "v=bm90IHRoZSBzaWduYXR1cmU="},
     };
-    // Each case runs twice and only the second is counted: the first loads its plug-in and
-    // the process-wide state a first connection sets up.
+    // Only each case's second run is counted: the first sets up its plug-in and such.
     for (size_t run = 0; run < 2 * std::size(cases); run++) {
         const Case &c = cases[run / 2];
         wzrtest::FakeServer server;

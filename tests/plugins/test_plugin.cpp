@@ -1,6 +1,5 @@
-// Plug-ins for the registry tests, one source built once per TESTPLUG_KIND: 0 a good one whose
-// bind does what its arguments say, 1 one without the entry point, 2 one whose entry point
-// fails, 3 one that publishes nothing, 4 one with an operations record from the future.
+// Test plug-ins, one per TESTPLUG_KIND: 0 good (its bind does what its arguments say), 1 no
+// entry point, 2 a failing entry point, 3 no operations, 4 operations from a future version.
 #include <cstdio>
 #include <cstring>
 
