@@ -107,7 +107,9 @@ int abandon_table_row(LDAP *ld, LDAPMsgTable *table, int msgid, LDAPControl **se
         LDAP_TRACE(LDAP_TRC_ERROR, "abandon_table_row: msgid=%d is already abandoned\n", msgid);
         return ldap_fail(ld, LDAP_PARAM_ERROR);
     }
-    if ((row->flags & ROW_COMPLETE) != 0) {
+    // A complete row whose referral request is still out goes on below: its child is abandoned.
+    const bool server_done = (row->flags & ROW_COMPLETE) != 0;
+    if (server_done && row->child == nullptr) {
         if (row->first == nullptr) {
             LDAP_TRACE(LDAP_TRC_ERROR,
                        "abandon_table_row: All msgs are already returned for this msgid=%d\n",
@@ -122,7 +124,7 @@ int abandon_table_row(LDAP *ld, LDAPMsgTable *table, int msgid, LDAPControl **se
     // From here on nothing more is filed for this id, whatever the server still sends.
     row->flags |= ROW_ABANDONED;
     guard.unlock(); // sending takes the table lock and writes on the socket
-    int rc = ldap_send_abandon_request(ld, table, msgid, serverctrls, until);
+    int rc = server_done ? 0 : ldap_send_abandon_request(ld, table, msgid, serverctrls, until);
     // Whether or not the server heard the abandon, the row goes now rather than when a response
     // comes: after an abandon the server need not answer at all, and whatever it still sends
     // carries an id that names this row no more. Responses already handed out are the
@@ -130,7 +132,7 @@ int abandon_table_row(LDAP *ld, LDAPMsgTable *table, int msgid, LDAPControl **se
     if (guard.relock() != 0)
         return ldap_fail(ld, guard.rc());
     row = ldap_msg_table_row(table, msgid);
-    LDAPRowLink child = {nullptr, 0};
+    LDAPRowLink child = {nullptr, 0, nullptr};
     if (row != nullptr) {
         if (row->child != nullptr)
             child = *row->child;

@@ -62,6 +62,7 @@ inline constexpr uint32_t LDAP_MSG_SINGLE = 2;
 struct LDAPRowLink {
     LDAPMsgTable *table;
     int32_t row;
+    const char *url; // a child link's: the URL followed, stored in the same allocation
 };
 
 // Row flags.

@@ -83,7 +83,10 @@ int decode_result(LDAPMessage *m, bool want_refs, bool want_ctrls, ResultParts *
     } else {
         LDAP_TRACE(LDAP_TRC_ERROR, "ldap_parse_result: msgid=%d, resulttype=%d, resultcode=%d\n",
                    m->lm_msgid, m->lm_msgtype, p->code);
-        if (p->code == LDAP_REFERRAL) {
+        // A result that reports referrals the library could not follow carries them with
+        // the failure's code, so the field is read whatever the code.
+        ber_len_t len = 0;
+        if (p->code == LDAP_REFERRAL || fber_peek_tag(c, &len) == LDAP_TAG_REFERRAL) {
             bool ok = want_refs ? fber_scanf(c, "{v}", &p->referrals) != LBER_ERROR
                                 : fber_skip_element(c) == 0;
             rc = ok ? 0 : LDAP_DECODING_ERROR;

@@ -15,6 +15,7 @@
 #include "ldap_message.h"
 #include "ldap_options.h"
 #include "ldap_queue.h"
+#include "ldap_referrals.h"
 #include "ldap_request.h"
 #include "ldap_table.h"
 
@@ -245,46 +246,61 @@ int queue_messages(LDAP *ld, LDAPConn *lc, LDAPMessage *chain)
 }
 
 // The one decision of referral chasing: entries and bind responses are always delivered;
-// any other message of a row that chases referrals (search references included) would be
-// handed to referral chasing, which replaces it by what the referred servers answered.
-// Until chasing exists, such a message is delivered as it is.
+// any other message of a row that chases referrals (search references included) goes to
+// referral chasing, which replaces a referral by what the referred servers answered.
 LDAPMessage *deliver_or_chase_referral(LDAP *ld, LDAPMsgTable *table, int msgid,
-                                       LDAPMessage *msg, int chase, int hops)
+                                       LDAPMessage *msg, int chase, int hops,
+                                       const LDAPDeadline &until)
 {
     if (!chase || msg->lm_msgtype == LDAP_RES_SEARCH_ENTRY || msg->lm_msgtype == LDAP_RES_BIND)
         return msg;
-    LDAP_TRACE(LDAP_TRC_API,
-               "ldap_return_one_msg: msgid %d type 0x%x delivered as received (hops %d, ld %p, "
-               "table %p)\n",
-               msgid, static_cast<unsigned>(msg->lm_msgtype), hops, static_cast<void *>(ld),
-               static_cast<void *>(table));
-    return msg;
+    return look_for_referrals(ld, table, msgid, msg, hops, until);
 }
 
+// Reads the row's own next message and passes it through referral chasing.
+int return_own_msg(LDAP *ld, int msgid, const LDAPDeadline &until, LDAPMessage **result,
+                   LDAPMsgTable *table, int chase, int hops)
+{
+    int type = ldap_get_result(ld, msgid, LDAP_MSG_ONE, until, result, table);
+    if (type == -1) {
+        if (ldap_get_errno_direct(ld) == LDAP_PARAM_ERROR)
+            ldap_msg_table_release_child(ld, table, msgid);
+        return -1;
+    }
+    if (type == 0)
+        return 0;
+    LDAPMessage *delivered = deliver_or_chase_referral(ld, table, msgid, *result, chase, hops, until);
+    *result = delivered;
+    if (delivered != nullptr)
+        return delivered->lm_msgtype;
+    LDAP_TRACE(LDAP_TRC_API, "ldap_return_one_msg: error at referral chasing. Continue with "
+                             "next referral (if any)\n");
+    return LDAP_REFERRAL_AGAIN;
+}
+} // namespace
+
+// A row with a child link has a referral request in progress: its next responses are the
+// child's, in the referral's place.
 int ldap_return_one_msg(LDAP *ld, int msgid, const LDAPDeadline &until, LDAPMessage **result,
                         LDAPMsgTable *table, int chase, int hops)
 {
-    // A row with a child link has a referral request in progress; collecting through the
-    // child belongs to referral chasing, and no child link exists without it.
     for (;;) {
-        int type = ldap_get_result(ld, msgid, LDAP_MSG_ONE, until, result, table);
-        if (type == -1) {
-            if (ldap_get_errno_direct(ld) == LDAP_PARAM_ERROR)
-                ldap_msg_table_release_child(ld, table, msgid);
-            return -1;
+        *result = nullptr;
+        int type = chase ? ldap_referral_from_child(ld, table, msgid, until, result, hops)
+                         : LDAP_REFERRAL_NO_CHILD;
+        if (type == LDAP_REFERRAL_NO_CHILD)
+            type = return_own_msg(ld, msgid, until, result, table, chase, hops);
+        if (type == LDAP_REFERRAL_AGAIN)
+            continue;
+        if (type > 0 && chase && is_last_msg(*result)) {
+            *result = ldap_referral_finish(ld, table, msgid, *result);
+            type = (*result)->lm_msgtype;
         }
-        if (type == 0)
-            return 0;
-        LDAPMessage *delivered = deliver_or_chase_referral(ld, table, msgid, *result, chase, hops);
-        if (delivered != nullptr) {
-            *result = delivered;
-            return delivered->lm_msgtype;
-        }
-        LDAP_TRACE(LDAP_TRC_API, "ldap_return_one_msg: error at referral chasing. Continue with "
-                                 "next referral (if any)\n");
+        return type;
     }
 }
 
+namespace {
 // Takes the messages of one row one by one, each leaving the row, until `done` says the
 // operation is complete, then hands out what it took as one chain, all within one deadline.
 // On a time-out what it took goes back to the front of the row, so the next call starts again

@@ -85,11 +85,11 @@ int scan_for_free_row(LDAPMsgTable *table)
 }
 
 // A complete row with nothing left to deliver may still hold a result that referral chasing
-// put aside; it is handed out. Building a message from a pending referral result belongs to
-// referral chasing.
+// put aside (its referral request has ended); it is handed out. Folding the referrals that
+// could not be followed into it belongs to referral chasing.
 int take_put_aside_result(LDAP *ld, LDAPMsgRow &row, LDAPMessage **result)
 {
-    if (row.parent != nullptr || row.pending_referral != nullptr || row.saved_result == nullptr)
+    if (row.saved_result == nullptr)
         return ldap_fail_minus_one(ld, LDAP_PARAM_ERROR);
     LDAPMessage *saved = row.saved_result;
     row.saved_result = nullptr;
@@ -101,10 +101,13 @@ int take_put_aside_result(LDAP *ld, LDAPMsgRow &row, LDAPMessage **result)
 }
 
 // Once its final result is out and nothing is left to hand out, a row has done its work and
-// its id comes back at once: nothing the caller holds lives in the row any more.
+// its id comes back at once: nothing the caller holds lives in the row any more. A row that
+// chases referrals stays until chasing has looked at its final result (which may refer
+// elsewhere, and then the row waits for its child).
 void release_if_collected(LDAPMsgTable *table, int id, const LDAPMsgRow &row)
 {
-    if (id != 0 && (row.flags & ROW_COMPLETE) != 0 && row.first == nullptr &&
+    if (id != 0 && (row.flags & ROW_COMPLETE) != 0 && (row.flags & ROW_CHASE) == 0 &&
+        row.first == nullptr &&
         row.child == nullptr && row.saved_result == nullptr && row.pending_referral == nullptr)
         ldap_msg_table_release_msgid_direct(table, id);
 }
@@ -641,7 +644,7 @@ void ldap_msg_table_mark_rows(LDAP *ld, int msgid, uint32_t bits)
 {
     if (ld == nullptr || ld->ld_defconn == nullptr)
         return;
-    LDAPRowLink at = {ld->ld_defconn->table, msgid};
+    LDAPRowLink at = {ld->ld_defconn->table, msgid, nullptr};
     while (at.table != nullptr) {
         LDAP_LOCK(guard, &at.table->table_lock, MODULE);
         if (!guard.locked()) {
@@ -652,7 +655,7 @@ void ldap_msg_table_mark_rows(LDAP *ld, int msgid, uint32_t bits)
         if (row == nullptr)
             return;
         row->flags |= bits;
-        at = row->child != nullptr ? *row->child : LDAPRowLink{nullptr, 0};
+        at = row->child != nullptr ? *row->child : LDAPRowLink{nullptr, 0, nullptr};
     }
 }
 

@@ -2,6 +2,7 @@
 // one place that knows the configuration and the sample tree), runs slapd in the foreground as
 // our child so it is stopped and reaped by its pid, and finds a free loopback port for it.
 #include "support/slapd_fixture.h"
+#include "support/test_util.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -201,6 +202,14 @@ bool SlapdFixture::init_directory(const SlapdOptions &opts)
     if (run_capture(cmd + " 2>&1", &out) != 0) {
         error_ = "slapd-sandbox.sh init failed: " + out;
         return false;
+    }
+    if (!opts.default_referral.empty()) {
+        // A global directive: it goes before the database section.
+        std::string conf = read_file(dir_ + "/slapd.conf");
+        size_t at = conf.find("\ndatabase ");
+        conf.insert(at == std::string::npos ? 0 : at + 1,
+                    "referral " + opts.default_referral + "\n");
+        write_file(dir_ + "/slapd.conf", conf);
     }
     return read_env();
 }

@@ -16,6 +16,7 @@ struct SlapdOptions {
     // A throwaway KDC (tools/kdc-sandbox.sh), slapd's key ldap/localhost and a ticket for alice;
     // this process's KRB5_CONFIG, KRB5_KDC_PROFILE, KRB5_KTNAME and KRB5CCNAME then point to it.
     bool kerberos = false;
+    std::string default_referral; // URL the server refers to for DNs outside its suffix
 };
 
 // Start-up failures are reported by start() returning false and error() saying why; a test
