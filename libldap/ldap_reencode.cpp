@@ -239,13 +239,6 @@ BerElement *encode_rebuilt(LDAP *ld, LDAPMessage *msg, const ResultFields &f, in
         fber_free(ber);
         return nullptr;
     }
-    // Read back the way received messages are kept: the position at the protocolOp.
-    ber_reset(ber, 1);
-    int id = 0;
-    if (fber_scanf(ber, "{i", &id) == LBER_ERROR) {
-        fber_free(ber);
-        return nullptr;
-    }
     return ber;
 }
 } // namespace
@@ -308,7 +301,8 @@ int re_encode_request(LDAP *ld, const unsigned char *request, size_t len, int ms
     return 0;
 }
 
-LDAPMessage *rebuild_final_result(LDAP *ld, LDAPMessage *msg, int code, const char *urls)
+LDAPMessage *rebuild_final_result(LDAP *ld, LDAPMessage *msg, int code, const char *urls,
+                                  bool is_referral)
 {
     ResultFields f{};
     if (msg == nullptr || msg->lm_ber == nullptr || !read_result_fields(msg, &f))
@@ -316,23 +310,35 @@ LDAPMessage *rebuild_final_result(LDAP *ld, LDAPMessage *msg, int code, const ch
     char *copy = lber_strdup(urls != nullptr ? urls : "");
     size_t count = 0;
     char **list = copy != nullptr ? joined_urls(f.referrals, copy, &count) : nullptr;
-    LDAPMessage *out = list != nullptr ? ldap_msginit(nullptr) : nullptr;
-    if (out != nullptr) {
+    LDAPMessage *out = nullptr;
+    if (list != nullptr) {
         // A failure the server reported itself says more than the referral's; a success or a
         // referral result stands for the part that could not be reached.
-        int final_code = f.code == LDAP_SUCCESS || f.code == LDAP_REFERRAL ? code : f.code;
-        out->lm_ber = encode_rebuilt(ld, msg, f, final_code, list);
-        if (out->lm_ber == nullptr) {
-            free_msg(out, 0);
-            out = nullptr;
-        } else {
-            out->lm_msgid = msg->lm_msgid;
-            out->lm_msgtype = msg->lm_msgtype;
+        bool replace = is_referral || f.code == LDAP_SUCCESS || f.code == LDAP_REFERRAL;
+        int final_code = replace ? code : f.code;
+        BerElement *ber = encode_rebuilt(ld, msg, f, final_code, list);
+        out = ber != nullptr ? message_from_encoded(ber, msg->lm_msgid, f.op.tag) : nullptr;
+        if (out != nullptr)
             out->lm_flags = msg->lm_flags;
-        }
     }
     lber_free(list);
     lber_free(copy);
     ldap_value_free(f.referrals);
     return out;
+}
+
+LDAPMessage *message_from_encoded(BerElement *ber, int msgid, ber_tag_t type)
+{
+    LDAPMessage *msg = ldap_msginit(nullptr);
+    ber_reset(ber, 1);
+    int id = 0;
+    if (msg == nullptr || fber_scanf(ber, "{i", &id) == LBER_ERROR) {
+        free_msg(msg, 0);
+        fber_free(ber);
+        return nullptr;
+    }
+    msg->lm_ber = ber;
+    msg->lm_msgid = msgid;
+    msg->lm_msgtype = static_cast<int32_t>(type);
+    return msg;
 }

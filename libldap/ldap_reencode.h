@@ -30,9 +30,15 @@ bool ber_span_read(const unsigned char *p, const unsigned char *end, BerSpan *ou
 [[nodiscard]] int re_encode_request(LDAP *ld, const unsigned char *request, size_t len, int msgid,
                                     const LDAPURLDesc *lud, BerElement **out, ber_tag_t *optag);
 
-// A copy of the final result `msg` whose result code is `code` (unless the server reported a
-// failure of its own) and whose referral field lists `urls` ("\n" between them) after the
-// ones it already had. Null without memory or for a message that is not an LDAPResult.
-LDAPMessage *rebuild_final_result(LDAP *ld, LDAPMessage *msg, int code, const char *urls);
+// A copy of the final result `msg` whose result code is `code` and whose referral field lists
+// `urls` ("\n" between them) after the ones it already had. Unless `msg` is itself the
+// referral that failed, a failure code the server reported is kept. Null without memory or
+// for a message that is not an LDAPResult.
+LDAPMessage *rebuild_final_result(LDAP *ld, LDAPMessage *msg, int code, const char *urls,
+                                  bool is_referral);
+
+// Turns the PDU written into `ber` into a record shaped like a received one (read position at
+// the protocolOp), of message id `msgid` and type `type`. Null without memory (`ber` freed).
+LDAPMessage *message_from_encoded(BerElement *ber, int msgid, ber_tag_t type);
 
 #endif

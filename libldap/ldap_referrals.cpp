@@ -337,7 +337,7 @@ int chase_v3_referrals(LDAP *ld, char **urls, LDAPMsgTable *table, int msgid, LD
 // failure's code (its referral field already lists the URLs, or gets them here).
 LDAPMessage *failed_final(LDAP *ld, LDAPMessage *msg, int code, const char *urls_to_add)
 {
-    LDAPMessage *out = rebuild_final_result(ld, msg, code, urls_to_add);
+    LDAPMessage *out = rebuild_final_result(ld, msg, code, urls_to_add, true);
     if (out == nullptr)
         return msg; // without memory the result goes out as the server sent it
     free_msg(msg, 0);
@@ -434,7 +434,7 @@ LDAPMessage *look_for_referrals(LDAP *ld, LDAPMsgTable *table, int msgid, LDAPMe
         LDAP_TRACE(LDAP_TRC_API, "look_for_referrals: No Referral detected. Checking for error\n");
     }
     lber_free(text);
-    if (urls == nullptr)
+    if (urls == nullptr && code != LDAP_REFERRAL)
         return msg;
     if (count_urls(urls) == 0) { // an empty referral can be followed nowhere
         ldap_value_free(urls);
@@ -509,7 +509,7 @@ LDAPMessage *ldap_referral_finish(LDAP *ld, LDAPMsgTable *table, int msgid, LDAP
     }
     if (pending == nullptr)
         return msg;
-    LDAPMessage *out = rebuild_final_result(ld, msg, code, pending);
+    LDAPMessage *out = rebuild_final_result(ld, msg, code, pending, false);
     lber_free(pending);
     if (out == nullptr)
         return msg;

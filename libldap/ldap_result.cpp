@@ -285,14 +285,14 @@ int ldap_return_one_msg(LDAP *ld, int msgid, const LDAPDeadline &until, LDAPMess
                         LDAPMsgTable *table, int chase, int hops)
 {
     for (;;) {
+        // A URL search links a child even when the handle does not chase referrals.
         *result = nullptr;
-        int type = chase ? ldap_referral_from_child(ld, table, msgid, until, result, hops)
-                         : LDAP_REFERRAL_NO_CHILD;
+        int type = ldap_referral_from_child(ld, table, msgid, until, result, hops);
         if (type == LDAP_REFERRAL_NO_CHILD)
             type = return_own_msg(ld, msgid, until, result, table, chase, hops);
         if (type == LDAP_REFERRAL_AGAIN)
             continue;
-        if (type > 0 && chase && is_last_msg(*result)) {
+        if (type > 0 && is_last_msg(*result)) {
             *result = ldap_referral_finish(ld, table, msgid, *result);
             type = (*result)->lm_msgtype;
         }

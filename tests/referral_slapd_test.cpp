@@ -23,6 +23,7 @@
 #include "libldap/ldap_abandon.h"
 #include "libldap/ldap_unbind.h"
 #include "libldap/ldap_update.h"
+#include "libldap/ldap_usearch.h"
 #include "support/slapd_fixture.h"
 
 using namespace wzrtest;
@@ -342,6 +343,25 @@ TEST_F(Referrals, EightThreadsSearchingAcrossTheReferralEachGetTheirOwnEntry)
     for (int t = 0; t < 8; ++t)
         EXPECT_EQ(got[t], std::set<std::string>{"uid=partner" + std::to_string(t + 1) + "," +
                                                 PARTNERS});
+    EXPECT_EQ(rows_in_use(h.ld), 0);
+}
+
+TEST_F(Referrals, UrlSearchOnTheSecondServerAnswersUnderAnIdOfTheFirstsTable)
+{
+    Handle h(first());
+    const std::string url = second().uri() + "/" + PARTNERS + "??one?(uid=partner3)";
+    int id = ldap_url_search(h.ld, url.c_str(), 0);
+    ASSERT_GT(id, 0);
+    LDAPMessage *res = nullptr;
+    ASSERT_EQ(ldap_result(h.ld, id, 1, nullptr, &res), static_cast<int>(LDAP_RES_SEARCH_RESULT));
+    EXPECT_EQ(dns_of(h.ld, res), std::set<std::string>{"uid=partner3," + PARTNERS});
+    EXPECT_EQ(final_of(h.ld, res).code, 0);
+    ldap_msgfree(res);
+    // On the handle's own server the search goes there directly.
+    const std::string own = first().uri() + "/" + BASE + "??base";
+    ASSERT_EQ(ldap_url_search_s(h.ld, own.c_str(), 1, &res), 0);
+    EXPECT_EQ(ldap_count_entries(h.ld, res), 1);
+    ldap_msgfree(res);
     EXPECT_EQ(rows_in_use(h.ld), 0);
 }
 

@@ -304,9 +304,9 @@ TEST_F(Rows, ReleaseRulesAndLinks)
     int parent = outstanding();
     int child = outstanding();
     auto *down = static_cast<LDAPRowLink *>(lber_malloc(sizeof(LDAPRowLink)));
-    *down = {table_, child};
+    *down = {table_, child, nullptr};
     auto *up = static_cast<LDAPRowLink *>(lber_malloc(sizeof(LDAPRowLink)));
-    *up = {table_, parent};
+    *up = {table_, parent, nullptr};
     table_->rows[parent].child = down;
     table_->rows[child].parent = up;
     ldap_msg_table_mark_rows(ld_, parent, ROW_RELEASE_WHEN_DONE);
