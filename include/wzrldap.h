@@ -258,6 +258,11 @@ int wzr_ldap_modrdn_s(LDAP *ld, const char *dn, const char *newrdn, int deleteol
 /* URLs. */
 int wzr_ldap_url_parse(const char *url, LDAPURLDesc **ludpp);
 void wzr_ldap_free_urldesc(LDAPURLDesc *lud);
+/* Runs the search a URL describes, also on another server than the handle's. Returns 0
+ * whatever the result's code (read it from *res); a time-out leaves *res NULL and 85 as the
+ * handle's error (wzr_ldap_get_errno). */
+int wzr_ldap_url_search_st(LDAP *ld, const char *url, int attrsonly, struct timeval *timeout,
+                           LDAPMessage **res);
 
 /* The absolute path of the loaded library file; the caller frees it with free(). */
 char *wzrldap_loaded_from(void);

@@ -16,6 +16,7 @@
 #include "ldap_unbind.h"
 #include "ldap_update.h"
 #include "ldap_url.h"
+#include "ldap_usearch.h"
 
 extern "C" {
 
@@ -42,6 +43,11 @@ void wzr_ldap_ber_free(BerElement *cursor, int /*freebuf*/) { lber_free(cursor);
 
 int wzr_ldap_url_parse(const char *url, LDAPURLDesc **ludpp) { return ldap_url_parse(url, ludpp); }
 void wzr_ldap_free_urldesc(LDAPURLDesc *lud) { ldap_free_urldesc(lud); }
+int wzr_ldap_url_search_st(LDAP *ld, const char *url, int attrsonly, struct timeval *timeout,
+                           LDAPMessage **res)
+{
+    return ldap_url_search_st(ld, url, attrsonly, timeout, res);
+}
 int wzr_ldap_msgfree(LDAPMessage *msg) { return ldap_msgfree(msg); }
 
 int wzr_ldap_simple_bind_s(LDAP *ld, const char *dn, const char *password)

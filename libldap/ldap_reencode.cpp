@@ -161,20 +161,27 @@ struct ResultFields {
     const unsigned char *msg_end;
 };
 
+// LDAPResult's first field: resultCode ENUMERATED, at most four bytes.
+bool read_code(const BerSpan &op, BerSpan *code, int *value)
+{
+    if (!ber_span_read(op.body, op.end, code) || code->tag != TAG_ENUM || code->body_len == 0 ||
+        code->body_len > 4)
+        return false;
+    *value = 0;
+    for (size_t i = 0; i < code->body_len; ++i)
+        *value = static_cast<int>((static_cast<unsigned>(*value) << 8) | code->body[i]);
+    return true;
+}
+
 bool read_result_fields(LDAPMessage *msg, ResultFields *f)
 {
     BerElement *ber = msg->lm_ber;
     const unsigned char *end = ber->ber_end;
     BerSpan code;
-    if (!ber_span_read(ber->ber_ptr, end, &f->op) ||
-        !ber_span_read(f->op.body, f->op.end, &code) || code.tag != TAG_ENUM ||
-        code.body_len == 0 || code.body_len > 4 ||
+    if (!ber_span_read(ber->ber_ptr, end, &f->op) || !read_code(f->op, &code, &f->code) ||
         !ber_span_read(code.end, f->op.end, &f->matched) ||
         !ber_span_read(f->matched.end, f->op.end, &f->text))
         return false;
-    f->code = 0;
-    for (size_t i = 0; i < code.body_len; ++i)
-        f->code = static_cast<int>((static_cast<unsigned>(f->code) << 8) | code.body[i]);
     f->rest = f->text.end;
     f->after_op = f->op.end;
     f->msg_end = end;
@@ -242,6 +249,17 @@ BerElement *encode_rebuilt(LDAP *ld, LDAPMessage *msg, const ResultFields &f, in
     return ber;
 }
 } // namespace
+
+int result_code_peek(const LDAPMessage *msg)
+{
+    BerSpan op, code;
+    int value = -1;
+    if (msg == nullptr || msg->lm_ber == nullptr ||
+        !ber_span_read(msg->lm_ber->ber_ptr, msg->lm_ber->ber_end, &op) ||
+        !read_code(op, &code, &value))
+        return -1;
+    return value;
+}
 
 bool ber_span_read(const unsigned char *p, const unsigned char *end, BerSpan *out)
 {

@@ -22,6 +22,9 @@ struct BerSpan {
 // Reads the element at `p` (bounded by `end`): true, or false for anything malformed.
 bool ber_span_read(const unsigned char *p, const unsigned char *end, BerSpan *out);
 
+// The resultCode of a final result, read in place; -1 when it cannot be read.
+int result_code_peek(const LDAPMessage *msg);
+
 // Builds the request PDU of `request` (the bytes of an encoded LDAPMessage) for message id
 // `msgid`, with the URL's DN, scope and filter replacing the request's where the URL has them
 // and the first paged-results control dropped. 0 with *out set (an FBER ready to send), or

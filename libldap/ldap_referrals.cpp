@@ -32,29 +32,33 @@ constexpr size_t V2_MARKER_LEN = sizeof V2_MARKER - 1;
 constexpr size_t MAX_REFERRAL_URLS = 64;
 
 // SearchResultReference ::= [APPLICATION 19] SEQUENCE SIZE (1..MAX) OF uri URI
-char **reference_urls(LDAPMessage *msg)
+// 0, 90, or 84 for a reference that cannot be read (then ignored like one without URL).
+int reference_urls(LDAPMessage *msg, char ***urls)
 {
     BerElement *c = ber_dup(msg->lm_ber);
-    char **urls = nullptr;
-    if (c != nullptr && fber_scanf(c, "{v}", &urls) == LBER_ERROR)
-        urls = nullptr;
+    if (c == nullptr)
+        return LDAP_NO_MEMORY;
+    if (fber_scanf(c, "{v}", urls) == LBER_ERROR)
+        *urls = nullptr;
     ber_free(c, 0);
-    return urls;
+    return 0;
 }
 
 // LDAPResult ::= SEQUENCE { resultCode, matchedDN, diagnosticMessage, referral [3] OPTIONAL }
-// Reads the code and the message; with code 10 also the referral URLs.
-bool read_result(LDAPMessage *msg, int *code, char **text, char ***urls)
+// Reads the message (when `text` is given) and the referral URLs when there are any.
+int read_result(LDAPMessage *msg, char **text, char ***urls)
 {
     BerElement *c = ber_dup(msg->lm_ber);
-    char *matched = nullptr;
-    bool ok = c != nullptr && fber_scanf(c, "{iaa", code, &matched, text) != LBER_ERROR;
+    if (c == nullptr)
+        return LDAP_NO_MEMORY;
+    int code = 0;
+    bool ok = (text != nullptr ? fber_scanf(c, "{ixa", &code, text)
+                               : fber_scanf(c, "{ixx", &code)) != LBER_ERROR;
     ber_len_t len = 0;
-    if (ok && *code == LDAP_REFERRAL && fber_peek_tag(c, &len) == LDAP_TAG_REFERRAL)
+    if (ok && fber_peek_tag(c, &len) == LDAP_TAG_REFERRAL)
         ok = fber_scanf(c, "{v}", urls) != LBER_ERROR;
-    lber_free(matched);
     ber_free(c, 0);
-    return ok;
+    return ok ? 0 : LDAP_DECODING_ERROR;
 }
 
 size_t count_urls(char **urls)
@@ -385,57 +389,51 @@ LDAPMessage *end_child(LDAP *ld, LDAPMsgTable *table, int msgid, const LDAPRowLi
     return saved;
 }
 
-int result_code_of(LDAPMessage *msg)
-{
-    int code = 0;
-    char *text = nullptr;
-    char **urls = nullptr;
-    if (!read_result(msg, &code, &text, &urls))
-        code = LDAP_DECODING_ERROR;
-    lber_free(text);
-    ldap_value_free(urls);
-    return code;
-}
 } // namespace
 
 LDAPMessage *look_for_referrals(LDAP *ld, LDAPMsgTable *table, int msgid, LDAPMessage *msg,
-                                int hops, const LDAPDeadline &until)
+                                int hops, const LDAPDeadline &until, int *err)
 {
+    *err = 0;
     if (msg->lm_msgtype == LDAP_RES_SEARCH_REFERENCE) {
-        char **urls = reference_urls(msg);
+        char **urls = nullptr;
+        *err = reference_urls(msg, &urls);
         free_msg(msg, 0);
-        if (count_urls(urls) == 0) {
+        if (*err == 0 && count_urls(urls) == 0)
             LDAP_TRACE(LDAP_TRC_ERROR, "look_for_referrals: search reference without URL ignored\n");
+        else if (*err == 0)
+            (void)chase_v3_referrals(ld, urls, table, msgid, nullptr, until, hops - 1);
+        else
             ldap_value_free(urls);
-            return nullptr;
-        }
-        (void)chase_v3_referrals(ld, urls, table, msgid, nullptr, until, hops - 1);
         return nullptr;
     }
     if (!is_last_msg(msg) || msg->lm_msgtype == LDAP_RES_BIND)
         return msg;
-    int code = 0;
+    // Most results are no referral: the code is looked at in place, allocating nothing.
+    int code = result_code_peek(msg);
+    int version = LDAP_VERSION3;
+    if (code > 0 && code != LDAP_REFERRAL)
+        (void)ldap_get_option_direct(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
+    const bool v2 = code > 0 && code != LDAP_REFERRAL && version == LDAP_VERSION2;
+    if (code != LDAP_REFERRAL && !v2) {
+        LDAP_TRACE(LDAP_TRC_API, "look_for_referrals: No Referral detected. Checking for error\n");
+        return msg;
+    }
+    LDAP_TRACE(LDAP_TRC_API, v2 ? "look_for_referrals: V2 Referral detected\n"
+                                : "look_for_referrals: V3 Referral detected\n");
     char *text = nullptr;
     char **urls = nullptr;
-    if (!read_result(msg, &code, &text, &urls)) {
-        lber_free(text);
-        return msg;
-    }
-    int version = LDAP_VERSION3;
-    (void)ldap_get_option_direct(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
-    bool v2 = false;
-    if (code == LDAP_REFERRAL) {
-        LDAP_TRACE(LDAP_TRC_API, "look_for_referrals: V3 Referral detected\n");
-    } else if (code != 0 && version == LDAP_VERSION2) {
-        LDAP_TRACE(LDAP_TRC_API, "look_for_referrals: V2 Referral detected\n");
+    *err = read_result(msg, v2 ? &text : nullptr, &urls);
+    if (*err == 0 && v2)
         urls = v2_referral_urls(text);
-        v2 = true;
-    } else {
-        LDAP_TRACE(LDAP_TRC_API, "look_for_referrals: No Referral detected. Checking for error\n");
-    }
     lber_free(text);
-    if (urls == nullptr && code != LDAP_REFERRAL)
-        return msg;
+    if (*err != 0 || (v2 && urls == nullptr)) { // no marker: a plain version 2 error
+        ldap_value_free(urls);
+        if (*err == 0)
+            return msg;
+        free_msg(msg, 0);
+        return (void)ldap_fail(ld, *err), nullptr;
+    }
     if (count_urls(urls) == 0) { // an empty referral can be followed nowhere
         ldap_value_free(urls);
         return failed_final(ld, msg, LDAP_SERVER_DOWN, nullptr);
@@ -460,7 +458,7 @@ int ldap_referral_from_child(LDAP *ld, LDAPMsgTable *table, int msgid,
     int type = ldap_return_one_msg(ld, child.row, until, &msg, child.table, 1, hops - 1);
     int rc = type;
     if (type == -1 || (type > 0 && is_last_msg(msg))) {
-        int code = type == -1 ? ldap_get_errno_direct(ld) : result_code_of(msg);
+        int code = type == -1 ? ldap_get_errno_direct(ld) : result_code_peek(msg);
         bool alive = false;
         LDAPMessage *saved = end_child(ld, table, msgid, child, &alive);
         if (!alive) {

@@ -19,9 +19,10 @@ inline constexpr int LDAP_REFERRAL_NO_CHILD = -11;
 
 // Decides whether `msg` (a message of a row that chases referrals) is a referral and follows
 // it. Returns the message to deliver, or null when the message was consumed: a child row now
-// stands in for it, or it could not be followed and was recorded on the root row.
+// stands in for it, or it could not be followed and was recorded on the root row, or (with
+// *err set and recorded) it could not even be read.
 LDAPMessage *look_for_referrals(LDAP *ld, LDAPMsgTable *table, int msgid, LDAPMessage *msg,
-                                int hops, const LDAPDeadline &until);
+                                int hops, const LDAPDeadline &until, int *err);
 
 // For a row with a child: the child's next response, delivered in the row's name (a type),
 // 0 on a time-out, -1 on an error of this row, LDAP_REFERRAL_AGAIN when the child ended and

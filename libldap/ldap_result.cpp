@@ -250,11 +250,12 @@ int queue_messages(LDAP *ld, LDAPConn *lc, LDAPMessage *chain)
 // referral chasing, which replaces a referral by what the referred servers answered.
 LDAPMessage *deliver_or_chase_referral(LDAP *ld, LDAPMsgTable *table, int msgid,
                                        LDAPMessage *msg, int chase, int hops,
-                                       const LDAPDeadline &until)
+                                       const LDAPDeadline &until, int *err)
 {
+    *err = 0;
     if (!chase || msg->lm_msgtype == LDAP_RES_SEARCH_ENTRY || msg->lm_msgtype == LDAP_RES_BIND)
         return msg;
-    return look_for_referrals(ld, table, msgid, msg, hops, until);
+    return look_for_referrals(ld, table, msgid, msg, hops, until, err);
 }
 
 // Reads the row's own next message and passes it through referral chasing.
@@ -269,10 +270,14 @@ int return_own_msg(LDAP *ld, int msgid, const LDAPDeadline &until, LDAPMessage *
     }
     if (type == 0)
         return 0;
-    LDAPMessage *delivered = deliver_or_chase_referral(ld, table, msgid, *result, chase, hops, until);
+    int err = 0;
+    LDAPMessage *delivered =
+        deliver_or_chase_referral(ld, table, msgid, *result, chase, hops, until, &err);
     *result = delivered;
     if (delivered != nullptr)
         return delivered->lm_msgtype;
+    if (err != 0)
+        return -1; // a response that could not be read: recorded
     LDAP_TRACE(LDAP_TRC_API, "ldap_return_one_msg: error at referral chasing. Continue with "
                              "next referral (if any)\n");
     return LDAP_REFERRAL_AGAIN;

@@ -117,6 +117,7 @@ const std::set<std::string> EXPECTED = {
     "wzr_ldap_get_dn",        "wzr_ldap_first_attribute", "wzr_ldap_next_attribute",
     "wzr_ldap_get_values_len", "wzr_ldap_value_free_len", "wzr_ldap_add_s",
     "wzr_ldap_delete_s",      "wzr_ldap_modify_s",       "wzr_ldap_modrdn_s",
+    "wzr_ldap_url_search_st",
     "wzr_ldap_version_ident", "wzr_ldap_build_ident",    "wzrldap_loaded_from",
     "wzr9"};
 

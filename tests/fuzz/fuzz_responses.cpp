@@ -88,6 +88,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         return 0;
     int version = LDAP_VERSION3;
     (void)ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
+    // Referrals have their own driver: nothing here may open a connection.
+    (void)ldap_set_option(ld, LDAP_OPT_REFERRALS, LDAP_OPT_OFF);
     LDAPConn *lc = ld->ld_defconn;
     lc->sb.sb_sd = open("/dev/null", O_WRONLY | O_CLOEXEC);
     lc->sb.sb_read_hook = read_piece;
