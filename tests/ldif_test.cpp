@@ -270,8 +270,9 @@ TEST(LdifReader, NamesTheLineOfTheFirstMistake)
         {ok + "dn: cn=a\nchangetype: modrdn\nnewrdn: cn=b\n", 4, "no deleteoldrdn"},
         {ok + "dn: cn=a\nchangetype: modrdn\ndeleteoldrdn: 1\n", 4, "no newrdn"},
         {ok + "dn: cn=a\nchangetype: modrdn\nnewrdn: cn=b\ndeleteoldrdn: 2\n", 7, "0 or 1"},
-        {ok + "dn: cn=a\nchangetype: modrdn\nnewrdn: cn=b\ndeleteoldrdn: 1\nnewsuperior: dc=y\n",
-         8, "newsuperior"},
+        {ok + "dn: cn=a\nchangetype: modrdn\nnewrdn: cn=b\ndeleteoldrdn: 1\nnewsuperior: dc=y\n"
+              "newsuperior: dc=z\n",
+         9, "unexpected \"newsuperior\""},
         {ok + "dn: cn=a\ncontrol: 1.2.3 true\nchangetype: delete\n", 5, "controls"},
         {"version: 2\n" + ok, 1, "version"},
         {ok + "dn: cn=a\nchangetype: add\njpegPhoto:< http://example.com/x\n", 6, "file://"},

@@ -260,9 +260,8 @@ bool parse_modrdn(const RecordLines &lines, size_t i, Record *rec, ParseError *e
                 return fail(error, lines[i].no, "deleteoldrdn must be 0 or 1");
             rec->deleteoldrdn = f.value == "1";
             have_delete = true;
-        } else if (iequals(f.name, "newsuperior")) {
-            return fail(error, lines[i].no,
-                        "newsuperior is not supported: entries are renamed within their parent");
+        } else if (iequals(f.name, "newsuperior") && !rec->newsuperior) {
+            rec->newsuperior = f.value;
         } else {
             return fail(error, lines[i].no, "unexpected \"" + f.name + "\" in a modrdn record");
         }

@@ -72,6 +72,7 @@ struct Record {
     std::vector<Modification> mods;
     std::string newrdn; // ModRdn
     bool deleteoldrdn = false;
+    std::optional<std::string> newsuperior; // ModRdn: the new parent, when it moves
 };
 
 struct ParseError {

@@ -1,11 +1,12 @@
-// wzrldap: a command-line LDAP client built only on the exported interface of
-// libwzr9ldap_64.so. "search" prints entries as LDIF, refusing attribute names that LDIF
-// cannot carry; "add", "modify", "delete" and "modrdn" apply LDIF change records. Flags follow
-// the classic ldapsearch/ldapmodify tools.
+// wzrldap: a command-line LDAP client on the library (its internal API reaches what the
+// exported interface cannot: server texts, referrals, new superiors). "search" prints entries
+// as LDIF, refusing attribute names that LDIF cannot carry; "add", "modify", "delete" and
+// "modrdn" apply LDIF change records. Flags follow the classic ldapsearch/ldapmodify tools.
 #include "wzrldap.h"
 
 #include "ldif.h"
 #include "sasl_bind.h"
+#include "wzrldap_results.h"
 
 #include <cerrno>
 #include <cstdint>
@@ -35,6 +36,7 @@ struct Options {
     int scope = LDAP_SCOPE_SUBTREE;
     int sizelimit = 0, timelimit = 0;
     bool attrsonly = false;
+    bool follow_referrals = true;
     int wrap = wzrldif::kDefaultWrap;
     long net_timeout = -1;
     // updates
@@ -53,11 +55,11 @@ int usage_error(const std::string &text)
     return kUsageError;
 }
 
-// The library names the code; the text the server sent with it is not reachable through the
-// exported interface, so only the code and its meaning are shown.
-int report(const std::string &what, int rc)
+// The code and its meaning, then what the server added (matched DN, text, referrals).
+int report(const std::string &what, int rc, const std::string &details = std::string())
 {
     say(what + ": " + wzr_ldap_err2string(rc) + " (" + std::to_string(rc) + ")");
+    std::cerr << details;
     return rc;
 }
 
@@ -94,6 +96,7 @@ void print_search_help()
                  "  -l LIMIT    server time limit in seconds (0 or none: no limit)\n"
                  "  -A          attribute names only, no values\n"
                  "  -L          accepted for compatibility (output is always plain LDIF)\n"
+                 "  -R          do not follow referrals; print them as \"# ref\" comments\n"
                  "  -o ldif-wrap=N|no   fold lines at N columns (default 76) or not at all\n"
                  "  -o nettimeout=N     give up waiting for the results after N seconds\n"
                  "An attribute name from the server that is not a valid LDIF attribute\n"
@@ -188,13 +191,18 @@ bool parse_extended_option(const std::string &opt, Options *o)
     return false;
 }
 
+constexpr int NO_REFERRALS = 0x100; // a long option only
+
 // Parses the flags of `cmd`; returns -1 to go on, else the exit status.
 int parse_options(const std::string &cmd, int argc, char **argv, Options *o)
 {
     const bool search = cmd == "search";
     std::string flags = std::string(":H:D:w:y:xP:") + wzrsasl_tool::kFlags;
-    flags += search ? "b:s:z:l:ALo:" : "f:cnar";
+    flags += search ? "b:s:z:l:ALCo:" : "f:cnar";
+    // -R is the SASL realm, as in the classic tools, so following referrals is turned off by
+    // name; -C (chase) is accepted for those tools' scripts and is the default anyway.
     static const option long_opts[] = {{"help", no_argument, nullptr, 'h'},
+                                       {"no-referrals", no_argument, nullptr, NO_REFERRALS},
                                        {nullptr, 0, nullptr, 0}};
     optind = 1;
     opterr = 0;
@@ -240,6 +248,8 @@ int parse_options(const std::string &cmd, int argc, char **argv, Options *o)
             break;
         case 'A': o->attrsonly = true; break;
         case 'L': break;
+        case 'C': o->follow_referrals = true; break;
+        case NO_REFERRALS: o->follow_referrals = false; break;
         case 'o':
             if (!parse_extended_option(optarg, o))
                 return usage_error(std::string("unknown -o option \"") + optarg + "\"");
@@ -299,6 +309,8 @@ LDAP *open_session(const Options &o, bool search, int *rc)
         *rc = set_int_option(ld, LDAP_OPT_SIZELIMIT, o.sizelimit, version);
     if (*rc == LDAP_SUCCESS && search && o.timelimit > 0)
         *rc = set_int_option(ld, LDAP_OPT_TIMELIMIT, o.timelimit, version);
+    if (*rc == LDAP_SUCCESS && !o.follow_referrals)
+        *rc = wzrtool::stop_following_referrals(ld);
     if (*rc != LDAP_SUCCESS) {
         report("setting options", *rc);
         wzr_ldap_unbind(ld);
@@ -314,7 +326,8 @@ LDAP *open_session(const Options &o, bool search, int *rc)
     }
     *rc = wzr_ldap_simple_bind_s(ld, dn, pw);
     if (*rc != LDAP_SUCCESS) {
-        report(dn != nullptr ? "bind as \"" + o.binddn + "\"" : std::string("anonymous bind"), *rc);
+        report(dn != nullptr ? "bind as \"" + o.binddn + "\"" : std::string("anonymous bind"), *rc,
+               wzrtool::server_error_lines(ld));
         wzr_ldap_unbind(ld);
         return nullptr;
     }
@@ -402,11 +415,16 @@ int cmd_search(const Options &o)
     // A search cut short by a limit still delivers the entries found so far.
     int refused = 0;
     int count = res != nullptr ? print_entries(ld, res, o.wrap, &refused) : 0;
+    if (!o.follow_referrals)
+        wzrtool::print_referrals(ld, res);
     fflush(stdout);
+    std::string details = rc == LDAP_SUCCESS ? std::string()
+                          : res != nullptr   ? wzrtool::result_error_lines(ld, res)
+                                             : wzrtool::server_error_lines(ld);
     wzr_ldap_msgfree(res);
     std::cerr << "# numEntries: " << count << '\n';
     if (rc != LDAP_SUCCESS)
-        report("search", rc);
+        report("search", rc, details);
     wzr_ldap_unbind(ld);
     // The output lacks something the server sent: a script must notice even when the search
     // itself succeeded, so this status wins over the search's own.
@@ -468,7 +486,8 @@ std::string describe(const wzrldif::Record &r)
     case wzrldif::ChangeType::Delete: return "deleting entry \"" + r.dn + "\"";
     case wzrldif::ChangeType::Modify: return "modifying entry \"" + r.dn + "\"";
     case wzrldif::ChangeType::ModRdn:
-        return "renaming entry \"" + r.dn + "\" to \"" + r.newrdn + "\"";
+        return "renaming entry \"" + r.dn + "\" to \"" + r.newrdn + "\"" +
+               (r.newsuperior ? " under \"" + *r.newsuperior + "\"" : std::string());
     }
     return r.dn;
 }
@@ -487,7 +506,7 @@ int apply(LDAP *ld, const wzrldif::Record &r)
     case wzrldif::ChangeType::Delete:
         return wzr_ldap_delete_s(ld, r.dn.c_str());
     case wzrldif::ChangeType::ModRdn:
-        return wzr_ldap_modrdn_s(ld, r.dn.c_str(), r.newrdn.c_str(), r.deleteoldrdn ? 1 : 0);
+        return wzrtool::rename_entry(ld, r);
     }
     return LDAP_PARAM_ERROR;
 }
@@ -498,14 +517,14 @@ int collect_records(const std::string &cmd, const Options &o, std::vector<wzrldi
     if (cmd == "delete" && !o.args.empty()) {
         for (const auto &dn : o.args)
             out->push_back(
-                wzrldif::Record{0, dn, wzrldif::ChangeType::Delete, true, {}, {}, false});
+                wzrldif::Record{0, dn, wzrldif::ChangeType::Delete, true, {}, {}, false, {}});
         return -1;
     }
     if (cmd == "modrdn" && !o.args.empty()) {
         if (o.args.size() != 2)
             return usage_error("modrdn takes DN NEWRDN, or LDIF records");
         out->push_back(wzrldif::Record{0, o.args[0], wzrldif::ChangeType::ModRdn, true, {},
-                                       o.args[1], o.delete_old_rdn});
+                                       o.args[1], o.delete_old_rdn, {}});
         return -1;
     }
     if (!o.args.empty())
@@ -556,7 +575,8 @@ int cmd_update(const std::string &cmd, const Options &o)
         if (rc == LDAP_SUCCESS)
             continue;
         std::string where = r.line > 0 ? " (record at line " + std::to_string(r.line) + ")" : "";
-        report(std::string(wzrldif::change_type_name(r.change)) + " \"" + r.dn + "\"" + where, rc);
+        report(std::string(wzrldif::change_type_name(r.change)) + " \"" + r.dn + "\"" + where, rc,
+               wzrtool::server_error_lines(ld));
         if (first_failure == LDAP_SUCCESS)
             first_failure = rc;
         if (!o.continue_on_error)
