@@ -239,6 +239,7 @@ TEST(WzrldapTool, ExitStatusIsTheResultCode)
     r = search(s, {"-b", "ou=nowhere," + s.base()});
     EXPECT_EQ(r.status, LDAP_NO_SUCH_OBJECT) << r.err;
     EXPECT_NE(r.err.find(wzr_ldap_err2string(LDAP_NO_SUCH_OBJECT)), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("\tMatched DN: " + s.base() + "\n"), std::string::npos) << r.err;
 
     r = search(s, {"-b", s.base(), "-D", s.user_dn(), "-w", "wrong"});
     EXPECT_EQ(r.status, LDAP_INVALID_CREDENTIALS) << r.err;
@@ -316,9 +317,28 @@ TEST(WzrldapTool, AppliesLdifChangesLikeLdapmodify)
     ASSERT_EQ(m.size(), 1u);
     EXPECT_EQ(m.begin()->second["cn"], std::vector<std::string>{"renamed"}); // old value removed
 
-    r = update("delete", "dn: " + renamed + "\n");
+    r = update("modrdn", "dn: " + renamed + "\nchangetype: modrdn\nnewrdn: cn=renamed\n"
+                         "deleteoldrdn: 1\nnewsuperior: ou=devices," + s.base() + "\n");
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(ldapsearch(s, {"-b", renamed, "-s", "base"}).status, LDAP_NO_SUCH_OBJECT);
+    const std::string moved = "cn=renamed,ou=devices," + s.base();
+    EXPECT_EQ(ldapsearch(s, {"-b", moved, "-s", "base"}).status, 0);
+
+    r = update("delete", "dn: " + moved + "\n");
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(ldapsearch(s, {"-b", moved, "-s", "base"}).status, LDAP_NO_SUCH_OBJECT);
+
+    // A referral nobody answers: followed by default (81, its URL on standard error), printed
+    // as an LDIF comment with -R.
+    const std::string away = "ldap://127.0.0.1:1/ou=away," + s.base();
+    r = update("add", "dn: ou=away," + s.base() + "\nobjectClass: referral\n"
+                      "objectClass: extensibleObject\nou: away\nref: " + away + "\n");
+    ASSERT_EQ(r.status, 0) << r.err;
+    r = search(s, {"-b", s.base(), "(ou=away)"});
+    EXPECT_EQ(r.status, LDAP_SERVER_DOWN) << r.err;
+    EXPECT_NE(r.err.find("\t\t" + away), std::string::npos) << r.err;
+    r = search(s, {"-R", "-b", s.base(), "(ou=away)"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("# ref" + away), std::string::npos) << r.out;
 
     // Failures stop the run unless -c; the exit status is the first failure's code.
     const std::string two = "dn: uid=alice,ou=people," + s.base() +

@@ -79,8 +79,9 @@ int stop_following_referrals(LDAP *ld) { return ldap_set_option(ld, LDAP_OPT_REF
 
 void print_referrals(LDAP *ld, LDAPMessage *res)
 {
+    // ldap_next_reference looks from the record it is given: the walk steps past it first.
     for (LDAPMessage *r = ldap_first_reference(ld, res); r != nullptr;
-         r = ldap_next_reference(ld, r)) {
+         r = r->lm_chain != nullptr ? ldap_next_reference(ld, r->lm_chain) : nullptr) {
         char **urls = nullptr;
         if (ldap_parse_reference(ld, r, &urls, nullptr, 0) == 0)
             print_urls(urls);
