@@ -44,7 +44,7 @@ inline constexpr char LDAP_EYE_DEAD[7] = {'E', 'Y', 'E', 'D', 'E', 'A', 'D'};
 struct ldapmsg {
     int32_t lm_msgid;
     int32_t lm_msgtype; // protocol operation tag; 48 in a fresh record
-    uint32_t lm_flags;  // LDAP_MSG_SINGLE
+    uint32_t lm_flags;  // LDAP_MSG_SINGLE, LDAP_MSG_PUT_BACK
     BerElement *lm_ber;
     LDAPConn *lm_conn;
     ldapmsg *lm_chain; // next in the row's chain, also the queue link
@@ -57,6 +57,9 @@ struct ldapmsg {
     char lm_eyecatcher[8]; // "EYEALIVE" while alive
 };
 inline constexpr uint32_t LDAP_MSG_SINGLE = 2;
+// In a row's chain: taken by a wait that timed out and put back, so it comes before anything
+// a referral child still has to deliver.
+inline constexpr uint32_t LDAP_MSG_PUT_BACK = 4;
 
 // {table, row}: names the row of a referral parent or child.
 struct LDAPRowLink {

@@ -358,7 +358,8 @@ int child_of(LDAP *ld, LDAPMsgTable *table, int msgid, LDAPRowLink *child, char 
     LDAPMsgRow *row = ldap_msg_table_row(table, msgid);
     if (row == nullptr || (row->flags & ROW_ABANDONED) != 0)
         return ldap_fail(ld, LDAP_PARAM_ERROR), -1;
-    if (row->child == nullptr)
+    // Responses a timed-out wait put back were delivered before what the child has now.
+    if (row->child == nullptr || (row->first != nullptr && (row->first->lm_flags & LDAP_MSG_PUT_BACK)))
         return 0;
     *child = *row->child;
     *url = lber_strdup(child->url != nullptr ? child->url : "");

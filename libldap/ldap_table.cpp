@@ -703,6 +703,7 @@ int ldap_msg_table_take_next(LDAPMsgRow *row, LDAPMessage **result)
     next->lm_chain = nullptr;
     next->lm_prev = nullptr;
     next->lm_conn = nullptr;
+    next->lm_flags &= ~LDAP_MSG_PUT_BACK;
     *result = next;
     return 1;
 }
@@ -712,8 +713,9 @@ void ldap_msg_table_put_back(LDAPMsgRow *row, LDAPMessage *chain)
     if (chain == nullptr)
         return;
     LDAPMessage *tail = chain;
-    while (tail->lm_chain != nullptr)
-        tail = tail->lm_chain;
+    for (; tail->lm_chain != nullptr; tail = tail->lm_chain)
+        tail->lm_flags |= LDAP_MSG_PUT_BACK;
+    tail->lm_flags |= LDAP_MSG_PUT_BACK;
     tail->lm_chain = row->first;
     if (row->first != nullptr)
         row->first->lm_prev = tail;

@@ -274,7 +274,10 @@ TEST(WzrldapTool, AppliesLdifChangesLikeLdapmodify)
     if (!SlapdFixture::available() || !have_ldap_utils())
         GTEST_SKIP() << "slapd or ldap-utils not installed";
     SlapdFixture s;
-    ASSERT_TRUE(s.start()) << s.error();
+    const std::string away = "ldap://127.0.0.1:1/ou=away,dc=example,dc=com";
+    ASSERT_TRUE(s.start({0, "dn: ou=away,dc=example,dc=com\nobjectClass: referral\nobjectClass: "
+                            "extensibleObject\nou: away\nref: " + away + "\n", ""}))
+        << s.error();
     const std::vector<std::string> as_manager = {"-x", "-H", s.uri(), "-D", s.manager_dn(), "-w",
                                                  s.manager_pw()};
     auto update = [&](const char *cmd, const std::string &ldif,
@@ -329,10 +332,6 @@ TEST(WzrldapTool, AppliesLdifChangesLikeLdapmodify)
 
     // A referral nobody answers: followed by default (81, its URL on standard error), printed
     // as an LDIF comment with -R.
-    const std::string away = "ldap://127.0.0.1:1/ou=away," + s.base();
-    r = update("add", "dn: ou=away," + s.base() + "\nobjectClass: referral\n"
-                      "objectClass: extensibleObject\nou: away\nref: " + away + "\n");
-    ASSERT_EQ(r.status, 0) << r.err;
     r = search(s, {"-b", s.base(), "(ou=away)"});
     EXPECT_EQ(r.status, LDAP_SERVER_DOWN) << r.err;
     EXPECT_NE(r.err.find("\t\t" + away), std::string::npos) << r.err;

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Demonstration: installs what is missing, builds the wzrldap tool, starts a throwaway slapd
 # holding the tests' sample directory, searches, adds and modifies through wzrldap, searches
-# again, and stops the server by its pid. Usage: bash tools/demo.sh [BUILD_DIR]
+# again, meets a referral, and stops the server by its pid. Usage: bash tools/demo.sh [BUILD_DIR]
 set -euo pipefail
 
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -74,6 +74,18 @@ mail: alice@wzrldap.example
 EOF
 
 show search -H "$URI" -b "$BASE" "(|(uid=alice)(uid=newcomer))" cn mail title
+
+# A referral to a server that does not answer: followed by default, and reported with its URL
+# when it cannot be; with -R not followed but printed as an LDIF comment.
+show_with_ldif add -H "$URI" "${ADMIN[@]}" <<EOF
+dn: ou=elsewhere,dc=example,dc=com
+objectClass: referral
+objectClass: extensibleObject
+ou: elsewhere
+ref: ldap://127.0.0.1:1/ou=elsewhere,dc=example,dc=com
+EOF
+show search -H "$URI" -b dc=example,dc=com "(ou=elsewhere)" 2>&1 || echo "(exit status $?)"
+show search -R -H "$URI" -b dc=example,dc=com "(ou=elsewhere)"
 
 echo
 echo "== stopping slapd $(cat "$DIR/slapd.pid")"

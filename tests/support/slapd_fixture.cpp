@@ -203,12 +203,9 @@ bool SlapdFixture::init_directory(const SlapdOptions &opts)
         error_ = "slapd-sandbox.sh init failed: " + out;
         return false;
     }
-    if (!opts.default_referral.empty()) {
-        // A global directive: it goes before the database section.
+    if (!opts.default_referral.empty()) { // a global directive: before the database section
         std::string conf = read_file(dir_ + "/slapd.conf");
-        size_t at = conf.find("\ndatabase ");
-        conf.insert(at == std::string::npos ? 0 : at + 1,
-                    "referral " + opts.default_referral + "\n");
+        conf.insert(conf.find("\ndatabase ") + 1, "referral " + opts.default_referral + "\n");
         write_file(dir_ + "/slapd.conf", conf);
     }
     return read_env();

@@ -1,0 +1,406 @@
+// Referral chasing and URL search, against two slapd servers (the first refers ou=partners and
+// foreign DNs to the second) and against scripted servers (version 2 texts, hostile referrals,
+// a referred server dying or silent, the bytes of the re-encoded request).
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "libldap/ldap_abandon.h"
+#include "libldap/ldap_bind.h"
+#include "libldap/ldap_dn.h"
+#include "libldap/ldap_entry.h"
+#include "libldap/ldap_error.h"
+#include "libldap/ldap_init.h"
+#include "libldap/ldap_message.h"
+#include "libldap/ldap_options.h"
+#include "libldap/ldap_parse.h"
+#include "libldap/ldap_referrals.h"
+#include "libldap/ldap_result.h"
+#include "libldap/ldap_search.h"
+#include "libldap/ldap_unbind.h"
+#include "libldap/ldap_update.h"
+#include "libldap/ldap_usearch.h"
+#include "support/fake_server.h"
+#include "support/fber_bytes.h"
+#include "support/slapd_fixture.h"
+
+using namespace wzrtest;
+
+namespace {
+
+const std::string BASE = "dc=example,dc=com";
+const std::string PARTNERS = "ou=partners," + BASE;
+
+struct Handle {
+    LDAP *ld;
+    explicit Handle(int port, int hops = -1, int version = LDAP_VERSION3)
+        : ld(ldap_init("127.0.0.1", port))
+    {
+        (void)ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
+        if (hops >= 0)
+            (void)ldap_set_option(ld, LDAP_OPT_REFHOPLIMIT, &hops);
+    }
+    ~Handle() { ldap_unbind(ld); }
+};
+
+// What a search gave: its code, the entries' DNs, the final result's code and referral URLs,
+// and the rows still in use in every table of the handle (none may stay behind).
+struct Outcome {
+    int rc = -1, code = -1, rows = 0;
+    std::set<std::string> dns;
+    std::vector<std::string> referrals;
+};
+
+int rows_in_use(LDAP *ld)
+{
+    int n = 0;
+    for (LDAPConn *lc = ld->ld_servers; lc != nullptr; lc = lc->next)
+        for (uint32_t i = 1; i < lc->table->row_count; ++i)
+            n += (lc->table->rows[i].flags & ROW_IN_USE) != 0 ? 1 : 0;
+    return n;
+}
+
+Outcome outcome(LDAP *ld, int rc, LDAPMessage *res)
+{
+    Outcome o;
+    o.rc = rc;
+    for (LDAPMessage *e = ldap_first_entry(ld, res); e != nullptr; e = ldap_next_entry(ld, e)) {
+        char *dn = ldap_get_dn(ld, e);
+        o.dns.insert(dn != nullptr ? dn : "");
+        ldap_memfree(dn);
+    }
+    char **refs = nullptr;
+    if (res != nullptr &&
+        ldap_parse_result(ld, res, &o.code, nullptr, nullptr, &refs, nullptr, 0) == 0)
+        for (char **r = refs; r != nullptr && *r != nullptr; ++r)
+            o.referrals.emplace_back(*r);
+    ldap_value_free(refs);
+    ldap_msgfree(res);
+    o.rows = rows_in_use(ld);
+    return o;
+}
+
+Outcome search(LDAP *ld, const std::string &base, int scope, const std::string &filter,
+               struct timeval *timeout = nullptr, LDAPControl **ctrls = nullptr)
+{
+    LDAPMessage *res = nullptr;
+    int rc = ldap_search_ext_s(ld, base.c_str(), scope, filter.c_str(), nullptr, 0, ctrls,
+                               nullptr, timeout, 0, &res);
+    return outcome(ld, rc, res);
+}
+
+std::string partner_ldif(int n)
+{
+    std::string out = "dn: " + PARTNERS + "\nobjectClass: organizationalUnit\nou: partners\n\n";
+    for (int i = 1; i <= n; ++i)
+        out += "dn: uid=partner" + std::to_string(i) + "," + PARTNERS +
+               "\nobjectClass: inetOrgPerson\nuid: partner" + std::to_string(i) +
+               "\ncn: Partner\nsn: P\n\n";
+    return out;
+}
+
+std::string referral_ldif(const std::string &ou, const std::string &url)
+{
+    return "dn: ou=" + ou + "," + BASE + "\nobjectClass: referral\nobjectClass: extensibleObject\n"
+           "ou: " + ou + "\nref: " + url + "\n\n";
+}
+
+struct Servers {
+    SlapdFixture second, first;
+    Servers()
+    {
+        // A loop: the first's ou=loop refers to the second's, which refers to a URL without
+        // server, which means the handle's own, the first.
+        const std::string loop = "/ou=loop," + BASE;
+        if (SlapdFixture::available() &&
+            second.start({0, partner_ldif(8) + referral_ldif("loop", "ldap://" + loop), ""}))
+            (void)first.start({0, referral_ldif("partners", second.uri() + "/" + PARTNERS) +
+                                      referral_ldif("dead", "ldap://127.0.0.1:1/ou=dead," + BASE) +
+                                      referral_ldif("loop", second.uri() + loop),
+                               second.uri()});
+    }
+};
+
+class Referrals : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        static Servers s;
+        servers = &s;
+        if (!SlapdFixture::available())
+            GTEST_SKIP() << "slapd is not installed";
+        ASSERT_TRUE(s.second.running() && s.first.running()) << s.second.error() << s.first.error();
+    }
+    const SlapdFixture &first() { return servers->first; }
+    const SlapdFixture &second() { return servers->second; }
+    Servers *servers = nullptr;
+};
+
+TEST_F(Referrals, SubtreeSearchReturnsTheReferredEntriesAndReportsTheDeadReferral)
+{
+    Handle h(first().port());
+    Outcome o = search(h.ld, BASE, LDAP_SCOPE_SUBTREE, "(uid=partner1)");
+    EXPECT_EQ(o.dns, std::set<std::string>{"uid=partner1," + PARTNERS});
+    // The dead server's reference and the loop's come back with the first failure's code.
+    EXPECT_TRUE(o.code == LDAP_SERVER_DOWN || o.code == LDAP_REFERRAL_LIMIT_EXCEEDED) << o.code;
+    ASSERT_EQ(o.referrals.size(), 2u);
+    EXPECT_EQ(o.referrals[0].rfind("ldap://127.0.0.1:1/ou=dead," + BASE, 0), 0u); // + "??sub"
+    EXPECT_EQ(o.rows, 0);
+}
+
+const SlapdFixture *rebind_target = nullptr;
+
+int rebind_as_manager(LDAP *, char **dnp, char **pwp, int *method, int freeit)
+{
+    if (freeit == 0) {
+        *dnp = const_cast<char *>(rebind_target->manager_dn().c_str());
+        *pwp = const_cast<char *>(rebind_target->manager_pw().c_str());
+        *method = 128;
+    }
+    return 0;
+}
+
+TEST_F(Referrals, UpdatesBelowTheReferralAreReencodedForTheSecondServer)
+{
+    Handle h(first().port());
+    // slapd refuses anonymous updates before it looks for referrals.
+    ASSERT_EQ(ldap_simple_bind_s(h.ld, first().manager_dn().c_str(), "manager-secret"), 0);
+    // Without a rebind procedure the second server sees an anonymous request and refuses it.
+    const std::string dn = "cn=newcomer," + PARTNERS;
+    EXPECT_EQ(ldap_delete_s(h.ld, ("uid=partner8," + PARTNERS).c_str()),
+              LDAP_STRONG_AUTH_REQUIRED);
+    rebind_target = &second();
+    LDAPRebindProc proc = rebind_as_manager;
+    ASSERT_EQ(ldap_set_option(h.ld, LDAP_OPT_REBIND_FN, reinterpret_cast<void *>(proc)), 0);
+    char *oc[] = {const_cast<char *>("device"), nullptr};
+    char *cn[] = {const_cast<char *>("newcomer"), nullptr};
+    LDAPMod m1 = {LDAP_MOD_ADD, const_cast<char *>("objectClass"), {oc}};
+    LDAPMod m2 = {LDAP_MOD_ADD, const_cast<char *>("cn"), {cn}};
+    LDAPMod *attrs[] = {&m1, &m2, nullptr};
+    ASSERT_EQ(ldap_add_s(h.ld, dn.c_str(), attrs), 0);
+    EXPECT_EQ(search(Handle(second().port()).ld, dn, LDAP_SCOPE_BASE, "(cn=*)").rc, 0);
+    LDAPMod *mods[] = {&m2, nullptr}; // adds a value it has: the second server's refusal
+    EXPECT_EQ(ldap_modify_s(h.ld, dn.c_str(), mods), LDAP_TYPE_OR_VALUE_EXISTS);
+    EXPECT_EQ(ldap_compare_s(h.ld, dn.c_str(), "cn", "newcomer"), LDAP_COMPARE_TRUE);
+    // Renamed under its own parent: the delete of the new name below proves where it went.
+    const std::string renamed = "cn=renamed," + PARTNERS;
+    EXPECT_EQ(ldap_rename_s(h.ld, dn.c_str(), "cn=renamed", PARTNERS.c_str(), 1, nullptr, nullptr),
+              0);
+    EXPECT_EQ(ldap_delete_s(h.ld, renamed.c_str()), 0);
+    EXPECT_EQ(search(Handle(second().port()).ld, renamed, 0, "(cn=*)").rc, LDAP_NO_SUCH_OBJECT);
+    EXPECT_EQ(rows_in_use(h.ld), 0);
+}
+
+TEST_F(Referrals, ResultReferralsFollowedWithinTheHopLimitAndLoopsEndThere)
+{
+    const std::string dn = "uid=partner2," + PARTNERS;
+    Outcome o = search(Handle(first().port()).ld, dn, LDAP_SCOPE_BASE, "(objectClass=*)");
+    EXPECT_EQ(o.dns, std::set<std::string>{dn});
+    Handle zero(first().port(), 0);
+    o = search(zero.ld, dn, LDAP_SCOPE_BASE, "(objectClass=*)");
+    EXPECT_EQ(o.code, LDAP_REFERRAL_LIMIT_EXCEEDED);
+    ASSERT_EQ(o.referrals.size(), 1u);
+    EXPECT_NE(o.referrals[0].find(second().host_port()), std::string::npos);
+    EXPECT_EQ(o.rows, 0);
+    // The second server's default is nothing: its own answer comes back for a foreign DN.
+    EXPECT_EQ(search(zero.ld, "dc=elsewhere", LDAP_SCOPE_BASE, "(cn=*)").code,
+              LDAP_REFERRAL_LIMIT_EXCEEDED);
+    Handle one(first().port(), 1);
+    EXPECT_EQ(search(one.ld, "dc=elsewhere", LDAP_SCOPE_BASE, "(cn=*)").code, LDAP_NO_SUCH_OBJECT);
+    Handle five(first().port(), 5); // the loop between the servers
+    o = search(five.ld, "ou=loop," + BASE, LDAP_SCOPE_SUBTREE, "(cn=*)");
+    EXPECT_EQ(o.code, LDAP_REFERRAL_LIMIT_EXCEEDED);
+    EXPECT_EQ(o.rows, 0);
+}
+
+TEST_F(Referrals, AbandonAfterTheFirstReferredEntryReleasesEveryRow)
+{
+    Handle h(first().port());
+    int id = ldap_search(h.ld, PARTNERS.c_str(), LDAP_SCOPE_SUBTREE, "(uid=*)", nullptr, 0);
+    LDAPMessage *m = nullptr; // one-message mode: the child's entry under the initial id
+    ASSERT_EQ(ldap_result(h.ld, id, 0, nullptr, &m), static_cast<int>(LDAP_RES_SEARCH_ENTRY));
+    EXPECT_EQ(ldap_msgid(m), id);
+    ldap_msgfree(m);
+    EXPECT_EQ(ldap_abandon(h.ld, id), 0);
+    EXPECT_EQ(rows_in_use(h.ld), 0);
+    EXPECT_EQ(ldap_result(h.ld, id, 1, nullptr, &m), -1);
+}
+
+TEST_F(Referrals, EightThreadsSearchingAcrossTheReferralEachGetTheirOwnEntry)
+{
+    Handle h(first().port());
+    std::vector<std::set<std::string>> got(8);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t)
+        threads.emplace_back([&, t] {
+            std::string f = "(uid=partner" + std::to_string(t + 1) + ")";
+            for (int round = 0; round < 5; ++round)
+                got[t].merge(search(h.ld, BASE, LDAP_SCOPE_SUBTREE, f).dns);
+        });
+    for (auto &t : threads)
+        t.join();
+    for (int t = 0; t < 8; ++t)
+        EXPECT_EQ(got[t], std::set<std::string>{"uid=partner" + std::to_string(t + 1) + "," +
+                                                PARTNERS});
+    EXPECT_EQ(rows_in_use(h.ld), 0);
+}
+
+TEST_F(Referrals, UrlSearchOnTheSecondServerAnswersUnderAnIdOfTheFirstsTable)
+{
+    Handle h(first().port());
+    const std::string url = second().uri() + "/" + PARTNERS + "??one?(uid=partner3)";
+    int id = ldap_url_search(h.ld, url.c_str(), 0);
+    LDAPMessage *res = nullptr;
+    ASSERT_EQ(ldap_result(h.ld, id, 1, nullptr, &res), static_cast<int>(LDAP_RES_SEARCH_RESULT));
+    Outcome o = outcome(h.ld, 0, res);
+    EXPECT_EQ(o.dns, std::set<std::string>{"uid=partner3," + PARTNERS});
+    EXPECT_EQ(o.code, 0);
+    // On the handle's own server the search goes there directly.
+    ASSERT_EQ(ldap_url_search_s(h.ld, (first().uri() + "/" + BASE + "??base").c_str(), 1, &res), 0);
+    o = outcome(h.ld, 0, res);
+    EXPECT_EQ(o.dns.size(), 1u);
+    EXPECT_EQ(o.rows, 0);
+}
+
+/* ---- scripted servers ---- */
+
+std::string referral_result(int msgid, int code, const std::vector<std::string> &urls)
+{
+    std::string list;
+    for (const std::string &u : urls)
+        list += ber_str(u);
+    return ldap_message(msgid, ber_seq(ber_int(code, 0x0a) + ber_str("") + ber_str("") +
+                                           ber_seq(list, 0xa3),
+                                       0x65));
+}
+
+// Answers every search with `reply(msgid)` and every bind with success.
+void answer(FakeServer &s, std::function<std::string(int)> reply)
+{
+    s.on_request([reply](const ReceivedRequest &r, FakeConnection &c) {
+        if (r.op == 0x63)
+            c.send(reply(r.msgid));
+        else if (r.op == 0x60)
+            c.send(ldap_result_pdu(r.msgid, 0x61, 0));
+    });
+}
+
+std::string one_entry(int id)
+{
+    return search_entry_pdu(id, "cn=far,o=x", {}) + ldap_result_pdu(id, 0x65, 0);
+}
+
+std::string url_of(const FakeServer &s) { return "ldap://" + s.host_port() + "/o=x"; }
+
+Outcome search_fake(const FakeServer &first, int version, struct timeval *timeout = nullptr,
+                    LDAPControl **ctrls = nullptr)
+{
+    return search(Handle(first.port(), -1, version).ld, "o=x", 2, "(cn=*)", timeout, ctrls);
+}
+
+TEST(ReferralFake, V2ReferralTextIsCutAtTheMarkerAndItsUrlsTriedInOrder)
+{
+    FakeServer first, second;
+    answer(second, one_entry);
+    const std::string text = "partial\nreferral:\nldap://127.0.0.1:1/o=x\n" + url_of(second);
+    answer(first, [&](int id) { return ldap_result_pdu(id, 0x65, 9, "", text); });
+    Outcome o = search_fake(first, LDAP_VERSION2);
+    EXPECT_EQ(o.rc, 0);
+    EXPECT_EQ(o.dns.size(), 1u);
+    EXPECT_EQ(o.rows, 0);
+    EXPECT_EQ(second.requests().at(0).op, 0x60u); // version 2: an anonymous bind first
+}
+
+TEST(ReferralFake, HostileReferralsEndWithAClearCode)
+{
+    std::vector<std::string> many(10000, "ldap://127.0.0.1:1/o=x");
+    struct Case {
+        std::function<std::string(int)> reply;
+        int code, urls, version = LDAP_VERSION3;
+    } cases[] = {
+        {[](int id) { return referral_result(id, 10, {"ldap://[::1", "http://x/", "%zz"}); },
+         LDAP_SERVER_DOWN, 3},
+        {[](int id) { return referral_result(id, 10, {}); }, LDAP_SERVER_DOWN, 0},
+        {[&](int id) { return referral_result(id, 10, many); }, LDAP_PARAM_ERROR, 10000},
+        {[](int id) { return search_reference_pdu(id, {}) + ldap_result_pdu(id, 0x65, 0); }, 0, 0},
+        {[](int id) { return referral_result(id, 10, {"ldaps://127.0.0.1:1/o=x"}); },
+         LDAP_SERVER_DOWN, 1},
+        {[](int id) { return ldap_result_pdu(id, 0x65, 9, "", "Referral:\n\n\n"); },
+         LDAP_SERVER_DOWN, 0, LDAP_VERSION2},
+    };
+    for (const Case &c : cases) {
+        FakeServer first;
+        answer(first, c.reply);
+        Outcome o = search_fake(first, c.version);
+        EXPECT_EQ(o.code, c.code) << &c - cases;
+        EXPECT_EQ(o.referrals.size(), static_cast<size_t>(c.urls)) << &c - cases;
+        EXPECT_EQ(o.rows, 0) << &c - cases;
+    }
+}
+
+TEST(ReferralFake, ChildServerDyingMidStreamEndsWith81AndItsUrl)
+{
+    FakeServer first, second;
+    second.on_request([](const ReceivedRequest &r, FakeConnection &c) {
+        c.send(search_entry_pdu(r.msgid, "cn=far,o=x", {{"cn", {"far"}}}));
+        c.reset();
+    });
+    answer(first, [&](int id) {
+        return search_entry_pdu(id, "cn=near,o=x", {{"cn", {"near"}}}) +
+               search_reference_pdu(id, {url_of(second)}) + ldap_result_pdu(id, 0x65, 0);
+    });
+    Outcome o = search_fake(first, LDAP_VERSION3);
+    EXPECT_EQ(o.dns.size(), 2u);
+    EXPECT_EQ(o.code, LDAP_SERVER_DOWN);
+    EXPECT_EQ(o.referrals, std::vector<std::string>{url_of(second)});
+    EXPECT_EQ(o.rows, 0);
+}
+
+TEST(ReferralFake, TimeOutsAbandonTheReferredRequestAndReleaseEveryRow)
+{
+    FakeServer first, silent;
+    silent.on_request([](const ReceivedRequest &, FakeConnection &) {});
+    answer(first, [&](int id) { return referral_result(id, 10, {url_of(silent)}); });
+    struct timeval tv = {0, 200000};
+    Outcome o = search_fake(first, LDAP_VERSION3, &tv);
+    EXPECT_EQ(o.rc, LDAP_TIMEOUT);
+    EXPECT_EQ(o.rows, 0);
+    ASSERT_TRUE(silent.wait_for_requests(2));
+    EXPECT_EQ(silent.requests()[1].op, 0x50u); // the abandon of the referred search
+    // A URL search reports its time-out through the handle's error only.
+    Handle h(first.port());
+    LDAPMessage *res = nullptr;
+    EXPECT_EQ(ldap_url_search_st(h.ld, url_of(silent).c_str(), 0, &tv, &res), 0);
+    EXPECT_EQ(res, nullptr);
+    EXPECT_EQ(ldap_get_errno(h.ld), LDAP_TIMEOUT);
+    EXPECT_EQ(rows_in_use(h.ld), 0);
+}
+
+// The referred server receives the request under a new id with the URL's scope and filter,
+// and without the paged-results control, whose cookie belonged to the first server.
+TEST(ReferralFake, ReencodedSearchCarriesTheUrlsScopeAndFilterAndDropsThePagedControl)
+{
+    FakeServer first, second;
+    answer(second, one_entry);
+    const std::string url = "ldap://" + second.host_port() + "/ou=far??one?(sn=z)";
+    answer(first, [&](int id) { return referral_result(id, 10, {url}); });
+    char cookie[] = "cookie";
+    LDAPControl paged = {const_cast<char *>("1.2.840.113556.1.4.319"), {6, cookie}, 0};
+    LDAPControl other = {const_cast<char *>("1.2.3"), {0, nullptr}, 1};
+    LDAPControl *ctrls[] = {&paged, &other, nullptr};
+    EXPECT_EQ(search_fake(first, LDAP_VERSION3, nullptr, ctrls).dns.size(), 1u);
+    ASSERT_TRUE(second.wait_for_requests(1));
+    namespace f = wzrtest::fber;
+    const std::string op =
+        f::cons(0x63, f::str("ou=far") + f::enumerated(1) + f::enumerated(0) + f::integer(0) +
+                          f::integer(0) + f::boolean(false) +
+                          f::cons(0xa3, f::str("sn") + f::str("z")) + f::seq(""));
+    const std::string ctrl = f::cons(0xa0, f::seq(f::str("1.2.3") + f::boolean(true)));
+    EXPECT_EQ(f::hex(second.requests()[0].bytes),
+              f::hex(f::message(second.requests()[0].msgid, op, ctrl)));
+}
+
+} // namespace
