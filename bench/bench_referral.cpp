@@ -73,7 +73,12 @@ void BM_ReferenceFollowed_Wzr(benchmark::State &state)
     ldap_unbind(ld[0]);
     ldap_unbind(ld[1]);
 }
-BENCHMARK(BM_ReferenceFollowed_Wzr)->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond)->MinTime(1.0)->UseRealTime();
+BENCHMARK(BM_ReferenceFollowed_Wzr)
+    ->Arg(0)
+    ->Arg(1)
+    ->Unit(benchmark::kMicrosecond)
+    ->MinTime(1.0)
+    ->UseRealTime();
 
 void BM_ReferenceFollowed_OpenLDAP(benchmark::State &state)
 {
