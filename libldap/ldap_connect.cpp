@@ -92,7 +92,8 @@ bool conn_matches(const LDAPConn *lc, const char *host, int port)
 
 // Creates, opens and appends a connection; the caller holds the connection lock and records
 // the code once it is released (the error lock is never taken inside the connection lock).
-LDAPConn *add_connection(LDAP *ld, const char *host, int port, int *code)
+LDAPConn *add_connection(LDAP *ld, const char *host, int port, int *code,
+                         const LDAPDeadline &until)
 {
     LDAPConn *lc = ldap_lc_init(host, port, NEW_CONN_TABLE_ROWS);
     if (lc == nullptr) {
@@ -103,7 +104,7 @@ LDAPConn *add_connection(LDAP *ld, const char *host, int port, int *code)
     // The opener expects the write lock; the record is reachable by no other thread until it
     // is linked below, so exclusion already holds and the write lock (which must never nest
     // inside the connection lock) is not taken.
-    *code = open_ldap_connection(ld, lc);
+    *code = open_ldap_connection(ld, lc, until);
     if (*code != LDAP_SUCCESS) {
         ldap_lc_free(lc);
         return nullptr;
@@ -321,7 +322,8 @@ LDAPConn *get_default_connection(LDAP *ld)
     return ld->ld_defconn;
 }
 
-LDAPConn *ldap_find_conn(LDAP *ld, const char *host, int port, int create, int *rc, int scope)
+LDAPConn *ldap_find_conn(LDAP *ld, const char *host, int port, int create, int *rc, int scope,
+                         const LDAPDeadline &until)
 {
     int ignored = 0;
     if (rc == nullptr)
@@ -351,7 +353,7 @@ LDAPConn *ldap_find_conn(LDAP *ld, const char *host, int port, int create, int *
                     found = lc;
             }
             if (found == nullptr && create == 1)
-                found = add_connection(ld, host, port, &code);
+                found = add_connection(ld, host, port, &code, until);
         }
     }
     if (code != LDAP_SUCCESS)

@@ -5,6 +5,7 @@
 #include <netdb.h>
 #include <sys/socket.h>
 
+#include "ldap_deadline.h"
 #include "ldap_int.h"
 
 // Ports travel in network byte order between the opener and these two. A host beginning
@@ -27,8 +28,9 @@ int get_socket_flags_sd(int sd);    // the file status flags, 0 on failure
 
 // Port in host order; -1 and -2 mean 636 on a secure handle, else 389. scope 1 searches from
 // the default connection, otherwise from the first extra one. rc (may be null) gets 0 or the
-// code recorded in the handle.
-LDAPConn *ldap_find_conn(LDAP *ld, const char *host, int port, int create, int *rc, int scope);
+// code recorded in the handle. A connection opened here keeps to `until` as well.
+LDAPConn *ldap_find_conn(LDAP *ld, const char *host, int port, int create, int *rc, int scope,
+                         const LDAPDeadline &until = {});
 LDAPConn *get_default_connection(LDAP *ld);
 // 1 when a TCP socket can be bound to `port` (host order) on the wildcard address of both
 // families, else 0.

@@ -13,6 +13,8 @@
 //   handle mutex (except as above), error lock, connection lock, conn_mutex, read lock, write lock,
 //   resolver lock, the four process-wide mutexes, the trace mutex.
 // No table lock is ever held across socket I/O; the read and write locks are held across I/O.
+// Two table locks never nest: referral chasing and URL search take the lock of a parent row's
+// table and that of its child row's (often another connection's) one after the other.
 #ifndef WZR_LIBLDAP_LDAP_LOCK_H
 #define WZR_LIBLDAP_LDAP_LOCK_H
 

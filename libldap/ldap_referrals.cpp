@@ -186,7 +186,7 @@ bool scheme_allowed(LDAP *ld, const LDAPURLDesc *lud)
 // connection, with the parsed URL in *ludp and *next behind it. Null with *errp set (81 when
 // no URL could be used, 80 or 90 to stop).
 LDAPConn *get_referral_connection(LDAP *ld, char **urls, size_t *next, LDAPURLDesc **ludp,
-                                  int *errp)
+                                  const LDAPDeadline &until, int *errp)
 {
     *ludp = nullptr;
     for (; urls[*next] != nullptr; ++*next) {
@@ -209,7 +209,7 @@ LDAPConn *get_referral_connection(LDAP *ld, char **urls, size_t *next, LDAPURLDe
             continue;
         }
         int code = 0;
-        LDAPConn *lc = ldap_find_conn(ld, lud->lud_host, lud->lud_port, 1, &code, 1);
+        LDAPConn *lc = ldap_find_conn(ld, lud->lud_host, lud->lud_port, 1, &code, 1, until);
         if (lc != nullptr && !ldap_conn_is_dead(lc)) {
             ++*next;
             *ludp = lud;
@@ -280,7 +280,7 @@ int reencode_and_send(LDAP *ld, LDAPConn *lc, const char *url, const LDAPURLDesc
         rc = re_encode_request(ld, bytes, len, child, lud, &ber, &optag);
     lber_free(bytes);
     if (rc == 0)
-        rc = set_parent_child_pointers(ld, table, msgid, lc->table, child, url, saved);
+        rc = set_parent_child_pointers(ld, table, msgid, lc->table, child, url, saved, true);
     if (rc != 0) {
         if (ber != nullptr)
             fber_free(ber);
@@ -316,7 +316,7 @@ int chase_v3_referrals(LDAP *ld, char **urls, LDAPMsgTable *table, int msgid, LD
         err = LDAP_PARAM_ERROR;
     for (int down = 0; err == 0;) {
         LDAPURLDesc *lud = nullptr;
-        LDAPConn *lc = get_referral_connection(ld, urls, &next, &lud, &err);
+        LDAPConn *lc = get_referral_connection(ld, urls, &next, &lud, until, &err);
         if (lc == nullptr)
             break;
         int child = reencode_and_send(ld, lc, urls[next - 1], lud, table, msgid, saved, until, &err);
@@ -448,7 +448,7 @@ LDAPMessage *look_for_referrals(LDAP *ld, LDAPMsgTable *table, int msgid, LDAPMe
 }
 
 int ldap_referral_from_child(LDAP *ld, LDAPMsgTable *table, int msgid,
-                             const LDAPDeadline &until, LDAPMessage **result, int hops)
+                             const LDAPDeadline &until, LDAPMessage **result, int chase, int hops)
 {
     LDAPRowLink child{};
     char *url = nullptr;
@@ -456,7 +456,7 @@ int ldap_referral_from_child(LDAP *ld, LDAPMsgTable *table, int msgid,
     if (has <= 0)
         return has == 0 ? LDAP_REFERRAL_NO_CHILD : -1;
     LDAPMessage *msg = nullptr;
-    int type = ldap_return_one_msg(ld, child.row, until, &msg, child.table, 1, hops - 1);
+    int type = ldap_return_one_msg(ld, child.row, until, &msg, child.table, chase, hops - 1);
     int rc = type;
     if (type == -1 || (type > 0 && is_last_msg(msg))) {
         int code = type == -1 ? ldap_get_errno_direct(ld) : result_code_peek(msg);
@@ -561,7 +561,7 @@ int send_referral_bind_request(LDAP *ld, LDAPConn *lc, const LDAPDeadline &until
 
 int set_parent_child_pointers(LDAP *ld, LDAPMsgTable *parent_table, int parent,
                               LDAPMsgTable *child_table, int child, const char *url,
-                              LDAPMessage *saved)
+                              LDAPMessage *saved, bool chase)
 {
     size_t url_len = url != nullptr ? strlen(url) : 0;
     auto *down = static_cast<LDAPRowLink *>(lber_malloc(sizeof(LDAPRowLink) + url_len + 1));
@@ -599,7 +599,7 @@ int set_parent_child_pointers(LDAP *ld, LDAPMsgTable *parent_table, int parent,
     }
     row->parent = up;
     row->hop_limit = hops - 1;
-    row->flags |= ROW_POLICY_SET | ROW_CHASE;
+    row->flags |= ROW_POLICY_SET | (chase ? ROW_CHASE : 0);
     row->owner = pthread_self();
     return 0;
 }

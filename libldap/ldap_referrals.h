@@ -28,7 +28,7 @@ LDAPMessage *look_for_referrals(LDAP *ld, LDAPMsgTable *table, int msgid, LDAPMe
 // 0 on a time-out, -1 on an error of this row, LDAP_REFERRAL_AGAIN when the child ended and
 // the row has more of its own, LDAP_REFERRAL_NO_CHILD when the row has no child.
 int ldap_referral_from_child(LDAP *ld, LDAPMsgTable *table, int msgid,
-                             const LDAPDeadline &until, LDAPMessage **result, int hops);
+                             const LDAPDeadline &until, LDAPMessage **result, int chase, int hops);
 
 // The last step for a final result of a row that chases referrals: releases the row once
 // nothing is left in it and, on the root row, folds the referrals that could not be followed
@@ -40,11 +40,12 @@ LDAPMessage *ldap_referral_finish(LDAP *ld, LDAPMsgTable *table, int msgid, LDAP
 [[nodiscard]] int send_referral_bind_request(LDAP *ld, LDAPConn *lc, const LDAPDeadline &until);
 
 // Links `child` (a row of `child_table` that has no request yet) to the row `parent` of
-// `parent_table`: hop value one less, chasing on, owned by this thread. `saved` (may be null)
-// is the final result the child stands in for. 0, 89 (the parent is gone), 90 or 129.
+// `parent_table`: hop value one less, chasing as `chase` says, owned by this thread. `saved`
+// (may be null) is the final result the child stands in for. 0, 89 (the parent is gone), 90
+// or 129.
 [[nodiscard]] int set_parent_child_pointers(LDAP *ld, LDAPMsgTable *parent_table, int parent,
                                             LDAPMsgTable *child_table, int child,
-                                            const char *url, LDAPMessage *saved);
+                                            const char *url, LDAPMessage *saved, bool chase);
 // Undoes set_parent_child_pointers after a failed send (the child id is released already).
 void unset_parent_child_pointers(LDAP *ld, LDAPMsgTable *parent_table, int parent);
 

@@ -292,7 +292,7 @@ int ldap_return_one_msg(LDAP *ld, int msgid, const LDAPDeadline &until, LDAPMess
     for (;;) {
         // A URL search links a child even when the handle does not chase referrals.
         *result = nullptr;
-        int type = ldap_referral_from_child(ld, table, msgid, until, result, hops);
+        int type = ldap_referral_from_child(ld, table, msgid, until, result, chase, hops);
         if (type == LDAP_REFERRAL_NO_CHILD)
             type = return_own_msg(ld, msgid, until, result, table, chase, hops);
         if (type == LDAP_REFERRAL_AGAIN)

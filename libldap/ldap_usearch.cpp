@@ -79,13 +79,11 @@ LDAPMessage *placeholder_request(LDAP *ld, LDAPConn *lc, const BerElement *from,
     return req;
 }
 
-// Fills the placeholder row of the default table: its request and result, complete, with the
-// referral policy of the handle and one hop more than the row of the real request.
-int fill_placeholder(LDAP *ld, LDAPMsgTable *table, int msgid, LDAPMessage *request)
+// Fills the placeholder row of the default table: its request, complete, with the referral
+// policy of the handle and one hop more than the row of the real request.
+int fill_placeholder(LDAP *ld, LDAPMsgTable *table, int msgid, LDAPMessage *request, int chase)
 {
-    int chase = 0;
     int hops = 0;
-    (void)ldap_get_option_direct(ld, LDAP_OPT_REFERRALS, &chase);
     (void)ldap_get_option_direct(ld, LDAP_OPT_REFHOPLIMIT, &hops);
     LDAP_LOCK(guard, &table->table_lock, MODULE);
     if (!guard.locked())
@@ -105,8 +103,8 @@ int fill_placeholder(LDAP *ld, LDAPMsgTable *table, int msgid, LDAPMessage *requ
 
 // The search on another server: the placeholder row in the default table, the real request
 // on `lc`, linked as parent and child. The placeholder's id, or -1 (recorded).
-int search_elsewhere(LDAP *ld, LDAPConn *def, LDAPConn *lc, const LDAPURLDesc *lud,
-                     int attrsonly, const LDAPDeadline &until)
+int search_elsewhere(LDAP *ld, LDAPConn *def, LDAPConn *lc, const char *url,
+                     const LDAPURLDesc *lud, int attrsonly, const LDAPDeadline &until)
 {
     int rc = send_referral_bind_request(ld, lc, until);
     if (rc == LDAP_SERVER_DOWN || rc == LDAP_NO_MEMORY)
@@ -126,13 +124,15 @@ int search_elsewhere(LDAP *ld, LDAPConn *def, LDAPConn *lc, const LDAPURLDesc *l
     LDAPMessage *result = request != nullptr ? placeholder_result(ld, parent) : nullptr;
     if (rc == 0 && result == nullptr)
         rc = LDAP_NO_MEMORY;
+    int chase = 0;
+    (void)ldap_get_option_direct(ld, LDAP_OPT_REFERRALS, &chase);
     if (rc == 0)
-        rc = fill_placeholder(ld, def->table, parent, request);
+        rc = fill_placeholder(ld, def->table, parent, request, chase);
     if (rc == 0)
         request = nullptr; // the row holds it now
     if (rc == 0)
-        rc = set_parent_child_pointers(ld, def->table, parent, lc->table, op.msgid,
-                                       lud->lud_string, result);
+        rc = set_parent_child_pointers(ld, def->table, parent, lc->table, op.msgid, url, result,
+                                       chase == 1);
     if (rc != 0) {
         free_msg(request, 0);
         free_msg(result, 0);
@@ -160,14 +160,14 @@ int url_search_until(LDAP *ld, const char *url, int attrsonly, const LDAPDeadlin
     if (def == nullptr || def->table == nullptr) {
         LDAP_TRACE(LDAP_TRC_ERROR, "ldap_url_search_direct: NULL default server or table \n");
         (void)ldap_fail(ld, LDAP_PARAM_ERROR);
-    } else if ((lc = ldap_find_conn(ld, lud->lud_host, lud->lud_port, 1, nullptr, 1)) ==
+    } else if ((lc = ldap_find_conn(ld, lud->lud_host, lud->lud_port, 1, nullptr, 1, until)) ==
                    nullptr ||
                lc->table == nullptr) {
         LDAP_TRACE(LDAP_TRC_ERROR, "ldap_url_search_direct: NULL server or table\n ");
         if (ldap_get_errno_direct(ld) == 0)
             (void)ldap_fail(ld, LDAP_SERVER_DOWN);
     } else if (lc != def) {
-        id = search_elsewhere(ld, def, lc, lud, attrsonly, until);
+        id = search_elsewhere(ld, def, lc, url, lud, attrsonly, until);
     } else {
         OpRequest op;
         if (ldap_op_begin(ld, lc, NO_CONN_TRACE, &op) == 0) {
