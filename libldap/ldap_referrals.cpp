@@ -455,6 +455,10 @@ int ldap_referral_from_child(LDAP *ld, LDAPMsgTable *table, int msgid,
     int has = child_of(ld, table, msgid, &child, &url);
     if (has <= 0)
         return has == 0 ? LDAP_REFERRAL_NO_CHILD : -1;
+    // The child's responses may be long in coming: the turn of this row's table goes to a
+    // sleeper meanwhile, so that nobody else waits on it for this thread's return.
+    if (child.table != table)
+        ldap_msg_table_offer_turn(table);
     LDAPMessage *msg = nullptr;
     int type = ldap_return_one_msg(ld, child.row, until, &msg, child.table, chase, hops - 1);
     int rc = type;

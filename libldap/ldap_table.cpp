@@ -208,8 +208,10 @@ void offer_turn(LDAPMsgTable *table)
 }
 
 // While a thread collects a whole result it comes straight back for the next message, so
-// it keeps the reading turn between its calls and offers it when it is done.
+// it keeps the reading turn between its calls and offers it when it is done. Only that of the
+// table it collects from: a referral child's table, read on the way, is left as usual.
 thread_local int keep_turn_depth = 0;
+thread_local LDAPMsgTable *keep_turn_table = nullptr;
 
 // Offers the turn on every way out of ldap_msg_table_get_message, unless the thread collects.
 class OfferTurnOnExit {
@@ -217,7 +219,7 @@ public:
     OfferTurnOnExit(LDAPMsgTable *table, const LockGuard &guard) : table_(table), guard_(guard) {}
     ~OfferTurnOnExit()
     {
-        if (guard_.locked() && keep_turn_depth == 0)
+        if (guard_.locked() && (keep_turn_depth == 0 || keep_turn_table != table_))
             offer_turn(table_);
     }
     OfferTurnOnExit(const OfferTurnOnExit &) = delete;
@@ -253,16 +255,23 @@ int read_one_turn(LDAP *ld, LDAPMsgTable *table, LockGuard &guard, const LDAPDea
 
 LDAPMsgTableCollecting::LDAPMsgTableCollecting(LDAPMsgTable *table) : table_(table)
 {
-    ++keep_turn_depth;
+    if (keep_turn_depth++ == 0)
+        keep_turn_table = table;
 }
 
 LDAPMsgTableCollecting::~LDAPMsgTableCollecting()
 {
     if (--keep_turn_depth != 0)
         return;
-    LDAP_LOCK(guard, &table_->table_lock, MODULE);
+    keep_turn_table = nullptr;
+    ldap_msg_table_offer_turn(table_);
+}
+
+void ldap_msg_table_offer_turn(LDAPMsgTable *table)
+{
+    LDAP_LOCK(guard, &table->table_lock, MODULE);
     if (guard.locked())
-        offer_turn(table_);
+        offer_turn(table);
 }
 
 void ldap_msg_table_wake_row(LDAPMsgTable *table, int msgid)

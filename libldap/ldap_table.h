@@ -6,6 +6,9 @@
 #include "ldap_deadline.h"
 #include "ldap_int.h"
 
+// Offers the table's reading turn to a sleeper, unless a thread reads (takes the table lock).
+void ldap_msg_table_offer_turn(LDAPMsgTable *table);
+
 // Wakes every thread waiting on the table, the one reading the socket included, so that each
 // looks at its row again (table lock held).
 void ldap_msg_table_wake_waiters(LDAPMsgTable *table);
