@@ -96,9 +96,11 @@ char **v2_referral_urls(char *text)
         char *nl = strchr(line, '\n');
         if (nl != nullptr)
             *nl = '\0';
-        if (*line != '\0' && (urls[n] = lber_strdup(line)) != nullptr)
+        if (*line != '\0' && (urls[n] = lber_strdup(line)) != nullptr) {
             LDAP_TRACE(LDAP_TRC_ERROR, "chase_v2_referrals: V2 referral has been detected ref=%s\n",
-                       urls[n++]);
+                       urls[n]);
+            ++n;
+        }
         line = nl != nullptr ? nl + 1 : nullptr;
     }
     return urls;
