@@ -57,9 +57,14 @@ struct Outcome {
 int rows_in_use(LDAP *ld)
 {
     int n = 0;
-    for (LDAPConn *lc = ld->ld_servers; lc != nullptr; lc = lc->next)
+    pthread_mutex_lock(&ld->ld_connlock); // other threads may be at work on the handle
+    for (LDAPConn *lc = ld->ld_servers; lc != nullptr; lc = lc->next) {
+        pthread_mutex_lock(&lc->table->table_lock);
         for (uint32_t i = 1; i < lc->table->row_count; ++i)
             n += (lc->table->rows[i].flags & ROW_IN_USE) != 0 ? 1 : 0;
+        pthread_mutex_unlock(&lc->table->table_lock);
+    }
+    pthread_mutex_unlock(&ld->ld_connlock);
     return n;
 }
 
