@@ -331,11 +331,11 @@ TEST(WzrldapTool, AppliesLdifChangesLikeLdapmodify)
     EXPECT_EQ(ldapsearch(s, {"-b", moved, "-s", "base"}).status, LDAP_NO_SUCH_OBJECT);
 
     // A referral nobody answers: followed by default (81, its URL on standard error), printed
-    // as an LDIF comment with -R.
+    // as an LDIF comment with --no-referrals.
     r = search(s, {"-b", s.base(), "(ou=away)"});
     EXPECT_EQ(r.status, LDAP_SERVER_DOWN) << r.err;
     EXPECT_NE(r.err.find("\t\t" + away), std::string::npos) << r.err;
-    r = search(s, {"-R", "-b", s.base(), "(ou=away)"});
+    r = search(s, {"--no-referrals", "-b", s.base(), "(ou=away)"});
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_NE(r.out.find("# ref" + away), std::string::npos) << r.out;
 

@@ -76,7 +76,7 @@ EOF
 show search -H "$URI" -b "$BASE" "(|(uid=alice)(uid=newcomer))" cn mail title
 
 # A referral to a server that does not answer: followed by default, and reported with its URL
-# when it cannot be; with -R not followed but printed as an LDIF comment.
+# when it cannot be; with --no-referrals not followed but printed as an LDIF comment.
 show_with_ldif add -H "$URI" "${ADMIN[@]}" <<EOF
 dn: ou=elsewhere,dc=example,dc=com
 objectClass: referral
@@ -85,7 +85,7 @@ ou: elsewhere
 ref: ldap://127.0.0.1:1/ou=elsewhere,dc=example,dc=com
 EOF
 show search -H "$URI" -b dc=example,dc=com "(ou=elsewhere)" 2>&1 || echo "(exit status $?)"
-show search -R -H "$URI" -b dc=example,dc=com "(ou=elsewhere)"
+show search --no-referrals -H "$URI" -b dc=example,dc=com "(ou=elsewhere)"
 
 echo
 echo "== stopping slapd $(cat "$DIR/slapd.pid")"

@@ -96,7 +96,7 @@ void print_search_help()
                  "  -l LIMIT    server time limit in seconds (0 or none: no limit)\n"
                  "  -A          attribute names only, no values\n"
                  "  -L          accepted for compatibility (output is always plain LDIF)\n"
-                 "  -R          do not follow referrals; print them as \"# ref\" comments\n"
+                 "  --no-referrals  do not follow referrals; print them as \"# ref\" comments\n"
                  "  -o ldif-wrap=N|no   fold lines at N columns (default 76) or not at all\n"
                  "  -o nettimeout=N     give up waiting for the results after N seconds\n"
                  "An attribute name from the server that is not a valid LDIF attribute\n"
