@@ -133,12 +133,13 @@ int main(int argc, char **argv)
     benchmark::Initialize(&argc, argv);
     wzrtest::SlapdFixture a, b;
     const std::string base = "dc=example,dc=com";
-    bool up = wzrtest::SlapdFixture::available() && b.start({0, partner_ldif(base), ""}) &&
-              a.start({0,
-                       "dn: ou=partners," + base +
-                           "\nobjectClass: referral\nobjectClass: extensibleObject\nou: "
-                           "partners\nref: " + b.uri() + "/ou=partners," + base + "\n",
-                       ""});
+    wzrtest::SlapdOptions one, two;
+    two.extra_ldif = partner_ldif(base);
+    bool up = wzrtest::SlapdFixture::available() && b.start(two);
+    one.extra_ldif = "dn: ou=partners," + base +
+                     "\nobjectClass: referral\nobjectClass: extensibleObject\nou: partners\nref: " +
+                     b.uri() + "/ou=partners," + base + "\n";
+    up = up && a.start(one);
     if (!up) {
         fprintf(stderr, "bench_referral: slapd did not start: %s%s\n", a.error().c_str(),
                 b.error().c_str());

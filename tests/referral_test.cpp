@@ -120,12 +120,15 @@ struct Servers {
         // A loop: the first's ou=loop refers to the second's, which refers to a URL without
         // server, which means the handle's own, the first.
         const std::string loop = "/ou=loop," + BASE;
-        if (SlapdFixture::available() &&
-            second.start({0, partner_ldif(8) + referral_ldif("loop", "ldap://" + loop), ""}))
-            (void)first.start({0, referral_ldif("partners", second.uri() + "/" + PARTNERS) +
-                                      referral_ldif("dead", "ldap://127.0.0.1:1/ou=dead," + BASE) +
-                                      referral_ldif("loop", second.uri() + loop),
-                               second.uri()});
+        SlapdOptions two, one;
+        two.extra_ldif = partner_ldif(8) + referral_ldif("loop", "ldap://" + loop);
+        if (!SlapdFixture::available() || !second.start(two))
+            return;
+        one.extra_ldif = referral_ldif("partners", second.uri() + "/" + PARTNERS) +
+                         referral_ldif("dead", "ldap://127.0.0.1:1/ou=dead," + BASE) +
+                         referral_ldif("loop", second.uri() + loop);
+        one.default_referral = second.uri();
+        (void)first.start(one);
     }
 };
 

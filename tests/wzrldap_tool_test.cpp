@@ -275,9 +275,10 @@ TEST(WzrldapTool, AppliesLdifChangesLikeLdapmodify)
         GTEST_SKIP() << "slapd or ldap-utils not installed";
     SlapdFixture s;
     const std::string away = "ldap://127.0.0.1:1/ou=away,dc=example,dc=com";
-    ASSERT_TRUE(s.start({0, "dn: ou=away,dc=example,dc=com\nobjectClass: referral\nobjectClass: "
-                            "extensibleObject\nou: away\nref: " + away + "\n", ""}))
-        << s.error();
+    wzrtest::SlapdOptions opts;
+    opts.extra_ldif = "dn: ou=away,dc=example,dc=com\nobjectClass: referral\nobjectClass: "
+                      "extensibleObject\nou: away\nref: " + away + "\n";
+    ASSERT_TRUE(s.start(opts)) << s.error();
     const std::vector<std::string> as_manager = {"-x", "-H", s.uri(), "-D", s.manager_dn(), "-w",
                                                  s.manager_pw()};
     auto update = [&](const char *cmd, const std::string &ldif,

@@ -31,7 +31,11 @@ bool have_kdc() { return access("/usr/sbin/krb5kdc", X_OK) == 0; }
 wzrtest::SlapdFixture &sasl_slapd()
 {
     static wzrtest::SlapdFixture fixture;
-    static bool started = wzrtest::SlapdFixture::available() && fixture.start({0, "", have_kdc()});
+    static bool started = [] {
+        wzrtest::SlapdOptions opts;
+        opts.kerberos = have_kdc();
+        return wzrtest::SlapdFixture::available() && fixture.start(opts);
+    }();
     (void)started;
     return fixture;
 }
