@@ -177,14 +177,17 @@ ExtensibleMarkers read_extensible_markers(char *p, const char *end)
 // MatchingRuleAssertion ::= SEQUENCE { matchingRule [1] MatchingRuleId OPTIONAL,
 //     type [2] AttributeDescription OPTIONAL, matchValue [3] AssertionValue,
 //     dnAttributes [4] BOOLEAN DEFAULT FALSE }
+//   SimpleMatchingAssertion ::= the same without dnAttributes (`simple`: a values-return item)
 // `item` is the whole item, its type (possibly empty) ends at `type_end`, on a ":". A bare
 // "type:=" (neither dn nor rule) is refused on purpose, and so is a match with neither type
 // nor rule. The value is sent as written, but may hold no unescaped wildcard.
-[[nodiscard]] int put_extensible_filter(BerElement *ber, char *item, char *type_end, char *end)
+[[nodiscard]] int put_extensible_filter(BerElement *ber, char *item, char *type_end, char *end,
+                                        bool simple)
 {
     ExtensibleMarkers m = read_extensible_markers(type_end, end);
     bool has_type = type_end != item;
-    if (m.value == nullptr || (m.rule == nullptr && !(m.dnattrs && has_type)))
+    if (m.value == nullptr || (m.rule == nullptr && !(m.dnattrs && has_type)) ||
+        (simple && m.dnattrs))
         return -1;
     char *value = skip_space(m.value);
     trim_right(value, end);
@@ -200,6 +203,8 @@ ExtensibleMarkers read_extensible_markers(char *p, const char *end)
     if (has_type && fber_printf_raw(ber, "ts", MATCH_TYPE, item) == -1)
         return -1;
     int len = static_cast<int>(strlen(value));
+    if (simple)
+        return fber_printf_raw(ber, "to}", MATCH_VALUE, value, len) == -1 ? -1 : 0;
     int dnattrs = m.dnattrs ? 1 : 0;
     if (fber_printf_raw(ber, "totb}", MATCH_VALUE, value, len, MATCH_DNATTRS, dnattrs) == -1)
         return -1;
@@ -225,12 +230,12 @@ ExtensibleMarkers read_extensible_markers(char *p, const char *end)
 // read by the grammar of these three rather than split at its first "=": split there,
 // "((uid=x))" asked about an attribute named "(uid" and "(uid =x)" about one named "uid ",
 // a different question from the one written, so such items fail before anything is sent.
-[[nodiscard]] int put_simple_filter(BerElement *ber, char *item)
+[[nodiscard]] int put_simple_filter(BerElement *ber, char *item, bool simple = false)
 {
     char *end = item + strlen(item);
     char *type_end = attr_desc_end(item, end);
     if (*type_end == ':')
-        return put_extensible_filter(ber, item, type_end, end);
+        return put_extensible_filter(ber, item, type_end, end, simple);
     char *value = nullptr;
     ber_tag_t tag = read_operator(type_end, &value);
     if (type_end == item || tag == 0)
@@ -270,13 +275,13 @@ ExtensibleMarkers read_extensible_markers(char *p, const char *end)
 // A simple item up to its first parenthesis, which must be the ")" that closes it and is
 // returned (null on failure). Any character other than an operator after "(" starts such an
 // item: "((uid=x))" is not an item wrapped twice but an item beginning with "(", refused.
-[[nodiscard]] char *put_parenthesised_item(BerElement *ber, char *str)
+[[nodiscard]] char *put_parenthesised_item(BerElement *ber, char *str, bool simple = false)
 {
     char *close = simple_item_end(str);
     if (close == nullptr || *close != ')')
         return nullptr;
     *close = '\0';
-    int rc = put_simple_filter(ber, str);
+    int rc = put_simple_filter(ber, str, simple);
     *close = ')';
     return rc == 0 ? close : nullptr;
 }
@@ -330,6 +335,45 @@ char *put_parenthesised(BerElement *ber, char *str)
     return *str == '\0' ? 0 : -1;
 }
 
+//   ValuesReturnFilter ::= SEQUENCE OF SimpleFilterItem
+// Written "(item)" for one item or "((item)(item)...)" for several.
+[[nodiscard]] int put_vrfilter_text(BerElement *ber, char *str)
+{
+    str = skip_space(str);
+    if (*str != '(' || fber_printf_raw(ber, "{") == -1)
+        return -1;
+    str = skip_space(str + 1);
+    bool list = *str == '(';
+    do {
+        if (list)
+            str = skip_space(str + 1);
+        char *close = put_parenthesised_item(ber, str, true);
+        if (close == nullptr)
+            return -1;
+        str = skip_space(close + 1);
+    } while (list && *str == '(');
+    if (list && *str++ != ')')
+        return -1;
+    return *skip_space(str) == '\0' && fber_printf_raw(ber, "}") != -1 ? 0 : -1;
+}
+
+// A private, writable UTF-8 copy of a caller's filter text (converted from the local code
+// page unless `converted` or the FBER says it is UTF-8 already); null on failure.
+char *filter_text_copy(BerElement *ber, const char *filter, int converted)
+{
+    size_t len = strlen(filter);
+    bool utf8 = ber->ber_utf8_flag != nullptr && *ber->ber_utf8_flag != 0;
+    if (converted == 0 && !utf8) {
+        char *text = nullptr;
+        size_t outlen = 0;
+        if (ldap_xlate_local_to_utf8(filter, len, &text, &outlen) != 0)
+            return nullptr;
+        if (text != nullptr)
+            return text;
+    }
+    return lber_strndup(filter, len); // already UTF-8, or a code page that passes through
+}
+
 } // namespace
 
 long compress_hex(char *value)
@@ -361,24 +405,26 @@ int put_filter(BerElement *ber, const char *filter, int converted)
 {
     if (ber == nullptr || filter == nullptr)
         return -1;
-    size_t len = strlen(filter);
-    char *text = nullptr;
-    bool utf8 = ber->ber_utf8_flag != nullptr && *ber->ber_utf8_flag != 0;
-    if (converted == 0 && !utf8) {
-        size_t outlen = 0;
-        if (ldap_xlate_local_to_utf8(filter, len, &text, &outlen) != 0)
-            return -1;
-    }
-    if (text == nullptr) {
-        text = lber_strndup(filter, len);
-        if (text == nullptr)
-            return -1;
-    }
+    char *text = filter_text_copy(ber, filter, converted);
+    if (text == nullptr)
+        return -1;
     // A filter that encodes nothing would leave the request without its Filter element.
     ptrdiff_t start = ber->ber_ptr - ber->ber_buf;
     int rc = put_filter_text(ber, text);
     if (rc == 0 && converted == 0 && ber->ber_ptr - ber->ber_buf == start)
         rc = -1;
+    lber_free(text);
+    return rc;
+}
+
+int put_vrfilter(BerElement *ber, const char *filter)
+{
+    if (ber == nullptr || filter == nullptr)
+        return -1;
+    char *text = filter_text_copy(ber, filter, 0);
+    if (text == nullptr)
+        return -1;
+    int rc = put_vrfilter_text(ber, text);
     lber_free(text);
     return rc;
 }

@@ -11,6 +11,9 @@
 // turns the text from the local code page into UTF-8 unless the FBER says strings are UTF-8
 // already, and refuses a filter that encodes nothing.
 [[nodiscard]] int put_filter(BerElement *ber, const char *filter, int converted);
+// Encodes a values-return filter (matched values): "(item)" or "((item)(item)...)", simple
+// items only, each read as in a search filter but without AND, OR, NOT or a dn marker. 0 or -1.
+[[nodiscard]] int put_vrfilter(BerElement *ber, const char *filter);
 // Turns every \XX escape of `value` into its byte, in place: the new length (embedded zero
 // bytes allowed), or -1 for a backslash not followed by two hexadecimal digits.
 long compress_hex(char *value);

@@ -19,7 +19,11 @@ PEOPLE=300
 usage() {
     cat <<EOF
 usage: slapd-sandbox.sh COMMAND ...
-  init DIR [--bulk N] [--extra FILE]   write slapd.conf and the sample tree into DIR, load it
+  init DIR [--bulk N] [--extra FILE] [--controls]
+                                       write slapd.conf and the sample tree into DIR, load it;
+                                       --controls adds the overlays that serve sorting, virtual
+                                       list views and password policy, proxied authorisation,
+                                       and a size limit of 500 that paged searches may pass
   ldif [--bulk N]                      print the sample tree as LDIF
   run DIR PORT                         run slapd in the foreground (for a supervising process)
   start DIR [PORT]                     start slapd as a daemon; prints its ldap:// URL
@@ -86,6 +90,7 @@ write_ldif() {
     printf '\n'
     gen_people
     [ "$bulk" -gt 0 ] && gen_bulk "$bulk"
+    [ "$CONTROLS" = 1 ] && { printf '\n'; cat "$DATA/controls.ldif"; }
     if [ -n "$extra" ]; then printf '\n'; cat "$extra"; printf '\n'; fi
     return 0
 }
@@ -111,9 +116,10 @@ free_port() {
 }
 
 parse_gen_opts() {
-    BULK=0 EXTRA=""
+    BULK=0 EXTRA="" CONTROLS=0
     while [ $# -gt 0 ]; do
         case $1 in
+            --controls) CONTROLS=1; shift ;;
             --bulk) BULK=${2:?--bulk needs a number}; shift 2 ;;
             --extra) EXTRA=${2:?--extra needs a file}; shift 2 ;;
             *) die "unknown option $1" ;;
@@ -135,6 +141,11 @@ cmd_init() {
         -e "s|@UID@|$(id -u)|g" -e "s|@GID@|$(id -g)|g" \
         "$DATA/slapd.conf.in" > "$dir/slapd.conf"
     : > "$dir/global-extra.conf"
+    : > "$dir/db-extra.conf"
+    if [ "$CONTROLS" = 1 ]; then
+        sed -e "s|@SUFFIX@|$SUFFIX|g" "$DATA/controls-global.conf" > "$dir/global-extra.conf"
+        sed -e "s|@SUFFIX@|$SUFFIX|g" "$DATA/controls-db.conf" > "$dir/db-extra.conf"
+    fi
     write_ldif "$BULK" "$EXTRA" > "$dir/data.ldif"
     "$SBIN/slapadd" -q -f "$dir/slapd.conf" -l "$dir/data.ldif" > "$dir/slapadd.log" 2>&1 ||
         { cat "$dir/slapadd.log" >&2; die "slapadd failed"; }

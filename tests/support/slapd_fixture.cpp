@@ -198,6 +198,8 @@ bool SlapdFixture::init_directory(const SlapdOptions &opts)
         std::ofstream(extra, std::ios::binary) << opts.extra_ldif;
         cmd += " --extra " + shell_quote(extra);
     }
+    if (opts.controls)
+        cmd += " --controls";
     std::string out;
     if (run_capture(cmd + " 2>&1", &out) != 0) {
         error_ = "slapd-sandbox.sh init failed: " + out;
@@ -304,7 +306,7 @@ bool SlapdFixture::start_kdc()
             setenv(line.substr(0, eq).c_str(), line.substr(eq + 1).c_str(), 1);
     }
     // The service key is ldap/localhost: clients name the server "localhost".
-    std::ofstream(dir_ + "/global-extra.conf") << "sasl-host localhost\n";
+    std::ofstream(dir_ + "/global-extra.conf", std::ios::app) << "sasl-host localhost\n";
     return true;
 }
 

@@ -17,6 +17,10 @@ struct SlapdOptions {
     // this process's KRB5_CONFIG, KRB5_KDC_PROFILE, KRB5_KTNAME and KRB5CCNAME then point to it.
     bool kerberos = false;
     std::string default_referral; // URL the server refers to for DNs outside its suffix
+    // The overlays that serve sorting, virtual list views and password policy (with the
+    // policy entry cn=default,ou=policies), proxied authorisation (uid=proxy may act as anyone
+    // in ou=people), and a size limit of 500 that paged searches may go past.
+    bool controls = false;
 };
 
 // Start-up failures are reported by start() returning false and error() saying why; a test
