@@ -274,4 +274,30 @@ TEST_F(ControlsSlapd, PasswordPolicyWarnsBeforeExpiryAndReportsALockedAccount)
     ldap_control_free(pp);
 }
 
+TEST_F(ControlsSlapd, ToolPagesPastTheSizeLimitAndRefusesUnknownCriticalExtensions)
+{
+    struct Case {
+        const char *ext;
+        int status;
+        int entries;
+    };
+    const Case cases[] = {{"-E pr=300/noprompt", 0, kBulk},
+                          {"", LDAP_SIZELIMIT_EXCEEDED, 500},
+                          {"-e frob", 0, 1},
+                          {"-E '!frob=1'", LDAP_PARAM_ERROR, 0}};
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.ext);
+        // "-e frob" is optional and left out; the single entry is the search base's.
+        std::string scope = c.entries == 1 ? " -s base " : " -s one ";
+        std::string out;
+        std::string cmd = std::string(WZR_TOOL_BIN) + " search -H " + server().uri() + " -b ou=bulk," +
+                          kBase + scope + c.ext + " '(objectClass=*)' uid 2>/dev/null";
+        EXPECT_EQ(wzrtest::run_capture(cmd, &out), c.status);
+        size_t n = 0;
+        for (size_t at = out.find("dn: "); at != std::string::npos; at = out.find("\ndn: ", at + 1))
+            ++n;
+        EXPECT_EQ(n, size_t(c.entries));
+    }
+}
+
 } // namespace

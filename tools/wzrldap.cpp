@@ -6,6 +6,7 @@
 
 #include "ldif.h"
 #include "sasl_bind.h"
+#include "search_ext.h"
 #include "wzrldap_results.h"
 
 #include <cerrno>
@@ -39,6 +40,7 @@ struct Options {
     bool follow_referrals = true;
     int wrap = wzrldif::kDefaultWrap;
     long net_timeout = -1;
+    wzrext::Extensions ext; // -E and -e
     // updates
     std::string file;
     bool continue_on_error = false, dry_run = false, default_add = false, delete_old_rdn = false;
@@ -99,6 +101,12 @@ void print_search_help()
                  "  --no-referrals  do not follow referrals; print them as \"# ref\" comments\n"
                  "  -o ldif-wrap=N|no   fold lines at N columns (default 76) or not at all\n"
                  "  -o nettimeout=N     give up waiting for the results after N seconds\n"
+                 "  -E [!]pr=SIZE[/noprompt]     paged results, SIZE entries a page\n"
+                 "  -E [!]sss=[-]ATTR[:RULE][/...]  server-side sorting\n"
+                 "  -E [!]vlv=BEFORE/AFTER(/OFFSET/COUNT|:VALUE)  a window of a sorted list\n"
+                 "  -e [!]ppolicy               bind with the password-policy control\n"
+                 "  -e [!]assert=FILTER  -e [!]mv=FILTER  -e [!]authzid=dn:DN|u:USER\n"
+                 "  (\"!\" marks an extension critical; an unknown one is then refused)\n"
                  "An attribute name from the server that is not a valid LDIF attribute\n"
                  "description is reported on standard error, escaped, and neither it nor its\n"
                  "values are printed; the rest is printed and the exit status is 84 (decoding\n"
@@ -198,7 +206,7 @@ int parse_options(const std::string &cmd, int argc, char **argv, Options *o)
 {
     const bool search = cmd == "search";
     std::string flags = std::string(":H:D:w:y:xP:") + wzrsasl_tool::kFlags;
-    flags += search ? "b:s:z:l:ALCo:" : "f:cnar";
+    flags += search ? "b:s:z:l:ALCo:E:e:" : "f:cnar";
     // -R is the SASL realm, as in the classic tools, so following referrals is turned off by
     // name; -C (chase) is accepted for those tools' scripts and is the default anyway.
     static const option long_opts[] = {{"help", no_argument, nullptr, 'h'},
@@ -253,6 +261,11 @@ int parse_options(const std::string &cmd, int argc, char **argv, Options *o)
         case 'o':
             if (!parse_extended_option(optarg, o))
                 return usage_error(std::string("unknown -o option \"") + optarg + "\"");
+            break;
+        case 'E':
+        case 'e':
+            if (wzrext::parse(optarg, c == 'E', &o->ext) != 0)
+                return kUsageError;
             break;
         case 'f': o->file = optarg; break;
         case 'c': o->continue_on_error = true; break;
@@ -324,7 +337,7 @@ LDAP *open_session(const Options &o, bool search, int *rc)
             wzr_ldap_unbind(ld);
         return *rc == LDAP_SUCCESS ? ld : nullptr;
     }
-    *rc = wzr_ldap_simple_bind_s(ld, dn, pw);
+    *rc = wzrext::bind(ld, dn, pw, o.ext);
     if (*rc != LDAP_SUCCESS) {
         report(dn != nullptr ? "bind as \"" + o.binddn + "\"" : std::string("anonymous bind"), *rc,
                wzrtool::server_error_lines(ld));
@@ -409,19 +422,33 @@ int cmd_search(const Options &o)
         return rc;
     timeval tv{o.net_timeout, 0};
     LDAPMessage *res = nullptr;
-    rc = wzr_ldap_search_st(ld, o.base.c_str(), o.scope, filter.c_str(),
-                            attrs.size() > 1 ? attrs.data() : nullptr, o.attrsonly ? 1 : 0,
-                            o.net_timeout >= 0 ? &tv : nullptr, &res);
-    // A search cut short by a limit still delivers the entries found so far.
-    int refused = 0;
-    int count = res != nullptr ? print_entries(ld, res, o.wrap, &refused) : 0;
-    if (!o.follow_referrals)
-        wzrtool::print_referrals(ld, res);
-    fflush(stdout);
-    std::string details = rc == LDAP_SUCCESS ? std::string()
-                          : res != nullptr   ? wzrtool::result_error_lines(ld, res)
-                                             : wzrtool::server_error_lines(ld);
-    wzr_ldap_msgfree(res);
+    int refused = 0, count = 0;
+    std::string details;
+    char **attr_list = attrs.size() > 1 ? attrs.data() : nullptr;
+    if (o.ext.any()) {
+        wzrext::SearchArgs args{o.base.c_str(), o.scope,   filter.c_str(), attr_list,
+                                o.attrsonly ? 1 : 0, o.sizelimit, o.net_timeout >= 0 ? &tv : nullptr};
+        auto print = [&](LDAP *h, LDAPMessage *page) {
+            int n = print_entries(h, page, o.wrap, &refused);
+            fflush(stdout);
+            return n;
+        };
+        rc = wzrext::search(ld, args, o.ext, print, &count);
+        if (rc != LDAP_SUCCESS)
+            details = wzrtool::server_error_lines(ld);
+    } else {
+        rc = wzr_ldap_search_st(ld, o.base.c_str(), o.scope, filter.c_str(), attr_list,
+                                o.attrsonly ? 1 : 0, o.net_timeout >= 0 ? &tv : nullptr, &res);
+        // A search cut short by a limit still delivers the entries found so far.
+        count = res != nullptr ? print_entries(ld, res, o.wrap, &refused) : 0;
+        if (!o.follow_referrals)
+            wzrtool::print_referrals(ld, res);
+        fflush(stdout);
+        details = rc == LDAP_SUCCESS ? std::string()
+                  : res != nullptr   ? wzrtool::result_error_lines(ld, res)
+                                     : wzrtool::server_error_lines(ld);
+        wzr_ldap_msgfree(res);
+    }
     std::cerr << "# numEntries: " << count << '\n';
     if (rc != LDAP_SUCCESS)
         report("search", rc, details);
