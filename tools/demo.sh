@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Demonstration: installs what is missing, builds the wzrldap tool, starts a throwaway slapd
-# holding the tests' sample directory, searches, adds and modifies through wzrldap, searches
-# again, meets a referral, and stops the server by its pid. Usage: bash tools/demo.sh [BUILD_DIR]
+# holding the tests' sample directory (with 2,000 bulk entries and a size limit of 500),
+# searches, adds and modifies through wzrldap, searches again, meets a referral, lists the bulk
+# entries page by page past the size limit, shows a sorted window, and stops the server by its
+# pid. Usage: bash tools/demo.sh [BUILD_DIR]
 set -euo pipefail
 
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -22,7 +24,7 @@ cleanup() {
     rm -rf "$DIR"
 }
 trap cleanup EXIT
-bash "$SANDBOX" init "$DIR"
+bash "$SANDBOX" init "$DIR" --bulk 2000 --controls
 URI=$(bash "$SANDBOX" start "$DIR")
 echo "== slapd $(cat "$DIR/slapd.pid") serves dc=example,dc=com at $URI"
 
@@ -86,6 +88,21 @@ ref: ldap://127.0.0.1:1/ou=elsewhere,dc=example,dc=com
 EOF
 show search -H "$URI" -b dc=example,dc=com "(ou=elsewhere)" 2>&1 || echo "(exit status $?)"
 show search --no-referrals -H "$URI" -b dc=example,dc=com "(ou=elsewhere)"
+
+# Entries counted rather than printed: the listing is long.
+count_dns() {
+    echo
+    echo "\$ wzrldap $(quoted "$@") | grep -c '^dn:'"
+    local status=0
+    "$WZRLDAP" "$@" > "$DIR/listing.ldif" || status=$?
+    grep -c '^dn:' "$DIR/listing.ldif" || true
+    echo "(exit status $status)"
+}
+BULK="ou=bulk,dc=example,dc=com"
+count_dns search -H "$URI" -b "$BULK" -s one "(uid=*)" uid
+count_dns search -H "$URI" -b "$BULK" -s one -E pr=500/noprompt "(uid=*)" uid
+show search -H "$URI" -b "$BASE" -s one -E "sss=-uid:caseIgnoreOrderingMatch" \
+    -E vlv=1/1:user0505 "(uid=user0*)" uid
 
 echo
 echo "== stopping slapd $(cat "$DIR/slapd.pid")"
