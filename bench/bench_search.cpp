@@ -1,7 +1,8 @@
 // Search throughput against a local slapd holding 10,000 bulk entries of about ten attributes:
 // one subtree search returning them all, every DN, attribute and value walked, measured as
 // client CPU and wall time per entry, side by side with the same walk through OpenLDAP's
-// client library (peer_search.cpp). Also filter encoding and DN parsing per second.
+// client library (peer_search.cpp). The same walk over a paged listing of 100,000 entries
+// (pages of 500) from a second server. Also filter encoding and DN parsing per second.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -10,6 +11,7 @@
 
 #include "liblber/ber_memory.h"
 #include "libldap/ldap_bind.h"
+#include "libldap/ldap_ctrl.h"
 #include "libldap/ldap_dn.h"
 #include "libldap/ldap_entry.h"
 #include "libldap/ldap_filter.h"
@@ -23,7 +25,10 @@
 namespace {
 
 constexpr int BULK_ENTRIES = 10000;
+constexpr int PAGED_ENTRIES = 100000;
+constexpr int PAGE_SIZE = 500;
 wzrtest::SlapdFixture *slapd = nullptr;
+wzrtest::SlapdFixture *paged_slapd = nullptr; // PAGED_ENTRIES, the control-serving overlays
 
 std::string bulk_base() { return "ou=bulk," + slapd->base(); }
 
@@ -52,16 +57,47 @@ void report(benchmark::State &state, long entries, long values, double cpu, doub
     state.SetItemsProcessed(entries);
 }
 
+// Every DN, attribute and value of a result chain.
+void walk_chain(LDAP *ld, LDAPMessage *res, peer::WalkTotals *t)
+{
+    for (LDAPMessage *e = ldap_first_entry(ld, res); e != nullptr; e = ldap_next_entry(ld, e)) {
+        ++t->entries;
+        ldap_memfree(ldap_get_dn(ld, e));
+        BerElement *cursor = nullptr;
+        for (char *a = ldap_first_attribute(ld, e, &cursor); a != nullptr;
+             a = ldap_next_attribute(ld, e, cursor)) {
+            ++t->attributes;
+            struct berval **vals = ldap_get_values_len(ld, e, a);
+            for (int i = 0; vals != nullptr && vals[i] != nullptr; ++i) {
+                ++t->values;
+                t->bytes += static_cast<long>(vals[i]->bv_len);
+            }
+            ldap_value_free_len(vals);
+            ldap_memfree(a);
+        }
+        ldap_ber_free(cursor, 0);
+    }
+}
+
+LDAP *open_manager(const wzrtest::SlapdFixture &s)
+{
+    LDAP *ld = ldap_init("127.0.0.1", s.port());
+    if (ld != nullptr && ldap_simple_bind_s(ld, s.manager_dn().c_str(), s.manager_pw().c_str()) != 0) {
+        ldap_unbind(ld);
+        ld = nullptr;
+    }
+    return ld;
+}
+
 void BM_SubtreeWalk_Wzr(benchmark::State &state)
 {
-    LDAP *ld = ldap_init("127.0.0.1", slapd->port());
-    if (ld == nullptr ||
-        ldap_simple_bind_s(ld, slapd->manager_dn().c_str(), slapd->manager_pw().c_str()) != 0) {
+    LDAP *ld = open_manager(*slapd);
+    if (ld == nullptr) {
         state.SkipWithError("bind failed");
         return;
     }
     std::string base = bulk_base();
-    long entries = 0, values = 0, bytes = 0;
+    peer::WalkTotals totals;
     double cpu0 = process_cpu_seconds(), wall0 = wall_seconds();
     for (auto _ : state) {
         LDAPMessage *res = nullptr;
@@ -71,29 +107,68 @@ void BM_SubtreeWalk_Wzr(benchmark::State &state)
             ldap_msgfree(res);
             break;
         }
-        for (LDAPMessage *e = ldap_first_entry(ld, res); e != nullptr; e = ldap_next_entry(ld, e)) {
-            ++entries;
-            ldap_memfree(ldap_get_dn(ld, e));
-            BerElement *cursor = nullptr;
-            for (char *a = ldap_first_attribute(ld, e, &cursor); a != nullptr;
-                 a = ldap_next_attribute(ld, e, cursor)) {
-                struct berval **vals = ldap_get_values_len(ld, e, a);
-                for (int i = 0; vals != nullptr && vals[i] != nullptr; ++i) {
-                    ++values;
-                    bytes += static_cast<long>(vals[i]->bv_len);
-                }
-                ldap_value_free_len(vals);
-                ldap_memfree(a);
-            }
-            ldap_ber_free(cursor, 0);
-        }
+        walk_chain(ld, res, &totals);
         ldap_msgfree(res);
     }
-    report(state, entries, values, process_cpu_seconds() - cpu0, wall_seconds() - wall0);
-    benchmark::DoNotOptimize(bytes);
+    report(state, totals.entries, totals.values, process_cpu_seconds() - cpu0,
+           wall_seconds() - wall0);
+    benchmark::DoNotOptimize(totals.bytes);
     ldap_unbind(ld);
 }
 BENCHMARK(BM_SubtreeWalk_Wzr)->Unit(benchmark::kMillisecond)->MinTime(3.0);
+
+int walk_page(void *arg, LDAP *ld, LDAPMessage *page)
+{
+    walk_chain(ld, page, static_cast<peer::WalkTotals *>(arg));
+    ldap_msgfree(page);
+    return 0;
+}
+
+void BM_PagedListing_Wzr(benchmark::State &state)
+{
+    LDAP *ld = open_manager(*paged_slapd);
+    if (ld == nullptr) {
+        state.SkipWithError("bind failed");
+        return;
+    }
+    std::string base = "ou=bulk," + paged_slapd->base();
+    peer::WalkTotals totals;
+    double cpu0 = process_cpu_seconds(), wall0 = wall_seconds();
+    for (auto _ : state) {
+        if (ldap_search_paged_np(ld, base.c_str(), LDAP_SCOPE_SUBTREE, "(objectClass=*)", nullptr,
+                                 0, nullptr, PAGE_SIZE, nullptr, walk_page, &totals) != 0) {
+            state.SkipWithError("paged search failed");
+            break;
+        }
+    }
+    report(state, totals.entries, totals.values, process_cpu_seconds() - cpu0,
+           wall_seconds() - wall0);
+    ldap_unbind(ld);
+}
+BENCHMARK(BM_PagedListing_Wzr)->Unit(benchmark::kMillisecond)->Iterations(3);
+
+void BM_PagedListing_OpenLDAP(benchmark::State &state)
+{
+    void *ld = peer::open_bound(paged_slapd->uri().c_str(), paged_slapd->manager_dn().c_str(),
+                                paged_slapd->manager_pw().c_str());
+    if (ld == nullptr) {
+        state.SkipWithError("bind failed");
+        return;
+    }
+    std::string base = "ou=bulk," + paged_slapd->base();
+    peer::WalkTotals totals;
+    double cpu0 = process_cpu_seconds(), wall0 = wall_seconds();
+    for (auto _ : state) {
+        if (!peer::paged_walk(ld, base.c_str(), "(objectClass=*)", PAGE_SIZE, &totals)) {
+            state.SkipWithError("paged search failed");
+            break;
+        }
+    }
+    report(state, totals.entries, totals.values, process_cpu_seconds() - cpu0,
+           wall_seconds() - wall0);
+    peer::close(ld);
+}
+BENCHMARK(BM_PagedListing_OpenLDAP)->Unit(benchmark::kMillisecond)->Iterations(3);
 
 void BM_SubtreeWalk_OpenLDAP(benchmark::State &state)
 {
@@ -159,15 +234,7 @@ void small_searches(benchmark::State &state, Open open, Search search, Close clo
 
 void BM_SmallSearches_Wzr(benchmark::State &state)
 {
-    auto open = [] {
-        LDAP *ld = ldap_init("127.0.0.1", slapd->port());
-        if (ld != nullptr &&
-            ldap_simple_bind_s(ld, slapd->manager_dn().c_str(), slapd->manager_pw().c_str()) != 0) {
-            ldap_unbind(ld);
-            ld = nullptr;
-        }
-        return static_cast<void *>(ld);
-    };
+    auto open = [] { return static_cast<void *>(open_manager(*slapd)); };
     auto search = [](void *h, const std::string &base, const std::string &filter) {
         LDAPMessage *res = nullptr;
         int rc = ldap_search_s(static_cast<LDAP *>(h), base.c_str(), LDAP_SCOPE_SUBTREE,
@@ -280,9 +347,19 @@ int main(int argc, char **argv)
         fprintf(stderr, "bench_search: slapd did not start: %s\n", server.error().c_str());
         return 1;
     }
+    wzrtest::SlapdFixture paged;
+    wzrtest::SlapdOptions paged_opts;
+    paged_opts.bulk_entries = PAGED_ENTRIES;
+    paged_opts.controls = true;
+    if (!paged.start(paged_opts)) {
+        fprintf(stderr, "bench_search: the paging slapd did not start: %s\n", paged.error().c_str());
+        return 1;
+    }
     slapd = &server;
+    paged_slapd = &paged;
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
+    paged.stop();
     server.stop();
     return 0;
 }

@@ -23,16 +23,10 @@ void *open_bound(const char *uri, const char *dn, const char *password)
     return ld;
 }
 
-bool search_walk(void *handle, const char *base, const char *filter, WalkTotals *totals)
+namespace {
+
+void walk_chain(LDAP *ld, LDAPMessage *res, WalkTotals *totals)
 {
-    auto *ld = static_cast<LDAP *>(handle);
-    LDAPMessage *res = nullptr;
-    int rc = ldap_search_ext_s(ld, base, LDAP_SCOPE_SUBTREE, filter, nullptr, 0, nullptr, nullptr,
-                               nullptr, 0, &res);
-    if (rc != LDAP_SUCCESS) {
-        ldap_msgfree(res);
-        return false;
-    }
     for (LDAPMessage *e = ldap_first_entry(ld, res); e != nullptr; e = ldap_next_entry(ld, e)) {
         ++totals->entries;
         char *dn = ldap_get_dn(ld, e);
@@ -51,8 +45,62 @@ bool search_walk(void *handle, const char *base, const char *filter, WalkTotals 
         }
         ber_free(ber, 0);
     }
+}
+
+// The cookie of a page's response control into *cookie (emptied when there is none).
+bool next_cookie(LDAP *ld, LDAPMessage *res, struct berval *cookie)
+{
+    LDAPControl **ctrls = nullptr;
+    int code = 0;
+    if (ldap_parse_result(ld, res, &code, nullptr, nullptr, nullptr, &ctrls, 0) != LDAP_SUCCESS ||
+        code != LDAP_SUCCESS)
+        return false;
+    ber_memfree(cookie->bv_val);
+    *cookie = berval{0, nullptr};
+    LDAPControl *page = ldap_control_find(LDAP_CONTROL_PAGEDRESULTS, ctrls, nullptr);
+    ber_int_t estimate = 0;
+    bool ok = page == nullptr || ldap_parse_pageresponse_control(ld, page, &estimate, cookie) ==
+                                     LDAP_SUCCESS;
+    ldap_controls_free(ctrls);
+    return ok;
+}
+
+} // namespace
+
+bool search_walk(void *handle, const char *base, const char *filter, WalkTotals *totals)
+{
+    auto *ld = static_cast<LDAP *>(handle);
+    LDAPMessage *res = nullptr;
+    int rc = ldap_search_ext_s(ld, base, LDAP_SCOPE_SUBTREE, filter, nullptr, 0, nullptr, nullptr,
+                               nullptr, 0, &res);
+    if (rc == LDAP_SUCCESS)
+        walk_chain(ld, res, totals);
     ldap_msgfree(res);
-    return true;
+    return rc == LDAP_SUCCESS;
+}
+
+bool paged_walk(void *handle, const char *base, const char *filter, int page_size,
+                WalkTotals *totals)
+{
+    auto *ld = static_cast<LDAP *>(handle);
+    struct berval cookie = {0, nullptr};
+    bool ok = true;
+    do {
+        LDAPControl *page = nullptr;
+        if (ldap_create_page_control(ld, page_size, &cookie, 0, &page) != LDAP_SUCCESS)
+            return false;
+        LDAPControl *ctrls[] = {page, nullptr};
+        LDAPMessage *res = nullptr;
+        ok = ldap_search_ext_s(ld, base, LDAP_SCOPE_SUBTREE, filter, nullptr, 0, ctrls, nullptr,
+                               nullptr, 0, &res) == LDAP_SUCCESS;
+        ldap_control_free(page);
+        if (ok)
+            walk_chain(ld, res, totals);
+        ok = ok && next_cookie(ld, res, &cookie);
+        ldap_msgfree(res);
+    } while (ok && cookie.bv_len > 0);
+    ber_memfree(cookie.bv_val);
+    return ok;
 }
 
 bool search_small(void *handle, const char *base, const char *filter, char **attrs)
