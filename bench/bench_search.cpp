@@ -57,6 +57,22 @@ void report(benchmark::State &state, long entries, long values, double cpu, doub
     state.SetItemsProcessed(entries);
 }
 
+// Runs `walk` (filling the totals, false on failure) once per iteration, then reports client
+// CPU and wall time per entry.
+template <typename Walk> void measure_walks(benchmark::State &state, Walk walk)
+{
+    peer::WalkTotals totals;
+    double cpu0 = process_cpu_seconds(), wall0 = wall_seconds();
+    for (auto _ : state) {
+        if (!walk(&totals)) {
+            state.SkipWithError("search failed");
+            break;
+        }
+    }
+    report(state, totals.entries, totals.values, process_cpu_seconds() - cpu0,
+           wall_seconds() - wall0);
+}
+
 // Every DN, attribute and value of a result chain.
 void walk_chain(LDAP *ld, LDAPMessage *res, peer::WalkTotals *t)
 {
@@ -97,22 +113,15 @@ void BM_SubtreeWalk_Wzr(benchmark::State &state)
         return;
     }
     std::string base = bulk_base();
-    peer::WalkTotals totals;
-    double cpu0 = process_cpu_seconds(), wall0 = wall_seconds();
-    for (auto _ : state) {
+    measure_walks(state, [&](peer::WalkTotals *totals) {
         LDAPMessage *res = nullptr;
-        if (ldap_search_s(ld, base.c_str(), LDAP_SCOPE_SUBTREE, "(objectClass=*)", nullptr, 0,
-                          &res) != 0) {
-            state.SkipWithError("search failed");
-            ldap_msgfree(res);
-            break;
-        }
-        walk_chain(ld, res, &totals);
+        int rc = ldap_search_s(ld, base.c_str(), LDAP_SCOPE_SUBTREE, "(objectClass=*)", nullptr, 0,
+                               &res);
+        if (rc == 0)
+            walk_chain(ld, res, totals);
         ldap_msgfree(res);
-    }
-    report(state, totals.entries, totals.values, process_cpu_seconds() - cpu0,
-           wall_seconds() - wall0);
-    benchmark::DoNotOptimize(totals.bytes);
+        return rc == 0;
+    });
     ldap_unbind(ld);
 }
 BENCHMARK(BM_SubtreeWalk_Wzr)->Unit(benchmark::kMillisecond)->MinTime(3.0);
@@ -132,17 +141,11 @@ void BM_PagedListing_Wzr(benchmark::State &state)
         return;
     }
     std::string base = "ou=bulk," + paged_slapd->base();
-    peer::WalkTotals totals;
-    double cpu0 = process_cpu_seconds(), wall0 = wall_seconds();
-    for (auto _ : state) {
-        if (ldap_search_paged_np(ld, base.c_str(), LDAP_SCOPE_SUBTREE, "(objectClass=*)", nullptr,
-                                 0, nullptr, PAGE_SIZE, nullptr, walk_page, &totals) != 0) {
-            state.SkipWithError("paged search failed");
-            break;
-        }
-    }
-    report(state, totals.entries, totals.values, process_cpu_seconds() - cpu0,
-           wall_seconds() - wall0);
+    measure_walks(state, [&](peer::WalkTotals *totals) {
+        return ldap_search_paged_np(ld, base.c_str(), LDAP_SCOPE_SUBTREE, "(objectClass=*)",
+                                    nullptr, 0, nullptr, PAGE_SIZE, nullptr, walk_page,
+                                    totals) == 0;
+    });
     ldap_unbind(ld);
 }
 BENCHMARK(BM_PagedListing_Wzr)->Unit(benchmark::kMillisecond)->Iterations(3);
@@ -156,16 +159,9 @@ void BM_PagedListing_OpenLDAP(benchmark::State &state)
         return;
     }
     std::string base = "ou=bulk," + paged_slapd->base();
-    peer::WalkTotals totals;
-    double cpu0 = process_cpu_seconds(), wall0 = wall_seconds();
-    for (auto _ : state) {
-        if (!peer::paged_walk(ld, base.c_str(), "(objectClass=*)", PAGE_SIZE, &totals)) {
-            state.SkipWithError("paged search failed");
-            break;
-        }
-    }
-    report(state, totals.entries, totals.values, process_cpu_seconds() - cpu0,
-           wall_seconds() - wall0);
+    measure_walks(state, [&](peer::WalkTotals *totals) {
+        return peer::paged_walk(ld, base.c_str(), "(objectClass=*)", PAGE_SIZE, totals);
+    });
     peer::close(ld);
 }
 BENCHMARK(BM_PagedListing_OpenLDAP)->Unit(benchmark::kMillisecond)->Iterations(3);
@@ -179,16 +175,9 @@ void BM_SubtreeWalk_OpenLDAP(benchmark::State &state)
         return;
     }
     std::string base = bulk_base();
-    peer::WalkTotals totals;
-    double cpu0 = process_cpu_seconds(), wall0 = wall_seconds();
-    for (auto _ : state) {
-        if (!peer::search_walk(ld, base.c_str(), "(objectClass=*)", &totals)) {
-            state.SkipWithError("search failed");
-            break;
-        }
-    }
-    report(state, totals.entries, totals.values, process_cpu_seconds() - cpu0,
-           wall_seconds() - wall0);
+    measure_walks(state, [&](peer::WalkTotals *totals) {
+        return peer::search_walk(ld, base.c_str(), "(objectClass=*)", totals);
+    });
     peer::close(ld);
 }
 BENCHMARK(BM_SubtreeWalk_OpenLDAP)->Unit(benchmark::kMillisecond)->MinTime(3.0);

@@ -44,16 +44,26 @@ bool ldap_control_value_done(const BerElement *reader);
 // mean no memory (90).
 [[nodiscard]] int ldap_control_finish(BerElement *ber, bool written, const char *oid,
                                       int iscritical, LDAPControl **ctrlp);
-// A control whose value is `fmt` written with the plain BER encoder (minimal lengths).
-template <class... Args>
-[[nodiscard]] int ldap_control_encode(const char *oid, int iscritical, LDAPControl **ctrlp,
-                                      const char *fmt, Args... args)
+// A control whose value `write(BerElement *)` writes with the plain BER encoder (minimal
+// lengths); `write` answers whether every write succeeded.
+template <class Write>
+[[nodiscard]] int ldap_control_write(const char *oid, int iscritical, LDAPControl **ctrlp,
+                                     Write write)
 {
     *ctrlp = nullptr;
     BerElement *ber = der_alloc();
     if (ber == nullptr)
         return LDAP_NO_MEMORY;
-    return ldap_control_finish(ber, ber_printf(ber, fmt, args...) != -1, oid, iscritical, ctrlp);
+    return ldap_control_finish(ber, write(ber), oid, iscritical, ctrlp);
+}
+// A control whose value is `fmt` written with the plain BER encoder.
+template <class... Args>
+[[nodiscard]] int ldap_control_encode(const char *oid, int iscritical, LDAPControl **ctrlp,
+                                      const char *fmt, Args... args)
+{
+    return ldap_control_write(oid, iscritical, ctrlp, [&](BerElement *ber) {
+        return ber_printf(ber, fmt, args...) != -1;
+    });
 }
 
 /* ---- paged results (ldap_ctrl_paging.cpp) ---- */

@@ -3,6 +3,7 @@
 #include "ldap_ctrl.h"
 
 #include <cstring>
+#include <utility>
 
 #include "ldap_error.h"
 
@@ -124,6 +125,54 @@ bool vlv_valid(const LDAPVLVInfo *v)
            (context == nullptr || context->bv_val != nullptr || context->bv_len == 0);
 }
 
+//   SortResult ::= SEQUENCE { sortResult ENUMERATED, attributeType [0] AttributeDescription
+//       OPTIONAL }
+struct SortResult {
+    int code = 0;
+    char *attr = nullptr; // owned
+};
+
+int read_sort_result(BerElement *r, SortResult *out)
+{
+    ber_len_t len;
+    if (fber_scanf(r, "{e", &out->code) == LBER_ERROR)
+        return LDAP_DECODING_ERROR;
+    if (!ldap_control_value_done(r) && (fber_peek_tag(r, &len) != SORT_RESULT_ATTRIBUTE ||
+                                        fber_scanf(r, "a", &out->attr) == LBER_ERROR))
+        return LDAP_DECODING_ERROR;
+    return out->code < 0 || !ldap_control_value_done(r) ? LDAP_DECODING_ERROR : 0;
+}
+
+//   VirtualListViewResponse ::= SEQUENCE { targetPosition INTEGER, contentCount INTEGER,
+//       virtualListViewResult ENUMERATED, contextID OCTET STRING OPTIONAL }
+struct VlvResult {
+    int pos = 0, count = 0, code = 0;
+    struct berval *context = nullptr; // owned
+};
+
+int read_vlv_result(BerElement *r, VlvResult *out)
+{
+    if (fber_scanf(r, "{iie", &out->pos, &out->count, &out->code) == LBER_ERROR)
+        return LDAP_DECODING_ERROR;
+    if (!ldap_control_value_done(r) && fber_scanf(r, "O", &out->context) == LBER_ERROR)
+        return LDAP_DECODING_ERROR;
+    bool negative = out->pos < 0 || out->count < 0 || out->code < 0;
+    return negative || !ldap_control_value_done(r) ? LDAP_DECODING_ERROR : 0;
+}
+
+// Runs `read` over the value of the control `oid` of `ctrls`: 0, 84, 90 or 93.
+template <class Result>
+int read_response(LDAPControl **ctrls, const char *oid, int (*read)(BerElement *, Result *),
+                  Result *out)
+{
+    BerElement *r = nullptr;
+    int rc = ldap_control_value_reader(ctrls, oid, &r);
+    if (rc == 0)
+        rc = read(r, out);
+    fber_free(r);
+    return rc;
+}
+
 } // namespace
 
 int ldap_create_sort_keylist(LDAPSortKey ***sortKeyList, const char *keyString)
@@ -172,16 +221,12 @@ int ldap_create_sort_control(LDAP *ld, LDAPSortKey **keyList, char iscritical,
     LDAP_TRACE(LDAP_TRC_API, "ldap_create_sort_control\n");
     if (ctrlp == nullptr || !keys_valid(keyList))
         return ldap_fail(ld, LDAP_PARAM_ERROR);
-    BerElement *ber = der_alloc();
-    if (ber == nullptr)
-        return ldap_fail(ld, LDAP_NO_MEMORY);
-    bool written = write_sort_keys(ber, keyList);
-    return ldap_fail(ld, ldap_control_finish(ber, written, LDAP_CONTROL_SORTREQUEST, iscritical,
-                                             ctrlp));
+    return ldap_fail(ld, ldap_control_write(LDAP_CONTROL_SORTREQUEST, iscritical, ctrlp,
+                                            [keyList](BerElement *ber) {
+                                                return write_sort_keys(ber, keyList);
+                                            }));
 }
 
-//   SortResult ::= SEQUENCE { sortResult ENUMERATED, attributeType [0] AttributeDescription
-//       OPTIONAL }
 int ldap_parse_sort_control(LDAP *ld, LDAPControl **ctrls, unsigned long *result,
                             char **attribute)
 {
@@ -189,28 +234,14 @@ int ldap_parse_sort_control(LDAP *ld, LDAPControl **ctrls, unsigned long *result
         return ldap_fail(ld, LDAP_PARAM_ERROR);
     if (attribute != nullptr)
         *attribute = nullptr;
-    BerElement *r = nullptr;
-    int rc = ldap_control_value_reader(ctrls, LDAP_CONTROL_SORTRESPONSE, &r);
-    int code = 0;
-    char *attr = nullptr;
-    ber_len_t len;
-    if (rc == 0 && fber_scanf(r, "{e", &code) == LBER_ERROR)
-        rc = LDAP_DECODING_ERROR;
-    if (rc == 0 && !ldap_control_value_done(r) &&
-        (fber_peek_tag(r, &len) != SORT_RESULT_ATTRIBUTE || fber_scanf(r, "a", &attr) == LBER_ERROR))
-        rc = LDAP_DECODING_ERROR;
-    if (rc == 0 && (code < 0 || !ldap_control_value_done(r)))
-        rc = LDAP_DECODING_ERROR;
+    SortResult sr;
+    int rc = read_response(ctrls, LDAP_CONTROL_SORTRESPONSE, read_sort_result, &sr);
     if (rc == 0) {
-        *result = static_cast<unsigned long>(code);
+        *result = static_cast<unsigned long>(sr.code);
         if (attribute != nullptr)
-            *attribute = attr;
-        else
-            lber_free(attr);
-    } else {
-        lber_free(attr);
+            std::swap(*attribute, sr.attr);
     }
-    fber_free(r);
+    lber_free(sr.attr);
     return ldap_fail(ld, rc);
 }
 
@@ -219,45 +250,26 @@ int ldap_create_vlv_control(LDAP *ld, const LDAPVLVInfo *info, LDAPControl **ctr
     LDAP_TRACE(LDAP_TRC_API, "ldap_create_vlv_control\n");
     if (ctrlp == nullptr || !vlv_valid(info))
         return ldap_fail(ld, LDAP_PARAM_ERROR);
-    BerElement *ber = der_alloc();
-    if (ber == nullptr)
-        return ldap_fail(ld, LDAP_NO_MEMORY);
-    bool written = write_vlv(ber, info);
     // The window only means something together with the sort it windows: always critical.
-    return ldap_fail(ld, ldap_control_finish(ber, written, LDAP_CONTROL_VLVREQUEST, 1, ctrlp));
+    return ldap_fail(ld, ldap_control_write(LDAP_CONTROL_VLVREQUEST, 1, ctrlp,
+                                            [info](BerElement *ber) { return write_vlv(ber, info); }));
 }
 
-//   VirtualListViewResponse ::= SEQUENCE { targetPosition INTEGER, contentCount INTEGER,
-//       virtualListViewResult ENUMERATED, contextID OCTET STRING OPTIONAL }
 int ldap_parse_vlv_control(LDAP *ld, LDAPControl **ctrls, unsigned long *target_posp,
                            unsigned long *list_countp, struct berval **contextp, int *errcodep)
 {
     if (contextp != nullptr)
         *contextp = nullptr;
-    BerElement *r = nullptr;
-    int rc = ldap_control_value_reader(ctrls, LDAP_CONTROL_VLVRESPONSE, &r);
-    int pos = 0, count = 0, code = 0;
-    struct berval *context = nullptr;
-    if (rc == 0 && fber_scanf(r, "{iie", &pos, &count, &code) == LBER_ERROR)
-        rc = LDAP_DECODING_ERROR;
-    if (rc == 0 && !ldap_control_value_done(r) && fber_scanf(r, "O", &context) == LBER_ERROR)
-        rc = LDAP_DECODING_ERROR;
-    if (rc == 0 && (pos < 0 || count < 0 || code < 0 || !ldap_control_value_done(r)))
-        rc = LDAP_DECODING_ERROR;
-    if (rc == 0) {
-        if (target_posp != nullptr)
-            *target_posp = static_cast<unsigned long>(pos);
-        if (list_countp != nullptr)
-            *list_countp = static_cast<unsigned long>(count);
-        if (errcodep != nullptr)
-            *errcodep = code;
-        if (contextp != nullptr)
-            *contextp = context;
-        else
-            ber_bvfree(context);
-    } else {
-        ber_bvfree(context);
-    }
-    fber_free(r);
+    VlvResult vr;
+    int rc = read_response(ctrls, LDAP_CONTROL_VLVRESPONSE, read_vlv_result, &vr);
+    if (rc == 0 && target_posp != nullptr)
+        *target_posp = static_cast<unsigned long>(vr.pos);
+    if (rc == 0 && list_countp != nullptr)
+        *list_countp = static_cast<unsigned long>(vr.count);
+    if (rc == 0 && errcodep != nullptr)
+        *errcodep = vr.code;
+    if (rc == 0 && contextp != nullptr)
+        std::swap(*contextp, vr.context);
+    ber_bvfree(vr.context);
     return ldap_fail(ld, rc);
 }
