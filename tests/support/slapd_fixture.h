@@ -17,10 +17,7 @@ struct SlapdOptions {
     // this process's KRB5_CONFIG, KRB5_KDC_PROFILE, KRB5_KTNAME and KRB5CCNAME then point to it.
     bool kerberos = false;
     std::string default_referral; // URL the server refers to for DNs outside its suffix
-    // The overlays that serve sorting, virtual list views and password policy (with the
-    // policy entry cn=default,ou=policies), proxied authorisation (uid=proxy may act as anyone
-    // in ou=people), and a size limit of 500 that paged searches may go past.
-    bool controls = false;
+    bool controls = false; // the overlays, limits and entries of tests/data/controls*
 };
 
 // Start-up failures are reported by start() returning false and error() saying why; a test
