@@ -2,6 +2,7 @@
 // assertion, matched values, proxied authorisation, password policy, transactions and
 // chaining. Every constructor hands the caller a control to free with ldap_control_free;
 // every parser answers 93 when the control is absent and 84 when its value is malformed.
+// Groups are served by dereferencing: the members' attributes come back with the group.
 #ifndef WZR_LIBLDAP_LDAP_CTRL_H
 #define WZR_LIBLDAP_LDAP_CTRL_H
 
@@ -132,6 +133,32 @@ int ldap_create_passwordpolicy_control(LDAP *ld, LDAPControl **ctrlp);
 // *warnvalue; *error 0 (none) or 3..11 (the server's error 0..8 plus 3).
 int ldap_parse_passwordpolicy_control(LDAP *ld, LDAPControl **ctrls, int *warning,
                                       long *warnvalue, int *error);
+
+/* ---- groups: dereferencing members (ldap_ctrl_deref.cpp) ---- */
+// A search that returns groups can return, with each group entry, attributes of the entries
+// its member attributes name: one spec per DN-valued attribute to follow.
+inline constexpr const char *LDAP_CONTROL_DEREF = "1.3.6.1.4.1.4203.666.5.16";
+struct LDAPDerefSpec {
+    char *derefAttr;   // a DN-valued attribute (member, uniqueMember, manager, ...)
+    char **attributes; // what to return of each entry it names
+};
+struct LDAPDerefVal {
+    char *type;
+    struct berval **vals;
+    LDAPDerefVal *next;
+};
+struct LDAPDerefRes {
+    char *derefAttr;
+    char *derefVal; // the DN that was followed
+    LDAPDerefVal *attrVals;
+    LDAPDerefRes *next;
+};
+// `specs` ends with an entry whose derefAttr is null.
+int ldap_create_deref_control(LDAP *ld, const LDAPDerefSpec *specs, char iscritical,
+                              LDAPControl **ctrlp);
+// From an entry's controls (ldap_get_entry_controls): one result per DN followed, in order.
+int ldap_parse_deref_control(LDAP *ld, LDAPControl **ctrls, LDAPDerefRes **resp);
+void ldap_derefresponse_free(LDAPDerefRes *res);
 
 /* ---- transactions and chaining (ldap_ctrl_txn.cpp) ---- */
 // Marks an update as part of the transaction `txnid` (from the start response). Critical.

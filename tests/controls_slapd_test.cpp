@@ -183,6 +183,35 @@ TEST_F(ControlsSlapd, EachControlChangesWhatTheSearchReturns)
     }
 }
 
+TEST_F(ControlsSlapd, GroupSearchReturnsItsMembersAttributes)
+{
+    char *uid[] = {const_cast<char *>("uid"), nullptr}, *none[] = {nullptr};
+    LDAPDerefSpec specs[] = {{const_cast<char *>("member"), uid}, {nullptr, nullptr}};
+    LDAPControl *deref = nullptr;
+    ASSERT_EQ(ldap_create_deref_control(ld, specs, 1, &deref), 0);
+    LDAPControl *ctrls[] = {deref, nullptr};
+    LDAPMessage *res = nullptr;
+    ASSERT_EQ(ldap_search_ext_s(ld, "cn=staff,ou=groups,dc=example,dc=com", LDAP_SCOPE_BASE,
+                                "(objectClass=*)", none, 0, ctrls, nullptr, nullptr, 0, &res),
+              0);
+    LDAPControl **entry_ctrls = nullptr;
+    LDAPDerefRes *members = nullptr;
+    ASSERT_EQ(ldap_get_entry_controls(ld, ldap_first_entry(ld, res), &entry_ctrls), 0);
+    ASSERT_EQ(ldap_parse_deref_control(ld, entry_ctrls, &members), 0);
+    std::vector<std::string> dns, uids;
+    for (LDAPDerefRes *m = members; m != nullptr; m = m->next) {
+        dns.push_back(m->derefVal);
+        for (LDAPDerefVal *v = m->attrVals; v != nullptr; v = v->next)
+            uids.emplace_back(v->vals[0]->bv_val, v->vals[0]->bv_len);
+    }
+    EXPECT_EQ(uids, users(1, 20));
+    EXPECT_EQ(dns.front(), "uid=user001," + kPeople);
+    ldap_derefresponse_free(members);
+    ldap_controls_free(entry_ctrls);
+    ldap_msgfree(res);
+    ldap_control_free(deref);
+}
+
 int count_page(void *arg, LDAP *ld, LDAPMessage *page)
 {
     static_cast<std::vector<int> *>(arg)->push_back(ldap_count_entries(ld, page));

@@ -44,6 +44,8 @@ TEST(ControlValues, EachConstructorWritesItsValueOrRefusesItsArguments)
     ASSERT_EQ(ldap_create_sort_keylist(&keys, " -cn:caseExactOrderingMatch  sn "), 0);
     LDAPVLVInfo by_offset{1, 1, 2, 10, 0, nullptr, &id, nullptr};
     LDAPVLVInfo by_value{1, 0, 3, 0, 0, &target, nullptr, nullptr};
+    char *uid[] = {const_cast<char *>("uid"), nullptr};
+    LDAPDerefSpec specs[] = {{const_cast<char *>("member"), uid}, {nullptr, nullptr}};
     auto mv = [](const char *f) {
         return [f](LDAPControl **c) { return ldap_create_matchedvalues_control(nullptr, f, 1, c); };
     };
@@ -68,6 +70,8 @@ TEST(ControlValues, EachConstructorWritesItsValueOrRefusesItsArguments)
          0, unhex("30 05 04 03 6f 3d 78")},
         {"password policy", [](LDAPControl **c) { return ldap_create_passwordpolicy_control(nullptr, c); },
          0, "(none)"},
+        {"deref", [&](LDAPControl **c) { return ldap_create_deref_control(nullptr, specs, 0, c); }, 0,
+         unhex("30 11 30 0f 04 06") + "member" + unhex("30 05 04 03") + "uid"},
         {"transaction", [&](LDAPControl **c) { return ldap_create_txn_spec_control(nullptr, &id, c); }, 0, "T"},
         {"chaining", [](LDAPControl **c) {
              return ldap_create_chaining_control(nullptr, LDAP_CHAINING_REQUIRED, LDAP_REFERRALS_PREFERRED, 0, c); },
@@ -152,6 +156,19 @@ std::string parse_policy(LDAPControl **list)
     return summary(rc, warning, value, error);
 }
 
+// The first result: attribute, DN, and each attribute's type and value count.
+std::string parse_deref(LDAPControl **list)
+{
+    LDAPDerefRes *res = nullptr;
+    int rc = ldap_parse_deref_control(nullptr, list, &res);
+    std::string vals;
+    for (LDAPDerefVal *v = res != nullptr ? res->attrVals : nullptr; v != nullptr; v = v->next)
+        vals += std::string(v->type) + "=" + std::to_string(v->vals != nullptr ? 1 : 0);
+    std::string out = summary(rc, res != nullptr ? res->derefAttr : "", res != nullptr ? res->derefVal : "", vals);
+    ldap_derefresponse_free(res);
+    return out;
+}
+
 struct ParseCase {
     std::string (*parse)(LDAPControl **);
     const char *oid;
@@ -174,6 +191,11 @@ TEST(ControlValues, ParsersReadWhatServersSendAndRefuseTheRest)
         {parse_sort_vlv, LDAP_CONTROL_VLVRESPONSE, "30 09 02 01 05 02 01 63 0a 01 00", "0 5 99 0 -"},
         {parse_sort_vlv, LDAP_CONTROL_VLVRESPONSE, "30 0c 02 01 05 02 01 63 0a 01 3d 04 01 43", "0 5 99 61 C"},
         {parse_sort_vlv, LDAP_CONTROL_VLVRESPONSE, "30 06 02 01 05 02 01 63", "84"},
+        {parse_deref, LDAP_CONTROL_DEREF, "30 16 30 14 04 01 6d 04 03 6f 3d 78 a0 0a 30 08 04 01 75 31 03 04 01 78",
+         "0 m o=x u=1"},
+        {parse_deref, LDAP_CONTROL_DEREF, "30 0a 30 08 04 01 6d 04 03 6f 3d 78", "0 m o=x "},
+        {parse_deref, LDAP_CONTROL_DEREF, "30 0c 30 0a 04 01 6d 04 03 6f 3d 78 04 00", "84"},
+        {parse_deref, LDAP_CONTROL_DEREF, "30 0d 30 0b 04 01 6d 04 03 6f 3d 78 a0 01 30", "84"},
         {parse_policy, pp, "30 05 a0 03 80 01 3c", "0 1 60 0"},
         {parse_policy, pp, "30 08 a0 03 81 01 02 81 01 00", "0 2 2 3"},
         {parse_policy, pp, "30 03 81 01 08", "0 0 0 11"},
