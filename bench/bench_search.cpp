@@ -98,7 +98,8 @@ void walk_chain(LDAP *ld, LDAPMessage *res, peer::WalkTotals *t)
 LDAP *open_manager(const wzrtest::SlapdFixture &s)
 {
     LDAP *ld = ldap_init("127.0.0.1", s.port());
-    if (ld != nullptr && ldap_simple_bind_s(ld, s.manager_dn().c_str(), s.manager_pw().c_str()) != 0) {
+    if (ld != nullptr &&
+        ldap_simple_bind_s(ld, s.manager_dn().c_str(), s.manager_pw().c_str()) != 0) {
         ldap_unbind(ld);
         ld = nullptr;
     }
@@ -341,7 +342,8 @@ int main(int argc, char **argv)
     paged_opts.bulk_entries = PAGED_ENTRIES;
     paged_opts.controls = true;
     if (!paged.start(paged_opts)) {
-        fprintf(stderr, "bench_search: the paging slapd did not start: %s\n", paged.error().c_str());
+        fprintf(stderr, "bench_search: the paging slapd did not start: %s\n",
+                paged.error().c_str());
         return 1;
     }
     slapd = &server;

@@ -67,7 +67,10 @@ int ldap_control_value_reader(LDAPControl **ctrls, const char *oid, BerElement *
     return *reader == nullptr ? LDAP_NO_MEMORY : 0;
 }
 
-bool ldap_control_value_done(const BerElement *reader) { return reader->ber_ptr >= reader->ber_end; }
+bool ldap_control_value_done(const BerElement *reader)
+{
+    return reader->ber_ptr >= reader->ber_end;
+}
 
 int ldap_control_finish(BerElement *ber, bool written, const char *oid, int iscritical,
                         LDAPControl **ctrlp)

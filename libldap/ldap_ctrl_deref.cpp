@@ -123,6 +123,8 @@ int ldap_create_deref_control(LDAP *ld, const LDAPDerefSpec *specs, char iscriti
 
 int ldap_parse_deref_control(LDAP *ld, LDAPControl **ctrls, LDAPDerefRes **resp)
 {
+    LDAP_TRACE(LDAP_TRC_API, "ldap_parse_deref_control: ctrls(%p)\n",
+               static_cast<void *>(ctrls));
     if (resp == nullptr)
         return ldap_fail(ld, LDAP_PARAM_ERROR);
     *resp = nullptr;

@@ -119,6 +119,8 @@ int ldap_create_passwordpolicy_control(LDAP *ld, LDAPControl **ctrlp)
 int ldap_parse_passwordpolicy_control(LDAP *ld, LDAPControl **ctrls, int *warning,
                                       long *warnvalue, int *error)
 {
+    LDAP_TRACE(LDAP_TRC_API, "ldap_parse_passwordpolicy_control: ctrls(%p)\n",
+               static_cast<void *>(ctrls));
     PolicyState st;
     int rc = read_policy(ctrls, &st);
     if (rc == 0) {

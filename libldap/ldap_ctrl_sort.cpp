@@ -230,6 +230,7 @@ int ldap_create_sort_control(LDAP *ld, LDAPSortKey **keyList, char iscritical,
 int ldap_parse_sort_control(LDAP *ld, LDAPControl **ctrls, unsigned long *result,
                             char **attribute)
 {
+    LDAP_TRACE(LDAP_TRC_API, "ldap_parse_sort_control: ctrls(%p)\n", static_cast<void *>(ctrls));
     if (result == nullptr)
         return ldap_fail(ld, LDAP_PARAM_ERROR);
     if (attribute != nullptr)
@@ -251,13 +252,14 @@ int ldap_create_vlv_control(LDAP *ld, const LDAPVLVInfo *info, LDAPControl **ctr
     if (ctrlp == nullptr || !vlv_valid(info))
         return ldap_fail(ld, LDAP_PARAM_ERROR);
     // The window only means something together with the sort it windows: always critical.
-    return ldap_fail(ld, ldap_control_write(LDAP_CONTROL_VLVREQUEST, 1, ctrlp,
-                                            [info](BerElement *ber) { return write_vlv(ber, info); }));
+    auto write = [info](BerElement *ber) { return write_vlv(ber, info); };
+    return ldap_fail(ld, ldap_control_write(LDAP_CONTROL_VLVREQUEST, 1, ctrlp, write));
 }
 
 int ldap_parse_vlv_control(LDAP *ld, LDAPControl **ctrls, unsigned long *target_posp,
                            unsigned long *list_countp, struct berval **contextp, int *errcodep)
 {
+    LDAP_TRACE(LDAP_TRC_API, "ldap_parse_vlv_control: ctrls(%p)\n", static_cast<void *>(ctrls));
     if (contextp != nullptr)
         *contextp = nullptr;
     VlvResult vr;

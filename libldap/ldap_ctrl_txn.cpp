@@ -66,6 +66,8 @@ int ldap_txn_end_request_value(LDAP *ld, int commit, const struct berval *txnid,
 
 int ldap_parse_txn_end_response_value(LDAP *ld, const struct berval *value, int *failed_msgidp)
 {
+    LDAP_TRACE(LDAP_TRC_API, "ldap_parse_txn_end_response_value: value(%p)\n",
+               static_cast<const void *>(value));
     if (failed_msgidp == nullptr)
         return ldap_fail(ld, LDAP_PARAM_ERROR);
     *failed_msgidp = -1;

@@ -6,11 +6,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
+#include <string>
 #include <unistd.h>
 
 #include "libldap/ldap_bind.h"
 #include "libldap/ldap_controls.h"
 #include "libldap/ldap_ctrl.h"
+#include "libldap/ldap_entry.h"
 #include "libldap/ldap_error.h"
 #include "libldap/ldap_parse.h"
 #include "libldap/ldap_search.h"
@@ -19,7 +21,7 @@ namespace wzrext {
 
 namespace {
 
-const char *const SEARCH_NAMES[] = {"pr", "sss", "vlv"};
+const char *const SEARCH_NAMES[] = {"pr", "sss", "vlv", "deref"};
 const char *const GENERAL_NAMES[] = {"ppolicy", "assert", "authzid", "mv"};
 
 void say(const std::string &text) { std::cerr << "wzrldap: " << text << '\n'; }
@@ -33,20 +35,17 @@ template <size_t N> bool known(const char *const (&names)[N], const std::string 
     return false;
 }
 
-// The controls the extensions ask for, owned; freed at destruction.
-class ControlList {
-public:
-    ~ControlList()
-    {
-        for (LDAPControl *c : ctrls_)
-            ldap_control_free(c);
+std::vector<std::string> split(const std::string &s, char sep)
+{
+    std::vector<std::string> parts;
+    for (size_t at = 0;;) {
+        size_t next = s.find(sep, at);
+        parts.push_back(s.substr(at, next - at));
+        if (next == std::string::npos)
+            return parts;
+        at = next + 1;
     }
-    void add(LDAPControl *c) { ctrls_.insert(ctrls_.end() - 1, c); }
-    LDAPControl **get() { return ctrls_.size() > 1 ? ctrls_.data() : nullptr; }
-
-private:
-    std::vector<LDAPControl *> ctrls_{nullptr};
-};
+}
 
 // "before/after/offset/count" or "before/after:value" ("=" may stand for the second "/").
 bool parse_vlv(const std::string &v, LDAPVLVInfo *info, std::string *value)
@@ -98,6 +97,30 @@ int make_vlv(LDAP *ld, const Extension &e, LDAPControl **c)
     return ldap_create_vlv_control(ld, &info, c);
 }
 
+// "ATTR:A,B;ATTR2:C": the DN-valued attributes to follow and what to return of each entry
+// they name.
+int make_deref(LDAP *ld, const Extension &e, LDAPControl **c)
+{
+    std::vector<std::vector<std::string>> names;
+    for (const std::string &spec : split(e.value, ';')) {
+        size_t colon = spec.find(':');
+        if (colon == std::string::npos || colon == 0)
+            return LDAP_PARAM_ERROR;
+        names.push_back(split(spec.substr(colon + 1), ','));
+        names.back().insert(names.back().begin(), spec.substr(0, colon));
+    }
+    std::vector<std::vector<char *>> attrs(names.size());
+    std::vector<LDAPDerefSpec> specs;
+    for (size_t i = 0; i < names.size(); i++) {
+        for (size_t j = 1; j < names[i].size(); j++)
+            attrs[i].push_back(names[i][j].data());
+        attrs[i].push_back(nullptr);
+        specs.push_back({names[i][0].data(), attrs[i].data()});
+    }
+    specs.push_back({nullptr, nullptr});
+    return ldap_create_deref_control(ld, specs.data(), e.critical, c);
+}
+
 // The control of one extension (none for paging, which the paged search adds itself, and
 // for ppolicy, which goes with the bind).
 int make_control(LDAP *ld, const Extension &e, LDAPControl **c)
@@ -107,6 +130,8 @@ int make_control(LDAP *ld, const Extension &e, LDAPControl **c)
         return make_sort(ld, e, c);
     if (e.name == "vlv")
         return make_vlv(ld, e, c);
+    if (e.name == "deref")
+        return make_deref(ld, e, c);
     if (e.name == "assert")
         return ldap_create_assertion_control(ld, e.value.c_str(), e.critical, c);
     if (e.name == "mv")
@@ -116,20 +141,48 @@ int make_control(LDAP *ld, const Extension &e, LDAPControl **c)
     return 0;
 }
 
-int build_controls(LDAP *ld, const Extensions &x, ControlList *out)
-{
-    for (const Extension &e : x.list) {
-        LDAPControl *c = nullptr;
-        int rc = make_control(ld, e, &c);
-        if (rc != 0) {
-            say("-" + std::string(known(SEARCH_NAMES, e.name) ? "E" : "e") + " " + e.name + "=" +
-                e.value + ": " + wzr_ldap_err2string(rc));
-            return rc;
-        }
-        if (c != nullptr)
-            out->add(c);
+// The controls the extensions ask for, owned; freed at destruction.
+class ControlList {
+public:
+    ~ControlList()
+    {
+        for (LDAPControl *c : ctrls_)
+            ldap_control_free(c);
     }
-    return 0;
+    std::vector<LDAPControl *> *list() { return &ctrls_; }
+    LDAPControl **get()
+    {
+        if (ctrls_.empty())
+            return nullptr;
+        ctrls_.push_back(nullptr);
+        return ctrls_.data();
+    }
+
+private:
+    std::vector<LDAPControl *> ctrls_;
+};
+
+// What the dereference control brought with each entry, as comments.
+void report_deref(LDAP *ld, LDAPMessage *res)
+{
+    for (LDAPMessage *e = ldap_first_entry(ld, res); e != nullptr; e = ldap_next_entry(ld, e)) {
+        LDAPControl **ctrls = nullptr;
+        LDAPDerefRes *deref = nullptr;
+        if (ldap_get_entry_controls(ld, e, &ctrls) == 0 &&
+            ldap_parse_deref_control(ld, ctrls, &deref) == 0) {
+            for (LDAPDerefRes *d = deref; d != nullptr; d = d->next) {
+                std::fprintf(stderr, "# %s: %s", d->derefAttr, d->derefVal);
+                for (LDAPDerefVal *v = d->attrVals; v != nullptr; v = v->next) {
+                    for (struct berval **b = v->vals; b != nullptr && *b != nullptr; ++b)
+                        std::fprintf(stderr, "; %s: %.*s", v->type, int((*b)->bv_len),
+                                     (*b)->bv_val);
+                }
+                std::fprintf(stderr, "\n");
+            }
+        }
+        ldap_derefresponse_free(deref);
+        ldap_controls_free(ctrls);
+    }
 }
 
 void report_policy(LDAPControl **ctrls)
@@ -152,6 +205,7 @@ void report_results(LDAP *ld, LDAPMessage *res)
 {
     LDAPControl **ctrls = nullptr;
     int code = 0;
+    report_deref(ld, res);
     if (res == nullptr ||
         ldap_parse_result(ld, res, &code, nullptr, nullptr, nullptr, &ctrls, 0) != 0)
         return;
@@ -182,12 +236,10 @@ int on_page(void *arg, LDAP *ld, LDAPMessage *page)
     if (!st->prompt)
         return 0;
     std::fprintf(stderr, "Press Enter for the next %d entries (q to stop).\n", st->size);
-    int c = std::getchar();
-    while (c != '\n' && c != EOF && std::getchar() != '\n') {
-        if (c == 'q')
-            return LDAP_USER_CANCELLED;
-    }
-    return c == EOF || c == 'q' ? LDAP_USER_CANCELLED : 0;
+    std::string answer;
+    if (!std::getline(std::cin, answer) || answer.starts_with('q'))
+        return LDAP_USER_CANCELLED;
+    return 0;
 }
 
 int paged_search(LDAP *ld, const SearchArgs &a, const Extension &pr, LDAPControl **ctrls,
@@ -251,6 +303,22 @@ int parse(const std::string &arg, bool search, Extensions *x)
     return 0;
 }
 
+int make_controls(LDAP *ld, const Extensions &x, std::vector<LDAPControl *> *out)
+{
+    for (const Extension &e : x.list) {
+        LDAPControl *c = nullptr;
+        int rc = make_control(ld, e, &c);
+        if (rc != 0) {
+            say("-" + std::string(known(SEARCH_NAMES, e.name) ? "E" : "e") + " " + e.name + "=" +
+                e.value + ": " + wzr_ldap_err2string(rc));
+            return rc;
+        }
+        if (c != nullptr)
+            out->push_back(c);
+    }
+    return 0;
+}
+
 int bind(LDAP *ld, const char *dn, const char *password, const Extensions &x)
 {
     if (x.find("ppolicy") == nullptr)
@@ -275,7 +343,7 @@ int search(LDAP *ld, const SearchArgs &a, const Extensions &x, const PrintFn &pr
 {
     *count = 0;
     ControlList ctrls;
-    int rc = build_controls(ld, x, &ctrls);
+    int rc = make_controls(ld, x, ctrls.list());
     if (rc != 0)
         return rc;
     if (const Extension *pr = x.find("pr"); pr != nullptr)

@@ -1,6 +1,6 @@
 // The search extensions of the wzrldap tool, spelt as ldapsearch spells them: -E for search
-// controls (paged results, sorting, virtual list view) and -e for general ones (password
-// policy, assertion, proxied authorisation, matched values). They reach the library's control
+// controls (paged results, sorting, virtual list view, dereferencing) and -e for general ones
+// (password policy, assertion, proxied authorisation, matched values). They reach the library's control
 // constructors and parsers, which are internal, so the tool links the static library.
 #ifndef WZR_TOOLS_SEARCH_EXT_H
 #define WZR_TOOLS_SEARCH_EXT_H
@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "wzrldap.h"
+
+struct LDAPControl;
 
 namespace wzrext {
 
@@ -29,6 +31,11 @@ struct Extensions {
 // standard error. An unknown extension marked critical ("!") is refused; an optional one is
 // left out with a warning, as a server would ignore a control it does not know.
 int parse(const std::string &arg, bool search, Extensions *x);
+
+// The request controls the extensions ask for, appended to *out (paging aside, which the paged
+// search adds page by page, and ppolicy, which goes with the bind). Free each with
+// ldap_control_free. Returns 0, or a constructor's code after saying which extension failed.
+int make_controls(LDAP *ld, const Extensions &x, std::vector<LDAPControl *> *out);
 
 // A simple bind; with -e ppolicy it carries the password-policy request and prints the
 // policy's warnings and errors on standard error.

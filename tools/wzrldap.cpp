@@ -104,6 +104,8 @@ void print_search_help()
                  "  -E [!]pr=SIZE[/noprompt]     paged results, SIZE entries a page\n"
                  "  -E [!]sss=[-]ATTR[:RULE][/...]  server-side sorting\n"
                  "  -E [!]vlv=BEFORE/AFTER(/OFFSET/COUNT|:VALUE)  a window of a sorted list\n"
+                 "  -E [!]deref=ATTR:A[,B...][;ATTR2:...]  with each entry, attributes of the\n"
+                 "              entries its ATTR names (a group's members), as comments\n"
                  "  -e [!]ppolicy               bind with the password-policy control\n"
                  "  -e [!]assert=FILTER  -e [!]mv=FILTER  -e [!]authzid=dn:DN|u:USER\n"
                  "  (\"!\" marks an extension critical; an unknown one is then refused)\n"
@@ -426,8 +428,10 @@ int cmd_search(const Options &o)
     std::string details;
     char **attr_list = attrs.size() > 1 ? attrs.data() : nullptr;
     if (o.ext.any()) {
-        wzrext::SearchArgs args{o.base.c_str(), o.scope,   filter.c_str(), attr_list,
-                                o.attrsonly ? 1 : 0, o.sizelimit, o.net_timeout >= 0 ? &tv : nullptr};
+        wzrext::SearchArgs args{o.base.c_str(),     o.scope,     filter.c_str(), attr_list,
+                                o.attrsonly ? 1 : 0, o.sizelimit, nullptr};
+        if (o.net_timeout >= 0)
+            args.timeout = &tv;
         auto print = [&](LDAP *h, LDAPMessage *page) {
             int n = print_entries(h, page, o.wrap, &refused);
             fflush(stdout);
