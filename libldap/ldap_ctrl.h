@@ -78,7 +78,7 @@ int ldap_parse_page_control(LDAP *ld, LDAPControl **ctrls, int *countp, struct b
 using LDAPPageFn = int (*)(void *arg, LDAP *ld, LDAPMessage *page);
 // Runs a whole paged search: pages of `pagesize` entries until the server's cookie is empty.
 // `serverctrls` go with every page (a paged-results control among them is refused, 89). The
-// time-out bounds each page's wait. Returns the final search result's code (or the callback's).
+// time-out bounds the whole search. Returns the final search result's code (or the callback's).
 int ldap_search_paged_np(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
                          int attrsonly, LDAPControl **serverctrls, int pagesize,
                          struct timeval *timeout, LDAPPageFn on_page, void *arg);

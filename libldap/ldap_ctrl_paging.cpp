@@ -2,6 +2,8 @@
 // paged search that follows the cookie from page to page.
 #include "ldap_ctrl.h"
 
+#include <cstring>
+
 #include "ldap_controls.h"
 #include "ldap_deadline.h"
 #include "ldap_error.h"
@@ -63,6 +65,12 @@ int next_cookie(LDAP *ld, LDAPMessage *page, struct berval **cookie)
     return rc;
 }
 
+bool same_cookie(const struct berval *sent, const struct berval *got)
+{
+    return sent != nullptr && got != nullptr && got->bv_len > 0 && sent->bv_len == got->bv_len &&
+           memcmp(sent->bv_val, got->bv_val, got->bv_len) == 0;
+}
+
 } // namespace
 
 //   realSearchControlValue ::= SEQUENCE { size INTEGER (0..maxInt), cookie OCTET STRING }
@@ -81,6 +89,8 @@ int ldap_create_page_control(LDAP *ld, int pagesize, const struct berval *cookie
 
 int ldap_parse_page_control(LDAP *ld, LDAPControl **ctrls, int *countp, struct berval **cookiep)
 {
+    LDAP_TRACE(LDAP_TRC_API, "ldap_parse_page_control: ctrls(%p)\n",
+               static_cast<void *>(ctrls));
     if (cookiep == nullptr)
         return ldap_fail(ld, LDAP_PARAM_ERROR);
     *cookiep = nullptr;
@@ -120,11 +130,15 @@ int ldap_search_paged_np(LDAP *ld, const char *base, int scope, const char *filt
         LDAPMessage *page = nullptr;
         rc = search_page(ld, base, scope, filter, attrs, attrsonly, serverctrls, pagesize, cookie,
                          limited ? &left : nullptr, &page);
-        ber_bvfree(cookie);
-        cookie = nullptr;
         if (page == nullptr)
             break;
-        int crc = next_cookie(ld, page, &cookie);
+        struct berval *next = nullptr;
+        int crc = next_cookie(ld, page, &next);
+        // The same cookie again would fetch the same page again, for ever.
+        if (crc == 0 && same_cookie(cookie, next))
+            crc = LDAP_DECODING_ERROR;
+        ber_bvfree(cookie);
+        cookie = next;
         int cb = on_page(arg, ld, page);
         if (rc == 0)
             rc = cb != 0 ? cb : crc;

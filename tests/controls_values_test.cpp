@@ -8,7 +8,11 @@
 
 #include "libldap/ldap_controls.h"
 #include "libldap/ldap_ctrl.h"
+#include "libldap/ldap_init.h"
+#include "libldap/ldap_message.h"
+#include "libldap/ldap_unbind.h"
 #include "support/control_parse.h"
+#include "support/fake_server.h"
 #include "support/fber_bytes.h"
 #include "support/test_util.h"
 
@@ -171,6 +175,41 @@ TEST(ControlValues, NoMemoryAnywhereGivesNinetyAndLeaksNothing)
         ldap_control_free(pc);
         return ok;
     });
+}
+
+// Each page's request carries, not critical, the page size and the cookie of the page before;
+// a server that hands the same cookie back makes no progress, and the walk stops with 84
+// instead of fetching that page for ever.
+TEST(ControlValues, PagedSearchSendsTheCookieBackAndStopsWhenItRepeats)
+{
+    wzrtest::FakeServer server;
+    std::string page = wzrtest::ber_seq(wzrtest::ber_int(0) + wzrtest::ber_str("ab"));
+    server.on_request([&](const wzrtest::ReceivedRequest &req, wzrtest::FakeConnection &c) {
+        std::string ctrl = wzrtest::ber_seq(wzrtest::ber_str(LDAP_CONTROL_PAGEDRESULTS) +
+                                            wzrtest::ber_str(page));
+        c.send(wzrtest::search_entry_pdu(req.msgid, "cn=x", {}) +
+               wzrtest::ldap_message(req.msgid, wzrtest::ber_seq(wzrtest::ber_int(0, 0x0a) +
+                                     wzrtest::ber_str("") + wzrtest::ber_str(""), 0x65),
+                                     wzrtest::ber_seq(ctrl, 0xa0)));
+    });
+    LDAP *ld = ldap_init("127.0.0.1", server.port());
+    int pages = 0;
+    auto count = [](void *arg, LDAP *, LDAPMessage *res) {
+        ++*static_cast<int *>(arg);
+        ldap_msgfree(res);
+        return 0;
+    };
+    EXPECT_EQ(ldap_search_paged_np(ld, "o=x", 2, "(cn=*)", nullptr, 0, nullptr, 7, nullptr, count,
+                                   &pages),
+              LDAP_DECODING_ERROR);
+    EXPECT_EQ(pages, 2);
+    std::vector<wzrtest::ReceivedRequest> sent = server.requests();
+    ASSERT_EQ(sent.size(), 2u);
+    std::string first = fb::seq(fb::str(LDAP_CONTROL_PAGEDRESULTS) + fb::boolean(false) +
+                                fb::str(unhex("30 05 02 01 07 04 00")));
+    EXPECT_NE(sent[0].bytes.find(first), std::string::npos);
+    EXPECT_NE(sent[1].bytes.find(unhex("30 07 02 01 07 04 02 61 62")), std::string::npos);
+    ldap_unbind(ld);
 }
 
 } // namespace
