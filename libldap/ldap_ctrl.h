@@ -1,6 +1,6 @@
 // Constructors and parsers of individual controls: paged results, sorting, virtual list view,
-// assertion, matched values, proxied authorisation, password policy, transactions and
-// chaining. Every constructor hands the caller a control to free with ldap_control_free;
+// assertion, matched values, proxied authorisation, password policy, transactions, chaining
+// and its audit. Every constructor hands the caller a control to free with ldap_control_free;
 // every parser answers 93 when the control is absent and 84 when its value is malformed.
 // Groups are served by dereferencing: the members' attributes come back with the group.
 #ifndef WZR_LIBLDAP_LDAP_CTRL_H
@@ -160,7 +160,7 @@ int ldap_create_deref_control(LDAP *ld, const LDAPDerefSpec *specs, char iscriti
 int ldap_parse_deref_control(LDAP *ld, LDAPControl **ctrls, LDAPDerefRes **resp);
 void ldap_derefresponse_free(LDAPDerefRes *res);
 
-/* ---- transactions and chaining (ldap_ctrl_txn.cpp) ---- */
+/* ---- transactions (ldap_ctrl_txn.cpp) ---- */
 // Marks an update as part of the transaction `txnid` (from the start response). Critical.
 int ldap_create_txn_spec_control(LDAP *ld, const struct berval *txnid, LDAPControl **ctrlp);
 // The request value of the end-transaction extended operation (commit or abort).
@@ -169,6 +169,8 @@ int ldap_txn_end_request_value(LDAP *ld, int commit, const struct berval *txnid,
 // The end-transaction response value: the message id of the update that failed (-1 when
 // none is named).
 int ldap_parse_txn_end_response_value(LDAP *ld, const struct berval *value, int *failed_msgidp);
+
+/* ---- chaining and its audit (ldap_ctrl_chain.cpp) ---- */
 inline constexpr int LDAP_CHAINING_PREFERRED = 0;
 inline constexpr int LDAP_CHAINING_REQUIRED = 1;
 inline constexpr int LDAP_REFERRALS_PREFERRED = 2;
@@ -178,5 +180,15 @@ inline constexpr int LDAP_CHAINING_UNSET = -1;
 // during a search (continuation): one of the four behaviours, or LDAP_CHAINING_UNSET.
 int ldap_create_chaining_control(LDAP *ld, int resolve, int continuation, char iscritical,
                                  LDAPControl **ctrlp);
+// Who an operation is really for, as it travels through servers and proxies: the originating
+// client's address and host name (null: empty), and `identifier` in the form `format_oid`
+// names (one of the three below: a user name or an accounting session's id). Never critical.
+inline constexpr const char *LDAP_CONTROL_SESSION_TRACKING = "1.3.6.1.4.1.21008.108.63.1";
+inline constexpr const char *LDAP_SESSION_TRACKING_ACCT_SESSION_ID = "1.3.6.1.4.1.21008.108.63.1.1";
+inline constexpr const char *LDAP_SESSION_TRACKING_MULTI_SESSION_ID = "1.3.6.1.4.1.21008.108.63.1.2";
+inline constexpr const char *LDAP_SESSION_TRACKING_USERNAME = "1.3.6.1.4.1.21008.108.63.1.3";
+int ldap_create_session_tracking_control(LDAP *ld, const char *source_ip, const char *source_name,
+                                         const char *format_oid, const struct berval *identifier,
+                                         LDAPControl **ctrlp);
 
 #endif

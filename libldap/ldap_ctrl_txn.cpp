@@ -1,7 +1,6 @@
-// Transactions and chaining. A transaction groups updates that the server applies together
-// or not at all: the start and end extended operations frame it, and each update inside it
-// carries the transaction's identifier in the specification control. The chaining control
-// tells a server whether to chain to the servers it knows of or to hand back referrals.
+// Transactions: a transaction groups updates that the server applies together or not at all.
+// The start and end extended operations frame it, and each update inside it carries the
+// transaction's identifier in the specification control.
 #include "ldap_ctrl.h"
 
 #include "ldap_error.h"
@@ -10,8 +9,6 @@ namespace {
 
 constexpr ber_tag_t TAG_INTEGER = 0x02;
 constexpr ber_tag_t TAG_SEQUENCE = 0x30;
-
-bool behaviour_valid(int b) { return b >= LDAP_CHAINING_UNSET && b <= LDAP_REFERRALS_REQUIRED; }
 
 //   txnEndRes ::= SEQUENCE { messageID MessageID OPTIONAL,
 //       updatesControls SEQUENCE OF updateControls SEQUENCE { messageID MessageID,
@@ -80,28 +77,5 @@ int ldap_parse_txn_end_response_value(LDAP *ld, const struct berval *value, int 
     fber_free(r);
     if (rc != 0)
         *failed_msgidp = -1;
-    return ldap_fail(ld, rc);
-}
-
-//   ChainingBehavior ::= SEQUENCE { resolveBehavior Behavior OPTIONAL,
-//       continuationBehavior Behavior OPTIONAL }
-//   Behavior ::= ENUMERATED { chainingPreferred (0), chainingRequired (1),
-//       referralsPreferred (2), referralsRequired (3) }
-// The two are told apart only by their order, so a continuation needs a resolve in front.
-int ldap_create_chaining_control(LDAP *ld, int resolve, int continuation, char iscritical,
-                                 LDAPControl **ctrlp)
-{
-    LDAP_TRACE(LDAP_TRC_API, "ldap_create_chaining_control\n");
-    if (ctrlp == nullptr || !behaviour_valid(resolve) || !behaviour_valid(continuation) ||
-        (resolve == LDAP_CHAINING_UNSET && continuation != LDAP_CHAINING_UNSET))
-        return ldap_fail(ld, LDAP_PARAM_ERROR);
-    const char *oid = LDAP_CONTROL_CHAINING_BEHAVIOR;
-    int rc;
-    if (resolve == LDAP_CHAINING_UNSET)
-        rc = ldap_control_encode(oid, iscritical, ctrlp, "{}");
-    else if (continuation == LDAP_CHAINING_UNSET)
-        rc = ldap_control_encode(oid, iscritical, ctrlp, "{e}", resolve);
-    else
-        rc = ldap_control_encode(oid, iscritical, ctrlp, "{ee}", resolve, continuation);
     return ldap_fail(ld, rc);
 }

@@ -137,6 +137,9 @@ TEST_F(ControlsSlapd, EachControlChangesWhatTheSearchReturns)
         {{"-e authzid=dn:" + kAlice}, a, all, pw, 0, {"alice-secret"}, ""},
         {{"-e authzid=u:alice"}, a, all, pw, 0, {"alice-secret"}, ""},
         {{"-E deref=member:uid"}, "cn=staff,ou=groups," + kBase, all, "cn", 0, {"staff"}, members},
+        // slapd reads the value of a control it knows even when it is not critical, and
+        // refuses a malformed one (2).
+        {{"-e sessiontracking=alice"}, a, all, "uid", 0, {"alice"}, ""},
     };
     ASSERT_EQ(bind("uid=proxy," + kPeople, "proxy-secret", nullptr), 0);
     for (const SearchCase &c : cases) {

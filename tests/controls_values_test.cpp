@@ -86,6 +86,11 @@ TEST(ControlValues, EachConstructorWritesItsValueOrRefusesItsArguments)
              return ldap_create_chaining_control(nullptr, LDAP_CHAINING_REQUIRED,
                                                  LDAP_REFERRALS_PREFERRED, 0, c);
          }, 0, unhex("30 06 0a 01 01 0a 01 02")},
+        {"session tracking",
+         [&](Out c) {
+             return ldap_create_session_tracking_control(nullptr, "::1", nullptr, "1.2", &id, c);
+         },
+         0, unhex("30 0f 04 03 3a 3a 31 04 00 04 03 31 2e 32 04 01 54")},
         {"dn marker in values filter", mv("(cn:dn:rule:=x)"), LDAP_FILTER_ERROR, ""},
         {"authzid", authz("cn=x"), LDAP_PARAM_ERROR, ""},
     };

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <iostream>
 #include <string>
+#include <pwd.h>
 #include <unistd.h>
 
 #include "libldap/ldap_bind.h"
@@ -22,7 +23,7 @@ namespace wzrext {
 namespace {
 
 const char *const SEARCH_NAMES[] = {"pr", "sss", "vlv", "deref"};
-const char *const GENERAL_NAMES[] = {"ppolicy", "assert", "authzid", "mv"};
+const char *const GENERAL_NAMES[] = {"ppolicy", "assert", "authzid", "mv", "sessiontracking"};
 
 void say(const std::string &text) { std::cerr << "wzrldap: " << text << '\n'; }
 
@@ -121,6 +122,19 @@ int make_deref(LDAP *ld, const Extension &e, LDAPControl **c)
     return ldap_create_deref_control(ld, specs.data(), e.critical, c);
 }
 
+// Who runs this search, for the servers' audit logs: this host and the user named (else the
+// local login name).
+int make_session_tracking(LDAP *ld, const Extension &e, LDAPControl **c)
+{
+    char host[256] = "";
+    gethostname(host, sizeof host - 1);
+    const passwd *pw = getpwuid(getuid());
+    std::string user = !e.value.empty() ? e.value : pw != nullptr ? pw->pw_name : "";
+    struct berval id{user.size(), user.data()};
+    return ldap_create_session_tracking_control(ld, "", host, LDAP_SESSION_TRACKING_USERNAME, &id,
+                                                c);
+}
+
 // The control of one extension (none for paging, which the paged search adds itself, and
 // for ppolicy, which goes with the bind).
 int make_control(LDAP *ld, const Extension &e, LDAPControl **c)
@@ -136,6 +150,8 @@ int make_control(LDAP *ld, const Extension &e, LDAPControl **c)
         return ldap_create_assertion_control(ld, e.value.c_str(), e.critical, c);
     if (e.name == "mv")
         return ldap_create_matchedvalues_control(ld, e.value.c_str(), e.critical, c);
+    if (e.name == "sessiontracking")
+        return make_session_tracking(ld, e, c);
     if (e.name == "authzid")
         return ldap_create_proxied_authorization_control(ld, e.value.c_str(), c);
     return 0;
@@ -294,8 +310,11 @@ int parse(const std::string &arg, bool search, Extensions *x)
         say(std::string(flag) + " " + arg + ": unknown extension, left out");
         return 0;
     }
-    bool needs_value = e.name != "ppolicy";
-    if (needs_value == (eq == std::string::npos) || (e.name == "pr" && !valid_page_size(e.value))) {
+    bool has_value = eq != std::string::npos;
+    bool needs_value = e.name != "ppolicy" && e.name != "sessiontracking";
+    bool takes_value = e.name != "ppolicy";
+    if ((needs_value && !has_value) || (!takes_value && has_value) ||
+        (e.name == "pr" && !valid_page_size(e.value))) {
         say(std::string(flag) + " " + arg + ": malformed");
         return LDAP_PARAM_ERROR;
     }

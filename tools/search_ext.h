@@ -1,7 +1,8 @@
 // The search extensions of the wzrldap tool, spelt as ldapsearch spells them: -E for search
 // controls (paged results, sorting, virtual list view, dereferencing) and -e for general ones
-// (password policy, assertion, proxied authorisation, matched values). They reach the library's control
-// constructors and parsers, which are internal, so the tool links the static library.
+// (password policy, assertion, proxied authorisation, matched values, session tracking). They
+// reach the library's control constructors and parsers, which are internal, so the tool links
+// the static library.
 #ifndef WZR_TOOLS_SEARCH_EXT_H
 #define WZR_TOOLS_SEARCH_EXT_H
 
@@ -16,7 +17,7 @@ struct LDAPControl;
 namespace wzrext {
 
 struct Extension {
-    std::string name;  // pr, sss, vlv, ppolicy, assert, authzid, mv
+    std::string name;  // pr, sss, vlv, deref, ppolicy, assert, authzid, mv, sessiontracking
     std::string value; // what followed "="
     bool critical = false;
 };

@@ -108,6 +108,8 @@ void print_search_help()
                  "              entries its ATTR names (a group's members), as comments\n"
                  "  -e [!]ppolicy               bind with the password-policy control\n"
                  "  -e [!]assert=FILTER  -e [!]mv=FILTER  -e [!]authzid=dn:DN|u:USER\n"
+                 "  -e sessiontracking[=USER]  name this host and USER (default: the login\n"
+                 "              name) for the servers' audit logs; never critical\n"
                  "  (\"!\" marks an extension critical; an unknown one is then refused)\n"
                  "An attribute name from the server that is not a valid LDIF attribute\n"
                  "description is reported on standard error, escaped, and neither it nor its\n"
