@@ -1,6 +1,6 @@
 // Transactions: a transaction groups updates that the server applies together or not at all.
 // The start and end extended operations frame it, and each update inside it carries the
-// transaction's identifier in the specification control.
+// transaction's identifier in the transaction control.
 #include "ldap_ctrl.h"
 
 #include "ldap_error.h"
