@@ -48,8 +48,12 @@ wzrtest::SlapdFixture &server() // one for the program, stopped at exit
         wzrtest::SlapdFixture fixture;
         Started()
         {
+            wzrtest::SlapdOptions opts;
+            opts.bulk_entries = kBulk;
+            opts.extra_ldif = policy_users();
+            opts.controls = true;
             if (wzrtest::SlapdFixture::available())
-                fixture.start({kBulk, policy_users(), true});
+                fixture.start(opts);
         }
     };
     static Started s;
