@@ -92,7 +92,12 @@ typedef struct ldap_url_desc {
 #define LDAP_OPT_RESTART 4
 #define LDAP_OPT_REFHOPLIMIT 5
 #define LDAP_OPT_DEBUG 6
-#define LDAP_OPT_SSL_STRING 7
+/* Secure transport (options 7, 152, 153): the key database (a PKCS#12 or PEM file), its
+ * password (when not set, the stash file named like the key database with ".sth" is read),
+ * and the label of the client certificate to present. They are used when the first secure
+ * connection of the process initialises the toolkit environment (an ldaps:// URL given to
+ * wzr_ldap_init); a process that initialised it already keeps its settings. */
+#define LDAP_OPT_SSL_KEYRING 7
 #define LDAP_OPT_SSL_TIMEOUT 8
 #define LDAP_OPT_REBIND_FN 9
 #define LDAP_OPT_DESC 10
@@ -110,8 +115,8 @@ typedef struct ldap_url_desc {
 #define LDAP_OPT_REFERRAL_HOP_LIMIT 53
 #define LDAP_OPT_SASL_KRB_VERSION 54
 #define LDAP_OPT_CONNECT_TIMEOUT 70
-#define LDAP_OPT_SSL_CIPHER_STRING 152
-#define LDAP_OPT_SSL_PROTOCOL_STRING 153
+#define LDAP_OPT_SSL_KEYRING_PW 152
+#define LDAP_OPT_SSL_CERT_LABEL 153
 #define LDAP_OPT_BIND_FLAG 224
 
 #define LDAP_OPT_ON ((void *)1)

@@ -10,6 +10,7 @@
 #include "ldap_controls.h"
 #include "ldap_error.h"
 #include "ldap_init.h"
+#include "ldap_ssl.h"
 #include "ldap_table.h"
 
 namespace {
@@ -27,6 +28,7 @@ void free_one_connection(LDAPConn *lc)
     lber_free(lc->host);
     lber_free(lc->resolved);
     lber_free(lc->outbox);
+    ldap_ssl_release_conn(lc);
     if (lc->connected && lc->sb.sb_sd >= 0)
         close(lc->sb.sb_sd);
     sockbuf_release_buffer(&lc->sb);
@@ -69,8 +71,8 @@ void ldap_ld_free_owned(LDAP *ld)
     ld->ld_servers = nullptr;
     ld->ld_defconn = nullptr;
 
-    char **strings[] = {&ld->ld_defhost,    &ld->ld_ssl_string, &ld->ld_ssl_cipher,
-                        &ld->ld_ssl_protocol, &ld->ld_bind_mech,  &ld->ld_bind_dn,
+    char **strings[] = {&ld->ld_defhost,    &ld->ld_ssl_keyring, &ld->ld_ssl_keyring_pw,
+                        &ld->ld_ssl_label,    &ld->ld_bind_mech,  &ld->ld_bind_dn,
                         &ld->ld_bind_cred.bv_val};
     for (char **s : strings) {
         lber_free(*s);

@@ -18,6 +18,7 @@
 #include "ldap_locate.h"
 #include "ldap_lock.h"
 #include "ldap_options.h"
+#include "ldap_ssl.h"
 #include "ldap_table.h"
 #include "ldap_unbind.h"
 #include "ldap_url.h"
@@ -52,7 +53,8 @@ void ensure_nlxdir()
         LDAP_TRACE(LDAP_TRC_WARN, "ldap_init: could not set NLXDIR, rc=%d\n", rc);
 }
 
-bool names_url(const char *host)
+// The scheme test runs on a lower-cased copy, so "LDAPS://" counts too.
+bool names_scheme(const char *host, const char *scheme)
 {
     char lower[HOST_SCAN_MAX + 1];
     size_t n = 0;
@@ -61,7 +63,13 @@ bool names_url(const char *host)
         lower[n] = (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
     }
     lower[n] = '\0';
-    return strstr(lower, "ldap://") != nullptr || strstr(lower, "ldaps://") != nullptr;
+    return strstr(lower, scheme) != nullptr;
+}
+
+bool names_secure_url(const char *host) { return names_scheme(host, "ldaps://"); }
+bool names_url(const char *host)
+{
+    return names_scheme(host, "ldap://") || names_secure_url(host);
 }
 
 bool names_secure_url(const char *host)
@@ -201,25 +209,39 @@ int set_initial_options(LDAP *ld)
 
 void close_socket(LDAPConn *lc)
 {
+    ssl_close_direct(&lc->sb);
     if (lc->sb.sb_sd >= 0)
         close(lc->sb.sb_sd);
     lc->sb.sb_sd = -1;
     lc->connected = 0;
 }
 
-int open_host_entry(LDAP *ld, LDAPConn *lc, const LDAPHostEntry &entry, struct timeval *timeout)
+// Makes a freshly connected socket secure: the connection joins the toolkit environment
+// (initialised from the handle's options when the process has not) and runs the handshake.
+int secure_host_entry(LDAP *ld, LDAPConn *lc, const char *host, const LDAPDeadline &until)
 {
+    LDAP_TRACE(LDAP_TRC_API, "open_ldap_connection: SSL In use! setting nonBlocking mode\n");
+    int rc = set_socket_nb_sd(lc->sb.sb_sd) != 0 ? LDAP_SERVER_DOWN : 0;
+    if (rc == 0 && lc->ssl_ref == nullptr)
+        rc = ldap_ssl_attach_initialising(ld, lc);
+    if (rc == 0)
+        rc = open_ssl_connection(ld, lc, host, WZR_PROTOCOL_SSL_PORT, until);
+    if (rc != 0)
+        LDAP_TRACE(LDAP_TRC_ERROR, "open_ldap_connection: open_ssl_connection failed with rc=%d\n",
+                   rc);
+    return rc;
+}
+
+int open_host_entry(LDAP *ld, LDAPConn *lc, const LDAPHostEntry &entry, const LDAPDeadline &until)
+{
+    struct timeval left;
     int rc = open_connection(&lc->sb, entry.host, htons(static_cast<uint16_t>(entry.port)), nullptr,
-                             0, timeout);
+                             0, ldap_deadline_wait(until, &left));
     if (rc != 0)
         return rc;
-    if (ld->ld_ssl_in_use) {
-        LDAP_TRACE(LDAP_TRC_API, "open_ldap_connection: SSL In use! setting nonBlocking mode\n");
-        // There is no secure transport to hand the socket to, so the handshake cannot happen.
-        LDAP_TRACE(LDAP_TRC_ERROR, "open_ldap_connection: open_ssl_connection failed with rc=%d\n",
-                   LDAP_SSL_NOT_AVAILABLE);
+    if (ld->ld_ssl_in_use && (rc = secure_host_entry(ld, lc, entry.host, until)) != 0) {
         close_socket(lc);
-        return LDAP_SSL_NOT_AVAILABLE;
+        return rc;
     }
     // The PDU reader never blocks: waiting is done in select with the caller's time-out.
     if (set_socket_nb_sd(lc->sb.sb_sd) != 0) {
@@ -296,6 +318,9 @@ LDAP *ldap_init(const char *host, int port)
     memcpy(ld->ld_eyecatcher, LDAP_EYE_HANDLE, sizeof LDAP_EYE_HANDLE);
     ld->ld_defhost = hostlist;
     ld->ld_defport = port;
+    // An ldaps:// URL sets the handle up for secure transport: its connections run the
+    // handshake as they open (the exported interface has no other way to ask for it).
+    ld->ld_ssl_in_use = host != nullptr && names_secure_url(host) ? 1 : 0;
     LDAP_TRACE(LDAP_TRC_API, "ldap_init: defhost(%s) defport(%d)\n", hostlist, port);
 
     LDAPConn *lc = ldap_lc_init(hostlist, port, LDAP_TABLE_INITIAL_ROWS);
@@ -420,8 +445,7 @@ int open_ldap_connection(LDAP *ld, LDAPConn *lc, const LDAPDeadline &until)
     char *cursor = list;
     LDAPHostEntry entry;
     while (ldap_next_host_entry(&cursor, &seen_ipv6, lc->port, &entry)) {
-        struct timeval left;
-        rc = open_host_entry(ld, lc, entry, ldap_deadline_wait(deadline, &left));
+        rc = open_host_entry(ld, lc, entry, deadline);
         if (rc == 0)
             break;
     }

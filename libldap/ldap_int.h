@@ -166,6 +166,7 @@ struct LDAPConn {
     // next writer sends it first, so the stream stays in step. write_lock.
     unsigned char *outbox;
     long outbox_len;
+    struct WzrEnvRef *ssl_ref; // toolkit environment of a secure connection; write_lock
     pthread_t reader;      // read_lock: the thread now reading
     int32_t stream_run;    // read_lock: entries and references read in a row
     // The server's pace while a result streams in (read_lock): when the reader last looked at
@@ -190,7 +191,8 @@ struct ldap {
     pthread_mutex_t ld_connlock; // the connection lock: connection chain
     pthread_cond_t ld_ops_ended; // broadcast by ldap_end_operation
     int32_t ld_unbind_started;   // atomic, set once under ld_mutex (ldap_start_operation)
-    int32_t ld_ssl_in_use;
+    int32_t ld_ssl_in_use;       // set up for secure transport (ldaps:// or ldap_ssl_start)
+    int32_t ld_ssl_reason;       // atomic: the toolkit's code of the last secure failure
     // Changed under ld_errlock; pushed at the head with a release store, so that a thread may
     // find its own record without the lock (ldap_error.cpp).
     LDAPErrorRec *ld_errors;
@@ -211,9 +213,9 @@ struct ldap {
     int32_t ld_utf8_io;       // 52: application strings are already UTF-8
     int32_t ld_krb_version;   // 54
     struct timeval *ld_connect_timeout; // 70
-    char *ld_ssl_string;      // 7
-    char *ld_ssl_cipher;      // 152
-    char *ld_ssl_protocol;    // 153
+    char *ld_ssl_keyring;     // 7: key database of the secure transport
+    char *ld_ssl_keyring_pw;  // 152: its password (else its stash file is used)
+    char *ld_ssl_label;       // 153: label of the client certificate
     int32_t ld_bind_flag;     // 224
     int32_t ld_default_field; // set to 128 in the global default handle
 

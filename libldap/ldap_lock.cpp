@@ -119,6 +119,11 @@ void ldap_unlock_config() { ldap_mutex_unlock(&config_mutex, MODULE, __LINE__); 
 void ldap_lock_defaults() { lock_process_mutex(&defaults_mutex, __LINE__); }
 void ldap_unlock_defaults() { ldap_mutex_unlock(&defaults_mutex, MODULE, __LINE__); }
 void ldap_lock_ssl() { lock_process_mutex(&ssl_mutex, __LINE__); }
+pthread_mutex_t *ldap_ssl_mutex()
+{
+    ensure_process_mutexes();
+    return &ssl_mutex;
+}
 void ldap_unlock_ssl() { ldap_mutex_unlock(&ssl_mutex, MODULE, __LINE__); }
 void ldap_lock_charset() { lock_process_mutex(&charset_mutex, __LINE__); }
 void ldap_unlock_charset() { ldap_mutex_unlock(&charset_mutex, MODULE, __LINE__); }

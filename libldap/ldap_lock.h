@@ -9,6 +9,10 @@
 //                                                 lock is held across dlopen and the entry
 //                                                 point, which may only use its block's
 //                                                 services; those take no library lock)
+//   write lock -> ssl mutex                       (a secure connection attaching to the
+//                                                  toolkit environment while it is opened)
+//   write lock -> read lock -> ssl mutex          (StartTLS: no reader or writer may touch the
+//                                                  connection during the handshake)
 // Each of these is taken alone, with no other library lock held:
 //   handle mutex (except as above), error lock, connection lock, conn_mutex, read lock, write lock,
 //   resolver lock, the four process-wide mutexes, the trace mutex.
@@ -67,6 +71,7 @@ void ldap_lock_defaults();
 void ldap_unlock_defaults();
 void ldap_lock_ssl();
 void ldap_unlock_ssl();
+pthread_mutex_t *ldap_ssl_mutex(); // created on first use, for a LockGuard
 void ldap_lock_charset();
 void ldap_unlock_charset();
 

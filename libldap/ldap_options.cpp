@@ -104,8 +104,8 @@ int apply_option(LDAP *ld, int option, const void *value)
             return LDAP_PARAM_ERROR;
         ldap_set_debug_mask(static_cast<unsigned>(v));
         return 0;
-    case LDAP_OPT_SSL_STRING:
-        return set_string(&ld->ld_ssl_string, value);
+    case LDAP_OPT_SSL_KEYRING:
+        return set_string(&ld->ld_ssl_keyring, value);
     case LDAP_OPT_SSL_TIMEOUT:
         return set_int(&ld->ld_ssl_timeout, v, 0, SSL_TIMEOUT_MAX);
     case LDAP_OPT_REBIND_FN:
@@ -127,10 +127,10 @@ int apply_option(LDAP *ld, int option, const void *value)
         return set_int(&ld->ld_krb_version, v, 2, 3);
     case LDAP_OPT_CONNECT_TIMEOUT:
         return set_timeout(ld, value);
-    case LDAP_OPT_SSL_CIPHER_STRING:
-        return set_string(&ld->ld_ssl_cipher, value);
-    case LDAP_OPT_SSL_PROTOCOL_STRING:
-        return set_string(&ld->ld_ssl_protocol, value);
+    case LDAP_OPT_SSL_KEYRING_PW:
+        return set_string(&ld->ld_ssl_keyring_pw, value);
+    case LDAP_OPT_SSL_CERT_LABEL:
+        return set_string(&ld->ld_ssl_label, value);
     case LDAP_OPT_BIND_FLAG:
         return set_int(&ld->ld_bind_flag, v, 0, 1);
     default: // read-only (10, 11, 20, 21, 48-51) and unknown options
@@ -278,8 +278,8 @@ int read_option(LDAP *ld, int option, void *out)
         return put_int(ld->ld_hoplimit);
     case LDAP_OPT_DEBUG:
         return put_int(static_cast<int>(ldap_debug_enabled()));
-    case LDAP_OPT_SSL_STRING:
-        return get_string(ld->ld_ssl_string, out);
+    case LDAP_OPT_SSL_KEYRING:
+        return get_string(ld->ld_ssl_keyring, out);
     case LDAP_OPT_SSL_TIMEOUT:
         return put_int(ld->ld_ssl_timeout);
     case LDAP_OPT_REBIND_FN:
@@ -307,10 +307,10 @@ int read_option(LDAP *ld, int option, void *out)
         return put_int(ld->ld_krb_version);
     case LDAP_OPT_CONNECT_TIMEOUT:
         return get_timeout(ld, out);
-    case LDAP_OPT_SSL_CIPHER_STRING:
-        return get_string(ld->ld_ssl_cipher, out);
-    case LDAP_OPT_SSL_PROTOCOL_STRING:
-        return get_string(ld->ld_ssl_protocol, out);
+    case LDAP_OPT_SSL_KEYRING_PW: // a password is never handed back
+        return LDAP_PARAM_ERROR;
+    case LDAP_OPT_SSL_CERT_LABEL:
+        return get_string(ld->ld_ssl_label, out);
     case LDAP_OPT_BIND_FLAG:
         return put_int(ld->ld_bind_flag);
     default:

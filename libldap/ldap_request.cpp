@@ -65,7 +65,9 @@ int open_if_needed(LDAP *ld, LDAPConn *lc, const LDAPDeadline &until)
     ldap_conn_mark_dead(lc);
     lber_free(lc->resolved);
     lc->resolved = nullptr;
-    return rc == LDAP_CONNECT_ERROR ? LDAP_CONNECT_ERROR : LDAP_SERVER_DOWN;
+    // A secure connection's failure (118 no toolkit, 116 handshake, ...) says more than 81.
+    bool secure_failure = rc >= LDAP_SSL_ALREADY_INITIALIZED && rc <= LDAP_SSL_PASSWORD_NOT_SPECIFIED;
+    return rc == LDAP_CONNECT_ERROR || secure_failure ? rc : LDAP_SERVER_DOWN;
 }
 
 // Keeps what is left of a PDU whose writer's time ran out in the middle, for the next writer.

@@ -217,8 +217,7 @@ TEST_F(OptionReads, ConnectionAndErrorRecordOptions)
 
 TEST_F(OptionCopies, StringsAndTimeoutAreCopiedAndNullClears)
 {
-    for (int option : {LDAP_OPT_SSL_STRING, LDAP_OPT_SSL_CIPHER_STRING,
-                       LDAP_OPT_SSL_PROTOCOL_STRING}) {
+    for (int option : {LDAP_OPT_SSL_KEYRING, LDAP_OPT_SSL_CERT_LABEL}) {
         char given[] = "TLSv1.2";
         ASSERT_EQ(ldap_set_option(h.ld, option, given), 0);
         given[0] = 'X';

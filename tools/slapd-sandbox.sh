@@ -14,19 +14,21 @@ ROOTPW="manager-secret"
 USER_DN="uid=alice,ou=people,$SUFFIX"
 USER_PW="alice-secret"
 EXTERNAL_DN="uid=operator,ou=people,$SUFFIX"
+KEYDB_PW="keydb-secret"
 PEOPLE=300
 
 usage() {
     cat <<EOF
 usage: slapd-sandbox.sh COMMAND ...
-  init DIR [--bulk N] [--extra FILE] [--controls]
+  init DIR [--bulk N] [--extra FILE] [--controls] [--tls [--verify-client try|demand]]
                                        write slapd.conf and the sample tree into DIR, load it;
                                        --controls adds the overlays that serve sorting, virtual
                                        list views and password policy, proxied authorisation,
-                                       and a size limit of 500 that paged searches may pass
+                                       and a size limit of 500 that paged searches may pass;
+                                       --tls makes a CA, server and client certificates (DIR/tls)
   ldif [--bulk N]                      print the sample tree as LDIF
-  run DIR PORT                         run slapd in the foreground (for a supervising process)
-  start DIR [PORT]                     start slapd as a daemon; prints its ldap:// URL
+  run DIR PORT [LDAPS_PORT]            run slapd in the foreground (for a supervising process)
+  start DIR [PORT [LDAPS_PORT]]        start slapd as a daemon; prints its ldap:// URL
   stop DIR                             stop the slapd of DIR by its pid and wait until it is gone
   free-port                            print a free loopback TCP port
 DIR should be short: the ldapi socket path DIR/ldapi must fit in 108 bytes.
@@ -116,16 +118,59 @@ free_port() {
 }
 
 parse_gen_opts() {
-    BULK=0 EXTRA="" CONTROLS=0
+    BULK=0 EXTRA="" CONTROLS=0 TLS="" VERIFY=try
     while [ $# -gt 0 ]; do
         case $1 in
             --controls) CONTROLS=1; shift ;;
+            --tls) TLS=1; shift ;;
+            --verify-client) VERIFY=${2:?--verify-client needs try or demand}; shift 2 ;;
             --bulk) BULK=${2:?--bulk needs a number}; shift 2 ;;
             --extra) EXTRA=${2:?--extra needs a file}; shift 2 ;;
             *) die "unknown option $1" ;;
         esac
     done
     [[ $BULK =~ ^[0-9]+$ ]] || die "--bulk takes a number"
+    [[ $VERIFY =~ ^(try|demand)$ ]] || die "--verify-client takes try or demand"
+}
+
+# One EC key and a certificate signed by CA (self-signed when CA is empty), with extensions.
+make_cert() {
+    local dir=$1 name=$2 subj=$3 ca=$4 ext=$5
+    openssl req -new -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes \
+        -keyout "$dir/$name.key" -out "$dir/$name.csr" -subj "$subj" 2>/dev/null
+    printf '%b\n' "$ext" > "$dir/$name.ext"
+    if [ -z "$ca" ]; then
+        openssl x509 -req -in "$dir/$name.csr" -signkey "$dir/$name.key" -days 3 \
+            -extfile "$dir/$name.ext" -out "$dir/$name.pem" 2>/dev/null
+    else
+        openssl x509 -req -in "$dir/$name.csr" -CA "$dir/$ca.pem" -CAkey "$dir/$ca.key" \
+            -CAcreateserial -days 3 -extfile "$dir/$name.ext" -out "$dir/$name.pem" 2>/dev/null
+    fi
+}
+
+# The sandbox CA, the server's certificate (localhost and 127.0.0.1), another CA the server
+# does not use, and a client certificate for the EXTERNAL identity in a PKCS#12 key database
+# labelled "operator" with its stash file (the password, read when none is given).
+make_tls() {
+    local dir=$1/tls ca_ext='basicConstraints=critical,CA:TRUE\nkeyUsage=critical,keyCertSign,cRLSign'
+    mkdir -p "$dir"
+    make_cert "$dir" ca "/CN=wzrldap sandbox CA" "" "$ca_ext"
+    make_cert "$dir" other-ca "/CN=wzrldap other CA" "" "$ca_ext"
+    make_cert "$dir" server "/CN=localhost" ca \
+        'subjectAltName=DNS:localhost,IP:127.0.0.1\nextendedKeyUsage=serverAuth'
+    make_cert "$dir" client "/DC=com/DC=example/OU=people/UID=operator" ca \
+        'extendedKeyUsage=clientAuth'
+    printf '%s\n' "$KEYDB_PW" > "$dir/client.sth"
+    chmod 600 "$dir"/*.key "$dir/client.sth"
+    openssl pkcs12 -export -in "$dir/client.pem" -inkey "$dir/client.key" -certfile "$dir/ca.pem" \
+        -name operator -passout "pass:$KEYDB_PW" -out "$dir/client.p12"
+    rm -f "$dir"/*.csr "$dir"/*.ext "$dir"/*.srl
+}
+
+tls_conf() {
+    printf 'TLSCACertificateFile %s\nTLSCertificateFile %s\nTLSCertificateKeyFile %s\n' \
+        "$1/tls/ca.pem" "$1/tls/server.pem" "$1/tls/server.key"
+    printf 'TLSVerifyClient %s\n' "$2"
 }
 
 cmd_init() {
@@ -145,6 +190,11 @@ cmd_init() {
     if [ "$CONTROLS" = 1 ]; then
         sed -e "s|@SUFFIX@|$SUFFIX|g" "$DATA/controls-global.conf" > "$dir/global-extra.conf"
         sed -e "s|@SUFFIX@|$SUFFIX|g" "$DATA/controls-db.conf" > "$dir/db-extra.conf"
+    if [ -n "$TLS" ]; then
+        make_tls "$dir"
+        # Global directives: they must come before the first database section.
+        { tls_conf "$dir" "$VERIFY"; cat "$dir/slapd.conf"; } > "$dir/slapd.conf.tls"
+        mv "$dir/slapd.conf.tls" "$dir/slapd.conf"
     fi
     write_ldif "$BULK" "$EXTRA" > "$dir/data.ldif"
     "$SBIN/slapadd" -q -f "$dir/slapd.conf" -l "$dir/data.ldif" > "$dir/slapadd.log" 2>&1 ||
@@ -158,17 +208,20 @@ USER_PW=$USER_PW
 EXTERNAL_DN=$EXTERNAL_DN
 LDAPI_PATH=$sock
 LDAPI_URI=$(ldapi_url "$sock")
+TLS_DIR=${TLS:+$dir/tls}
+KEYDB_PW=${TLS:+$KEYDB_PW}
 EOF
 }
 
 listen_urls() {
     printf 'ldap://127.0.0.1:%s/ %s' "$2" "$(ldapi_url "$1/ldapi")"
+    [ -z "${3:-}" ] || printf ' ldaps://127.0.0.1:%s/' "$3"
 }
 
 cmd_run() {
-    local dir=${1:?run needs a directory} port=${2:?run needs a port}
+    local dir=${1:?run needs a directory} port=${2:?run needs a port} ldaps=${3:-}
     rm -f "$dir/ldapi"
-    exec "$SBIN/slapd" -d 0 -f "$dir/slapd.conf" -h "$(listen_urls "$dir" "$port")"
+    exec "$SBIN/slapd" -d 0 -f "$dir/slapd.conf" -h "$(listen_urls "$dir" "$port" "$ldaps")"
 }
 
 wait_listening() {
@@ -183,16 +236,19 @@ wait_listening() {
 }
 
 cmd_start() {
-    local dir=${1:?start needs a directory} port=${2:-} tries=5 p
+    local dir=${1:?start needs a directory} port=${2:-} tries=5 p lp=""
     dir=$(cd "$dir" && pwd)
     [ -f "$dir/slapd.conf" ] || die "$dir is not initialised (run init first)"
     while [ $tries -gt 0 ]; do
         p=${port:-$(free_port)}
+        # A sandbox made with --tls listens for LDAPS too (its port in DIR/ldaps_port).
+        [ -d "$dir/tls" ] && lp=${3:-$(free_port)}
         rm -f "$dir/ldapi"
         # The daemon may return a moment before its listeners accept: wait for them.
-        if "$SBIN/slapd" -f "$dir/slapd.conf" -h "$(listen_urls "$dir" "$p")" \
+        if "$SBIN/slapd" -f "$dir/slapd.conf" -h "$(listen_urls "$dir" "$p" "$lp")" \
             > "$dir/slapd.log" 2>&1 && wait_listening "$dir" "$p"; then
             echo "$p" > "$dir/port"
+            [ -z "$lp" ] || echo "$lp" > "$dir/ldaps_port"
             echo "ldap://127.0.0.1:$p"
             return 0
         fi

@@ -174,6 +174,10 @@ SlapdFixture::~SlapdFixture()
 }
 
 std::string SlapdFixture::uri() const { return "ldap://" + host_port(); }
+std::string SlapdFixture::ldaps_uri() const
+{
+    return "ldaps://127.0.0.1:" + std::to_string(ldaps_port_);
+}
 std::string SlapdFixture::host_port() const { return "127.0.0.1:" + std::to_string(port_); }
 
 std::string SlapdFixture::loaded_ldif() const
@@ -200,6 +204,8 @@ bool SlapdFixture::init_directory(const SlapdOptions &opts)
     }
     if (opts.controls)
         cmd += " --controls";
+    if (opts.tls)
+        cmd += " --tls --verify-client " + shell_quote(opts.verify_client);
     std::string out;
     if (run_capture(cmd + " 2>&1", &out) != 0) {
         error_ = "slapd-sandbox.sh init failed: " + out;
@@ -238,6 +244,10 @@ bool SlapdFixture::read_env()
             ldapi_path_ = value;
         else if (key == "LDAPI_URI")
             ldapi_uri_ = value;
+        else if (key == "TLS_DIR")
+            tls_dir_ = value;
+        else if (key == "KEYDB_PW")
+            keydb_pw_ = value;
     }
     if (base_.empty() || ldapi_uri_.empty()) {
         error_ = "sandbox.env is incomplete in " + dir_;
@@ -246,11 +256,13 @@ bool SlapdFixture::read_env()
     return true;
 }
 
-bool SlapdFixture::launch(int port)
+bool SlapdFixture::launch(int port, int ldaps_port)
 {
     // Everything the child needs is prepared before fork: only async-signal-safe calls follow.
     std::string script = sandbox_script(), port_s = std::to_string(port), log = dir_ + "/slapd.log";
-    const char *argv[] = {"bash", script.c_str(), "run", dir_.c_str(), port_s.c_str(), nullptr};
+    std::string ldaps_s = ldaps_port > 0 ? std::to_string(ldaps_port) : "";
+    const char *argv[] = {"bash", script.c_str(), "run", dir_.c_str(), port_s.c_str(),
+                          ldaps_port > 0 ? ldaps_s.c_str() : nullptr, nullptr};
     // The death signal follows the thread that forks; only the main thread lives as long as
     // the process, so only then can the server be tied to us should the test program crash.
     bool tie_to_parent = syscall(SYS_gettid) == getpid();
@@ -282,6 +294,7 @@ bool SlapdFixture::launch(int port)
     }
     pid_ = pid;
     port_ = port;
+    ldaps_port_ = ldaps_port;
     return true;
 }
 
@@ -319,7 +332,8 @@ bool SlapdFixture::wait_listening(int port)
             error_ = "slapd exited at start-up: " + tail_of(dir_ + "/slapd.log");
             return false;
         }
-        if (port_accepts(port) && is_socket(ldapi_path_))
+        if (port_accepts(port) && is_socket(ldapi_path_) &&
+            (ldaps_port_ <= 0 || port_accepts(ldaps_port_)))
             return true;
         usleep(10 * 1000);
     }
@@ -346,11 +360,14 @@ bool SlapdFixture::start(const SlapdOptions &opts)
     // Another process may take the port between our probe and slapd's bind: try again.
     for (int attempt = 0; attempt < 5; attempt++) {
         int port = free_loopback_port();
-        if (port <= 0) {
+        int ldaps_port = 0;
+        while (opts.tls && (ldaps_port == 0 || ldaps_port == port))
+            ldaps_port = free_loopback_port();
+        if (port <= 0 || ldaps_port < 0) {
             error_ = std::string("no free loopback port: ") + std::strerror(errno);
             break;
         }
-        if (!launch(port))
+        if (!launch(port, ldaps_port))
             break;
         if (wait_listening(port))
             return true;
@@ -371,6 +388,7 @@ void SlapdFixture::stop()
         pid_ = -1;
     }
     port_ = 0;
+    ldaps_port_ = 0;
 }
 
 void SlapdFixture::remove_directory()

@@ -18,6 +18,11 @@ struct SlapdOptions {
     bool kerberos = false;
     std::string default_referral; // URL the server refers to for DNs outside its suffix
     bool controls = false; // the overlays, limits and entries of tests/data/controls*
+    // TLS: a CA, a server certificate (localhost, 127.0.0.1), another CA and a client
+    // certificate (PKCS#12, label "operator", with a stash file) in tls_dir(), and an LDAPS
+    // listener on a second free port. verify_client is slapd's TLSVerifyClient.
+    bool tls = false;
+    std::string verify_client = "try";
 };
 
 // Start-up failures are reported by start() returning false and error() saying why; a test
@@ -41,6 +46,10 @@ public:
     std::string uri() const;       // "ldap://127.0.0.1:PORT"
     std::string host_port() const; // "127.0.0.1:PORT"
     int port() const { return port_; }
+    int ldaps_port() const { return ldaps_port_; }
+    std::string ldaps_uri() const;  // "ldaps://127.0.0.1:PORT"
+    const std::string &tls_dir() const { return tls_dir_; }
+    const std::string &keydb_pw() const { return keydb_pw_; }
     pid_t pid() const { return pid_; }
     const std::string &ldapi_uri() const { return ldapi_uri_; }
     const std::string &ldapi_path() const { return ldapi_path_; }
@@ -58,7 +67,7 @@ public:
 private:
     bool init_directory(const SlapdOptions &opts);
     bool read_env();
-    bool launch(int port);
+    bool launch(int port, int ldaps_port);
     bool wait_listening(int port);
     bool start_kdc();
     void remove_directory();
@@ -67,6 +76,8 @@ private:
     bool kdc_ = false; // a KDC runs in dir_/krb5
     pid_t owner_ = getpid();
     int port_ = 0;
+    int ldaps_port_ = 0;
+    std::string tls_dir_, keydb_pw_;
     std::string dir_, error_;
     std::string ldapi_uri_, ldapi_path_, base_, manager_dn_, manager_pw_, user_dn_, user_pw_,
         external_dn_;

@@ -1,0 +1,333 @@
+// LDAPS and StartTLS against a real slapd with a test CA, through the toolkit built here: chain
+// and name checks, the StartTLS result table, toolkit loading rules, handshake time-outs,
+// hostile peers and bad key databases. Every test runs in a process of its own (the toolkit
+// environment and its settings are process-wide, as in a real program).
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <sys/wait.h>
+#include <thread>
+#include <vector>
+
+#include "libldap/ldap_bind.h"
+#include "libldap/ldap_entry.h"
+#include "libldap/ldap_error.h"
+#include "libldap/ldap_init.h"
+#include "libldap/ldap_load.h"
+#include "libldap/ldap_message.h"
+#include "libldap/ldap_options.h"
+#include "libldap/ldap_search.h"
+#include "libldap/ldap_ssl.h"
+#include "libldap/ldap_unbind.h"
+#include "libldap/ldap_update.h"
+#include "support/fake_server.h"
+#include "support/loopback_listener.h"
+#include "support/slapd_fixture.h"
+
+namespace {
+
+using wzrtest::SlapdFixture;
+
+// The toolkit built here is found by its bare names through the library path.
+const int local_install = setenv("WZRKIT_LOCAL_INSTALL_MODE", "1", 0);
+
+SlapdFixture &tls_slapd(const char *verify = "try")
+{
+    static SlapdFixture fixture;
+    if (SlapdFixture::available() && !fixture.running()) {
+        wzrtest::SlapdOptions opts;
+        opts.tls = true;
+        opts.verify_client = verify;
+        (void)fixture.start(opts);
+    }
+    return fixture;
+}
+
+struct Handle {
+    LDAP *ld = nullptr;
+    explicit Handle(const std::string &url) : ld(ldap_init(url.c_str(), 0)) {}
+    ~Handle()
+    {
+        if (ld != nullptr)
+            ldap_unbind(ld);
+    }
+};
+
+std::string error_text(LDAP *ld)
+{
+    char *msg = nullptr;
+    if (ldap_get_option(ld, LDAP_OPT_ERROR_STRING, &msg) != 0 || msg == nullptr)
+        return "";
+    std::string s = msg;
+    lber_free(msg);
+    return s;
+}
+
+int count_people(LDAP *ld, const std::string &base)
+{
+    LDAPMessage *res = nullptr;
+    int rc = ldap_search_s(ld, ("ou=people," + base).c_str(), LDAP_SCOPE_ONELEVEL,
+                           "(uid=user00*)", nullptr, 0, &res);
+    int n = rc == 0 ? ldap_count_entries(ld, res) : -rc;
+    ldap_msgfree(res);
+    return n;
+}
+
+int init_trusting(const SlapdFixture &s, const std::string &ca = "ca.pem")
+{
+    int reason = -1;
+    return ldap_ssl_client_init((s.tls_dir() + "/" + ca).c_str(), nullptr, 0, &reason);
+}
+
+TEST(Ldaps, BindSearchAndUpdateOverAVerifiedChain)
+{
+    SlapdFixture &s = tls_slapd();
+    WZR_REQUIRE_SLAPD(s);
+    ASSERT_EQ(init_trusting(s), 0);
+    Handle h("ldaps://localhost:" + std::to_string(s.ldaps_port()));
+    ASSERT_NE(h.ld, nullptr);
+    ASSERT_EQ(ldap_simple_bind_s(h.ld, s.manager_dn().c_str(), s.manager_pw().c_str()), 0)
+        << error_text(h.ld);
+    EXPECT_NE(h.ld->ld_defconn->sb.sb_secure, nullptr);
+    EXPECT_EQ(count_people(h.ld, s.base()), 9);
+
+    char value[] = "changed over LDAPS";
+    char *values[] = {value, nullptr};
+    char type[] = "description";
+    LDAPMod mod = {LDAP_MOD_REPLACE, type, {values}};
+    LDAPMod *mods[] = {&mod, nullptr};
+    std::string dn = "uid=user001,ou=people," + s.base();
+    ASSERT_EQ(ldap_modify_s(h.ld, dn.c_str(), mods), 0);
+    LDAPMessage *res = nullptr;
+    char *attrs[] = {type, nullptr};
+    ASSERT_EQ(ldap_search_s(h.ld, dn.c_str(), LDAP_SCOPE_BASE, "(objectClass=*)", attrs, 0, &res), 0);
+    char **got = ldap_get_values(h.ld, ldap_first_entry(h.ld, res), "description");
+    ASSERT_NE(got, nullptr);
+    EXPECT_STREQ(got[0], value);
+    ldap_value_free(got);
+    ldap_msgfree(res);
+    int reason = -1;
+    EXPECT_EQ(ldap_ssl_client_init(nullptr, nullptr, 0, &reason), LDAP_SSL_ALREADY_INITIALIZED);
+    EXPECT_EQ(reason, 0);
+}
+
+// Each failed check ends the handshake with 116, the toolkit's code as the reason and a text
+// saying what was wrong; the plain port of the same handle setting is untouched.
+TEST(Ldaps, UntrustedChainAndWrongNameFailWith116AndTheReason)
+{
+    SlapdFixture &s = tls_slapd();
+    WZR_REQUIRE_SLAPD(s);
+    ASSERT_EQ(init_trusting(s, "other-ca.pem"), 0);
+    Handle untrusted("ldaps://localhost:" + std::to_string(s.ldaps_port()));
+    EXPECT_EQ(ldap_simple_bind_s(untrusted.ld, nullptr, nullptr), LDAP_SSL_HANDSHAKE_FAILED);
+    // slapd sends its CA along, so the chain ends in a self-signed certificate nobody trusts.
+    EXPECT_EQ(untrusted.ld->ld_ssl_reason, WZR_ERR_SELF_SIGNED);
+
+    int reason = -1;
+    ASSERT_EQ(ldap_ssl_environment_init((s.tls_dir() + "/ca.pem").c_str(), nullptr, 0, &reason), 0);
+    // 2130706433 is 127.0.0.1 to the resolver, but no name the certificate carries.
+    Handle wrong_name("ldaps://2130706433:" + std::to_string(s.ldaps_port()));
+    EXPECT_EQ(ldap_simple_bind_s(wrong_name.ld, nullptr, nullptr), LDAP_SSL_HANDSHAKE_FAILED);
+    EXPECT_EQ(wrong_name.ld->ld_ssl_reason, WZR_ERR_BAD_PEER);
+    EXPECT_STREQ(ldap_ssl_strerror(wrong_name.ld->ld_ssl_reason), "Bad peer");
+
+    Handle by_address("ldaps://127.0.0.1:" + std::to_string(s.ldaps_port()));
+    EXPECT_EQ(ldap_simple_bind_s(by_address.ld, nullptr, nullptr), 0) << error_text(by_address.ld);
+}
+
+TEST(StartTls, SecuresThePlainConnectionOnceAndRefusesASecondTime)
+{
+    SlapdFixture &s = tls_slapd();
+    WZR_REQUIRE_SLAPD(s);
+    {
+        // The server has agreed by then and waits for a handshake: that handle is spent.
+        Handle early("localhost:" + std::to_string(s.port()));
+        EXPECT_EQ(ldap_start_tls_s_np(early.ld, nullptr), LDAP_SSL_CLIENT_INIT_NOT_CALLED);
+        EXPECT_EQ(early.ld->ld_defconn->sb.sb_secure, nullptr);
+    }
+    ASSERT_EQ(init_trusting(s), 0);
+    Handle h("localhost:" + std::to_string(s.port()));
+    ASSERT_EQ(ldap_start_tls_s_np(h.ld, nullptr), 0) << error_text(h.ld);
+    EXPECT_NE(h.ld->ld_defconn->sb.sb_secure, nullptr);
+    ASSERT_EQ(ldap_simple_bind_s(h.ld, s.user_dn().c_str(), s.user_pw().c_str()), 0);
+    EXPECT_EQ(count_people(h.ld, s.base()), 9);
+    // slapd refuses a second StartTLS itself (operationsError); a server that agreed would
+    // meet the library's own refusal.
+    EXPECT_EQ(ldap_start_tls_s_np(h.ld, nullptr), LDAP_OPERATIONS_ERROR);
+    EXPECT_EQ(ldap_start_tls_handshake(h.ld), LDAP_SSL_ALREADY_INITIALIZED);
+    EXPECT_EQ(count_people(h.ld, s.base()), 9) << "the connection still works";
+}
+
+TEST(StartTls, HandshakeWithAnotherCaFailsAndTheConnectionStaysPlain)
+{
+    SlapdFixture &s = tls_slapd();
+    WZR_REQUIRE_SLAPD(s);
+    ASSERT_EQ(init_trusting(s, "other-ca.pem"), 0);
+    Handle h("localhost:" + std::to_string(s.port()));
+    EXPECT_EQ(ldap_start_tls_s_np(h.ld, nullptr), LDAP_SSL_HANDSHAKE_FAILED);
+    EXPECT_NE(error_text(h.ld).find("not trusted"), std::string::npos) << error_text(h.ld);
+    EXPECT_EQ(h.ld->ld_defconn->sb.sb_secure, nullptr);
+    EXPECT_EQ(h.ld->ld_defconn->ssl_ref, nullptr) << "the environment reference was given back";
+}
+
+TEST(ClientCertificate, SelectedByLabelGivesItsIdentityToExternalBind)
+{
+    SlapdFixture &s = tls_slapd("demand");
+    WZR_REQUIRE_SLAPD(s);
+    // No password: the stash file next to the key database (client.sth) holds it.
+    Handle h("ldaps://localhost:" + std::to_string(s.ldaps_port()));
+    std::string keydb = s.tls_dir() + "/client.p12";
+    ASSERT_EQ(ldap_set_option(h.ld, LDAP_OPT_SSL_KEYRING, keydb.c_str()), 0);
+    ASSERT_EQ(ldap_set_option(h.ld, LDAP_OPT_SSL_CERT_LABEL, "operator"), 0);
+    ASSERT_EQ(ldap_sasl_bind_s(h.ld, nullptr, "EXTERNAL", nullptr, nullptr, nullptr, nullptr), 0)
+        << error_text(h.ld);
+    // Only the operator may read passwords.
+    LDAPMessage *res = nullptr;
+    char pw[] = "userPassword";
+    char *attrs[] = {pw, nullptr};
+    ASSERT_EQ(ldap_search_s(h.ld, s.user_dn().c_str(), LDAP_SCOPE_BASE, "(objectClass=*)", attrs,
+                            0, &res), 0);
+    char **got = ldap_get_values(h.ld, ldap_first_entry(h.ld, res), pw);
+    EXPECT_NE(got, nullptr);
+    ldap_value_free(got);
+    ldap_msgfree(res);
+}
+
+TEST(ClientCertificate, UnknownLabelFailsWithTheToolkitCode)
+{
+    SlapdFixture &s = tls_slapd();
+    WZR_REQUIRE_SLAPD(s);
+    Handle h("localhost:" + std::to_string(s.port()));
+    int reason = -1;
+    ASSERT_EQ(ldap_ssl_client_init((s.tls_dir() + "/client.p12").c_str(), s.keydb_pw().c_str(), 0,
+                                   &reason), 0);
+    ASSERT_EQ(ldap_set_option(h.ld, LDAP_OPT_SSL_CERT_LABEL, "nobody"), 0);
+    EXPECT_EQ(ldap_start_tls_s_np(h.ld, nullptr), WZR_ERR_LABEL_NOT_FOUND);
+    EXPECT_EQ(h.ld->ld_ssl_reason, 407);
+}
+
+TEST(Ldaps, SixteenThreadsShareOneHandle)
+{
+    SlapdFixture &s = tls_slapd();
+    WZR_REQUIRE_SLAPD(s);
+    ASSERT_EQ(init_trusting(s), 0);
+    Handle h("ldaps://localhost:" + std::to_string(s.ldaps_port()));
+    ASSERT_EQ(ldap_simple_bind_s(h.ld, nullptr, nullptr), 0) << error_text(h.ld);
+    std::vector<int> found(16, 0);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 16; ++t)
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 10; ++i)
+                found[t] += count_people(h.ld, s.base()) == 9;
+        });
+    for (std::thread &t : threads)
+        t.join();
+    for (int t = 0; t < 16; ++t)
+        EXPECT_EQ(found[t], 10) << "thread " << t;
+}
+
+// Toolkit loading: absent, refused, another version, or lacking an entry point: 118 for
+// secure requests, plain connections unaffected.
+TEST(Toolkit, AbsentToolkitGives118AndPlainStillWorks)
+{
+    unsetenv("WZRKIT_LOCAL_INSTALL_MODE"); // look in /usr/lib64, where no toolkit is
+    SlapdFixture &s = tls_slapd();
+    WZR_REQUIRE_SLAPD(s);
+    int reason = -1;
+    EXPECT_EQ(ldap_ssl_client_init(nullptr, nullptr, 0, &reason), LDAP_SSL_NOT_AVAILABLE);
+    Handle secure("ldaps://localhost:" + std::to_string(s.ldaps_port()));
+    EXPECT_EQ(ldap_simple_bind_s(secure.ld, nullptr, nullptr), LDAP_SSL_NOT_AVAILABLE);
+    Handle plain(s.uri());
+    EXPECT_EQ(ldap_simple_bind_s(plain.ld, nullptr, nullptr), 0);
+    EXPECT_STREQ(ldap_ssl_strerror(0), "Wzrkit not loaded");
+}
+
+TEST(Toolkit, SettingsSelectOrRefuseTheFiles)
+{
+    const struct {
+        const char *var, *value;
+        int expected;
+    } cases[] = {{"WZRKIT_CLIENT_VERSION", "9", LDAP_SSL_NOT_AVAILABLE}, // no libwzr9*_64.so
+                 {"WZRKIT_CLIENT_VERSION", "6", LDAP_SSL_NOT_AVAILABLE}, // lacks an entry
+                 {"WZRKIT_SHIPPED_ICC", "true", LDAP_SSL_NOT_AVAILABLE},
+                 {"WZRKIT_CLIENT_VERSION", "8", 0}};
+    for (const auto &c : cases) {
+        // Each case in a child process: the settings are read once per process.
+        pid_t pid = fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0) {
+            setenv(c.var, c.value, 1);
+            int reason = -1;
+            _exit(ldap_ssl_client_init(nullptr, nullptr, 0, &reason));
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
+        EXPECT_EQ(WEXITSTATUS(status), c.expected) << c.var << "=" << c.value;
+    }
+}
+
+TEST(Handshake, SilentPeerFailsAfterTheHandshakeTimeOut)
+{
+    setenv("OPX_SSL_CLIENT_HANDSHAKE_TIMEOUT_MILLISECS", "300", 1);
+    wzrtest::LoopbackListener silent;
+    ASSERT_TRUE(silent.ok());
+    int reason = -1;
+    ASSERT_EQ(ldap_ssl_client_init(nullptr, nullptr, 0, &reason), 0);
+    Handle h("ldaps://127.0.0.1:" + std::to_string(silent.port()));
+    EXPECT_EQ(ldap_simple_bind_s(h.ld, nullptr, nullptr), LDAP_SSL_HANDSHAKE_FAILED);
+    EXPECT_EQ(h.ld->ld_ssl_reason, WZR_ERR_IO);
+}
+
+// Hostile peers: garbage instead of a ServerHello, a close in the middle, a 16 MB "chain".
+TEST(Handshake, HostilePeersFailWith116AndTheirReason)
+{
+    int reason = -1;
+    ASSERT_EQ(ldap_ssl_client_init(nullptr, nullptr, 0, &reason), 0);
+    const std::string huge_record = std::string("\x16\x03\x03\xff\xff", 5) + std::string(65535, 'A');
+    const struct {
+        std::string bytes;
+        int reason;
+    } cases[] = {{"HTTP/1.1 400 Bad Request\r\n\r\n", WZR_ERR_BAD_MESSAGE},
+                 {"", WZR_ERR_SOCKET_CLOSED},
+                 {std::string(256, '\x16') + huge_record, WZR_ERR_BAD_MESSAGE}};
+    for (const auto &c : cases) {
+        wzrtest::FakeServer server;
+        server.on_connect([&](wzrtest::FakeConnection &conn) {
+            if (!c.bytes.empty())
+                conn.send(c.bytes);
+            conn.close();
+        });
+        Handle h("ldaps://127.0.0.1:" + std::to_string(server.port()));
+        EXPECT_EQ(ldap_simple_bind_s(h.ld, nullptr, nullptr), LDAP_SSL_HANDSHAKE_FAILED);
+        EXPECT_EQ(h.ld->ld_ssl_reason, c.reason) << error_text(h.ld);
+    }
+}
+
+TEST(KeyDatabase, BadFilesAndPasswordsFailWithTheirCodes)
+{
+    SlapdFixture &s = tls_slapd();
+    WZR_REQUIRE_SLAPD(s);
+    std::string p12 = s.tls_dir() + "/client.p12", cut = s.tls_dir() + "/cut.p12";
+    {
+        std::ifstream in(p12, std::ios::binary);
+        std::string all((std::istreambuf_iterator<char>(in)), {});
+        std::ofstream(cut, std::ios::binary) << all.substr(0, all.size() / 2);
+    }
+    const struct {
+        std::string keydb, pw;
+        int reason;
+    } cases[] = {{p12, "wrong", WZR_ERR_BAD_PASSWORD},
+                 {cut, s.keydb_pw(), WZR_ERR_KEYFILE_FORMAT},
+                 {s.tls_dir() + "/client.sth", "x", WZR_ERR_KEYFILE_FORMAT},
+                 {s.tls_dir() + "/missing.p12", "x", WZR_ERR_KEYRING_OPEN}};
+    for (const auto &c : cases) {
+        int reason = -1;
+        EXPECT_EQ(ldap_ssl_environment_init(c.keydb.c_str(), c.pw.c_str(), 0, &reason),
+                  LDAP_SSL_INITIALIZE_FAILED) << c.keydb;
+        EXPECT_EQ(reason, c.reason) << c.keydb;
+    }
+}
+
+} // namespace
