@@ -33,4 +33,15 @@ inline int ldap_fail(LDAP *ld, int code)
     return code;
 }
 
+// Records code like ldap_fail unless the thread's record holds that code already, so that a
+// message recorded with it where the failure was seen (a handshake's reason) survives the
+// layers the failure passes on its way out.
+inline int ldap_fail_once(LDAP *ld, int code)
+{
+    int have = 0, ext = 0;
+    if (ldap_read_error_record(ld, &have, &ext, nullptr, nullptr) == 0 && have == code)
+        return code;
+    return ldap_fail(ld, code);
+}
+
 #endif

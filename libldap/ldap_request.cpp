@@ -229,7 +229,7 @@ int ldap_write_msg(LDAP *ld, LDAPMessage *request, const LDAPDeadline &until)
     }
     int rc = open_if_needed(ld, lc, until);
     if (rc != 0)
-        return ldap_fail(ld, rc);
+        return ldap_fail_once(ld, rc);
     LDAP_TRACE(LDAP_TRC_API, "ldap_write_msg: connected to host\n");
 
     // Written at once: a wait for a writable socket first would cost a system call per
@@ -262,5 +262,5 @@ int ldap_send_request(LDAP *ld, LDAPConn *lc, LDAPMessage *request, const LDAPDe
         ldap_msg_table_release_msgid(table, msgid);
     else
         free_msg(request, 0);
-    return ldap_fail(ld, rc);
+    return ldap_fail_once(ld, rc);
 }

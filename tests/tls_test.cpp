@@ -131,7 +131,8 @@ TEST(Ldaps, UntrustedChainAndWrongNameFailWith116AndTheReason)
     Handle wrong_name("ldaps://2130706433:" + std::to_string(s.ldaps_port()));
     EXPECT_EQ(ldap_simple_bind_s(wrong_name.ld, nullptr, nullptr), LDAP_SSL_HANDSHAKE_FAILED);
     EXPECT_EQ(wrong_name.ld->ld_ssl_reason, WZR_ERR_BAD_PEER);
-    EXPECT_STREQ(ldap_ssl_strerror(wrong_name.ld->ld_ssl_reason), "Bad peer");
+    EXPECT_NE(error_text(wrong_name.ld).find("does not name 2130706433"), std::string::npos)
+        << error_text(wrong_name.ld);
 
     Handle by_address("ldaps://127.0.0.1:" + std::to_string(s.ldaps_port()));
     EXPECT_EQ(ldap_simple_bind_s(by_address.ld, nullptr, nullptr), 0) << error_text(by_address.ld);

@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Demonstration: installs what is missing, builds the wzrldap tool, starts a throwaway slapd
-# holding the tests' sample directory (with 2,000 bulk entries and a size limit of 500),
-# searches, adds and modifies through wzrldap, searches again, meets a referral, lists the bulk
-# entries page by page past the size limit, shows a sorted window, and stops the server by its
-# pid. Usage: bash tools/demo.sh [BUILD_DIR]
+# holding the tests' sample directory (with 2,000 bulk entries, a size limit of 500, and a CA and
+# a server certificate made by openssl), searches, adds and modifies through wzrldap, searches
+# again over LDAPS and with StartTLS, meets a referral, lists the bulk entries page by page past
+# the size limit, shows a sorted window, and stops the server by its pid.
+# Usage: bash tools/demo.sh [BUILD_DIR]
 set -euo pipefail
 
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -14,7 +15,7 @@ bash "$ROOT/tools/install-deps.sh"
 echo "== building wzrldap"
 mkdir -p "$BUILD"
 cmake -S "$ROOT" -B "$BUILD" -G Ninja > "$BUILD/demo-build.log" 2>&1 &&
-    cmake --build "$BUILD" --target wzrldap -j "$(nproc)" >> "$BUILD/demo-build.log" 2>&1 ||
+    cmake --build "$BUILD" --target wzrldap wzrkit_ssl -j "$(nproc)" >> "$BUILD/demo-build.log" 2>&1 ||
     { cat "$BUILD/demo-build.log"; exit 1; }
 WZRLDAP="$BUILD/tools/wzrldap"
 
@@ -24,9 +25,12 @@ cleanup() {
     rm -rf "$DIR"
 }
 trap cleanup EXIT
-bash "$SANDBOX" init "$DIR" --bulk 2000 --controls
+bash "$SANDBOX" init "$DIR" --bulk 2000 --controls --tls
 URI=$(bash "$SANDBOX" start "$DIR")
-echo "== slapd $(cat "$DIR/slapd.pid") serves dc=example,dc=com at $URI"
+LDAPS_URI="ldaps://localhost:$(cat "$DIR/ldaps_port")"
+echo "== slapd $(cat "$DIR/slapd.pid") serves dc=example,dc=com at $URI and $LDAPS_URI"
+# The toolkit built here is found through the library search path in local install mode.
+export WZRKIT_LOCAL_INSTALL_MODE=1 LD_LIBRARY_PATH="$BUILD/wzrkit${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}"
 
 BASE="ou=people,dc=example,dc=com"
 ADMIN=(-D "cn=Manager,dc=example,dc=com" -w manager-secret)
@@ -75,7 +79,10 @@ add: mail
 mail: alice@wzrldap.example
 EOF
 
-show search -H "$URI" -b "$BASE" "(|(uid=alice)(uid=newcomer))" cn mail title
+show search -H "$LDAPS_URI" --keydb "$DIR/tls/ca.pem" -b "$BASE" "(|(uid=alice)(uid=newcomer))" \
+    cn mail title
+
+show search -H "$URI" -ZZ --keydb "$DIR/tls/ca.pem" -b "$BASE" -s one "(|(uid=user001)(uid=user002))" uid
 
 # A referral to a server that does not answer: followed by default, and reported with its URL
 # when it cannot be; with --no-referrals not followed but printed as an LDIF comment.

@@ -5,7 +5,7 @@
 set -euo pipefail
 
 pkgs=(g++ cmake ninja-build pkg-config binutils perl libgtest-dev libgmock-dev
-      libbenchmark-dev libldap-dev ldap-utils slapd iproute2 util-linux
+      libbenchmark-dev libldap-dev ldap-utils slapd iproute2 util-linux libssl-dev openssl
       libsasl2-dev libsasl2-modules libsasl2-modules-gssapi-mit krb5-kdc krb5-admin-server
       krb5-user)
 if [ "${1:-}" = --ci ]; then

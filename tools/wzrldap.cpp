@@ -1,5 +1,5 @@
 // wzrldap: a command-line LDAP client on the library (its internal API reaches what the
-// exported interface cannot: server texts, referrals, new superiors). "search" prints entries
+// exported interface cannot: server texts, referrals, new superiors, SASL, StartTLS). "search" prints entries
 // as LDIF, refusing attribute names that LDIF cannot carry; "add", "modify", "delete" and
 // "modrdn" apply LDIF change records. Flags follow the classic ldapsearch/ldapmodify tools.
 #include "wzrldap.h"
@@ -7,6 +7,7 @@
 #include "ldif.h"
 #include "sasl_bind.h"
 #include "search_ext.h"
+#include "tls_options.h"
 #include "wzrldap_results.h"
 
 #include <cerrno>
@@ -46,6 +47,7 @@ struct Options {
     bool continue_on_error = false, dry_run = false, default_add = false, delete_old_rdn = false;
     std::vector<std::string> args;
     wzrsasl_tool::SaslOptions sasl;
+    wzrtls::TlsOptions tls;
 };
 
 void say(const std::string &text) { std::cerr << "wzrldap: " << text << '\n'; }
@@ -115,7 +117,7 @@ void print_search_help()
                  "description is reported on standard error, escaped, and neither it nor its\n"
                  "values are printed; the rest is printed and the exit status is 84 (decoding\n"
                  "error), whatever the search's own result.\n"
-              << kCommonHelp << wzrsasl_tool::kHelp;
+              << kCommonHelp << wzrsasl_tool::kHelp << wzrtls::kHelp;
 }
 
 void print_update_help(const std::string &cmd)
@@ -142,7 +144,7 @@ void print_update_help(const std::string &cmd)
                  "  -f FILE     read LDIF from FILE (default: standard input)\n"
                  "  -c          continue after a failed change (exit status: the first failure)\n"
                  "  -n          show what would be done without changing anything\n"
-              << kCommonHelp << wzrsasl_tool::kHelp;
+              << kCommonHelp << wzrsasl_tool::kHelp << wzrtls::kHelp;
 }
 
 bool read_all(const std::string &path, std::string *out)
@@ -209,12 +211,13 @@ constexpr int NO_REFERRALS = 0x100; // a long option only
 int parse_options(const std::string &cmd, int argc, char **argv, Options *o)
 {
     const bool search = cmd == "search";
-    std::string flags = std::string(":H:D:w:y:xP:") + wzrsasl_tool::kFlags;
+    std::string flags = std::string(":H:D:w:y:xP:Z") + wzrsasl_tool::kFlags;
     flags += search ? "b:s:z:l:ALCo:E:e:" : "f:cnar";
     // -R is the SASL realm, as in the classic tools, so following referrals is turned off by
     // name; -C (chase) is accepted for those tools' scripts and is the default anyway.
     static const option long_opts[] = {{"help", no_argument, nullptr, 'h'},
                                        {"no-referrals", no_argument, nullptr, NO_REFERRALS},
+                                       WZRTLS_LONG_OPTIONS,
                                        {nullptr, 0, nullptr, 0}};
     optind = 1;
     opterr = 0;
@@ -228,6 +231,10 @@ int parse_options(const std::string &cmd, int argc, char **argv, Options *o)
                 print_update_help(cmd);
             return 0;
         case 'H': o->uri = optarg; break;
+        case 'Z':
+        case wzrtls::kOptKeydb:
+        case wzrtls::kOptKeydbPw:
+        case wzrtls::kOptLabel: (void)wzrtls::parse_option(c, optarg, &o->tls); break;
         case 'D': o->binddn = optarg; break;
         case 'w': o->password = optarg; break;
         case 'y': {
@@ -330,6 +337,12 @@ LDAP *open_session(const Options &o, bool search, int *rc)
         *rc = wzrtool::stop_following_referrals(ld);
     if (*rc != LDAP_SUCCESS) {
         report("setting options", *rc);
+        wzr_ldap_unbind(ld);
+        return nullptr;
+    }
+    if (*rc == LDAP_SUCCESS)
+        *rc = wzrtls::secure_session(ld, o.tls);
+    if (*rc != LDAP_SUCCESS) {
         wzr_ldap_unbind(ld);
         return nullptr;
     }

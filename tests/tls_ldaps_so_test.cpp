@@ -1,0 +1,74 @@
+// LDAPS through the exported interface alone: an ldaps:// URL to wzr_ldap_init and the
+// secure-transport options (key database, its password or stash file, certificate label) set
+// with wzr_ldap_set_option are all a program needs.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "support/slapd_fixture.h"
+#include "wzrldap.h"
+
+namespace {
+
+using wzrtest::SlapdFixture;
+
+const int local_install = setenv("WZRKIT_LOCAL_INSTALL_MODE", "1", 0);
+
+SlapdFixture &tls_slapd()
+{
+    static SlapdFixture fixture;
+    if (SlapdFixture::available() && !fixture.running()) {
+        wzrtest::SlapdOptions opts;
+        opts.tls = true;
+        (void)fixture.start(opts);
+    }
+    return fixture;
+}
+
+int search_people(LDAP *ld, const std::string &base)
+{
+    LDAPMessage *res = nullptr;
+    struct timeval tv = {10, 0};
+    int rc = wzr_ldap_search_st(ld, ("ou=people," + base).c_str(), LDAP_SCOPE_ONELEVEL,
+                                "(uid=user00*)", nullptr, 0, &tv, &res);
+    int n = rc == 0 ? wzr_ldap_count_entries(ld, res) : -rc;
+    wzr_ldap_msgfree(res);
+    return n;
+}
+
+TEST(LdapsExported, UrlAndOptionsReachAVerifiedServer)
+{
+    SlapdFixture &s = tls_slapd();
+    WZR_REQUIRE_SLAPD(s);
+    std::string url = "ldaps://localhost:" + std::to_string(s.ldaps_port());
+    // The client's PKCS#12 key database holds the CA; its password comes from option 152.
+    LDAP *ld = wzr_ldap_init(url.c_str(), 0);
+    ASSERT_NE(ld, nullptr);
+    std::string keydb = s.tls_dir() + "/client.p12";
+    ASSERT_EQ(wzr_ldap_set_option(ld, LDAP_OPT_SSL_KEYRING, keydb.c_str()), 0);
+    ASSERT_EQ(wzr_ldap_set_option(ld, LDAP_OPT_SSL_KEYRING_PW, s.keydb_pw().c_str()), 0);
+    ASSERT_EQ(wzr_ldap_simple_bind_s(ld, s.user_dn().c_str(), s.user_pw().c_str()), 0);
+    EXPECT_EQ(search_people(ld, s.base()), 9);
+    EXPECT_EQ(wzr_ldap_unbind(ld), 0);
+
+    // A second handle shares the process's environment: no options needed any more.
+    LDAP *again = wzr_ldap_init(url.c_str(), 0);
+    ASSERT_NE(again, nullptr);
+    EXPECT_EQ(search_people(again, s.base()), 9);
+    EXPECT_EQ(wzr_ldap_unbind(again), 0);
+}
+
+TEST(LdapsExported, WrongPasswordIsReportedAsAFailedInitialisation)
+{
+    SlapdFixture &s = tls_slapd();
+    WZR_REQUIRE_SLAPD(s);
+    LDAP *ld = wzr_ldap_init(("ldaps://localhost:" + std::to_string(s.ldaps_port())).c_str(), 0);
+    ASSERT_NE(ld, nullptr);
+    ASSERT_EQ(wzr_ldap_set_option(ld, LDAP_OPT_SSL_KEYRING, (s.tls_dir() + "/client.p12").c_str()), 0);
+    ASSERT_EQ(wzr_ldap_set_option(ld, LDAP_OPT_SSL_KEYRING_PW, "wrong"), 0);
+    EXPECT_EQ(wzr_ldap_simple_bind_s(ld, nullptr, nullptr), LDAP_SSL_INITIALIZE_FAILED);
+    EXPECT_EQ(wzr_ldap_unbind(ld), 0);
+}
+
+} // namespace
