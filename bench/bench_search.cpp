@@ -1,11 +1,13 @@
 // Search throughput against a local slapd holding 10,000 bulk entries of about ten attributes:
 // one subtree search returning them all, every DN, attribute and value walked, measured as
 // client CPU and wall time per entry, side by side with the same walk through OpenLDAP's
-// client library (peer_search.cpp). The same walk over a paged listing of 100,000 entries
-// (pages of 500) from a second server. Also filter encoding and DN parsing per second.
+// client library (peer_search.cpp); the same over LDAPS, and the cost of one LDAPS handshake
+// and bind. The same walk over a paged listing of 100,000 entries (pages of 500) from a second
+// server. Also filter encoding and DN parsing per second.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <string>
 
@@ -18,6 +20,7 @@
 #include "libldap/ldap_init.h"
 #include "libldap/ldap_message.h"
 #include "libldap/ldap_search.h"
+#include "libldap/ldap_ssl.h"
 #include "libldap/ldap_unbind.h"
 #include "peer_search.h"
 #include "support/slapd_fixture.h"
@@ -106,9 +109,23 @@ LDAP *open_manager(const wzrtest::SlapdFixture &s)
     return ld;
 }
 
-void BM_SubtreeWalk_Wzr(benchmark::State &state)
+std::string ldaps_uri() { return "ldaps://127.0.0.1:" + std::to_string(slapd->ldaps_port()); }
+
+// A handle bound as the manager, over LDAPS or in the clear; nullptr when that fails.
+LDAP *open_bound(bool secure)
 {
-    LDAP *ld = open_manager(*slapd);
+    LDAP *ld = secure ? ldap_init(ldaps_uri().c_str(), 0) : ldap_init("127.0.0.1", slapd->port());
+    if (ld != nullptr &&
+        ldap_simple_bind_s(ld, slapd->manager_dn().c_str(), slapd->manager_pw().c_str()) != 0) {
+        ldap_unbind(ld);
+        return nullptr;
+    }
+    return ld;
+}
+
+void subtree_walk_wzr(benchmark::State &state, bool secure)
+{
+    LDAP *ld = open_bound(secure);
     if (ld == nullptr) {
         state.SkipWithError("bind failed");
         return;
@@ -125,7 +142,6 @@ void BM_SubtreeWalk_Wzr(benchmark::State &state)
     });
     ldap_unbind(ld);
 }
-BENCHMARK(BM_SubtreeWalk_Wzr)->Unit(benchmark::kMillisecond)->MinTime(3.0);
 
 int walk_page(void *arg, LDAP *ld, LDAPMessage *page)
 {
@@ -167,9 +183,9 @@ void BM_PagedListing_OpenLDAP(benchmark::State &state)
 }
 BENCHMARK(BM_PagedListing_OpenLDAP)->Unit(benchmark::kMillisecond)->Iterations(3);
 
-void BM_SubtreeWalk_OpenLDAP(benchmark::State &state)
+void subtree_walk_peer(benchmark::State &state, const std::string &uri)
 {
-    void *ld = peer::open_bound(slapd->uri().c_str(), slapd->manager_dn().c_str(),
+    void *ld = peer::open_bound(uri.c_str(), slapd->manager_dn().c_str(),
                                 slapd->manager_pw().c_str());
     if (ld == nullptr) {
         state.SkipWithError("bind failed");
@@ -181,7 +197,42 @@ void BM_SubtreeWalk_OpenLDAP(benchmark::State &state)
     });
     peer::close(ld);
 }
+
+void BM_SubtreeWalk_Wzr(benchmark::State &state) { subtree_walk_wzr(state, false); }
+void BM_SubtreeWalk_OpenLDAP(benchmark::State &state) { subtree_walk_peer(state, slapd->uri()); }
+void BM_SubtreeWalkLdaps_Wzr(benchmark::State &state) { subtree_walk_wzr(state, true); }
+void BM_SubtreeWalkLdaps_OpenLDAP(benchmark::State &state) { subtree_walk_peer(state, ldaps_uri()); }
+BENCHMARK(BM_SubtreeWalk_Wzr)->Unit(benchmark::kMillisecond)->MinTime(3.0);
 BENCHMARK(BM_SubtreeWalk_OpenLDAP)->Unit(benchmark::kMillisecond)->MinTime(3.0);
+BENCHMARK(BM_SubtreeWalkLdaps_Wzr)->Unit(benchmark::kMillisecond)->MinTime(3.0);
+BENCHMARK(BM_SubtreeWalkLdaps_OpenLDAP)->Unit(benchmark::kMillisecond)->MinTime(3.0);
+
+// One LDAPS connection: TCP connect, handshake with chain and name checks, bind, unbind.
+void BM_LdapsHandshakeAndBind_Wzr(benchmark::State &state)
+{
+    for (auto _ : state) {
+        LDAP *ld = open_bound(true);
+        if (ld == nullptr) {
+            state.SkipWithError("LDAPS bind failed");
+            break;
+        }
+        ldap_unbind(ld);
+    }
+}
+void BM_LdapsHandshakeAndBind_OpenLDAP(benchmark::State &state)
+{
+    for (auto _ : state) {
+        void *ld = peer::open_bound(ldaps_uri().c_str(), slapd->manager_dn().c_str(),
+                                    slapd->manager_pw().c_str());
+        if (ld == nullptr) {
+            state.SkipWithError("LDAPS bind failed");
+            break;
+        }
+        peer::close(ld);
+    }
+}
+BENCHMARK(BM_LdapsHandshakeAndBind_Wzr)->Unit(benchmark::kMillisecond)->MinTime(2.0);
+BENCHMARK(BM_LdapsHandshakeAndBind_OpenLDAP)->Unit(benchmark::kMillisecond)->MinTime(2.0);
 
 // Small searches (one bulk entry by uid, two attributes) from 1, 4 and 16 threads sharing one
 // handle, side by side with OpenLDAP's client library sharing one handle the same way:
@@ -333,6 +384,7 @@ int main(int argc, char **argv)
     wzrtest::SlapdFixture server;
     wzrtest::SlapdOptions opts;
     opts.bulk_entries = BULK_ENTRIES;
+    opts.tls = true;
     if (!wzrtest::SlapdFixture::available() || !server.start(opts)) {
         fprintf(stderr, "bench_search: slapd did not start: %s\n", server.error().c_str());
         return 1;
@@ -346,6 +398,13 @@ int main(int argc, char **argv)
                 paged.error().c_str());
         return 1;
     }
+    // Both clients trust the sandbox CA; ours finds the toolkit built here (run path).
+    std::string ca = server.tls_dir() + "/ca.pem";
+    setenv("LDAPTLS_CACERT", ca.c_str(), 1);
+    setenv("WZRKIT_LOCAL_INSTALL_MODE", "1", 1);
+    int reason = 0;
+    if (ldap_ssl_client_init(ca.c_str(), nullptr, 0, &reason) != 0)
+        fprintf(stderr, "bench_search: no secure transport (reason %d): LDAPS runs fail\n", reason);
     slapd = &server;
     paged_slapd = &paged;
     benchmark::RunSpecifiedBenchmarks();

@@ -209,7 +209,7 @@ TEST(ClientCertificate, UnknownLabelFailsWithTheToolkitCode)
     EXPECT_EQ(h.ld->ld_ssl_reason, 407);
 }
 
-TEST(Ldaps, SixteenThreadsShareOneHandle)
+TEST(LdapsThreads, SixteenShareOneHandle)
 {
     SlapdFixture &s = tls_slapd();
     WZR_REQUIRE_SLAPD(s);
