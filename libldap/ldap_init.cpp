@@ -224,8 +224,12 @@ int secure_host_entry(LDAP *ld, LDAPConn *lc, const char *host, const LDAPDeadli
     int rc = set_socket_nb_sd(lc->sb.sb_sd) != 0 ? LDAP_SERVER_DOWN : 0;
     if (rc == 0 && lc->ssl_ref == nullptr)
         rc = ldap_ssl_attach_initialising(ld, lc);
+    char *label = nullptr;
     if (rc == 0)
-        rc = open_ssl_connection(ld, lc, host, WZR_PROTOCOL_SSL_PORT, until);
+        rc = ldap_ssl_copy_label(ld, &label);
+    if (rc == 0)
+        rc = open_ssl_connection(ld, lc, host, label, WZR_PROTOCOL_SSL_PORT, until);
+    lber_free(label);
     if (rc != 0)
         LDAP_TRACE(LDAP_TRC_ERROR, "open_ldap_connection: open_ssl_connection failed with rc=%d\n",
                    rc);
@@ -239,7 +243,8 @@ int open_host_entry(LDAP *ld, LDAPConn *lc, const LDAPHostEntry &entry, const LD
                              0, ldap_deadline_wait(until, &left));
     if (rc != 0)
         return rc;
-    if (ld->ld_ssl_in_use && (rc = secure_host_entry(ld, lc, entry.host, until)) != 0) {
+    if (__atomic_load_n(&ld->ld_ssl_in_use, __ATOMIC_ACQUIRE) != 0 &&
+        (rc = secure_host_entry(ld, lc, entry.host, until)) != 0) {
         close_socket(lc);
         return rc;
     }

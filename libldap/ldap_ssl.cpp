@@ -113,18 +113,20 @@ bool set_keyring(void *env, const char *keyring, const char **chosen, int *reaso
     return set_string(env, WZR_KEYRING_FILE, keyring, "key database", reason);
 }
 
-bool set_password_or_stash(void *env, const char *keyring, const char *pw, int *reason)
+// 0, 90, or 113 when the toolkit refuses the value.
+int set_password_or_stash(void *env, const char *keyring, const char *pw, int *reason)
 {
-    if (pw != nullptr && pw[0] != '\0')
-        return set_string(env, WZR_KEYRING_PW, pw, "password", reason);
-    if (keyring == nullptr)
-        return true;
-    char *stash = stash_name(keyring);
-    if (stash == nullptr)
-        return fail_with(reason, 0, 0) != 0;
-    bool ok = set_string(env, WZR_KEYRING_STASH_FILE, stash, "stash file", reason);
-    lber_free(stash);
-    return ok;
+    bool ok = true;
+    if (pw != nullptr && pw[0] != '\0') {
+        ok = set_string(env, WZR_KEYRING_PW, pw, "password", reason);
+    } else if (keyring != nullptr) {
+        char *stash = stash_name(keyring);
+        if (stash == nullptr)
+            return LDAP_NO_MEMORY;
+        ok = set_string(env, WZR_KEYRING_STASH_FILE, stash, "stash file", reason);
+        lber_free(stash);
+    }
+    return ok ? 0 : LDAP_SSL_INITIALIZE_FAILED;
 }
 
 const wzr_io_callbacks CLIENT_CALLBACKS = {client_ssl_read, client_ssl_write};
@@ -133,9 +135,11 @@ int prepare_wzr_init_data(void *env, const char *keyring, const char *pw, int *r
 {
     const char *chosen = nullptr;
     int fips = ssl_controls.fips == 1 ? WZR_FIPS_MODE_PROCESSING_ON : WZR_FIPS_MODE_PROCESSING_OFF;
-    if (!set_keyring(env, keyring, &chosen, reason) ||
-        !set_password_or_stash(env, chosen, pw, reason) ||
-        !set_ok(wzr_fn.attribute_set_enum(env, WZR_FIPS_MODE, fips), "FIPS mode", reason) ||
+    if (!set_keyring(env, keyring, &chosen, reason))
+        return LDAP_SSL_INITIALIZE_FAILED;
+    if (int rc = set_password_or_stash(env, chosen, pw, reason); rc != 0)
+        return rc;
+    if (!set_ok(wzr_fn.attribute_set_enum(env, WZR_FIPS_MODE, fips), "FIPS mode", reason) ||
         !set_ok(wzr_fn.attribute_set_callback(env, WZR_IO_CALLBACK, &CLIENT_CALLBACKS),
                 "I/O callbacks", reason))
         return LDAP_SSL_INITIALIZE_FAILED;
@@ -395,6 +399,18 @@ int ldap_ssl_attach(LDAPConn *lc)
     return 0;
 }
 
+int ldap_ssl_copy_label(LDAP *ld, char **label)
+{
+    *label = nullptr;
+    LDAP_LOCK(guard, &ld->ld_mutex, MODULE);
+    if (!guard.locked())
+        return guard.rc();
+    if (ld->ld_ssl_label == nullptr || ld->ld_ssl_label[0] == '\0')
+        return 0;
+    *label = lber_strdup(ld->ld_ssl_label);
+    return *label != nullptr ? 0 : LDAP_NO_MEMORY;
+}
+
 bool ldap_ssl_suiteb_on()
 {
     LDAP_LOCK(guard, ldap_ssl_mutex(), MODULE);
@@ -452,7 +468,7 @@ int ldap_ssl_start_direct(LDAP *ld, const char *keyring, const char *keyring_pw,
         ld->ld_ssl_label = copy;
     }
     // The default connection opens lazily, and opens secure from now on.
-    ld->ld_ssl_in_use = 1;
+    __atomic_store_n(&ld->ld_ssl_in_use, 1, __ATOMIC_RELEASE);
     return 0;
 }
 

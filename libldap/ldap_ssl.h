@@ -73,11 +73,15 @@ void deleteWzrEnvRef(WzrEnvRef *ref);
 [[nodiscard]] int setClientProtocols(void *target, bool env_level, int port_kind,
                                      const char *protocols);
 
+// A copy of the handle's certificate label (option 153) taken under the handle mutex, or
+// null without one: 0, 90 or 129.
+[[nodiscard]] int ldap_ssl_copy_label(LDAP *ld, char **label);
 // Runs the handshake on the connection's socket (already attached to an environment) and
 // makes its Sockbuf secure. protocol: WZR_PROTOCOL_SSL_PORT or WZR_PROTOCOL_STARTTLS; `host`
-// is the name the server's certificate must carry. Failures are recorded in the handle.
-[[nodiscard]] int open_ssl_connection(LDAP *ld, LDAPConn *lc, const char *host, int protocol,
-                                      const LDAPDeadline &until);
+// is the name the server's certificate must carry, `label` (or null) the client certificate.
+// A handshake failure is recorded in the handle with its reason.
+[[nodiscard]] int open_ssl_connection(LDAP *ld, LDAPConn *lc, const char *host,
+                                      const char *label, int protocol, const LDAPDeadline &until);
 bool ldap_ssl_suiteb_on(); // Suite B 128 or 192 in force
 void ssl_close_direct(Sockbuf *sb);
 // Closes the secure socket and gives the connection's environment reference back.

@@ -278,15 +278,15 @@ void trace_session(void *soc)
 }
 
 // Label, protocols and the record, then the handshake. 0 or the result to return.
-int configure_and_shake(LDAP *ld, LDAPConn *lc, void *soc, const char *host, int protocol,
-                        const LDAPDeadline &until)
+int configure_and_shake(LDAP *ld, LDAPConn *lc, void *soc, const char *host, const char *label,
+                        int protocol, const LDAPDeadline &until)
 {
     if (wzr_fn.attribute_set_numeric_value(soc, WZR_FD, lc->sb.sb_sd) != 0 ||
         (host != nullptr && host[0] != '/' &&
          wzr_fn.attribute_set_buffer(soc, WZR_PEER_NAME, host, 0) != 0))
         return LDAP_SSL_PARAM_ERROR;
-    if (ld->ld_ssl_label != nullptr && ld->ld_ssl_label[0] != '\0') {
-        int code = wzr_fn.attribute_set_buffer(soc, WZR_KEYRING_LABEL, ld->ld_ssl_label, 0);
+    if (label != nullptr) {
+        int code = wzr_fn.attribute_set_buffer(soc, WZR_KEYRING_LABEL, label, 0);
         if (code != 0) {
             __atomic_store_n(&ld->ld_ssl_reason, REASON_BAD_LABEL, __ATOMIC_RELAXED);
             return code;
@@ -343,8 +343,8 @@ int client_ssl_write(int fd, const void *buf, int len, void *user_data)
     return client_io(fd, const_cast<void *>(buf), len, user_data, true);
 }
 
-int open_ssl_connection(LDAP *ld, LDAPConn *lc, const char *host, int protocol,
-                        const LDAPDeadline &until)
+int open_ssl_connection(LDAP *ld, LDAPConn *lc, const char *host, const char *label,
+                        int protocol, const LDAPDeadline &until)
 {
     if (!ldap_skit_loaded()) {
         LDAP_TRACE(LDAP_TRC_ERROR, "Error - open_ssl_connection(): Could not open ssl connection "
@@ -359,7 +359,7 @@ int open_ssl_connection(LDAP *ld, LDAPConn *lc, const char *host, int protocol,
                    code, ldap_ssl_strerror(code));
         return LDAP_SSL_INITIALIZE_FAILED;
     }
-    int rc = configure_and_shake(ld, lc, soc, host, protocol, until);
+    int rc = configure_and_shake(ld, lc, soc, host, label, protocol, until);
     if (rc != 0) {
         LDAP_TRACE(LDAP_TRC_ERROR, "In open_ssl_connection(): rc: %d (%s) closing ssl session and "
                                    "freeing socket buffer resources.\n", rc, ldap_err2string(rc));

@@ -35,7 +35,7 @@ int send_start_tls(LDAP *ld, const LDAPDeadline &until, int *msgidp)
 }
 
 // The handshake on the default connection, which nobody else reads or writes meanwhile.
-int do_handshake(LDAP *ld, LDAPConn *lc)
+int do_handshake(LDAP *ld, LDAPConn *lc, const char *label)
 {
     LDAP_TRACE(LDAP_TRC_API, "In ldap_tls:doHandshake(): from ldap_start_tls_s_np() \n");
     if (lc->sb.sb_secure != nullptr)
@@ -54,10 +54,21 @@ int do_handshake(LDAP *ld, LDAPConn *lc)
                        "WARNING ldap_start_tls_s_np(): TSL10 is required setting TLS10 ON \n");
     }
     const char *host = lc->resolved != nullptr ? lc->resolved : lc->host;
-    int rc = open_ssl_connection(ld, lc, host, WZR_PROTOCOL_STARTTLS, LDAPDeadline{});
+    int rc = open_ssl_connection(ld, lc, host, label, WZR_PROTOCOL_STARTTLS, LDAPDeadline{});
     if (rc != 0)
         ldap_ssl_release_conn(lc); // the connection stays plain
     return rc;
+}
+
+int handshake_excluding_others(LDAP *ld, LDAPConn *lc, const char *label)
+{
+    LDAP_LOCK(writing, &lc->write_lock, MODULE);
+    if (!writing.locked())
+        return writing.rc();
+    LDAP_LOCK(reading, &lc->read_lock, MODULE);
+    if (!reading.locked())
+        return reading.rc();
+    return do_handshake(ld, lc, label);
 }
 
 } // namespace
@@ -67,13 +78,12 @@ int ldap_start_tls_handshake(LDAP *ld)
     LDAPConn *lc = ld->ld_defconn;
     if (lc == nullptr)
         return LDAP_SERVER_DOWN;
-    LDAP_LOCK(writing, &lc->write_lock, MODULE);
-    if (!writing.locked())
-        return writing.rc();
-    LDAP_LOCK(reading, &lc->read_lock, MODULE);
-    if (!reading.locked())
-        return reading.rc();
-    return do_handshake(ld, lc);
+    char *label = nullptr; // taken before the connection's locks: the handle mutex never nests there
+    if (int rc = ldap_ssl_copy_label(ld, &label); rc != 0)
+        return rc;
+    int rc = handshake_excluding_others(ld, lc, label);
+    lber_free(label);
+    return rc;
 }
 
 int ldap_start_tls_s_np(LDAP *ld, void * /*unused*/)

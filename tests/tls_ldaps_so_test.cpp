@@ -12,19 +12,10 @@
 namespace {
 
 using wzrtest::SlapdFixture;
+using wzrtest::tls_slapd;
 
 const int local_install = setenv("WZRKIT_LOCAL_INSTALL_MODE", "1", 0);
 
-SlapdFixture &tls_slapd()
-{
-    static SlapdFixture fixture;
-    if (SlapdFixture::available() && !fixture.running()) {
-        wzrtest::SlapdOptions opts;
-        opts.tls = true;
-        (void)fixture.start(opts);
-    }
-    return fixture;
-}
 
 int search_people(LDAP *ld, const std::string &base)
 {

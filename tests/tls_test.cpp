@@ -29,21 +29,11 @@
 namespace {
 
 using wzrtest::SlapdFixture;
+using wzrtest::tls_slapd;
 
 // The toolkit built here is found by its bare names through the library path.
 const int local_install = setenv("WZRKIT_LOCAL_INSTALL_MODE", "1", 0);
 
-SlapdFixture &tls_slapd(const char *verify = "try")
-{
-    static SlapdFixture fixture;
-    if (SlapdFixture::available() && !fixture.running()) {
-        wzrtest::SlapdOptions opts;
-        opts.tls = true;
-        opts.verify_client = verify;
-        (void)fixture.start(opts);
-    }
-    return fixture;
-}
 
 struct Handle {
     LDAP *ld = nullptr;

@@ -2,6 +2,7 @@
 // provider (default, or FIPS on request), and the translation of the suite lists the library
 // speaks (two-hex-digit codes, IANA names) into OpenSSL's cipher names.
 #include <cstring>
+#include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/provider.h>
 #include <openssl/ssl.h>
@@ -18,17 +19,6 @@ std::string name_of_code(SSL *ssl, unsigned code)
     return c != nullptr ? SSL_CIPHER_get_name(c) : "";
 }
 
-int hex_digit(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
 void append_name(std::string *list, const std::string &name)
 {
     if (name.empty() || (":" + *list + ":").find(":" + name + ":") != std::string::npos)
@@ -43,7 +33,8 @@ void append_codes(std::string *list, const std::string &codes)
     SSL_CTX *ctx = SSL_CTX_new(TLS_client_method());
     SSL *ssl = ctx != nullptr ? SSL_new(ctx) : nullptr;
     for (size_t i = 0; ssl != nullptr && i + 1 < codes.size(); i += 2) {
-        int hi = hex_digit(codes[i]), lo = hex_digit(codes[i + 1]);
+        int hi = OPENSSL_hexchar2int(static_cast<unsigned char>(codes[i]));
+        int lo = OPENSSL_hexchar2int(static_cast<unsigned char>(codes[i + 1]));
         if (hi >= 0 && lo >= 0)
             append_name(list, name_of_code(ssl, static_cast<unsigned>(hi * 16 + lo)));
     }

@@ -420,4 +420,16 @@ SlapdFixture &shared_slapd()
     return shared.fixture;
 }
 
+SlapdFixture &tls_slapd(const std::string &verify_client)
+{
+    static SlapdFixture fixture;
+    if (SlapdFixture::available() && !fixture.running()) {
+        SlapdOptions opts;
+        opts.tls = true;
+        opts.verify_client = verify_client;
+        (void)fixture.start(opts);
+    }
+    return fixture;
+}
+
 } // namespace wzrtest

@@ -87,6 +87,9 @@ private:
 // and stopped at exit. Tests must leave its data as they found it (or use their own fixture).
 SlapdFixture &shared_slapd();
 
+// One server per test program with TLS on (SlapdOptions::tls), started on first use.
+SlapdFixture &tls_slapd(const std::string &verify_client = "try");
+
 // Skips the current test when slapd is not installed; fails it when the server will not start.
 #define WZR_REQUIRE_SLAPD(fixture)                                                        \
     do {                                                                                 \

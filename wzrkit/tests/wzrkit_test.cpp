@@ -15,17 +15,8 @@
 namespace {
 
 using wzrtest::SlapdFixture;
+using wzrtest::tls_slapd;
 
-SlapdFixture &tls_slapd()
-{
-    static SlapdFixture fixture;
-    if (SlapdFixture::available() && !fixture.running()) {
-        wzrtest::SlapdOptions opts;
-        opts.tls = true;
-        (void)fixture.start(opts);
-    }
-    return fixture;
-}
 
 struct Env {
     wzr_handle h = nullptr;
