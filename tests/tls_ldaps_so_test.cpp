@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <string>
 
 #include "support/slapd_fixture.h"
@@ -60,6 +62,26 @@ TEST(LdapsExported, WrongPasswordIsReportedAsAFailedInitialisation)
     ASSERT_EQ(wzr_ldap_set_option(ld, LDAP_OPT_SSL_KEYRING_PW, "wrong"), 0);
     EXPECT_EQ(wzr_ldap_simple_bind_s(ld, nullptr, nullptr), LDAP_SSL_INITIALIZE_FAILED);
     EXPECT_EQ(wzr_ldap_unbind(ld), 0);
+}
+
+TEST(LdapsExported, KeyDatabasePasswordNeverReachesTheTrace)
+{
+    SlapdFixture &s = tls_slapd();
+    WZR_REQUIRE_SLAPD(s);
+    std::string trace = s.dir() + "/trace.log";
+    setenv("LDAP_DEBUG_FILE", trace.c_str(), 1);
+    setenv("LDAP_DEBUG", "2147483647", 1); // every class
+    LDAP *ld = wzr_ldap_init(("ldaps://localhost:" + std::to_string(s.ldaps_port())).c_str(), 0);
+    ASSERT_NE(ld, nullptr);
+    ASSERT_EQ(wzr_ldap_set_option(ld, LDAP_OPT_SSL_KEYRING, (s.tls_dir() + "/client.p12").c_str()), 0);
+    ASSERT_EQ(wzr_ldap_set_option(ld, LDAP_OPT_SSL_KEYRING_PW, s.keydb_pw().c_str()), 0);
+    ASSERT_EQ(wzr_ldap_set_option(ld, LDAP_OPT_SSL_CERT_LABEL, "operator"), 0);
+    EXPECT_EQ(search_people(ld, s.base()), 9);
+    EXPECT_EQ(wzr_ldap_unbind(ld), 0);
+    std::ifstream in(trace);
+    std::string all((std::istreambuf_iterator<char>(in)), {});
+    EXPECT_NE(all.find("loadSkitShared"), std::string::npos) << "the trace was on";
+    EXPECT_EQ(all.find(s.keydb_pw()), std::string::npos);
 }
 
 } // namespace
