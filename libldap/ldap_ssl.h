@@ -98,5 +98,7 @@ int client_ssl_write(int fd, const void *buf, int len, void *user_data);
 // Peer and session facts of a secure connection (pointers owned by the toolkit): 0 or a code.
 int getSSLCertAltName(Sockbuf *sb, const char **names);
 int getSSLCipher(Sockbuf *sb, const char **cipher);
+int getSSLClientLabel(Sockbuf *sb, const char **label);
+int getSSLKeydatabase(Sockbuf *sb, const char **keydb);
 
 #endif

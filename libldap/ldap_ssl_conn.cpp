@@ -397,10 +397,25 @@ int getSSLCertAltName(Sockbuf *sb, const char **names)
     return wzr_fn.attribute_get_cert_info(sb->sb_secure, WZR_PEER_ALT_NAMES, names);
 }
 
-int getSSLCipher(Sockbuf *sb, const char **cipher)
+namespace {
+int get_session_text(Sockbuf *sb, int attr, const char **text)
 {
-    if (sb == nullptr || sb->sb_secure == nullptr || cipher == nullptr)
+    if (sb == nullptr || sb->sb_secure == nullptr || text == nullptr)
         return LDAP_PARAM_ERROR;
     int len = 0;
-    return wzr_fn.attribute_get_buffer(sb->sb_secure, WZR_NEGOTIATED_CIPHER, cipher, &len);
+    return wzr_fn.attribute_get_buffer(sb->sb_secure, attr, text, &len);
+}
+} // namespace
+
+int getSSLCipher(Sockbuf *sb, const char **cipher)
+{
+    return get_session_text(sb, WZR_NEGOTIATED_CIPHER, cipher);
+}
+int getSSLClientLabel(Sockbuf *sb, const char **label)
+{
+    return get_session_text(sb, WZR_KEYRING_LABEL, label);
+}
+int getSSLKeydatabase(Sockbuf *sb, const char **keydb)
+{
+    return get_session_text(sb, WZR_KEYRING_FILE, keydb);
 }

@@ -174,6 +174,11 @@ TEST(ClientCertificate, SelectedByLabelGivesItsIdentityToExternalBind)
     ASSERT_EQ(ldap_set_option(h.ld, LDAP_OPT_SSL_CERT_LABEL, "operator"), 0);
     ASSERT_EQ(ldap_sasl_bind_s(h.ld, nullptr, "EXTERNAL", nullptr, nullptr, nullptr, nullptr), 0)
         << error_text(h.ld);
+    const char *label = nullptr, *names = nullptr;
+    ASSERT_EQ(getSSLClientLabel(&h.ld->ld_defconn->sb, &label), 0);
+    EXPECT_STREQ(label, "operator");
+    ASSERT_EQ(getSSLCertAltName(&h.ld->ld_defconn->sb, &names), 0);
+    EXPECT_STREQ(names, "DNS:localhost,IP:127.0.0.1");
     // Only the operator may read passwords.
     LDAPMessage *res = nullptr;
     char pw[] = "userPassword";
