@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -352,6 +354,11 @@ int open_ssl_connection(LDAP *ld, LDAPConn *lc, const char *host, const char *la
         return LDAP_SSL_NOT_AVAILABLE;
     }
     pthread_once(&client_once, fill_client);
+    // A handshake flight is several small writes: Nagle's algorithm would hold each one back
+    // until the previous was acknowledged, costing a delayed-ACK wait per flight.
+    int on = 1;
+    if (setsockopt(lc->sb.sb_sd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) != 0)
+        LDAP_TRACE(LDAP_TRC_SSL, "open_ssl_connection(): TCP_NODELAY not set, errno=%d\n", errno);
     void *soc = nullptr;
     int code = wzr_fn.secure_soc_open(lc->ssl_ref->env, &soc);
     if (code != 0) {

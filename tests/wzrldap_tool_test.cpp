@@ -269,6 +269,32 @@ TEST(WzrldapTool, ExitStatusIsTheResultCode)
     EXPECT_TRUE(r.status == LDAP_SERVER_DOWN || r.status == LDAP_CONNECT_ERROR) << r.err;
 }
 
+TEST(WzrldapTool, ReachesLdapsAndStartTlsAndStopsWithZZWhenTlsFails)
+{
+    SlapdFixture &s = wzrtest::tls_slapd();
+    REQUIRE_SERVER(s);
+    // The tool finds the toolkit built here through the library path.
+    setenv("WZRKIT_LOCAL_INSTALL_MODE", "1", 1);
+    setenv("LD_LIBRARY_PATH", WZRKIT_BUILD_DIR, 1);
+    std::string ca = s.tls_dir() + "/ca.pem", other = s.tls_dir() + "/other-ca.pem";
+    auto search_alice = [&](std::vector<std::string> args) {
+        args.insert(args.begin(), "search");
+        for (const char *a : {"-b", "", "-s", "base", "(objectClass=*)", "uid"})
+            args.push_back(a[0] == '\0' ? s.user_dn() : a);
+        return tool(args);
+    };
+    Outcome r = search_alice({"-H", "ldaps://localhost:" + std::to_string(s.ldaps_port()),
+                              "--keydb", ca});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("uid: alice"), std::string::npos) << r.out;
+    r = search_alice({"-H", s.uri(), "-ZZ", "--keydb", ca});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("uid: alice"), std::string::npos) << r.out;
+    r = search_alice({"-H", s.uri(), "-ZZ", "--keydb", other});
+    EXPECT_EQ(r.status, LDAP_SSL_HANDSHAKE_FAILED) << r.err;
+    EXPECT_TRUE(r.out.empty()) << r.out;
+}
+
 TEST(WzrldapTool, AppliesLdifChangesLikeLdapmodify)
 {
     if (!SlapdFixture::available() || !have_ldap_utils())
