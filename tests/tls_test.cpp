@@ -25,6 +25,7 @@
 #include "support/fake_server.h"
 #include "support/loopback_listener.h"
 #include "support/slapd_fixture.h"
+#include "support/test_util.h"
 
 namespace {
 
@@ -101,6 +102,33 @@ TEST(Ldaps, BindSearchAndUpdateOverAVerifiedChain)
     int reason = -1;
     EXPECT_EQ(ldap_ssl_client_init(nullptr, nullptr, 0, &reason), LDAP_SSL_ALREADY_INITIALIZED);
     EXPECT_EQ(reason, 0);
+}
+
+// Every allocation of the environment set-up and of an LDAPS connection, bind and unbind
+// failed in turn: each run fails cleanly and leaks nothing.
+TEST(Ldaps, EveryFailedAllocationFailsCleanlyAndLeaksNothing)
+{
+    SlapdFixture &s = tls_slapd();
+    WZR_REQUIRE_SLAPD(s);
+    std::string ca = s.tls_dir() + "/ca.pem";
+    int reason = 0;
+    ASSERT_EQ(ldap_ssl_environment_init(ca.c_str(), nullptr, 0, &reason), 0);
+    SCOPED_TRACE("environment set-up");
+    EXPECT_GT(wzrtest::walk_alloc_failures([&] {
+        return ldap_ssl_environment_init(ca.c_str(), nullptr, 0, &reason) == 0;
+    }), 1);
+    std::string url = "ldaps://localhost:" + std::to_string(s.ldaps_port());
+    auto connect_bind_unbind = [&] {
+        LDAP *ld = ldap_init(url.c_str(), 0);
+        bool ok = ld != nullptr && ldap_simple_bind_s(ld, nullptr, nullptr) == 0;
+        if (ld != nullptr)
+            ok = ldap_unbind(ld) == 0 && ok;
+        return ok;
+    };
+    ASSERT_TRUE(connect_bind_unbind()); // the process-wide settings (NLXDIR) are made once
+    SCOPED_TRACE("connection");
+    // A bind may absorb a failure (its response controls are an optional copy): leaks only.
+    EXPECT_GT(wzrtest::walk_alloc_failures(connect_bind_unbind, false), 1);
 }
 
 // Each failed check ends the handshake with 116, the toolkit's code as the reason and a text
