@@ -4,10 +4,10 @@
 #include "ldap_load.h"
 
 #include <cstdio>
-#include <initializer_list>
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
+#include <initializer_list>
 #include <strings.h>
 
 #include "../trace/ldap_env.h"
@@ -66,12 +66,13 @@ const Entry ENTRIES[] = {
     {"wzr_get_cert_by_label", slot(&wzr_fn.get_cert_by_label)},
 };
 
+constexpr size_t SETTING_MAX = 32; // longer values of short settings are cut and so invalid
+
 bool shipped_icc_refused()
 {
-    char *value = ldap_ssl_getenv("WZRKIT_SHIPPED_ICC");
-    bool refused = value != nullptr && strcasecmp(value, "TRUE") == 0;
-    lber_free(value);
-    return refused;
+    char value[SETTING_MAX];
+    return ldap_ssl_env_value("WZRKIT_SHIPPED_ICC", value, sizeof value) > 0 &&
+           strcasecmp(value, "TRUE") == 0;
 }
 
 // Loads one file (with the system directory unless the local install mode is set).
@@ -102,37 +103,40 @@ int resolve_entries()
     return 0;
 }
 
+// The setting's copy, else a copy of the fallback; nullptr without memory for either.
 char *strdup_or(const char *env_name, const char *fallback)
 {
-    char *value = ldap_ssl_getenv(env_name);
+    char *value = nullptr;
+    if (ldap_ssl_env_copy(env_name, &value) != 0)
+        return nullptr;
     return value != nullptr ? value : lber_strdup(fallback);
 }
 
 char *protocol_setting()
 {
-    char *value = ldap_ssl_getenv("OPX_SSL_CLIENT_SECURITY_PROTOCOL");
+    char *value = nullptr;
+    if (ldap_ssl_env_copy("OPX_SSL_CLIENT_SECURITY_PROTOCOL", &value) != 0)
+        return nullptr;
     return value != nullptr ? value : strdup_or("LDAP_OPT_SECURITY_PROTOCOL", DEFAULT_PROTOCOLS);
 }
 
 void read_major()
 {
-    char *value = ldap_ssl_getenv("WZRKIT_CLIENT_VERSION");
-    if (value == nullptr) {
+    char value[SETTING_MAX];
+    if (ldap_ssl_env_value("WZRKIT_CLIENT_VERSION", value, sizeof value) == 0) {
         LDAP_TRACE(LDAP_TRC_SSL,
                    "loadClientControlEnvVars: WZRKIT_CLIENT_VERSION is not set assuming Wzrkit 8\n");
         ssl_controls.major = WZRKIT_MAJOR;
         return;
     }
     ssl_controls.major = atoi(value);
-    lber_free(value);
 }
 
 void read_fips()
 {
-    char *value = ldap_ssl_getenv("LDAP_OPT_SSL_FIPS_PROCCESSING_MODE");
-    if (value != nullptr)
+    char value[SETTING_MAX];
+    if (ldap_ssl_env_value("LDAP_OPT_SSL_FIPS_PROCCESSING_MODE", value, sizeof value) > 0)
         ssl_controls.fips = strcasecmp(value, "ON") == 0 ? 1 : 0;
-    lber_free(value);
 }
 
 // One name of the protocol list: recognised as a whole entry, or only inside a longer word.
@@ -183,14 +187,19 @@ const CodeText SKIT_TEXTS[] = {
 
 } // namespace
 
-char *ldap_ssl_getenv(const char *name)
+int ldap_ssl_env_value(const char *name, char *buf, size_t size)
 {
-    char *value = ldap_getenv(name);
-    if (value != nullptr && value[0] == '\0') {
-        lber_free(value);
-        return nullptr;
-    }
-    return value;
+    int len = ldap_getenv_buf(name, buf, size);
+    return len > 0 ? len : 0;
+}
+
+int ldap_ssl_env_copy(const char *name, char **value)
+{
+    *value = nullptr;
+    if (ldap_chkenv(name) <= 1) // unset or empty
+        return 0;
+    *value = ldap_getenv(name);
+    return *value != nullptr ? 0 : LDAP_NO_MEMORY;
 }
 
 bool ldap_skit_loaded() { return __atomic_load_n(&skit_lib[LIB_SSL], __ATOMIC_ACQUIRE) != nullptr; }

@@ -4,6 +4,8 @@
 #ifndef WZR_LIBLDAP_LDAP_LOAD_H
 #define WZR_LIBLDAP_LDAP_LOAD_H
 
+#include <cstddef>
+
 #include "../wzrkit/wzrkit.h"
 
 // The entry points, in resolution order. Written only under the secure-environment lock while
@@ -56,9 +58,11 @@ int clearLoadSkit(void **ssl_slot, const char *symbol);
 int ldap_ssl_isValidProtocolList(const char *list, int major);
 // Whether `name` occurs in the comma-separated `list` as a whole entry.
 bool ldap_ssl_isValue(const char *list, const char *name);
-// A non-empty environment value (an allocated copy) or nullptr: secure settings treat an
-// empty value as unset.
-char *ldap_ssl_getenv(const char *name);
+// Secure settings treat an empty value as unset. A short setting is read into `buf` without
+// allocating (so that no failure can turn a refusal into an acceptance): its length, or 0
+// when unset. A list is an allocated copy in *value (nullptr when unset): 0, or 90.
+int ldap_ssl_env_value(const char *name, char *buf, size_t size);
+[[nodiscard]] int ldap_ssl_env_copy(const char *name, char **value);
 
 // The text of a toolkit return code ("Wzrkit not loaded" while the toolkit is absent).
 const char *ldap_ssl_strerror(int code);

@@ -153,9 +153,9 @@ int prepare_wzr_init_data(void *env, const char *keyring, const char *pw, int *r
 int check_cbc_padding()
 {
     for (const char *name : {"WZR_STRICTCHECK_CBCPADBYTES", "WZR_STRICTCHECK_CBCPADBYTES_SSL"}) {
-        char *value = ldap_ssl_getenv(name);
-        bool off = value != nullptr && strcmp(value, "WZR_FALSE") == 0;
-        lber_free(value);
+        char value[16];
+        bool off = ldap_ssl_env_value(name, value, sizeof value) > 0 &&
+                   strcmp(value, "WZR_FALSE") == 0;
         if (off) {
             LDAP_TRACE(LDAP_TRC_ERROR, "ldap_ssl_client_init_setup: %s=WZR_FALSE is not supported"
                                        " by this toolkit\n", name);
@@ -191,10 +191,9 @@ void read_suiteb_once()
     if (suiteb_read)
         return;
     suiteb_read = true;
-    char *value = ldap_ssl_getenv("LDAP_OPT_SUITEB_MODE");
-    if (value != nullptr)
+    char value[16];
+    if (ldap_ssl_env_value("LDAP_OPT_SUITEB_MODE", value, sizeof value) > 0)
         (void)ldap_ssl_set_suiteb_mode(atoi(value));
-    lber_free(value);
 }
 
 // The body of both initialisation calls; the caller holds the secure-environment lock.
@@ -353,13 +352,12 @@ int ldap_ssl_set_fips_mode_np(int mode)
     LDAP_LOCK(guard, ldap_ssl_mutex(), MODULE);
     if (!guard.locked())
         return guard.rc();
-    char *env = ldap_ssl_getenv("LDAP_OPT_SSL_FIPS_PROCCESSING_MODE");
-    if (env != nullptr) {
+    char env[16];
+    if (ldap_ssl_env_value("LDAP_OPT_SSL_FIPS_PROCCESSING_MODE", env, sizeof env) > 0) {
         int env_mode = strcasecmp(env, "ON") == 0 ? 1 : 0;
         LDAP_TRACE(LDAP_TRC_SSL, "ldap_ssl_set_fips_mode_np: ignoring FIPS mode=%d using env Var "
                                  "mode=%d", mode, env_mode);
         ssl_controls.fips = env_mode;
-        lber_free(env);
         return 0;
     }
     ssl_controls.fips = mode != 0 ? 1 : 0;

@@ -33,11 +33,9 @@ long data_timeout = 2;
 
 long env_number(const char *name, bool *set)
 {
-    char *value = ldap_ssl_getenv(name);
-    *set = value != nullptr;
-    long n = value != nullptr ? strtol(value, nullptr, 10) : 0;
-    lber_free(value);
-    return n;
+    char value[32];
+    *set = ldap_ssl_env_value(name, value, sizeof value) > 0;
+    return *set ? strtol(value, nullptr, 10) : 0;
 }
 
 void millis_to_timeout(long ms, WzrUserData *ud)
