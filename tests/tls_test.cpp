@@ -4,10 +4,13 @@
 // environment and its settings are process-wide, as in a real program).
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <fstream>
 #include <string>
+#include <sys/socket.h>
 #include <sys/wait.h>
+#include <unistd.h>
 #include <thread>
 #include <vector>
 
@@ -290,6 +293,63 @@ TEST(Toolkit, SettingsSelectOrRefuseTheFiles)
         ASSERT_EQ(waitpid(pid, &status, 0), pid);
         EXPECT_EQ(WEXITSTATUS(status), c.expected) << c.var << "=" << c.value;
     }
+}
+
+TEST(Toolkit, ProtocolListsNeedOneNameTheToolkitVersionKnows)
+{
+    const struct {
+        const char *list;
+        int major, recognised;
+    } cases[] = {{"TLS12", 7, 0}, {"TLS12", 8, 1}, {"TLS10,FOO", 8, 1},
+                 {"XTLS12,TLS11X", 8, 0}, {"SSLV3,TLS10,TLS11,TLS12", 8, 4}};
+    for (const auto &c : cases)
+        EXPECT_EQ(ldap_ssl_isValidProtocolList(c.list, c.major), c.recognised) << c.list;
+}
+
+// Time-out settings are read once per process: each case runs in a child of its own.
+TEST(Handshake, TimeOutSettingsAreParsedAsDocumented)
+{
+    const struct {
+        const char *var, *value;
+        int64_t sec, usec;
+    } cases[] = {{"OPX_SSL_CLIENT_HANDSHAKE_TIMEOUT_MILLISECS", "2500", 2, 500000},
+                 {"OPX_SSL_CLIENT_HANDSHAKE_TIMEOUT_MILLISECS", "-1", 0, 0}, // unlimited
+                 {"OPX_SSL_CLIENT_HANDSHAKE_TIMEOUT", "7", 7, 0},
+                 {"OPX_SSL_CLIENT_HANDSHAKE_TIMEOUT", "", 5, 0}};
+    for (const auto &c : cases) {
+        pid_t pid = fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0) {
+            setenv(c.var, c.value, 1);
+            WzrUserData ud;
+            initWzrUserData(&ud, WZR_CONN_CLIENT);
+            _exit(ud.io_sec == c.sec && ud.io_usec == c.usec && ud.key == -1 ? 0 : 1);
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
+        EXPECT_EQ(WEXITSTATUS(status), 0) << c.var << "=" << c.value;
+    }
+}
+
+// With a data time-out of 0 the data phase never waits: an empty socket reads as would-block.
+TEST(Handshake, ZeroDataTimeOutNeverWaits)
+{
+    setenv("OPX_SSL_DATA_TIMEOUT", "0", 1);
+    int sv[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, sv), 0);
+    WzrUserData ud;
+    initWzrUserData(&ud, WZR_CONN_CLIENT);
+    ud.state = WZR_STATE_READ_WRITE;
+    char buf[16];
+    int done = -1;
+    errno = 0;
+    EXPECT_EQ(ssl_read(sv[0], buf, sizeof buf, &ud, &done), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(done, 0);
+    ASSERT_EQ(write(sv[1], "abc", 3), 3);
+    EXPECT_EQ(client_ssl_read(sv[0], buf, sizeof buf, &ud), 3) << "what is there is returned";
+    close(sv[0]);
+    close(sv[1]);
 }
 
 TEST(Handshake, SilentPeerFailsAfterTheHandshakeTimeOut)
