@@ -21,7 +21,7 @@ constexpr const char *MODULE = "libldap/ldap_ssl";
 constexpr const char *DEFAULT_KEYRING = "ldapkey.kdb";
 constexpr int REASON_CBC_PADDING = 702;
 
-// All four: the secure-environment lock.
+// The secure-environment lock, except suiteb_mode (atomic: its setter is public).
 WzrEnvRef *current_ref = nullptr;
 int successful_inits = 0;
 int suiteb_mode = 0;
@@ -278,7 +278,6 @@ int pkcs11_init(const char *name, const char *lib, const char *token, const char
     return fail_with(reason, 429, LDAP_SSL_INITIALIZE_FAILED);
 }
 
-bool suiteb_on() { return suiteb_mode == 128 || suiteb_mode == 192; }
 
 } // namespace
 
@@ -368,7 +367,7 @@ int ldap_ssl_set_suiteb_mode(int mode)
 {
     if (mode != 0 && mode != 128 && mode != 192)
         return LDAP_PARAM_ERROR;
-    suiteb_mode = mode; // set before initialisation, as the FIPS mode is
+    __atomic_store_n(&suiteb_mode, mode, __ATOMIC_RELAXED); // set before connections open
     return 0;
 }
 
@@ -409,11 +408,7 @@ int ldap_ssl_copy_label(LDAP *ld, char **label)
     return *label != nullptr ? 0 : LDAP_NO_MEMORY;
 }
 
-bool ldap_ssl_suiteb_on()
-{
-    LDAP_LOCK(guard, ldap_ssl_mutex(), MODULE);
-    return guard.locked() && suiteb_on();
-}
+int ldap_ssl_suiteb_mode() { return __atomic_load_n(&suiteb_mode, __ATOMIC_RELAXED); }
 
 int ldap_ssl_attach_initialising(LDAP *ld, LDAPConn *lc)
 {

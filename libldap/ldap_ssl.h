@@ -82,7 +82,7 @@ void deleteWzrEnvRef(WzrEnvRef *ref);
 // A handshake failure is recorded in the handle with its reason.
 [[nodiscard]] int open_ssl_connection(LDAP *ld, LDAPConn *lc, const char *host,
                                       const char *label, int protocol, const LDAPDeadline &until);
-bool ldap_ssl_suiteb_on(); // Suite B 128 or 192 in force
+int ldap_ssl_suiteb_mode(); // 128 or 192 while a Suite B mode is in force, else 0
 void ssl_close_direct(Sockbuf *sb);
 // Closes the secure socket and gives the connection's environment reference back.
 void ldap_ssl_release_conn(LDAPConn *lc);

@@ -250,13 +250,14 @@ int setWzrUserData(void *soc, int protocol, int32_t state, const LDAPDeadline &u
 
 // Records a failed handshake in the handle: 116, the toolkit's code as the reason and its
 // account of what was wrong as the message.
-int handshake_failed(LDAP *ld, void *soc, int code)
+int handshake_failed(LDAP *ld, void *soc, int code, int protocol)
 {
     const char *why = nullptr;
     int len = 0;
     if (wzr_fn.attribute_get_buffer(soc, WZR_LAST_ERROR_TEXT, &why, &len) != 0 || len == 0)
         why = nullptr;
-    LDAP_TRACE(LDAP_TRC_ERROR, "open_ssl_connection(): wzr_secure_soc_init() rc=%d %s%s%s\n",
+    LDAP_TRACE(LDAP_TRC_ERROR, "%s: wzr_secure_soc_init() rc=%d %s%s%s\n",
+               protocol == WZR_PROTOCOL_STARTTLS ? "In ldap_start_tls_s_np()" : "open_ssl_connection()",
                code, ldap_ssl_strerror(code), why != nullptr ? ": " : "", why != nullptr ? why : "");
     __atomic_store_n(&ld->ld_ssl_reason, code, __ATOMIC_RELAXED);
     char msg[512];
@@ -292,7 +293,8 @@ int configure_and_shake(LDAP *ld, LDAPConn *lc, void *soc, const char *host, con
             return code;
         }
     }
-    if (ldap_ssl_suiteb_on()) {
+    if (int suiteb = ldap_ssl_suiteb_mode(); suiteb != 0) {
+        LDAP_TRACE(LDAP_TRC_SSL, "open_ssl_connection(): suite b %d mode is enabled\n", suiteb);
         LDAP_TRACE(LDAP_TRC_SSL, "open_ssl_connection(): protocol to [TLS12]\n");
     } else {
         int code = wzr_fn.attribute_set_enum(soc, WZR_SSLV2, WZR_SSLV2_OFF);
@@ -304,7 +306,7 @@ int configure_and_shake(LDAP *ld, LDAPConn *lc, void *soc, const char *host, con
         return LDAP_SSL_PARAM_ERROR;
     int code = wzr_fn.secure_soc_init(soc);
     if (code != 0)
-        return handshake_failed(ld, soc, code);
+        return handshake_failed(ld, soc, code, protocol);
     trace_session(soc);
     code = setWzrUserData(soc, protocol, WZR_STATE_READ_WRITE, {});
     return code != 0 ? LDAP_SSL_PARAM_ERROR : 0;
