@@ -186,6 +186,24 @@ long write_step(Sockbuf *sb, const unsigned char *buf, long len, bool blocking)
 
 /* ---- the read-ahead ---- */
 
+// Whether a secure connection has anything to read: decrypted bytes inside the toolkit, or
+// bytes on the socket. Asked before the toolkit's read, which may wait for the rest of a
+// record while it holds the connection's secure socket: it should wait only once a record
+// has begun, never for the server's next answer (that wait belongs to fber_select, which
+// keeps to the caller's deadline and leaves writers free).
+bool secure_data_ready(Sockbuf *sb)
+{
+    int pending = 0;
+    int rc = wzr_skit.secure_soc_read(sb->sb_secure, nullptr, 1, &pending);
+    if ((rc == 0 && pending > 0) || (rc != 0 && rc != SKIT_WOULD_BLOCK))
+        return true; // bytes to hand out, or a failure for the read itself to report
+    struct pollfd p = {sb->sb_sd, POLLIN, 0};
+    do
+        rc = poll(&p, 1, 0);
+    while (rc < 0 && errno == EINTR);
+    return rc != 0; // an error is for the read to report
+}
+
 // One read from the connection's source: the secure toolkit, the test build's byte source,
 // or the descriptor. The count, 0 at the end of the stream, 0 with *would_block set when
 // nothing is there yet, or -1.
@@ -196,6 +214,10 @@ long read_source(Sockbuf *sb, void *buf, long len, int *would_block)
     if (sb->sb_secure != nullptr) {
         if (wzr_skit.secure_soc_read == nullptr)
             return -1;
+        if (!secure_data_ready(sb)) {
+            *would_block = 1;
+            return 0;
+        }
         int count = 0;
         int rc = wzr_skit.secure_soc_read(sb->sb_secure, buf, clamp_int(len), &count);
         if (rc == SKIT_WOULD_BLOCK) {

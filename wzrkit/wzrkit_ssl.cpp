@@ -552,7 +552,8 @@ int wzr_secure_soc_read(wzr_handle soc, void *buf, int len, int *count)
     if (!s->handshaken)
         return WZR_ERR_INVALID_STATE;
     if (buf == nullptr) {
-        *count = SSL_pending(s->ssl) > 0 ? SSL_pending(s->ssl) : SSL_has_pending(s->ssl);
+        // Decrypted bytes only: a record begun but not complete is waiting for the socket.
+        *count = SSL_pending(s->ssl);
         return WZR_OK;
     }
     if (len <= 0)
