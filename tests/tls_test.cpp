@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <string>
@@ -381,6 +382,8 @@ TEST(Handshake, HostilePeersFailWith116AndTheirReason)
     for (const auto &c : cases) {
         wzrtest::FakeServer server;
         server.on_connect([&](wzrtest::FakeConnection &conn) {
+            // Once the ClientHello is in, so that the close cannot meet the client's write.
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
             if (!c.bytes.empty())
                 conn.send(c.bytes);
             conn.close();
