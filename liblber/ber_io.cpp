@@ -271,7 +271,11 @@ long fill_read_ahead(Sockbuf *sb, int *would_block)
         return -1;
     }
     long n = read_source(sb, sb->sb_rabuf, SB_READ_AHEAD_SIZE, would_block);
-    sb->sb_drained = *would_block != 0 || (n > 0 && n < SB_READ_AHEAD_SIZE);
+    // A secure read brings one record at most, however much is waiting: ask instead.
+    bool short_read = n > 0 && (sb->sb_secure != nullptr && sb->sb_read_hook == nullptr
+                                    ? !secure_data_ready(sb)
+                                    : n < SB_READ_AHEAD_SIZE);
+    sb->sb_drained = *would_block != 0 || short_read;
     if (n > 0) {
         sb->sb_rapos = 0;
         sb->sb_raend = static_cast<int32_t>(n);
