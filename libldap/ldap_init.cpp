@@ -72,11 +72,6 @@ bool names_url(const char *host)
     return names_scheme(host, "ldap://") || names_secure_url(host);
 }
 
-bool names_secure_url(const char *host)
-{
-    return strcasestr(host, "ldaps://") != nullptr;
-}
-
 // The host list named by an LDAP URL, and its port when the URL gives one.
 char *host_from_url(const char *url, int *port)
 {
