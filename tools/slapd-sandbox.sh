@@ -190,6 +190,7 @@ cmd_init() {
     if [ "$CONTROLS" = 1 ]; then
         sed -e "s|@SUFFIX@|$SUFFIX|g" "$DATA/controls-global.conf" > "$dir/global-extra.conf"
         sed -e "s|@SUFFIX@|$SUFFIX|g" "$DATA/controls-db.conf" > "$dir/db-extra.conf"
+    fi
     if [ -n "$TLS" ]; then
         make_tls "$dir"
         # Global directives: they must come before the first database section.

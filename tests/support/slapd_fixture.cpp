@@ -211,11 +211,9 @@ bool SlapdFixture::init_directory(const SlapdOptions &opts)
         error_ = "slapd-sandbox.sh init failed: " + out;
         return false;
     }
-    if (!opts.default_referral.empty()) { // a global directive: before the database section
-        std::string conf = read_file(dir_ + "/slapd.conf");
-        conf.insert(conf.find("\ndatabase ") + 1, "referral " + opts.default_referral + "\n");
-        write_file(dir_ + "/slapd.conf", conf);
-    }
+    if (!opts.default_referral.empty()) // a global directive: the global additions take it
+        std::ofstream(dir_ + "/global-extra.conf", std::ios::app)
+            << "referral " << opts.default_referral << "\n";
     return read_env();
 }
 
