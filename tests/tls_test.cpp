@@ -22,6 +22,7 @@
 #include "libldap/ldap_load.h"
 #include "libldap/ldap_message.h"
 #include "libldap/ldap_options.h"
+#include "libldap/ldap_parse.h"
 #include "libldap/ldap_search.h"
 #include "libldap/ldap_ssl.h"
 #include "libldap/ldap_unbind.h"
@@ -420,3 +421,43 @@ TEST(KeyDatabase, BadFilesAndPasswordsFailWithTheirCodes)
 }
 
 } // namespace
+
+// A referral from an LDAPS handle to a plain URL is not followed, even to a server that answers
+// there: the result reports the URL instead. The same search on a plain handle follows it.
+TEST(Ldaps, SecureHandleNeverFollowsAPlainReferral)
+{
+    SlapdFixture &s = tls_slapd();
+    WZR_REQUIRE_SLAPD(s);
+    ASSERT_EQ(init_trusting(s), 0);
+    Handle secure("ldaps://localhost:" + std::to_string(s.ldaps_port()));
+    ASSERT_EQ(ldap_simple_bind_s(secure.ld, s.manager_dn().c_str(), s.manager_pw().c_str()), 0);
+    std::string dn = "ou=plainref," + s.base(), url = s.uri() + "/ou=people," + s.base();
+    char oc1[] = "referral", oc2[] = "extensibleObject", ou[] = "plainref";
+    char *ocs[] = {oc1, oc2, nullptr}, *ous[] = {ou, nullptr}, *refs[] = {url.data(), nullptr};
+    char t_oc[] = "objectClass", t_ou[] = "ou", t_ref[] = "ref";
+    LDAPMod m1 = {LDAP_MOD_ADD, t_oc, {ocs}}, m2 = {LDAP_MOD_ADD, t_ou, {ous}},
+            m3 = {LDAP_MOD_ADD, t_ref, {refs}};
+    LDAPMod *mods[] = {&m1, &m2, &m3, nullptr};
+    ASSERT_EQ(ldap_add_s(secure.ld, dn.c_str(), mods), 0);
+    auto search = [&](LDAP *ld, char ***referrals) {
+        LDAPMessage *res = nullptr;
+        int rc = ldap_search_s(ld, dn.c_str(), LDAP_SCOPE_ONELEVEL, "(uid=user00*)", nullptr, 0,
+                               &res);
+        int code = -1;
+        if (res != nullptr)
+            (void)ldap_parse_result(ld, res, &code, nullptr, nullptr, referrals, nullptr, 0);
+        int entries = res != nullptr ? ldap_count_entries(ld, res) : 0;
+        ldap_msgfree(res);
+        return std::make_pair(rc, entries);
+    };
+    char **referrals = nullptr;
+    auto [rc, entries] = search(secure.ld, &referrals);
+    EXPECT_NE(rc, LDAP_SUCCESS);
+    EXPECT_EQ(entries, 0);
+    ASSERT_NE(referrals, nullptr);
+    EXPECT_NE(std::string(referrals[0]).find(s.uri()), std::string::npos) << referrals[0];
+    ldap_value_free(referrals);
+    Handle plain(s.uri());
+    auto followed = search(plain.ld, nullptr);
+    EXPECT_EQ(followed, std::make_pair(0, 9));
+}
