@@ -34,7 +34,8 @@ std::string urls(const std::string &p, bool as_text)
     std::string out;
     for (size_t at = 0, n = 0; at < p.size() && n < 3; ++n) {
         size_t end = std::min(p.find('\0', at), p.size());
-        std::string url = PREFIXES[p[at] % 6] + p.substr(at + 1, end - at - (end > at ? 1 : 0));
+        std::string url = PREFIXES[static_cast<unsigned char>(p[at]) % 6] +
+                          p.substr(at + 1, end - at - (end > at ? 1 : 0));
         out += as_text ? "\n" + url : ber_str(url);
         at = end + 1;
     }
