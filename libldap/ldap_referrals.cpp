@@ -427,8 +427,12 @@ LDAPMessage *look_for_referrals(LDAP *ld, LDAPMsgTable *table, int msgid, LDAPMe
     char *text = nullptr;
     char **urls = nullptr;
     *err = read_result(msg, v2 ? &text : nullptr, &urls);
-    if (*err == 0 && v2)
+    if (*err == 0 && v2) {
+        // A version 2 result names its servers in its text; a referral field it carries as
+        // well is not what this chase follows.
+        ldap_value_free(urls);
         urls = v2_referral_urls(text);
+    }
     lber_free(text);
     if (*err != 0 || (v2 && urls == nullptr)) { // no marker: a plain version 2 error
         ldap_value_free(urls);
