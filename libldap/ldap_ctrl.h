@@ -136,7 +136,7 @@ int ldap_parse_passwordpolicy_control(LDAP *ld, LDAPControl **ctrls, int *warnin
 
 /* ---- groups: dereferencing members (ldap_ctrl_deref.cpp) ---- */
 // A search that returns groups can return, with each group entry, attributes of the entries
-// its member attributes name: one spec per DN-valued attribute to follow.
+// its member attributes name: one request per DN-valued attribute to follow.
 inline constexpr const char *LDAP_CONTROL_DEREF = "1.3.6.1.4.1.4203.666.5.16";
 struct LDAPDerefSpec {
     char *derefAttr;   // a DN-valued attribute (member, uniqueMember, manager, ...)
@@ -153,8 +153,8 @@ struct LDAPDerefRes {
     LDAPDerefVal *attrVals;
     LDAPDerefRes *next;
 };
-// `specs` ends with an entry whose derefAttr is null.
-int ldap_create_deref_control(LDAP *ld, const LDAPDerefSpec *specs, char iscritical,
+// `derefs` ends with an entry whose derefAttr is null.
+int ldap_create_deref_control(LDAP *ld, const LDAPDerefSpec *derefs, char iscritical,
                               LDAPControl **ctrlp);
 // From an entry's controls (ldap_get_entry_controls): one result per DN followed, in order.
 int ldap_parse_deref_control(LDAP *ld, LDAPControl **ctrls, LDAPDerefRes **resp);

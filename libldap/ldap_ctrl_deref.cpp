@@ -12,11 +12,11 @@ constexpr ber_tag_t DEREF_ATTR_VALS = 0xa0;
 //   DerefSpecs ::= SEQUENCE OF DerefSpec
 //   DerefSpec ::= SEQUENCE { derefAttr AttributeDescription, attributes AttributeList }
 //   AttributeList ::= SEQUENCE OF AttributeDescription
-bool write_specs(BerElement *ber, const LDAPDerefSpec *specs)
+bool write_derefs(BerElement *ber, const LDAPDerefSpec *derefs)
 {
     if (ber_printf(ber, "{") == -1)
         return false;
-    for (const LDAPDerefSpec *s = specs; s->derefAttr != nullptr; ++s) {
+    for (const LDAPDerefSpec *s = derefs; s->derefAttr != nullptr; ++s) {
         if (ber_printf(ber, "{s{", s->derefAttr) == -1 ||
             (s->attributes != nullptr && ber_printf(ber, "v", s->attributes) == -1) ||
             ber_printf(ber, "}}") == -1)
@@ -25,9 +25,9 @@ bool write_specs(BerElement *ber, const LDAPDerefSpec *specs)
     return ber_printf(ber, "}") != -1;
 }
 
-bool specs_valid(const LDAPDerefSpec *specs)
+bool derefs_valid(const LDAPDerefSpec *derefs)
 {
-    return specs != nullptr && specs->derefAttr != nullptr;
+    return derefs != nullptr && derefs->derefAttr != nullptr;
 }
 
 void free_values(LDAPDerefVal *v)
@@ -109,15 +109,15 @@ int read_results(BerElement *r, LDAPDerefRes **out)
 
 } // namespace
 
-int ldap_create_deref_control(LDAP *ld, const LDAPDerefSpec *specs, char iscritical,
+int ldap_create_deref_control(LDAP *ld, const LDAPDerefSpec *derefs, char iscritical,
                               LDAPControl **ctrlp)
 {
     LDAP_TRACE(LDAP_TRC_API, "ldap_create_deref_control\n");
-    if (ctrlp == nullptr || !specs_valid(specs))
+    if (ctrlp == nullptr || !derefs_valid(derefs))
         return ldap_fail(ld, LDAP_PARAM_ERROR);
     return ldap_fail(ld, ldap_control_write(LDAP_CONTROL_DEREF, iscritical, ctrlp,
-                                            [specs](BerElement *ber) {
-                                                return write_specs(ber, specs);
+                                            [derefs](BerElement *ber) {
+                                                return write_derefs(ber, derefs);
                                             }));
 }
 

@@ -170,10 +170,10 @@ int setClientCipherSpecs(void *target)
     const struct {
         int attr;
         const char *list;
-    } specs[] = {{WZR_V3_CIPHER_SPECS, ssl_controls.v3_ciphers},
+    } lists[] = {{WZR_V3_CIPHER_SPECS, ssl_controls.v3_ciphers},
                  {WZR_TLS11_CIPHER_SPECS, ssl_controls.tls11_ciphers},
                  {WZR_TLS12_CIPHER_SPECS, ssl_controls.tls12_ciphers}};
-    for (const auto &s : specs) {
+    for (const auto &s : lists) {
         if (s.list == nullptr)
             continue;
         int code = wzr_fn.attribute_set_buffer(target, s.attr, s.list, 0);

@@ -50,7 +50,7 @@ TEST(ControlValues, EachConstructorWritesItsValueOrRefusesItsArguments)
     ASSERT_EQ(ldap_create_sort_keylist(&keys, " -cn:caseExactOrderingMatch  sn "), 0);
     LDAPVLVInfo window{1, 1, 2, 10, 0, nullptr, &id, nullptr};
     char *uid[] = {const_cast<char *>("uid"), nullptr};
-    LDAPDerefSpec specs[] = {{const_cast<char *>("member"), uid}, {nullptr, nullptr}};
+    LDAPDerefSpec derefs[] = {{const_cast<char *>("member"), uid}, {nullptr, nullptr}};
     auto mv = [](const char *f) {
         return [f](Out c) { return ldap_create_matchedvalues_control(nullptr, f, 1, c); };
     };
@@ -78,7 +78,7 @@ TEST(ControlValues, EachConstructorWritesItsValueOrRefusesItsArguments)
          0, unhex("30 05 04 03 6f 3d 78")},
         {"password policy",
          [](Out c) { return ldap_create_passwordpolicy_control(nullptr, c); }, 0, "(none)"},
-        {"deref", [&](Out c) { return ldap_create_deref_control(nullptr, specs, 0, c); },
+        {"deref", [&](Out c) { return ldap_create_deref_control(nullptr, derefs, 0, c); },
          0, unhex("30 11 30 0f 04 06") + "member" + unhex("30 05 04 03") + "uid"},
         {"transaction", [&](Out c) { return ldap_create_txn_spec_control(nullptr, &id, c); },
          0, "T"},

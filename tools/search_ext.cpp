@@ -103,23 +103,23 @@ int make_vlv(LDAP *ld, const Extension &e, LDAPControl **c)
 int make_deref(LDAP *ld, const Extension &e, LDAPControl **c)
 {
     std::vector<std::vector<std::string>> names;
-    for (const std::string &spec : split(e.value, ';')) {
-        size_t colon = spec.find(':');
+    for (const std::string &item : split(e.value, ';')) {
+        size_t colon = item.find(':');
         if (colon == std::string::npos || colon == 0)
             return LDAP_PARAM_ERROR;
-        names.push_back(split(spec.substr(colon + 1), ','));
-        names.back().insert(names.back().begin(), spec.substr(0, colon));
+        names.push_back(split(item.substr(colon + 1), ','));
+        names.back().insert(names.back().begin(), item.substr(0, colon));
     }
     std::vector<std::vector<char *>> attrs(names.size());
-    std::vector<LDAPDerefSpec> specs;
+    std::vector<LDAPDerefSpec> derefs;
     for (size_t i = 0; i < names.size(); i++) {
         for (size_t j = 1; j < names[i].size(); j++)
             attrs[i].push_back(names[i][j].data());
         attrs[i].push_back(nullptr);
-        specs.push_back({names[i][0].data(), attrs[i].data()});
+        derefs.push_back({names[i][0].data(), attrs[i].data()});
     }
-    specs.push_back({nullptr, nullptr});
-    return ldap_create_deref_control(ld, specs.data(), e.critical, c);
+    derefs.push_back({nullptr, nullptr});
+    return ldap_create_deref_control(ld, derefs.data(), e.critical, c);
 }
 
 // Who runs this search, for the servers' audit logs: this host and the user named (else the
