@@ -9,7 +9,7 @@ pkgs=(g++ cmake ninja-build pkg-config binutils perl libgtest-dev libgmock-dev
       libsasl2-dev libsasl2-modules libsasl2-modules-gssapi-mit krb5-kdc krb5-admin-server
       krb5-user)
 if [ "${1:-}" = --ci ]; then
-    pkgs+=(clang libclang-rt-14-dev)
+    pkgs+=(clang libclang-rt-14-dev gcovr)
 fi
 
 missing=()
