@@ -143,6 +143,12 @@ int ldap_extended_operation_s(LDAP *ld, const char *reqoid, const struct berval 
         ldap_msgfree(res);
         return rc;
     }
+    // A server that answers with another kind of response misled us; the parser would refuse
+    // the message without taking it, so it is released here.
+    if (res->lm_msgtype != LDAP_RES_EXTENDED) {
+        ldap_msgfree(res);
+        return ldap_fail(ld, LDAP_DECODING_ERROR);
+    }
     return ldap_parse_extended_result(ld, res, retoidp, retdatap, 1);
 }
 
