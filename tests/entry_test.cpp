@@ -414,6 +414,9 @@ TEST(EntryErrors, EveryCallClearsWhatTheLastOneRecorded)
     EXPECT_EQ(ldap_get_lderrno(h.ld, &matched, &msg), 0);
     EXPECT_EQ(matched, nullptr);
     EXPECT_EQ(msg, nullptr);
+    (void)ldap_set_lderrno(h.ld, 0, nullptr, "only a message");
+    EXPECT_EQ(ldap_count_entries(h.ld, e), 1);
+    EXPECT_EQ(wzrtest::recorded_message(h.ld), "");
     for (int round = 0; round < 2; ++round) {
         EXPECT_TRUE(values_of(h.ld, e, "absent").empty());
         EXPECT_EQ(ldap_get_errno(h.ld), LDAP_DECODING_ERROR);
