@@ -15,13 +15,7 @@ namespace {
 
 using wzrtest::run_capture;
 
-std::string quote(const std::string &s)
-{
-    std::string out = "'";
-    for (char c : s)
-        out += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return out + "'";
-}
+std::string quote(const std::string &s) { return wzrtest::shell_quote(s); }
 
 bool exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
 

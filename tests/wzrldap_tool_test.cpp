@@ -24,13 +24,7 @@ using wzrtest::SlapdFixture;
 using Args = std::vector<std::string>;
 using Values = std::vector<std::string>;
 
-std::string quote(const std::string &s)
-{
-    std::string out = "'";
-    for (char c : s)
-        out += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return out + "'";
-}
+std::string quote(const std::string &s) { return wzrtest::shell_quote(s); }
 
 struct Outcome {
     int status = -1;

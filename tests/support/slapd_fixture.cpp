@@ -34,14 +34,6 @@ std::string sbin_dir()
 std::string sandbox_script() { return std::string(WZR_SOURCE_DIR) + "/tools/slapd-sandbox.sh"; }
 std::string kdc_script() { return std::string(WZR_SOURCE_DIR) + "/tools/kdc-sandbox.sh"; }
 
-std::string shell_quote(const std::string &s)
-{
-    std::string out = "'";
-    for (char c : s)
-        out += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return out + "'";
-}
-
 std::string slurp(const std::string &path)
 {
     std::ifstream in(path, std::ios::binary);
@@ -117,6 +109,14 @@ std::string tail_of(const std::string &path)
 }
 
 } // namespace
+
+std::string shell_quote(const std::string &s)
+{
+    std::string out = "'";
+    for (char c : s)
+        out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return out + "'";
+}
 
 int run_capture(const std::string &command, std::string *out)
 {
