@@ -40,7 +40,8 @@ int search_people(LDAP *ld, const std::string &base)
     return n;
 }
 
-// With every trace class on, the key database's password never reaches the trace.
+// With every trace class on, neither the key database's password nor the bind password
+// reaches the trace.
 TEST(LdapsExported, UrlAndOptionsReachAVerifiedServerAndThePasswordStaysSecret)
 {
     SlapdFixture &s = tls_slapd();
@@ -62,6 +63,7 @@ TEST(LdapsExported, UrlAndOptionsReachAVerifiedServerAndThePasswordStaysSecret)
     std::string all((std::istreambuf_iterator<char>(in)), {});
     EXPECT_NE(all.find("loadSkitShared"), std::string::npos) << "the trace was on";
     EXPECT_EQ(all.find(s.keydb_pw()), std::string::npos);
+    EXPECT_EQ(all.find(s.user_pw()), std::string::npos) << "the bind password is masked too";
 }
 
 TEST(LdapsExported, WrongPasswordIsReportedAsAFailedInitialisation)
