@@ -9,6 +9,7 @@
 
 #include "libldap/ldap_init.h"
 #include "libldap/ldap_unbind.h"
+#include "support/engine_client.h"
 #include "support/loopback_listener.h"
 #include "support/test_util.h"
 
@@ -21,27 +22,6 @@ bool unbind_has_started(LDAP *ld)
     pthread_mutex_unlock(&ld->ld_mutex);
     return started;
 }
-
-// Routes the API-flow trace class into a file for the life of the object.
-class TraceToFile {
-public:
-    TraceToFile() : path_(dir_.file("trace.out"))
-    {
-        EXPECT_EQ(ldap_set_debug_file(path_.c_str()), 0);
-        ldap_set_debug_mask(0x0001);
-    }
-    ~TraceToFile() { stop(); }
-    void stop()
-    {
-        ldap_set_debug_mask(0);
-        (void)ldap_set_debug_file("stderr");
-    }
-    std::string text() const { return wzrtest::read_file(path_); }
-
-private:
-    wzrtest::TempDir dir_;
-    std::string path_;
-};
 
 } // namespace
 
@@ -77,7 +57,7 @@ TEST(Unbind, WritesNothingToTheServer)
 
 TEST(UnbindThreads, WaitsForTheOperationInProgressAndRefusesNewOnes)
 {
-    TraceToFile trace;
+    wzrtest::TraceCapture trace(0x0001); // the API-flow class alone
     LDAP *ld = ldap_init("localhost", 0);
     ASSERT_NE(ld, nullptr);
     ASSERT_EQ(ldap_start_operation(ld), 0); // an operation in progress on this thread
@@ -111,7 +91,6 @@ TEST(UnbindThreads, WaitsForTheOperationInProgressAndRefusesNewOnes)
     EXPECT_EQ(unbind_rc, 0);
     EXPECT_TRUE(released_before_return.load());
 
-    trace.stop();
     std::string text = trace.text();
     EXPECT_NE(text.find("ldap_start_operation: unbind started\n"), std::string::npos) << text;
     EXPECT_NE(text.find("ldap_unbind: ld("), std::string::npos);
