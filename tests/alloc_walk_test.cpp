@@ -83,7 +83,7 @@ public:
                              const_cast<char *>("objectClass"), nullptr};
             struct timeval limit = {10, 0};
             if (step("search", ldap_search_ext_s(ld, slapd_.base().c_str(), LDAP_SCOPE_SUBTREE,
-                                                 "(|(ou=people)(&(ou=groups)(objectClass=*)))",
+                                                 "(|(ou=people)(&(ou=g*u*)(!(ou=x))(objectClass=*)))",
                                                  attrs, 0, nullptr, nullptr, &limit, 0, &res)) &&
                 walk(ld, res))
                 modify(ld);
