@@ -31,22 +31,6 @@ struct timeval tv(long sec, long usec = 0) { return {sec, usec}; }
 
 } // namespace
 
-TEST_F(Result, ResponsesOutOfOrderReachTheirOwnIds)
-{
-    std::vector<int> ids = {send(), send(), send()};
-    ASSERT_TRUE(server_.wait_for_requests(3));
-    FakeConnection *c = server_.connection(0);
-    for (int i : {2, 0, 1})
-        c->send(extended_response_pdu(ids[i], 0, "", "answer " + std::to_string(ids[i])));
-    for (int id : ids) {
-        LDAPMessage *res = nullptr;
-        ASSERT_EQ(ldap_result(ld_, id, LDAP_MSG_ONE, nullptr, &res), LDAP_RES_EXTENDED);
-        EXPECT_EQ(ldap_msgid(res), id);
-        EXPECT_EQ(ldap_msgfree(res), LDAP_RES_EXTENDED);
-    }
-    EXPECT_EQ(free_rows(), 256); // every row went back with its last record
-}
-
 // The turn that reads the first response also files the two that came with it in the same
 // segment, before the waiting threads are woken: no further read is needed for them.
 TEST_F(Result, OneTurnFilesEveryResponseThatArrivedTogether)
@@ -260,18 +244,6 @@ TEST_F(Result, WellFramedButUndecodableMessageKillsTheConnection)
     EXPECT_EQ(thread_error(ld_), LDAP_SERVER_DOWN);
 }
 
-TEST_F(Result, ResponsesForUnknownIdsAreDroppedAndDoNotDisturb)
-{
-    int id = send();
-    server_.wait_for_requests(1);
-    server_.connection(0)->send(ldap_result_pdu(200, 0x65, 0) + ldap_result_pdu(70000, 0x65, 0) +
-                                extended_response_pdu(id, 0, "", "mine"));
-    LDAPMessage *res = nullptr;
-    ASSERT_EQ(ldap_result(ld_, id, LDAP_MSG_ONE, nullptr, &res), LDAP_RES_EXTENDED);
-    EXPECT_EQ(ldap_msgfree(res), LDAP_RES_EXTENDED);
-    EXPECT_EQ(table_->rows[200].first, nullptr);
-}
-
 TEST_F(Result, ArgumentAndOwnershipChecks)
 {
     LDAPMessage *res = nullptr;
@@ -299,24 +271,6 @@ TEST_F(Result, ArgumentAndOwnershipChecks)
     EXPECT_EQ(other_rc, -1);
     EXPECT_EQ(other_err, LDAP_LOCAL_ERROR);
     EXPECT_EQ(ldap_get_result(ld_, send(), 5, {}, &res, table_), -1); // mode neither 0 nor 1
-}
-
-TEST_F(Result, AnyWithNothingOutstandingIsServedFromRowZero)
-{
-    int id = send(); // opens the connection
-    server_.wait_for_requests(1);
-    server_.connection(0)->send(extended_response_pdu(id, 0, "", "done"));
-    LDAPMessage *res = nullptr;
-    ASSERT_EQ(ldap_result(ld_, LDAP_RES_ANY, LDAP_MSG_ONE, nullptr, &res), LDAP_RES_EXTENDED);
-    EXPECT_EQ(ldap_msgid(res), id);
-    EXPECT_EQ(ldap_msgfree(res), LDAP_RES_EXTENDED);
-
-    server_.connection(0)->send(extended_response_pdu(0, 0, "", "unsolicited", "1.2.3.4"));
-    ASSERT_EQ(ldap_result(ld_, LDAP_RES_ANY, LDAP_MSG_ONE, nullptr, &res), LDAP_RES_EXTENDED);
-    EXPECT_EQ(ldap_msgid(res), 0);
-    EXPECT_EQ(ldap_msgfree(res), LDAP_RES_EXTENDED);
-    EXPECT_EQ(ldap_result(ld_, LDAP_RES_ANY, LDAP_MSG_ALL, nullptr, &res), -1);
-    EXPECT_EQ(thread_error(ld_), LDAP_PARAM_ERROR);
 }
 
 TEST(ResultUnreachable, FirstSendFailsToConnectAndTheSecondFailsAtOnce)
