@@ -15,45 +15,14 @@
 #include "libldap/ldap_unbind.h"
 #include "support/engine_client.h"
 #include "support/fake_server.h"
+#include "support/fber_bytes.h"
 
 using namespace wzrtest;
 using namespace std::chrono_literals;
 
 namespace {
 
-class Abandon : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        ld_ = ldap_init(server_.host_port().c_str(), 0);
-        ASSERT_NE(ld_, nullptr);
-        table_ = ld_->ld_defconn->table;
-    }
-    void TearDown() override { EXPECT_EQ(ldap_unbind(ld_), 0); }
-    int free_rows()
-    {
-        pthread_mutex_lock(&table_->table_lock);
-        int n = table_->free_rows;
-        pthread_mutex_unlock(&table_->table_lock);
-        return n;
-    }
-
-    FakeServer server_;
-    LDAP *ld_ = nullptr;
-    LDAPMsgTable *table_ = nullptr;
-};
-
-std::string hex(const std::string &bytes)
-{
-    static const char digits[] = "0123456789abcdef";
-    std::string out;
-    for (unsigned char c : bytes) {
-        out += digits[c >> 4];
-        out += digits[c & 15];
-        out += ' ';
-    }
-    return out;
-}
+using Abandon = EngineTest;
 
 } // namespace
 
@@ -83,7 +52,7 @@ TEST_F(Abandon, TheRequestGoesOutByteForByteAndItsOwnIdIsReleased)
     EXPECT_EQ(req.op, 0x50u);
     EXPECT_EQ(req.msgid, 2);
     // SEQUENCE (four length bytes, as every constructed element here) { id 2, [APP 16] 1 }
-    EXPECT_EQ(hex(req.bytes), hex(std::string("\x30\x84\x00\x00\x00\x06\x02\x01\x02\x50\x01\x01",
+    EXPECT_EQ(fber::hex(req.bytes), fber::hex(std::string("\x30\x84\x00\x00\x00\x06\x02\x01\x02\x50\x01\x01",
                                               12)));
     // Both ids went back at once: the abandon's, and the abandoned operation's, without
     // waiting for a response the server need not send.
@@ -106,7 +75,7 @@ TEST_F(Abandon, ServerControlsFollowTheRequest)
     ASSERT_TRUE(server_.wait_for_requests(2));
     std::string bytes = server_.requests()[1].bytes;
     std::string tail = std::string("\x50\x01", 2) + static_cast<char>(id) + "\xa0";
-    EXPECT_NE(bytes.find(tail), std::string::npos) << hex(bytes);
+    EXPECT_NE(bytes.find(tail), std::string::npos) << fber::hex(bytes);
     EXPECT_NE(bytes.find(oid), std::string::npos);
 }
 

@@ -1,6 +1,7 @@
 // Each control end to end against a slapd that serves it: paged results past the size limit
 // (through the library and the tool), sorting, virtual list views, assertion, matched values,
-// proxied authorisation and password policy, read back through the parsers.
+// proxied authorisation and password policy, read back through the parsers; and paged results
+// against a scripted server that repeats its cookie.
 #include <gtest/gtest.h>
 
 #include <ctime>
@@ -19,9 +20,13 @@
 #include "libldap/ldap_search.h"
 #include "libldap/ldap_unbind.h"
 #include "search_ext.h"
+#include "support/fake_server.h"
+#include "support/fber_bytes.h"
 #include "support/slapd_fixture.h"
 
 namespace {
+
+namespace fb = wzrtest::fber;
 
 constexpr int kBulk = 1200;
 const std::string kBase = "dc=example,dc=com", kPeople = "ou=people," + kBase;
@@ -223,6 +228,42 @@ TEST_F(ControlsSlapd, PasswordPolicyWarnsBeforeExpiryAndReportsALockedAccount)
     EXPECT_EQ(bind("uid=pwlock," + kPeople, "wrong", ctrls), LDAP_INVALID_CREDENTIALS);
     EXPECT_EQ(policy("pwlock", LDAP_INVALID_CREDENTIALS), "0 0 Error, Account is locked");
     ldap_control_free(pp);
+}
+
+// Each page's request carries, not critical, the page size and the cookie of the page before;
+// a server that hands the same cookie back makes no progress, and the walk stops with 84
+// instead of fetching that page for ever.
+TEST(ControlsFake, PagedSearchSendsTheCookieBackAndStopsWhenItRepeats)
+{
+    wzrtest::FakeServer server;
+    std::string page = wzrtest::ber_seq(wzrtest::ber_int(0) + wzrtest::ber_str("ab"));
+    server.on_request([&](const wzrtest::ReceivedRequest &req, wzrtest::FakeConnection &c) {
+        std::string ctrl = wzrtest::ber_seq(wzrtest::ber_str(LDAP_CONTROL_PAGEDRESULTS) +
+                                            wzrtest::ber_str(page));
+        c.send(wzrtest::search_entry_pdu(req.msgid, "cn=x", {}) +
+               wzrtest::ldap_message(req.msgid, wzrtest::ber_seq(wzrtest::ber_int(0, 0x0a) +
+                                     wzrtest::ber_str("") + wzrtest::ber_str(""), 0x65),
+                                     wzrtest::ber_seq(ctrl, 0xa0)));
+    });
+    LDAP *ld = ldap_init("127.0.0.1", server.port());
+    int pages = 0;
+    auto count = [](void *arg, LDAP *, LDAPMessage *res) {
+        ++*static_cast<int *>(arg);
+        ldap_msgfree(res);
+        return 0;
+    };
+    EXPECT_EQ(ldap_search_paged_np(ld, "o=x", 2, "(cn=*)", nullptr, 0, nullptr, 7, nullptr, count,
+                                   &pages),
+              LDAP_DECODING_ERROR);
+    EXPECT_EQ(pages, 2);
+    std::vector<wzrtest::ReceivedRequest> sent = server.requests();
+    ASSERT_EQ(sent.size(), 2u);
+    // The one FBER check of a control list as a request carries it.
+    std::string first = fb::seq(fb::str(LDAP_CONTROL_PAGEDRESULTS) + fb::boolean(false) +
+                                fb::str(std::string("\x30\x05\x02\x01\x07\x04\x00", 7)));
+    EXPECT_NE(sent[0].bytes.find(first), std::string::npos);
+    EXPECT_NE(sent[1].bytes.find(std::string("\x30\x07\x02\x01\x07\x04\x02" "ab", 9)), std::string::npos);
+    ldap_unbind(ld);
 }
 
 } // namespace

@@ -41,14 +41,6 @@ void answer_shuffled(FakeServer &server)
     });
 }
 
-int free_rows(LDAPMsgTable *table)
-{
-    pthread_mutex_lock(&table->table_lock);
-    int n = table->free_rows;
-    pthread_mutex_unlock(&table->table_lock);
-    return n;
-}
-
 std::string text_of(LDAPMessage *res)
 {
     BerElement *c = ber_dup(res->lm_ber);
@@ -64,14 +56,15 @@ std::string text_of(LDAPMessage *res)
     return out;
 }
 
+using EngineThreads = EngineTest;
+
 } // namespace
 
-TEST(EngineThreads, EveryThreadGetsExactlyItsOwnResponsesAndTheTableDrains)
+TEST_F(EngineThreads, EveryThreadGetsExactlyItsOwnResponsesAndTheTableDrains)
 {
-    FakeServer server;
+    FakeServer &server = server_;
     answer_shuffled(server);
-    LDAP *ld = ldap_init(server.host_port().c_str(), 0);
-    ASSERT_NE(ld, nullptr);
+    LDAP *ld = ld_;
     constexpr int THREADS = 32;
     constexpr int REQUESTS = 200;
     constexpr int BATCH = 4; // outstanding per thread, collected in a scrambled order
@@ -116,21 +109,19 @@ TEST(EngineThreads, EveryThreadGetsExactlyItsOwnResponsesAndTheTableDrains)
     EXPECT_EQ(wrong.load(), 0);
     EXPECT_EQ(received.load(), THREADS * REQUESTS);
     LDAPMsgTable *table = ld->ld_defconn->table;
-    EXPECT_EQ(free_rows(table), static_cast<int>(table->row_count));
+    EXPECT_EQ(free_rows(), static_cast<int>(table->row_count));
     EXPECT_EQ(table->queue_head, nullptr);
     EXPECT_EQ(server.request_count(), static_cast<size_t>(THREADS * REQUESTS));
-    EXPECT_EQ(ldap_unbind(ld), 0);
 }
 
 // 64 threads mixing waits, time-outs and abandons on one handle: each thread gets only its
 // own responses, every late one is dropped, every id comes back, and an unbind that comes
 // while operations are in flight waits for them.
-TEST(EngineThreads, WaitsTimeOutsAndAbandonsMixedOnSixtyFourThreads)
+TEST_F(EngineThreads, WaitsTimeOutsAndAbandonsMixedOnSixtyFourThreads)
 {
-    FakeServer server;
+    FakeServer &server = server_;
     answer_shuffled(server);
-    LDAP *ld = ldap_init(server.host_port().c_str(), 0);
-    ASSERT_NE(ld, nullptr);
+    LDAP *ld = ld_;
     std::atomic<int> wrong{0}, received{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 64; ++t) {
@@ -157,7 +148,7 @@ TEST(EngineThreads, WaitsTimeOutsAndAbandonsMixedOnSixtyFourThreads)
     EXPECT_EQ(wrong.load(), 0);
     EXPECT_GT(received.load(), 64 * 1563 / 3);
     LDAPMsgTable *table = ld->ld_defconn->table;
-    EXPECT_EQ(free_rows(table), static_cast<int>(table->row_count));
+    EXPECT_EQ(free_rows(), static_cast<int>(table->row_count));
     server.on_request([](const ReceivedRequest &, FakeConnection &) {}); // answers no more
     std::atomic<int> started{0}, finished{0};
     std::vector<std::thread> in_flight;
@@ -174,6 +165,7 @@ TEST(EngineThreads, WaitsTimeOutsAndAbandonsMixedOnSixtyFourThreads)
     while (started.load() < 8)
         std::this_thread::yield();
     EXPECT_EQ(ldap_unbind(ld), 0);
+    ld_ = nullptr;
     EXPECT_EQ(finished.load(), 8);
     for (std::thread &t : in_flight)
         t.join();
@@ -182,11 +174,10 @@ TEST(EngineThreads, WaitsTimeOutsAndAbandonsMixedOnSixtyFourThreads)
 // While 64 threads wait, the server answers an id nobody waits for, answers one request twice
 // and an abandoned one, then sends the notice of disconnection and closes: the answered thread
 // gets its response, every other returns at once with the code of what it saw.
-TEST(EngineThreads, HostileAnswersWhileSixtyFourThreadsWaitEndEveryWait)
+TEST_F(EngineThreads, HostileAnswersWhileSixtyFourThreadsWaitEndEveryWait)
 {
-    FakeServer server;
-    LDAP *ld = ldap_init(server.host_port().c_str(), 0);
-    ASSERT_NE(ld, nullptr);
+    FakeServer &server = server_;
+    LDAP *ld = ld_;
     int abandoned = send_extended(ld);
     ASSERT_EQ(ldap_abandon(ld, abandoned), 0);
     std::vector<int> ids(64), types(64, -2), codes(64, -2);
@@ -223,14 +214,12 @@ TEST(EngineThreads, HostileAnswersWhileSixtyFourThreadsWaitEndEveryWait)
         notices += codes[t] == LDAP_PROTOCOL_ERROR;
     }
     EXPECT_LE(notices, 1); // only the thread that read the notice reports it
-    EXPECT_EQ(ldap_unbind(ld), 0);
 }
 
-TEST(EngineThreads, WaiterGetsItsResponseWhileAnotherThreadReads)
+TEST_F(EngineThreads, WaiterGetsItsResponseAndKeepsItsTimeOutWhileAnotherThreadReads)
 {
-    FakeServer server;
-    LDAP *ld = ldap_init(server.host_port().c_str(), 0);
-    ASSERT_NE(ld, nullptr);
+    FakeServer &server = server_;
+    LDAP *ld = ld_;
     int first = send_extended(ld);
     ASSERT_GT(first, 0);
     std::atomic<int> first_type{-2};
@@ -243,10 +232,14 @@ TEST(EngineThreads, WaiterGetsItsResponseWhileAnotherThreadReads)
     int second = send_extended(ld);
     ASSERT_GT(second, 0);
     ASSERT_TRUE(server.wait_for_requests(2));
+    // A short time-out is kept while the blocked thread reads without limit.
+    LDAPMessage *res = nullptr;
+    struct timeval wait = {0, 200000};
+    EXPECT_EQ(ldap_result(ld, second, LDAP_MSG_ONE, &wait, &res), 0);
+    EXPECT_EQ(thread_error(ld), LDAP_TIMEOUT);
     server.connection(0)->send(extended_response_pdu(second, 0, "", "second"));
     // The reply for `second` is read by the blocked thread and must reach this one.
-    LDAPMessage *res = nullptr;
-    struct timeval wait = {10, 0};
+    wait = {10, 0};
     ASSERT_EQ(ldap_result(ld, second, LDAP_MSG_ONE, &wait, &res), LDAP_RES_EXTENDED);
     EXPECT_EQ(ldap_msgid(res), second);
     ldap_msgfree(res);
@@ -254,40 +247,13 @@ TEST(EngineThreads, WaiterGetsItsResponseWhileAnotherThreadReads)
     server.connection(0)->send(extended_response_pdu(first, 0, "", "first"));
     blocked.join();
     EXPECT_EQ(first_type.load(), LDAP_RES_EXTENDED);
-    EXPECT_EQ(ldap_unbind(ld), 0);
 }
 
-TEST(EngineThreads, ShortTimeOutIsKeptWhileAnotherThreadReadsWithoutLimit)
+TEST_F(EngineThreads, AnyWaitersShareTheOutstandingOperations)
 {
-    FakeServer server;
-    LDAP *ld = ldap_init(server.host_port().c_str(), 0);
-    ASSERT_NE(ld, nullptr);
-    int a = send_extended(ld);
-    int b = send_extended(ld);
-    ASSERT_TRUE(server.wait_for_requests(2));
-    std::thread reader([&] {
-        LDAPMessage *res = nullptr;
-        EXPECT_EQ(ldap_result(ld, a, LDAP_MSG_ONE, nullptr, &res), LDAP_RES_EXTENDED);
-        ldap_msgfree(res);
-    });
-    std::this_thread::sleep_for(50ms);
-    LDAPMessage *res = nullptr;
-    struct timeval wait = {0, 200000};
-    auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(ldap_result(ld, b, LDAP_MSG_ONE, &wait, &res), 0);
-    EXPECT_EQ(thread_error(ld), LDAP_TIMEOUT);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
-    server.connection(0)->send(extended_response_pdu(a, 0, "", "a"));
-    reader.join();
-    EXPECT_EQ(ldap_unbind(ld), 0);
-}
-
-TEST(EngineThreads, AnyWaitersShareTheOutstandingOperations)
-{
-    FakeServer server;
+    FakeServer &server = server_;
     answer_shuffled(server);
-    LDAP *ld = ldap_init(server.host_port().c_str(), 0);
-    ASSERT_NE(ld, nullptr);
+    LDAP *ld = ld_;
     constexpr int COUNT = 64;
     for (int i = 0; i < COUNT; ++i)
         ASSERT_GT(send_extended(ld), 0);
@@ -311,6 +277,5 @@ TEST(EngineThreads, AnyWaitersShareTheOutstandingOperations)
     for (std::thread &t : threads)
         t.join();
     EXPECT_EQ(got.load(), COUNT);
-    EXPECT_EQ(free_rows(ld->ld_defconn->table), 256);
-    EXPECT_EQ(ldap_unbind(ld), 0);
+    EXPECT_EQ(free_rows(), 256);
 }

@@ -9,33 +9,26 @@
 #include <climits>
 #include <cstdlib>
 #include <string>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
 
 using wzrtest::run_capture;
 
-std::string quote(const std::string &s)
-{
-    std::string out = "'";
-    for (char c : s)
-        out += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return out + "'";
-}
+std::string quote(const std::string &s) { return wzrtest::shell_quote(s); }
 
-bool exists(const std::string &path)
-{
-    struct stat st{};
-    return stat(path.c_str(), &st) == 0;
-}
+bool exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
 
-std::string trim(std::string s)
+// Runs `command` (standard error joined to the output); the output, and the status in *status.
+std::string output_of(const std::string &command, int *status = nullptr)
 {
-    while (!s.empty() && (s.back() == '\n' || s.back() == ' '))
-        s.pop_back();
-    return s;
+    std::string out;
+    int rc = run_capture(command + " 2>&1", &out);
+    if (status != nullptr)
+        *status = rc;
+    while (!out.empty() && (out.back() == '\n' || out.back() == ' '))
+        out.pop_back();
+    return out;
 }
 
 // One installed tree per test program: installing is the expensive part.
@@ -45,12 +38,8 @@ protected:
     {
         tmp_ = new wzrtest::TempDir;
         prefix_ = tmp_->path() + "/prefix";
-        std::string out;
-        install_status_ = run_capture(quote(WZR_CMAKE_COMMAND) + " --install " +
-                                          quote(WZR_BINARY_DIR) + " --prefix " + quote(prefix_) +
-                                          " 2>&1",
-                                      &out);
-        install_log_ = out;
+        install_log_ = output_of(quote(WZR_CMAKE_COMMAND) + " --install " + quote(WZR_BINARY_DIR) +
+                                     " --prefix " + quote(prefix_), &install_status_);
     }
     static void TearDownTestSuite()
     {
@@ -58,25 +47,21 @@ protected:
         tmp_ = nullptr;
     }
     void SetUp() override { ASSERT_EQ(install_status_, 0) << install_log_; }
-
     static std::string pkg_config(const std::string &args)
     {
-        std::string out;
-        int rc = run_capture("PKG_CONFIG_PATH=" + quote(libdir() + "/pkgconfig") +
-                                 " pkg-config " + args + " wzrldap",
-                             &out);
-        EXPECT_EQ(rc, 0) << "pkg-config " << args;
-        return trim(out);
+        int rc = -1;
+        std::string out = output_of("PKG_CONFIG_PATH=" + quote(libdir() + "/pkgconfig") +
+                                        " pkg-config " + args + " wzrldap", &rc);
+        EXPECT_EQ(rc, 0) << "pkg-config " << args << ": " << out;
+        return out;
     }
     static std::string libdir()
     {
-        for (const char *d : {"/lib", "/lib64", "/lib/x86_64-linux-gnu"}) {
+        for (const char *d : {"/lib", "/lib64", "/lib/x86_64-linux-gnu"})
             if (exists(prefix_ + d + "/pkgconfig/wzrldap.pc"))
                 return prefix_ + d;
-        }
         return prefix_ + "/lib";
     }
-
     static wzrtest::TempDir *tmp_;
     static std::string prefix_, install_log_;
     static int install_status_;
@@ -115,47 +100,33 @@ static int use_all(void)
 int main(void) { return use_all(); }
 )SRC";
 
-TEST_F(Installed, LaysOutLibraryHeaderPkgConfigAndTool)
+TEST_F(Installed, LaysOutLibraryHeaderPkgConfigAndToolAndTheHeaderCompilesAlone)
 {
-    EXPECT_TRUE(exists(prefix_ + "/include/wzrldap.h"));
-    EXPECT_TRUE(exists(libdir() + "/libwzr9ldap_64.so"));
-    EXPECT_TRUE(exists(libdir() + "/pkgconfig/wzrldap.pc"));
-    EXPECT_TRUE(exists(prefix_ + "/bin/wzrldap"));
+    for (const std::string &path : {prefix_ + "/include/wzrldap.h", libdir() + "/libwzr9ldap_64.so",
+                                    libdir() + "/pkgconfig/wzrldap.pc", prefix_ + "/bin/wzrldap"})
+        EXPECT_TRUE(exists(path)) << path;
     EXPECT_EQ(pkg_config("--modversion"), "9.0.0");
     std::string flags = pkg_config("--cflags --libs");
     EXPECT_NE(flags.find("-lwzr9ldap_64"), std::string::npos) << flags;
     EXPECT_NE(flags.find("/include"), std::string::npos) << flags;
-
     // The tool finds the installed library by itself (no LD_LIBRARY_PATH).
-    std::string out;
-    EXPECT_EQ(run_capture("env -u LD_LIBRARY_PATH " + quote(prefix_ + "/bin/wzrldap") +
-                              " search --help",
-                          &out),
-              0);
+    int rc = -1;
+    std::string out = output_of("env -u LD_LIBRARY_PATH " + quote(prefix_ + "/bin/wzrldap") +
+                                " search --help", &rc);
+    EXPECT_EQ(rc, 0);
     EXPECT_NE(out.find("usage: wzrldap search"), std::string::npos) << out;
-}
 
-TEST_F(Installed, HeaderCompilesAloneAsStrictCAndCxx)
-{
     wzrtest::write_file(tmp_->file("use.c"), kHeaderUse);
     wzrtest::write_file(tmp_->file("use.cpp"), kHeaderUse);
     const std::string strict = " -Wall -Wextra -pedantic -Werror -fsyntax-only -I" +
                                quote(prefix_ + "/include") + " ";
-    for (const char *std : {"-std=c99", "-std=c11"}) {
-        std::string out;
-        EXPECT_EQ(run_capture(quote(WZR_C_COMPILER) + " " + std + strict +
-                                  quote(tmp_->file("use.c")) + " 2>&1",
-                              &out),
-                  0)
-            << std << ": " << out;
-    }
-    for (const char *std : {"-std=c++11", "-std=c++20"}) {
-        std::string out;
-        EXPECT_EQ(run_capture(quote(WZR_CXX_COMPILER) + " " + std + strict +
-                                  quote(tmp_->file("use.cpp")) + " 2>&1",
-                              &out),
-                  0)
-            << std << ": " << out;
+    const char *builds[][3] = {{WZR_C_COMPILER, "-std=c99", "use.c"},
+                               {WZR_C_COMPILER, "-std=c11", "use.c"},
+                               {WZR_CXX_COMPILER, "-std=c++11", "use.cpp"},
+                               {WZR_CXX_COMPILER, "-std=c++20", "use.cpp"}};
+    for (const auto &[compiler, std, file] : builds) {
+        out = output_of(quote(compiler) + " " + std + strict + quote(tmp_->file(file)), &rc);
+        EXPECT_EQ(rc, 0) << std << ": " << out;
     }
 }
 
@@ -190,39 +161,29 @@ TEST_F(Installed, CProgramBuiltWithPkgConfigRunsAgainstTheInstalledLibrary)
 {
     wzrtest::write_file(tmp_->file("prog.c"), kProgram);
     const std::string sanitize = WZR_SANITIZE_FLAGS;
-    std::string out;
-    ASSERT_EQ(run_capture(quote(WZR_C_COMPILER) + " " + sanitize + " -std=c99 -c -o " +
-                              quote(tmp_->file("prog.o")) + " " + quote(tmp_->file("prog.c")) +
-                              " " + pkg_config("--cflags") + " 2>&1",
-                          &out),
-              0)
-        << out;
+    int rc = -1;
+    std::string out = output_of(quote(WZR_C_COMPILER) + " " + sanitize + " -std=c99 -c -o " +
+                                    quote(tmp_->file("prog.o")) + " " + quote(tmp_->file("prog.c")) +
+                                    " " + pkg_config("--cflags"), &rc);
+    ASSERT_EQ(rc, 0) << out;
     // A plain C consumer links with the C driver; a sanitized library needs the C++ runtime
     // parts of the sanitizers, which only the C++ driver brings.
     const std::string linker = sanitize.empty() ? WZR_C_COMPILER : WZR_CXX_COMPILER;
-    ASSERT_EQ(run_capture(quote(linker) + " " + sanitize + " -o " + quote(tmp_->file("prog")) +
-                              " " + quote(tmp_->file("prog.o")) + " " + pkg_config("--libs") +
-                              " 2>&1",
-                          &out),
-              0)
-        << out;
-
+    out = output_of(quote(linker) + " " + sanitize + " -o " + quote(tmp_->file("prog")) + " " +
+                        quote(tmp_->file("prog.o")) + " " + pkg_config("--libs"), &rc);
+    ASSERT_EQ(rc, 0) << out;
     std::string run = "LD_LIBRARY_PATH=" + quote(libdir()) + " " + quote(tmp_->file("prog"));
     char real[PATH_MAX];
     ASSERT_NE(realpath(libdir().c_str(), real), nullptr);
-    out.clear();
-    ASSERT_EQ(run_capture(run + " 2>&1", &out), 0) << out;
-    EXPECT_NE(out.find("loaded from " + std::string(real) + "/libwzr9ldap_64.so"),
-              std::string::npos)
+    out = output_of(run, &rc);
+    ASSERT_EQ(rc, 0) << out;
+    EXPECT_NE(out.find("loaded from " + std::string(real) + "/libwzr9ldap_64.so"), std::string::npos)
         << out;
-
     wzrtest::SlapdFixture &s = wzrtest::shared_slapd();
     WZR_REQUIRE_SLAPD(s);
-    out.clear();
-    EXPECT_EQ(run_capture(run + " " + quote(s.uri()) + " " + quote(s.base()) + " 2>&1", &out), 0)
-        << out;
-    // uid=user1* matches user100 ... user199.
-    EXPECT_NE(out.find(", 100 entries"), std::string::npos) << out;
+    out = output_of(run + " " + quote(s.uri()) + " " + quote(s.base()), &rc);
+    EXPECT_EQ(rc, 0) << out;
+    EXPECT_NE(out.find(", 100 entries"), std::string::npos) << out; // uid=user1*: user100..user199
 }
 
 } // namespace

@@ -17,6 +17,7 @@
 namespace {
 
 using namespace wzrldif;
+using Values = std::vector<std::string>;
 
 std::string all_bytes()
 {
@@ -30,9 +31,8 @@ std::string all_bytes()
 std::string unfold_checked(const std::string &text, size_t width)
 {
     std::string out;
-    size_t pos = 0;
-    while (pos < text.size()) {
-        size_t end = text.find('\n', pos);
+    for (size_t pos = 0, end; pos < text.size(); pos = end + 1) {
+        end = text.find('\n', pos);
         EXPECT_NE(end, std::string::npos) << "missing line end";
         std::string line = text.substr(pos, end - pos);
         EXPECT_LE(line.size(), width) << line;
@@ -41,26 +41,32 @@ std::string unfold_checked(const std::string &text, size_t width)
             line.erase(0, 1);
         }
         out += line;
-        pos = end + 1;
     }
     return out;
 }
 
-ParseError parse_failure(const std::string &text, std::optional<ChangeType> dflt = std::nullopt)
+ParseError parse_failure(const std::string &text)
 {
     std::vector<Record> records;
     ParseError err;
-    EXPECT_FALSE(parse(text, dflt, &records, &err)) << text;
+    EXPECT_FALSE(parse(text, std::nullopt, &records, &err)) << text;
     return err;
+}
+
+std::vector<Record> parsed(const std::string &text, std::optional<ChangeType> dflt = std::nullopt)
+{
+    std::vector<Record> records;
+    ParseError err;
+    EXPECT_TRUE(parse(text, dflt, &records, &err)) << err.line << ": " << err.message;
+    return records;
 }
 
 TEST(LdifBase64, RoundTripsEveryByteAndRefusesBadText)
 {
-    EXPECT_EQ(base64_encode(""), "");
-    EXPECT_EQ(base64_encode("f"), "Zg==");
-    EXPECT_EQ(base64_encode("fo"), "Zm8=");
-    EXPECT_EQ(base64_encode("foo"), "Zm9v");
-    EXPECT_EQ(base64_encode("foobar"), "Zm9vYmFy");
+    const std::pair<const char *, const char *> known[] = {
+        {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foobar", "Zm9vYmFy"}};
+    for (const auto &[plain, coded] : known)
+        EXPECT_EQ(base64_encode(plain), coded);
     std::string bytes = all_bytes(), back;
     std::string encoded = base64_encode(bytes);
     EXPECT_EQ(encoded.substr(0, 12), "AAECAwQFBgcI");
@@ -76,7 +82,7 @@ TEST(LdifBase64, RoundTripsEveryByteAndRefusesBadText)
         EXPECT_FALSE(base64_decode(bad, &back)) << bad;
 }
 
-TEST(LdifWriter, EncodesOnlyWhatIsNotASafeString)
+TEST(LdifWriter, EncodesOnlyWhatIsNotASafeStringAndFoldsAtTheWrapColumn)
 {
     for (const char *safe : {"", "plain", "a:b", "x<y", "with inner  blanks", "~!@#$%^&*()"})
         EXPECT_TRUE(is_safe_string(safe)) << safe;
@@ -86,39 +92,33 @@ TEST(LdifWriter, EncodesOnlyWhatIsNotASafeString)
                                std::string("tab\there"), std::string("J\xc3\xbcrgen"),
                                std::string("del\x7f")})
         EXPECT_FALSE(is_safe_string(unsafe)) << unsafe;
-
     EXPECT_EQ(format_line("cn", "Alice"), "cn: Alice\n");
     EXPECT_EQ(format_line("description", ""), "description:\n");
     EXPECT_EQ(format_line("cn", "trailing "), "cn:: dHJhaWxpbmcg\n");
     EXPECT_EQ(format_line("dn", "cn=J\xc3\xbcrgen"), "dn:: Y249SsO8cmdlbg==\n");
     EXPECT_EQ(format_entry("cn=x,dc=y", {{"cn", {"x"}}, {"objectClass", {}}}),
               "dn: cn=x,dc=y\ncn: x\nobjectClass:\n\n");
-}
 
-TEST(LdifWriter, FoldsLongLinesAtTheWrapColumn)
-{
     std::string exact(76 - 4, 'v'); // "cn: " + 72 = 76 columns: not folded
     EXPECT_EQ(format_line("cn", exact), "cn: " + exact + "\n");
-    std::string longer(77 - 4, 'v');
-    EXPECT_EQ(format_line("cn", longer), "cn: " + std::string(72, 'v') + "\n v\n");
-
+    EXPECT_EQ(format_line("cn", exact + "v"), "cn: " + exact + "\n v\n");
     std::string photo = all_bytes() + all_bytes();
     std::string text = format_line("jpegPhoto", photo);
     EXPECT_GT(std::count(text.begin(), text.end(), '\n'), 5);
     EXPECT_EQ(unfold_checked(text, 76), "jpegPhoto:: " + base64_encode(photo));
     EXPECT_EQ(unfold_checked(format_line("cn", std::string(500, 'z'), 40), 40),
               "cn: " + std::string(500, 'z'));
-    std::string unwrapped = format_line("cn", std::string(500, 'z'), 0);
-    EXPECT_EQ(unwrapped.size(), 505u);
+    EXPECT_EQ(format_line("cn", std::string(500, 'z'), 0).size(), 505u); // 0: never folded
 }
 
 TEST(LdifWriter, OutputReadsBackAsTheSameEntries)
 {
     std::mt19937 rng(42);
-    std::vector<std::pair<std::string, std::vector<Attribute>>> written;
+    std::vector<Entry> written;
     std::string text = "version: 1\n\n";
     for (int e = 0; e < 40; e++) {
-        std::vector<Attribute> attrs;
+        Entry entry;
+        entry.dn = "cn=entry " + std::to_string(e) + (e % 5 == 0 ? " \xc3\xa9 " : "") + ",dc=x";
         for (int a = 0; a < 4; a++) {
             Attribute attr{"attr" + std::to_string(a), {}};
             for (int v = 0; v < 1 + e % 3; v++) {
@@ -127,23 +127,21 @@ TEST(LdifWriter, OutputReadsBackAsTheSameEntries)
                     c = char(e % 2 == 0 ? rng() % 256 : 'a' + rng() % 26);
                 attr.values.push_back(value);
             }
-            attrs.push_back(attr);
+            entry.attrs.push_back(attr);
         }
-        std::string dn =
-            "cn=entry " + std::to_string(e) + (e % 5 == 0 ? " \xc3\xa9 " : "") + ",dc=x";
-        written.emplace_back(dn, attrs);
-        text += format_entry(dn, attrs, e % 4 == 0 ? 0 : 30 + e);
+        written.push_back(entry);
+        text += format_entry(entry.dn, entry.attrs, e % 4 == 0 ? 0 : 30 + e);
     }
     std::vector<Entry> entries;
     ParseError err;
     ASSERT_TRUE(parse_entries(text, &entries, &err)) << err.line << ": " << err.message;
     ASSERT_EQ(entries.size(), written.size());
     for (size_t i = 0; i < entries.size(); i++) {
-        EXPECT_EQ(entries[i].dn, written[i].first);
-        ASSERT_EQ(entries[i].attrs.size(), written[i].second.size());
+        EXPECT_EQ(entries[i].dn, written[i].dn);
+        ASSERT_EQ(entries[i].attrs.size(), written[i].attrs.size());
         for (size_t a = 0; a < entries[i].attrs.size(); a++) {
-            EXPECT_EQ(entries[i].attrs[a].type, written[i].second[a].type);
-            EXPECT_EQ(entries[i].attrs[a].values, written[i].second[a].values);
+            EXPECT_EQ(entries[i].attrs[a].type, written[i].attrs[a].type);
+            EXPECT_EQ(entries[i].attrs[a].values, written[i].attrs[a].values);
         }
     }
 }
@@ -152,139 +150,98 @@ TEST(LdifReader, ReadsEveryKindOfChangeRecord)
 {
     wzrtest::TempDir tmp;
     wzrtest::write_file(tmp.file("photo.bin"), std::string("\x00\x01\xff", 3));
-    std::string text = "version: 1\r\n"
-                       "# a comment\r\n"
-                       " continued on a second line\r\n"
-                       "dn: cn=new,dc=example,dc=com\r\n"
-                       "changetype: add\r\n"
-                       "objectClass: top\r\n"
-                       "objectClass: device\r\n"
-                       "CN: new\r\n"
-                       "cn: nouveau\r\n"
-                       "description: folded\r\n"
-                       "  value\r\n"
-                       "photo:< file://" + tmp.file("photo.bin") + "\r\n"
-                       "\r\n"
-                       "dn:: Y249SsO8cmdlbiBNw7xsbGVyLGRjPWV4YW1wbGUsZGM9Y29t\n"
-                       "changetype: modify\n"
-                       "add: mail\n"
-                       "mail: a@example.com\n"
-                       "mail:: Yk BleGFtcGxlLmNvbQ==\n"
-                       "-\n"
-                       "delete: telephoneNumber\n"
-                       "-\n"
-                       "replace: description\n"
-                       "description: one\n"
-                       "\n"
-                       "dn: cn=old,dc=example,dc=com\n"
-                       "changetype: delete\n"
-                       "\n\n"
-                       "dn: cn=a,dc=example,dc=com\n"
-                       "changetype: moddn\n"
-                       "newrdn: cn=b\n"
-                       "deleteoldrdn: 1\n";
-    // "Yk Bl..." is not base64: fix the deliberate blank to prove the value is decoded.
-    text.replace(text.find("Yk Bl"), 5, "YkBl");
-    std::vector<Record> records;
-    ParseError err;
-    ASSERT_TRUE(parse(text, std::nullopt, &records, &err)) << err.line << ": " << err.message;
+    std::vector<Record> records = parsed(
+        "version: 1\r\n# a comment\r\n continued on a second line\r\n"
+        "dn: cn=new,dc=example,dc=com\r\nchangetype: add\r\nobjectClass: top\r\n"
+        "objectClass: device\r\nCN: new\r\ncn: nouveau\r\ndescription: folded\r\n  value\r\n"
+        "photo:< file://" + tmp.file("photo.bin") + "\r\n\r\n"
+        "dn:: Y249SsO8cmdlbiBNw7xsbGVyLGRjPWV4YW1wbGUsZGM9Y29t\nchangetype: modify\nadd: mail\n"
+        "mail: a@example.com\nmail:: YkBleGFtcGxlLmNvbQ==\n-\ndelete: telephoneNumber\n-\n"
+        "replace: description\ndescription: one\n\n"
+        "dn: cn=old,dc=example,dc=com\nchangetype: delete\n\n\n"
+        "dn: cn=a,dc=example,dc=com\nchangetype: moddn\nnewrdn: cn=b\ndeleteoldrdn: 1\n");
     ASSERT_EQ(records.size(), 4u);
-
     const Record &add = records[0];
     EXPECT_EQ(add.line, 4);
     EXPECT_EQ(add.change, ChangeType::Add);
     EXPECT_TRUE(add.explicit_change);
     EXPECT_EQ(add.dn, "cn=new,dc=example,dc=com");
     ASSERT_EQ(add.mods.size(), 4u);
-    EXPECT_EQ(add.mods[0].values, (std::vector<std::string>{"top", "device"}));
+    EXPECT_EQ(add.mods[0].values, (Values{"top", "device"}));
     EXPECT_EQ(add.mods[1].type, "CN"); // attribute types merge regardless of case
-    EXPECT_EQ(add.mods[1].values, (std::vector<std::string>{"new", "nouveau"}));
-    EXPECT_EQ(add.mods[2].values, (std::vector<std::string>{"folded value"}));
-    EXPECT_EQ(add.mods[3].values, (std::vector<std::string>{std::string("\x00\x01\xff", 3)}));
-
+    EXPECT_EQ(add.mods[1].values, (Values{"new", "nouveau"}));
+    EXPECT_EQ(add.mods[2].values, (Values{"folded value"}));
+    EXPECT_EQ(add.mods[3].values, (Values{std::string("\x00\x01\xff", 3)}));
     const Record &mod = records[1];
     EXPECT_EQ(mod.dn, "cn=J\xc3\xbcrgen M\xc3\xbcller,dc=example,dc=com");
     EXPECT_EQ(mod.change, ChangeType::Modify);
     ASSERT_EQ(mod.mods.size(), 3u);
     EXPECT_EQ(mod.mods[0].op, ModOp::Add);
-    EXPECT_EQ(mod.mods[0].values, (std::vector<std::string>{"a@example.com", "b@example.com"}));
+    EXPECT_EQ(mod.mods[0].values, (Values{"a@example.com", "b@example.com"}));
     EXPECT_EQ(mod.mods[1].op, ModOp::Delete);
     EXPECT_EQ(mod.mods[1].type, "telephoneNumber");
     EXPECT_TRUE(mod.mods[1].values.empty());
     EXPECT_EQ(mod.mods[2].op, ModOp::Replace); // the last "-" may be left out
-    EXPECT_EQ(mod.mods[2].values, (std::vector<std::string>{"one"}));
-
+    EXPECT_EQ(mod.mods[2].values, (Values{"one"}));
     EXPECT_EQ(records[2].change, ChangeType::Delete);
     EXPECT_EQ(records[2].line, 25);
     EXPECT_EQ(records[3].change, ChangeType::ModRdn);
     EXPECT_EQ(records[3].newrdn, "cn=b");
     EXPECT_TRUE(records[3].deleteoldrdn);
-}
 
-TEST(LdifReader, RecordsWithoutChangetypeTakeTheCommandsDefault)
-{
-    std::vector<Record> records;
-    ParseError err;
-    ASSERT_TRUE(parse("dn: cn=a,dc=x\n\ndn: cn=b,dc=x\n", ChangeType::Delete, &records, &err));
+    // Records without a changetype take the command's default.
+    records = parsed("dn: cn=a,dc=x\n\ndn: cn=b,dc=x\n", ChangeType::Delete);
     ASSERT_EQ(records.size(), 2u);
     EXPECT_EQ(records[1].change, ChangeType::Delete);
     EXPECT_FALSE(records[1].explicit_change);
-
-    records.clear();
-    ASSERT_TRUE(parse("dn: cn=a,dc=x\nnewrdn: cn=c\ndeleteoldrdn: 0\n", ChangeType::ModRdn,
-                      &records, &err));
+    records = parsed("dn: cn=a,dc=x\nnewrdn: cn=c\ndeleteoldrdn: 0\n", ChangeType::ModRdn);
     EXPECT_EQ(records.at(0).newrdn, "cn=c");
     EXPECT_FALSE(records.at(0).deleteoldrdn);
-
-    records.clear();
-    ASSERT_TRUE(parse("dn: cn=a,dc=x\ncn: a\n\ndn: cn=b,dc=x\nchangetype: delete\n",
-                      ChangeType::Add, &records, &err));
+    records = parsed("dn: cn=a,dc=x\ncn: a\n\ndn: cn=b,dc=x\nchangetype: delete\n", ChangeType::Add);
     EXPECT_EQ(records.at(0).change, ChangeType::Add);
     EXPECT_EQ(records.at(1).change, ChangeType::Delete);
-    EXPECT_TRUE(parse("", std::nullopt, &records, &err)); // nothing to do is not an error
+    EXPECT_TRUE(parsed("").empty()); // nothing to do is not an error
 }
 
 TEST(LdifReader, NamesTheLineOfTheFirstMistake)
 {
-    struct Case {
+    const std::string ok = "dn: cn=ok,dc=x\nchangetype: delete\n\n"; // lines 1-3
+    const std::string a = ok + "dn: cn=a\n", add = a + "changetype: add\n";
+    const std::string modify = a + "changetype: modify\n", modrdn = a + "changetype: modrdn\n";
+    const struct {
         std::string text;
         int line;
         const char *says;
-    };
-    const std::string ok = "dn: cn=ok,dc=x\nchangetype: delete\n\n"; // lines 1-3
-    const std::vector<Case> cases = {
+    } cases[] = {
         {" leading continuation\n", 1, "continuation"},
         {ok + "cn: x\nchangetype: delete\n", 4, "must begin with \"dn:\""},
-        {ok + "dn: cn=a\nchangetype: rename\n", 5, "unknown changetype"},
-        {ok + "dn: cn=a\ncn: a\n", 4, "no changetype"},
+        {a + "changetype: rename\n", 5, "unknown changetype"},
+        {a + "cn: a\n", 4, "no changetype"},
         {ok + "dn:: not*base64\nchangetype: delete\n", 4, "bad base64"},
-        {ok + "dn: cn=a\nchangetype: delete\ncn: a\n", 6, "unexpected line in a delete"},
-        {ok + "dn: cn=a\nchangetype: add\n", 4, "no attributes"},
-        {ok + "dn: cn=a\nchangetype: add\nbad name: x\n", 6, "bad attribute name"},
-        {ok + "dn: cn=a\nchangetype: add\nno colon here\n", 6, "expected \"name: value\""},
-        {ok + "dn: cn=a\nchangetype: modify\nadd: mail\nmail: a\ncn: b\n-\n", 8,
-         "expected a value of mail"},
-        {ok + "dn: cn=a\nchangetype: modify\nadd: mail\n-\n", 6, "has no values"},
-        {ok + "dn: cn=a\nchangetype: modify\nincrement: n\n", 6, "expected add:"},
-        {ok + "dn: cn=a\nchangetype: modify\n", 4, "no changes"},
-        {ok + "dn: cn=a\nchangetype: modrdn\nnewrdn: cn=b\n", 4, "no deleteoldrdn"},
-        {ok + "dn: cn=a\nchangetype: modrdn\ndeleteoldrdn: 1\n", 4, "no newrdn"},
-        {ok + "dn: cn=a\nchangetype: modrdn\nnewrdn: cn=b\ndeleteoldrdn: 2\n", 7, "0 or 1"},
-        {ok + "dn: cn=a\nchangetype: modrdn\nnewrdn: cn=b\ndeleteoldrdn: 1\nnewsuperior: dc=y\n"
-              "newsuperior: dc=z\n",
-         9, "unexpected \"newsuperior\""},
-        {ok + "dn: cn=a\ncontrol: 1.2.3 true\nchangetype: delete\n", 5, "controls"},
+        {a + "changetype: delete\ncn: a\n", 6, "unexpected line in a delete"},
+        {add, 4, "no attributes"},
+        {add + "bad name: x\n", 6, "bad attribute name"},
+        {add + "no colon here\n", 6, "expected \"name: value\""},
+        {modify + "add: mail\nmail: a\ncn: b\n-\n", 8, "expected a value of mail"},
+        {modify + "add: mail\n-\n", 6, "has no values"},
+        {modify + "increment: n\n", 6, "expected add:"},
+        {modify, 4, "no changes"},
+        {modrdn + "newrdn: cn=b\n", 4, "no deleteoldrdn"},
+        {modrdn + "deleteoldrdn: 1\n", 4, "no newrdn"},
+        {modrdn + "newrdn: cn=b\ndeleteoldrdn: 2\n", 7, "0 or 1"},
+        {modrdn + "newrdn: cn=b\ndeleteoldrdn: 1\nnewsuperior: dc=y\nnewsuperior: dc=z\n", 9,
+         "unexpected \"newsuperior\""},
+        {a + "control: 1.2.3 true\nchangetype: delete\n", 5, "controls"},
         {"version: 2\n" + ok, 1, "version"},
-        {ok + "dn: cn=a\nchangetype: add\njpegPhoto:< http://example.com/x\n", 6, "file://"},
-        {ok + "dn: cn=a\nchangetype: add\njpegPhoto:< file:///nonexistent/x\n", 6, "cannot read"},
+        {add + "jpegPhoto:< http://example.com/x\n", 6, "file://"},
+        {add + "jpegPhoto:< file:///nonexistent/x\n", 6, "cannot read"},
     };
     for (const auto &c : cases) {
         ParseError err = parse_failure(c.text);
         EXPECT_EQ(err.line, c.line) << c.text << " -> " << err.message;
         EXPECT_NE(err.message.find(c.says), std::string::npos) << c.text << " -> " << err.message;
     }
-    // A change record where a search result was expected is refused too.
-    std::vector<Entry> entries;
+    std::vector<Entry> entries; // a change record where a search result was expected
     ParseError err;
     EXPECT_FALSE(parse_entries(ok, &entries, &err));
     EXPECT_EQ(err.line, 1);
@@ -316,7 +273,7 @@ TEST(LdifReader, ReadsFileValuesOnlyFromRegularFilesOf64MiBAtMost)
     ASSERT_EQ(mkfifo(tmp.file("fifo").c_str(), 0600), 0);
     wzrtest::write_file(tmp.file("big"), "");
     ASSERT_EQ(truncate(tmp.file("big").c_str(), off_t(kMaxFileValue) + 1), 0);
-    const std::vector<std::pair<std::string, const char *>> cases = {
+    const std::pair<std::string, const char *> cases[] = {
         {tmp.file("fifo"), "not a regular file"}, {tmp.path(), "not a regular file"},
         {"/dev/zero", "not a regular file"},      {tmp.file("big"), "larger than 64 MiB"},
         {tmp.file("missing"), "No such file"}};
@@ -326,10 +283,9 @@ TEST(LdifReader, ReadsFileValuesOnlyFromRegularFilesOf64MiBAtMost)
         EXPECT_NE(err.message.find(says), std::string::npos) << path << ": " << err.message;
     }
     ASSERT_EQ(truncate(tmp.file("big").c_str(), off_t(kMaxFileValue)), 0);
-    std::vector<Record> records;
-    ParseError err;
-    ASSERT_TRUE(parse("dn: cn=a\nx:< file://" + tmp.file("big"), ChangeType::Add, &records, &err));
-    EXPECT_EQ(records.at(0).mods.at(0).values.at(0).size(), kMaxFileValue);
+    std::vector<Record> records = parsed("dn: cn=a\nx:< file://" + tmp.file("big"), ChangeType::Add);
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].mods.at(0).values.at(0).size(), kMaxFileValue);
 }
 
 } // namespace

@@ -60,11 +60,11 @@ TEST_F(Locate, SrvRecordsComeByPriorityThenWeightedAtRandom)
     dns.srv(srv, 5, 0, 1389, "first", 0);
     const int runs = 400;
     int heavy_first = 0;
+    const std::string heavy = "first:1389 heavy:389 light:389 last:389";
     for (int i = 0; i < runs; ++i) {
         std::string h = find("DC=spread,dc=example");
-        heavy_first += h == "first:1389 heavy:389 light:389 last:389";
-        ASSERT_TRUE(h == "first:1389 heavy:389 light:389 last:389" ||
-                    h == "first:1389 light:389 heavy:389 last:389") << h;
+        heavy_first += h == heavy;
+        ASSERT_TRUE(h == heavy || h == "first:1389 light:389 heavy:389 last:389") << h;
     }
     EXPECT_EQ(dns.questions(), runs);
     EXPECT_GT(heavy_first, runs * 6 / 10); // weight 3 against 1: three times in four
@@ -113,13 +113,10 @@ TEST_F(Locate, CacheFileAnswersUntilItExpiresAndDamageOnlyCostsAQuery)
     EXPECT_EQ(find("dc=cached,dc=example"), "ds.cached.example:389");
     EXPECT_EQ(dns.questions(), 1);
     EXPECT_NE(wzrtest::read_file(file).find("\nhosts ds.cached.example:389\n"), std::string::npos);
-    const std::string damaged[] = {
-        "wzrldap server cache 1\nexpires 5\nhosts old.example:389\n", // expired
-        "wzrldap server cache 1\nexpires 99999999999\nhosts old.exa", // cut short
-        std::string("\x7f" "ELF\0\0\xff\n", 8),
-    };
     int asked = 1;
-    for (const std::string &text : damaged) {
+    for (const std::string &text : {std::string("wzrldap server cache 1\nexpires 5\nhosts old.example:389\n"), // expired
+                                    std::string("wzrldap server cache 1\nexpires 99999999999\nhosts old.exa"), // cut short
+                                    std::string("\x7f" "ELF\0\0\xff\n", 8)}) {
         wzrtest::write_file(file, text);
         EXPECT_EQ(find("dc=cached,dc=example"), "ds.cached.example:389");
         EXPECT_EQ(dns.questions(), ++asked);
@@ -139,8 +136,7 @@ std::string message(unsigned count, const std::string &rrs)
 
 int parse(const std::string &msg, LDAPDnsAnswer *ans)
 {
-    auto *bytes = reinterpret_cast<const unsigned char *>(msg.data());
-    return ldap_dns_parse_answer(bytes, msg.size(), ans);
+    return ldap_dns_parse_answer(reinterpret_cast<const unsigned char *>(msg.data()), msg.size(), ans);
 }
 
 TEST(DnsAnswer, HostileAnswersAreRefusedOrCappedWithoutLeaks)

@@ -36,12 +36,10 @@ const std::string PARTNERS = "ou=partners," + BASE;
 
 struct Handle {
     LDAP *ld;
-    explicit Handle(int port, int hops = -1, int version = LDAP_VERSION3)
-        : ld(ldap_init("127.0.0.1", port))
+    explicit Handle(int port, int hops = -1, int version = LDAP_VERSION3) : ld(ldap_init("127.0.0.1", port))
     {
         (void)ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
-        if (hops >= 0)
-            (void)ldap_set_option(ld, LDAP_OPT_REFHOPLIMIT, &hops);
+        (void)(hops >= 0 && ldap_set_option(ld, LDAP_OPT_REFHOPLIMIT, &hops));
     }
     ~Handle() { ldap_unbind(ld); }
 };
@@ -97,13 +95,14 @@ Outcome search(LDAP *ld, const std::string &base, int scope, const std::string &
     return outcome(ld, rc, res);
 }
 
+std::string partner(int i) { return "uid=partner" + std::to_string(i) + "," + PARTNERS; }
+
 std::string partner_ldif(int n)
 {
     std::string out = "dn: " + PARTNERS + "\nobjectClass: organizationalUnit\nou: partners\n\n";
     for (int i = 1; i <= n; ++i)
-        out += "dn: uid=partner" + std::to_string(i) + "," + PARTNERS +
-               "\nobjectClass: inetOrgPerson\nuid: partner" + std::to_string(i) +
-               "\ncn: Partner\nsn: P\n\n";
+        out += "dn: " + partner(i) + "\nobjectClass: inetOrgPerson\nuid: partner" +
+               std::to_string(i) + "\ncn: Partner\nsn: P\n\n";
     return out;
 }
 
@@ -136,22 +135,25 @@ class Referrals : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        static Servers s;
-        servers = &s;
         if (!SlapdFixture::available())
             GTEST_SKIP() << "slapd is not installed";
-        ASSERT_TRUE(s.second.running() && s.first.running()) << s.second.error() << s.first.error();
+        ASSERT_TRUE(servers().second.running() && servers().first.running())
+            << servers().second.error() << servers().first.error();
     }
-    const SlapdFixture &first() { return servers->first; }
-    const SlapdFixture &second() { return servers->second; }
-    Servers *servers = nullptr;
+    static Servers &servers()
+    {
+        static Servers s;
+        return s;
+    }
+    const SlapdFixture &first() { return servers().first; }
+    const SlapdFixture &second() { return servers().second; }
 };
 
 TEST_F(Referrals, SubtreeSearchReturnsTheReferredEntriesAndReportsTheDeadReferral)
 {
     Handle h(first().port());
     Outcome o = search(h.ld, BASE, LDAP_SCOPE_SUBTREE, "(uid=partner1)");
-    EXPECT_EQ(o.dns, std::set<std::string>{"uid=partner1," + PARTNERS});
+    EXPECT_EQ(o.dns, std::set<std::string>{partner(1)});
     // The dead server's reference and the loop's come back with the first failure's code.
     EXPECT_TRUE(o.code == LDAP_SERVER_DOWN || o.code == LDAP_REFERRAL_LIMIT_EXCEEDED) << o.code;
     ASSERT_EQ(o.referrals.size(), 2u);
@@ -178,8 +180,7 @@ TEST_F(Referrals, UpdatesBelowTheReferralAreReencodedForTheSecondServer)
     ASSERT_EQ(ldap_simple_bind_s(h.ld, first().manager_dn().c_str(), "manager-secret"), 0);
     // Without a rebind procedure the second server sees an anonymous request and refuses it.
     const std::string dn = "cn=newcomer," + PARTNERS;
-    EXPECT_EQ(ldap_delete_s(h.ld, ("uid=partner8," + PARTNERS).c_str()),
-              LDAP_STRONG_AUTH_REQUIRED);
+    EXPECT_EQ(ldap_delete_s(h.ld, partner(8).c_str()), LDAP_STRONG_AUTH_REQUIRED);
     rebind_target = &second();
     LDAPRebindProc proc = rebind_as_manager;
     ASSERT_EQ(ldap_set_option(h.ld, LDAP_OPT_REBIND_FN, reinterpret_cast<void *>(proc)), 0);
@@ -195,8 +196,7 @@ TEST_F(Referrals, UpdatesBelowTheReferralAreReencodedForTheSecondServer)
     EXPECT_EQ(ldap_compare_s(h.ld, dn.c_str(), "cn", "newcomer"), LDAP_COMPARE_TRUE);
     // Renamed under its own parent: the delete of the new name below proves where it went.
     const std::string renamed = "cn=renamed," + PARTNERS;
-    EXPECT_EQ(ldap_rename_s(h.ld, dn.c_str(), "cn=renamed", PARTNERS.c_str(), 1, nullptr, nullptr),
-              0);
+    EXPECT_EQ(ldap_rename_s(h.ld, dn.c_str(), "cn=renamed", PARTNERS.c_str(), 1, nullptr, nullptr), 0);
     EXPECT_EQ(ldap_delete_s(h.ld, renamed.c_str()), 0);
     EXPECT_EQ(search(Handle(second().port()).ld, renamed, 0, "(cn=*)").rc, LDAP_NO_SUCH_OBJECT);
     EXPECT_EQ(rows_in_use(h.ld), 0);
@@ -204,7 +204,7 @@ TEST_F(Referrals, UpdatesBelowTheReferralAreReencodedForTheSecondServer)
 
 TEST_F(Referrals, ResultReferralsFollowedWithinTheHopLimitAndLoopsEndThere)
 {
-    const std::string dn = "uid=partner2," + PARTNERS;
+    const std::string dn = partner(2);
     Outcome o = search(Handle(first().port()).ld, dn, LDAP_SCOPE_BASE, "(objectClass=*)");
     EXPECT_EQ(o.dns, std::set<std::string>{dn});
     Handle zero(first().port(), 0);
@@ -253,8 +253,7 @@ TEST_F(ReferralThreads, EightSearchingAcrossTheReferralEachGetTheirOwnEntry)
     for (auto &t : threads)
         t.join();
     for (int t = 0; t < 8; ++t)
-        EXPECT_EQ(got[t], std::set<std::string>{"uid=partner" + std::to_string(t + 1) + "," +
-                                                PARTNERS});
+        EXPECT_EQ(got[t], std::set<std::string>{partner(t + 1)});
     EXPECT_EQ(rows_in_use(h.ld), 0);
 }
 
@@ -267,7 +266,7 @@ TEST_F(Referrals, UrlSearchOnTheSecondServerAnswersUnderAnIdOfTheFirstsTable)
     LDAPMessage *res = nullptr;
     ASSERT_EQ(ldap_result(h.ld, id, 1, nullptr, &res), static_cast<int>(LDAP_RES_SEARCH_RESULT));
     Outcome o = outcome(h.ld, 0, res);
-    EXPECT_EQ(o.dns, std::set<std::string>{"uid=partner3," + PARTNERS});
+    EXPECT_EQ(o.dns, std::set<std::string>{partner(3)});
     EXPECT_EQ(o.code, 0);
     // On the handle's own server the search goes there directly.
     ASSERT_EQ(ldap_url_search_s(h.ld, (first().uri() + "/" + BASE + "??base").c_str(), 1, &res), 0);
@@ -324,6 +323,7 @@ TEST(ReferralFake, V2ReferralTextIsCutAtTheMarkerAndItsUrlsTriedInOrder)
     EXPECT_EQ(o.rows, 0);
     EXPECT_EQ(second.requests().at(0).op, 0x60u); // version 2: an anonymous bind first
 }
+
 
 TEST(ReferralFake, HostileReferralsEndWithAClearCode)
 {

@@ -1,13 +1,16 @@
-// The message table on its own: id allocation with growth, wrap-around and the size limit,
-// row verification and ownership, the rotation of "any" waiters, filing and releasing.
+// The message table and its records: id allocation with growth, wrap-around and the size
+// limit, row verification and ownership, the rotation of "any" waiters, filing and releasing;
+// the records' eyecatcher discipline, freeing single records and chains, the chain walkers.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <thread>
 
 #include "libldap/ldap_error.h"
 #include "libldap/ldap_init.h"
 #include "libldap/ldap_message.h"
 #include "libldap/ldap_queue.h"
+#include "libldap/ldap_result.h"
 #include "libldap/ldap_table.h"
 #include "libldap/ldap_unbind.h"
 #include "support/engine_client.h"
@@ -35,27 +38,9 @@ LDAPMessage *response(LDAPConn *lc, int msgid, int type)
     return m;
 }
 
-// A handle whose table rows the tests fill by hand; it never connects.
-class Rows : public ::testing::Test {
+// Table rows filled by hand on a handle that has not connected.
+class Rows : public EngineTest {
 protected:
-    void SetUp() override
-    {
-        ld_ = ldap_init("127.0.0.1:9", 0);
-        ASSERT_NE(ld_, nullptr);
-        lc_ = ld_->ld_defconn;
-        table_ = lc_->table;
-    }
-    void TearDown() override { EXPECT_EQ(ldap_unbind(ld_), 0); }
-
-    // Takes an id and files a request record in its row, as sending does.
-    int outstanding()
-    {
-        int id = ldap_msg_table_get_next_msgid(table_);
-        LDAPMessage *req = ldap_msginit(lc_);
-        req->lm_msgid = id;
-        table_->rows[id & LDAP_MSGID_ROW_MASK].request = req;
-        return id;
-    }
     int file(LDAPMessage *m)
     {
         pthread_mutex_lock(&table_->table_lock);
@@ -65,10 +50,15 @@ protected:
         pthread_mutex_unlock(&table_->table_lock);
         return rc;
     }
-
-    LDAP *ld_ = nullptr;
-    LDAPConn *lc_ = nullptr;
-    LDAPMsgTable *table_ = nullptr;
+    // An outstanding id whose row holds entry, entry, result; returns the three records.
+    int search_row(LDAPMessage *out[3])
+    {
+        int id = outstanding();
+        const int types[3] = {LDAP_RES_SEARCH_ENTRY, LDAP_RES_SEARCH_ENTRY, LDAP_RES_SEARCH_RESULT};
+        for (int i = 0; i < 3; ++i)
+            EXPECT_EQ(put_msg_in_table(table_, out[i] = response(lc_, id, types[i])), 0);
+        return id;
+    }
 };
 
 } // namespace
@@ -146,26 +136,14 @@ TEST(TableIds, InitAllocationFailuresLeakNothing)
 
 TEST_F(Rows, VerificationRefusesBadIdsAndSecondCollectors)
 {
+    // Ids out of range, never handed out, or owned by another thread: Result.ArgumentAndOwnershipChecks.
     int id = outstanding();
-    int msgid = 256;
-    EXPECT_EQ(verify_msgid_n_acquire_row(ld_, table_, &msgid, 0), LDAP_PARAM_ERROR);
-    msgid = 0;
-    EXPECT_EQ(verify_msgid_n_acquire_row(ld_, table_, &msgid, LDAP_MSG_ALL), LDAP_PARAM_ERROR);
-    msgid = 0;
+    int msgid = 0;
     EXPECT_EQ(verify_msgid_n_acquire_row(ld_, table_, &msgid, LDAP_MSG_ONE), 0);
-    msgid = id + 1; // handed out to nobody
-    EXPECT_EQ(verify_msgid_n_acquire_row(ld_, table_, &msgid, 0), LDAP_PARAM_ERROR);
-
     msgid = id;
     EXPECT_EQ(verify_msgid_n_acquire_row(ld_, table_, &msgid, 0), 0);
     EXPECT_TRUE(pthread_equal(table_->rows[id].owner, pthread_self()));
     EXPECT_EQ(verify_msgid_n_acquire_row(ld_, table_, &msgid, 0), 0); // the owner again
-    int other = 0;
-    std::thread([&] {
-        int m = id;
-        other = verify_msgid_n_acquire_row(ld_, table_, &m, 0);
-    }).join();
-    EXPECT_EQ(other, LDAP_LOCAL_ERROR);
 
     // Complete and everything delivered: the result was collected already.
     ASSERT_EQ(file(response(lc_, id, LDAP_RES_EXTENDED)), 0);
@@ -321,24 +299,100 @@ TEST_F(Rows, ReleaseRulesAndLinks)
     EXPECT_EQ(thread_error(ld_), LDAP_SUCCESS);
 }
 
-TEST_F(Rows, SendingFilesTheRequestAndAFailedSendKeepsItUntilTheIdIsReleased)
+TEST(TableSend, SendingFilesTheRequestAndAFailedSendKeepsItUntilTheIdIsReleased)
 {
+    LDAP *ld = ldap_init("127.0.0.1:9", 0); // nothing listens
+    ASSERT_NE(ld, nullptr);
+    LDAPMsgTable *table = ld->ld_defconn->table;
     int stored = -1;
-    EXPECT_EQ(ldap_msg_table_send_message(nullptr, ld_, nullptr, &stored, {}),
-              LDAP_PARAM_ERROR);
+    EXPECT_EQ(ldap_msg_table_send_message(nullptr, ld, nullptr, &stored, {}), LDAP_PARAM_ERROR);
     EXPECT_EQ(stored, 0);
-    EXPECT_EQ(thread_error(ld_), LDAP_PARAM_ERROR);
-
-    int id = ldap_msg_table_get_next_msgid(table_);
-    LDAPMessage *req = ldap_msginit(lc_);
+    EXPECT_EQ(thread_error(ld), LDAP_PARAM_ERROR);
+    int id = ldap_msg_table_get_next_msgid(table);
+    LDAPMessage *req = ldap_msginit(ld->ld_defconn);
     req->lm_msgid = id;
-    req->lm_ber = ldap_alloc_fber(ld_, 0);
-    ASSERT_EQ(fber_printf(req->lm_ber, "{it{ts}}", id, LDAP_REQ_EXTENDED, ber_tag_t{0x80}, "1.2"),
-              0);
-    int rc = ldap_msg_table_send_message(table_, ld_, req, &stored, {});
-    EXPECT_TRUE(rc == LDAP_CONNECT_ERROR || rc == LDAP_SERVER_DOWN) << rc; // nothing listens
+    req->lm_ber = ldap_alloc_fber(ld, 0);
+    ASSERT_EQ(fber_printf(req->lm_ber, "{it{ts}}", id, LDAP_REQ_EXTENDED, ber_tag_t{0x80}, "1.2"), 0);
+    int rc = ldap_msg_table_send_message(table, ld, req, &stored, {});
+    EXPECT_TRUE(rc == LDAP_CONNECT_ERROR || rc == LDAP_SERVER_DOWN) << rc;
     EXPECT_EQ(stored, 1);
-    EXPECT_EQ(table_->rows[id].request, req);
-    ldap_msg_table_release_msgid(table_, id); // frees the request with the row
+    EXPECT_EQ(table->rows[id].request, req);
+    ldap_msg_table_release_msgid(table, id); // frees the request with the row
+    EXPECT_EQ(table->rows[id].request, nullptr);
+    EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
+TEST_F(Rows, FreshRecordIsAliveAndFreedRecordIsRefused)
+{
+    LDAPMessage *m = ldap_msginit(lc_);
+    ASSERT_NE(m, nullptr);
+    EXPECT_EQ(m->lm_msgtype, 48);
+    EXPECT_EQ(m->lm_msgid, 0);
+    EXPECT_EQ(m->lm_conn, lc_);
+    EXPECT_EQ(memcmp(m->lm_eyecatcher, "EYEALIVE", 8), 0);
+    EXPECT_EQ(ldap_msg_valid(m), 1);
+    EXPECT_EQ(ldap_msg_valid(nullptr), 0);
+    EXPECT_EQ(ldap_msgid(nullptr), -1);
+    free_msg(m, 0);
+
+    // A record whose eyecatcher reads dead is refused everywhere, without crashing.
+    LDAPMessage dead = {};
+    memcpy(dead.lm_eyecatcher, "EYEDEADE", 8);
+    TraceCapture trace;
+    EXPECT_EQ(ldap_msg_valid(&dead), 0);
+    EXPECT_EQ(ldap_msgfree(&dead), 0);
+    EXPECT_TRUE(trace.contains("INVALID: ldap_msgfree invalid parm: "));
+    EXPECT_EQ(ldap_next_message(ld_, &dead), nullptr);
+    EXPECT_EQ(ldap_operations_in_progress(ld_), 0u); // the walker ended its operation even so
+    EXPECT_EQ(ldap_msgfree(nullptr), 0);
+}
+
+TEST_F(Rows, DeliveredRecordsLeaveTheRowAndTheFinalOneReleasesTheId)
+{
+    LDAPMessage *r[3];
+    int id = search_row(r);
+    int free_before = table_->free_rows;
+    for (int i = 0; i < 3; ++i) {
+        LDAPMessage *got = nullptr;
+        ASSERT_EQ(ldap_msg_table_get_message(ld_, table_, &id, {}, &got), r[i]->lm_msgtype);
+        ASSERT_EQ(got, r[i]);
+        got->lm_flags |= LDAP_MSG_SINGLE;
+        EXPECT_EQ(got->lm_chain, nullptr);
+        EXPECT_EQ(got->lm_conn, nullptr); // nothing leads from it back to the handle
+        EXPECT_EQ(ldap_count_messages(ld_, got), 1);
+        EXPECT_EQ(ldap_next_message(ld_, got), nullptr);
+    }
+    EXPECT_EQ(table_->free_rows, free_before + 1);
+    EXPECT_EQ(table_->rows[id].flags, 0u);
+    EXPECT_EQ(ldap_msgfree(r[1]), LDAP_RES_SEARCH_ENTRY);
+    EXPECT_EQ(ldap_msgfree(r[2]), LDAP_RES_SEARCH_RESULT);
+    EXPECT_EQ(ldap_msgfree(r[0]), LDAP_RES_SEARCH_ENTRY);
+}
+
+TEST_F(Rows, ChainFreesEverythingAndReportsTheFinalType)
+{
+    LDAPMessage *r[3];
+    int id = search_row(r);
+    LDAPMessage *chain = nullptr;
+    ASSERT_EQ(ldap_get_result(ld_, id, LDAP_MSG_ALL, {}, &chain, table_), LDAP_RES_SEARCH_RESULT);
+    ASSERT_EQ(chain, r[0]);
+    EXPECT_EQ(ldap_count_messages(ld_, r[0]), 3);
+    EXPECT_EQ(ldap_next_message(ld_, r[0]), r[1]);
+    EXPECT_EQ(ldap_next_message(ld_, r[2]), nullptr);
+    EXPECT_EQ(ldap_count_messages(nullptr, r[0]), -1);
+    EXPECT_EQ(ldap_count_messages(ld_, nullptr), 0);
+    // Freed from the middle: the rest goes with it, the head's chain ends before it.
+    EXPECT_EQ(ldap_msgfree(r[1]), LDAP_RES_SEARCH_RESULT);
+    EXPECT_EQ(ldap_count_messages(ld_, r[0]), 1);
+    EXPECT_EQ(ldap_msgfree(r[0]), LDAP_RES_SEARCH_ENTRY);
+}
+
+TEST_F(Rows, ReleaseMsgidOfARequestFreesItWithTheRow)
+{
+    int id = outstanding();
+    int free_before = table_->free_rows;
+    ldap_msg_release_msgid(table_->rows[id].request);
+    EXPECT_EQ(table_->free_rows, free_before + 1);
     EXPECT_EQ(table_->rows[id].request, nullptr);
+    ldap_msg_release_msgid(nullptr);
 }

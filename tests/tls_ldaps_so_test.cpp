@@ -1,6 +1,6 @@
 // LDAPS through the exported interface alone: an ldaps:// URL to wzr_ldap_init and the
-// secure-transport options (key database, its password or stash file, certificate label) set
-// with wzr_ldap_set_option are all a program needs.
+// secure-transport options (key database, its password, certificate label) set with
+// wzr_ldap_set_option are all a program needs. Each test runs in a process of its own.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -18,6 +18,16 @@ using wzrtest::tls_slapd;
 
 const int local_install = setenv("WZRKIT_LOCAL_INSTALL_MODE", "1", 0);
 
+// A handle on the LDAPS port with the client's PKCS#12 key database (which holds the CA) and
+// its password (option 152).
+LDAP *open_ldaps(const SlapdFixture &s, const std::string &password)
+{
+    LDAP *ld = wzr_ldap_init(("ldaps://localhost:" + std::to_string(s.ldaps_port())).c_str(), 0);
+    EXPECT_NE(ld, nullptr);
+    EXPECT_EQ(wzr_ldap_set_option(ld, LDAP_OPT_SSL_KEYRING, (s.tls_dir() + "/client.p12").c_str()), 0);
+    EXPECT_EQ(wzr_ldap_set_option(ld, LDAP_OPT_SSL_KEYRING_PW, password.c_str()), 0);
+    return ld;
+}
 
 int search_people(LDAP *ld, const std::string &base)
 {
@@ -30,58 +40,39 @@ int search_people(LDAP *ld, const std::string &base)
     return n;
 }
 
-TEST(LdapsExported, UrlAndOptionsReachAVerifiedServer)
+// With every trace class on, neither the key database's password nor the bind password
+// reaches the trace.
+TEST(LdapsExported, UrlAndOptionsReachAVerifiedServerAndThePasswordStaysSecret)
 {
     SlapdFixture &s = tls_slapd();
     WZR_REQUIRE_SLAPD(s);
-    std::string url = "ldaps://localhost:" + std::to_string(s.ldaps_port());
-    // The client's PKCS#12 key database holds the CA; its password comes from option 152.
-    LDAP *ld = wzr_ldap_init(url.c_str(), 0);
-    ASSERT_NE(ld, nullptr);
-    std::string keydb = s.tls_dir() + "/client.p12";
-    ASSERT_EQ(wzr_ldap_set_option(ld, LDAP_OPT_SSL_KEYRING, keydb.c_str()), 0);
-    ASSERT_EQ(wzr_ldap_set_option(ld, LDAP_OPT_SSL_KEYRING_PW, s.keydb_pw().c_str()), 0);
+    std::string trace = s.dir() + "/trace.log";
+    setenv("LDAP_DEBUG_FILE", trace.c_str(), 1);
+    setenv("LDAP_DEBUG", "2147483647", 1);
+    LDAP *ld = open_ldaps(s, s.keydb_pw());
+    ASSERT_EQ(wzr_ldap_set_option(ld, LDAP_OPT_SSL_CERT_LABEL, "operator"), 0);
+    EXPECT_EQ(search_people(ld, s.base()), 9); // connects and shakes hands under a deadline
     ASSERT_EQ(wzr_ldap_simple_bind_s(ld, s.user_dn().c_str(), s.user_pw().c_str()), 0);
     EXPECT_EQ(search_people(ld, s.base()), 9);
     EXPECT_EQ(wzr_ldap_unbind(ld), 0);
-
     // A second handle shares the process's environment: no options needed any more.
-    LDAP *again = wzr_ldap_init(url.c_str(), 0);
-    ASSERT_NE(again, nullptr);
+    LDAP *again = wzr_ldap_init(("ldaps://localhost:" + std::to_string(s.ldaps_port())).c_str(), 0);
     EXPECT_EQ(search_people(again, s.base()), 9);
     EXPECT_EQ(wzr_ldap_unbind(again), 0);
+    std::ifstream in(trace);
+    std::string all((std::istreambuf_iterator<char>(in)), {});
+    EXPECT_NE(all.find("loadSkitShared"), std::string::npos) << "the trace was on";
+    EXPECT_EQ(all.find(s.keydb_pw()), std::string::npos);
+    EXPECT_EQ(all.find(s.user_pw()), std::string::npos) << "the bind password is masked too";
 }
 
 TEST(LdapsExported, WrongPasswordIsReportedAsAFailedInitialisation)
 {
     SlapdFixture &s = tls_slapd();
     WZR_REQUIRE_SLAPD(s);
-    LDAP *ld = wzr_ldap_init(("ldaps://localhost:" + std::to_string(s.ldaps_port())).c_str(), 0);
-    ASSERT_NE(ld, nullptr);
-    ASSERT_EQ(wzr_ldap_set_option(ld, LDAP_OPT_SSL_KEYRING, (s.tls_dir() + "/client.p12").c_str()), 0);
-    ASSERT_EQ(wzr_ldap_set_option(ld, LDAP_OPT_SSL_KEYRING_PW, "wrong"), 0);
+    LDAP *ld = open_ldaps(s, "wrong");
     EXPECT_EQ(wzr_ldap_simple_bind_s(ld, nullptr, nullptr), LDAP_SSL_INITIALIZE_FAILED);
     EXPECT_EQ(wzr_ldap_unbind(ld), 0);
-}
-
-TEST(LdapsExported, KeyDatabasePasswordNeverReachesTheTrace)
-{
-    SlapdFixture &s = tls_slapd();
-    WZR_REQUIRE_SLAPD(s);
-    std::string trace = s.dir() + "/trace.log";
-    setenv("LDAP_DEBUG_FILE", trace.c_str(), 1);
-    setenv("LDAP_DEBUG", "2147483647", 1); // every class
-    LDAP *ld = wzr_ldap_init(("ldaps://localhost:" + std::to_string(s.ldaps_port())).c_str(), 0);
-    ASSERT_NE(ld, nullptr);
-    ASSERT_EQ(wzr_ldap_set_option(ld, LDAP_OPT_SSL_KEYRING, (s.tls_dir() + "/client.p12").c_str()), 0);
-    ASSERT_EQ(wzr_ldap_set_option(ld, LDAP_OPT_SSL_KEYRING_PW, s.keydb_pw().c_str()), 0);
-    ASSERT_EQ(wzr_ldap_set_option(ld, LDAP_OPT_SSL_CERT_LABEL, "operator"), 0);
-    EXPECT_EQ(search_people(ld, s.base()), 9);
-    EXPECT_EQ(wzr_ldap_unbind(ld), 0);
-    std::ifstream in(trace);
-    std::string all((std::istreambuf_iterator<char>(in)), {});
-    EXPECT_NE(all.find("loadSkitShared"), std::string::npos) << "the trace was on";
-    EXPECT_EQ(all.find(s.keydb_pw()), std::string::npos);
 }
 
 } // namespace

@@ -1,4 +1,5 @@
-// Unbind: refusal of bad handles, waiting for operations in progress on other threads,
+// Unbind: refusal of bad handles, waiting for the operation in progress on another thread
+// (several threads: EngineThreads.WaitsTimeOutsAndAbandonsMixedOnSixtyFourThreads),
 // refusing new ones meanwhile, and sending nothing to the server.
 #include <gtest/gtest.h>
 
@@ -9,6 +10,7 @@
 
 #include "libldap/ldap_init.h"
 #include "libldap/ldap_unbind.h"
+#include "support/engine_client.h"
 #include "support/loopback_listener.h"
 #include "support/test_util.h"
 
@@ -21,27 +23,6 @@ bool unbind_has_started(LDAP *ld)
     pthread_mutex_unlock(&ld->ld_mutex);
     return started;
 }
-
-// Routes the API-flow trace class into a file for the life of the object.
-class TraceToFile {
-public:
-    TraceToFile() : path_(dir_.file("trace.out"))
-    {
-        EXPECT_EQ(ldap_set_debug_file(path_.c_str()), 0);
-        ldap_set_debug_mask(0x0001);
-    }
-    ~TraceToFile() { stop(); }
-    void stop()
-    {
-        ldap_set_debug_mask(0);
-        (void)ldap_set_debug_file("stderr");
-    }
-    std::string text() const { return wzrtest::read_file(path_); }
-
-private:
-    wzrtest::TempDir dir_;
-    std::string path_;
-};
 
 } // namespace
 
@@ -77,7 +58,7 @@ TEST(Unbind, WritesNothingToTheServer)
 
 TEST(UnbindThreads, WaitsForTheOperationInProgressAndRefusesNewOnes)
 {
-    TraceToFile trace;
+    wzrtest::TraceCapture trace(0x0001); // the API-flow class alone
     LDAP *ld = ldap_init("localhost", 0);
     ASSERT_NE(ld, nullptr);
     ASSERT_EQ(ldap_start_operation(ld), 0); // an operation in progress on this thread
@@ -111,43 +92,8 @@ TEST(UnbindThreads, WaitsForTheOperationInProgressAndRefusesNewOnes)
     EXPECT_EQ(unbind_rc, 0);
     EXPECT_TRUE(released_before_return.load());
 
-    trace.stop();
     std::string text = trace.text();
     EXPECT_NE(text.find("ldap_start_operation: unbind started\n"), std::string::npos) << text;
     EXPECT_NE(text.find("ldap_unbind: ld("), std::string::npos);
 }
 
-TEST(UnbindThreads, WaitsForSeveralOperationsOnSeveralThreads)
-{
-    LDAP *ld = ldap_init("localhost", 0);
-    ASSERT_NE(ld, nullptr);
-    constexpr int kWorkers = 4;
-    std::atomic<int> started{0};
-    std::atomic<int> ended{0};
-    std::atomic<bool> go{false};
-    std::thread workers[kWorkers];
-    for (std::thread &w : workers) {
-        w = std::thread([&] {
-            if (ldap_start_operation(ld) != 0)
-                return;
-            started.fetch_add(1);
-            while (!go.load())
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-            ended.fetch_add(1);
-            ldap_end_operation(ld);
-        });
-    }
-    while (started.load() < kWorkers)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    std::thread releaser([&] {
-        while (!unbind_has_started(ld))
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        go = true;
-    });
-    EXPECT_EQ(ldap_unbind(ld), 0);
-    EXPECT_EQ(ended.load(), kWorkers) << "every operation ended before the handle was freed";
-    releaser.join();
-    for (std::thread &w : workers)
-        w.join();
-}

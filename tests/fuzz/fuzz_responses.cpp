@@ -1,10 +1,13 @@
-// Plays arbitrary server bytes, in arbitrary pieces, to a client that binds, searches, walks
-// the entries, abandons and modifies, with no socket: the connection reads from the input
-// through its byte source and writes to /dev/null. Byte 0 gives how many piece-size bytes
-// follow (1..8, cycled; a size of 0 is a stall that times a wait out) and, in its top bit,
-// whether the waits have 1 s or 1 us (running out at once, so that time-outs, put-backs and
-// abandons are played too); the rest is what the server sends, its end the end of the stream.
-// Results are freed after the handle, as a caller may.
+// Plays arbitrary server bytes, in arbitrary pieces, to a client that runs every operation the
+// library has (bind, SASL steps, search and paged search, walk, abandon, add, delete, rename,
+// modify, compare, extended requests, transactions, backup) and takes every result apart
+// (referrals, response controls through each control parser), with no socket: the connection reads
+// from the input through its byte source and writes to /dev/null. Byte 0 gives in its low three
+// bits how many piece-size bytes follow (1..8, cycled; a size of 0 is a stall that times a wait
+// out), in bits 3..6 the operation to start with (the others follow in turn until the input is
+// used up) and in its top bit whether the waits have 1 s or 1 us (running out at once, so that
+// time-outs, put-backs and abandons are played too); the rest is what the server sends, its end
+// the end of the stream. Results are freed after the handle, as a caller may.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -14,16 +17,21 @@
 
 #include "libldap/ldap_abandon.h"
 #include "libldap/ldap_bind.h"
+#include "libldap/ldap_controls.h"
+#include "libldap/ldap_ctrl.h"
 #include "libldap/ldap_dn.h"
 #include "libldap/ldap_entry.h"
+#include "libldap/ldap_extended.h"
 #include "libldap/ldap_init.h"
 #include "libldap/ldap_message.h"
 #include "libldap/ldap_options.h"
+#include "libldap/ldap_parse.h"
 #include "libldap/ldap_result.h"
 #include "libldap/ldap_search.h"
 #include "libldap/ldap_unbind.h"
 #include "libldap/ldap_update.h"
 #include "pieces.h"
+#include "support/control_parse.h"
 
 namespace {
 
@@ -60,6 +68,27 @@ long read_piece(void *ctx, void *buf, long len, int *would_block)
     return static_cast<long>(n); // 0 once the input is used up: the end of the stream
 }
 
+// Every response-control parser over one control list; each frees what it hands out.
+void parse_controls(LDAPControl **ctrls)
+{
+    for (int p = 0; p < static_cast<int>(wzrtest::ControlParser::Count); ++p)
+        (void)wzrtest::parse_control(static_cast<wzrtest::ControlParser>(p), ctrls);
+}
+
+// LDAPResult with its matched DN, message, referrals and controls, all taken and freed.
+void take_result(LDAP *ld, LDAPMessage *res)
+{
+    int code = 0;
+    char *matched = nullptr, *text = nullptr, **refs = nullptr;
+    LDAPControl **ctrls = nullptr;
+    if (ldap_parse_result(ld, res, &code, &matched, &text, &refs, &ctrls, 0) == 0)
+        parse_controls(ctrls);
+    ldap_memfree(matched);
+    ldap_memfree(text);
+    ldap_value_free(refs);
+    ldap_controls_free(ctrls);
+}
+
 void walk(LDAP *ld, LDAPMessage *chain)
 {
     for (LDAPMessage *e = ldap_first_entry(ld, chain); e != nullptr; e = ldap_next_entry(ld, e)) {
@@ -71,8 +100,163 @@ void walk(LDAP *ld, LDAPMessage *chain)
             ldap_memfree(a);
         }
         ldap_ber_free(cursor, 0);
+        LDAPControl **ctrls = nullptr;
+        if (ldap_get_entry_controls(ld, e, &ctrls) == 0)
+            parse_controls(ctrls);
+        ldap_controls_free(ctrls);
+    }
+    // ldap_next_reference starts at the message it is given: the walk advances itself.
+    for (LDAPMessage *r = ldap_first_reference(ld, chain); r != nullptr;
+         r = ldap_next_reference(ld, r->lm_chain)) {
+        char **refs = nullptr;
+        LDAPControl **ctrls = nullptr;
+        (void)ldap_parse_reference(ld, r, &refs, &ctrls, 0);
+        ldap_value_free(refs);
+        ldap_controls_free(ctrls);
     }
 }
+
+struct Run {
+    LDAP *ld;
+    struct timeval wait;
+    std::vector<LDAPMessage *> kept; // freed after the handle
+
+    // Waits for the whole result of `id`, keeps it and hands it back (null when none came).
+    LDAPMessage *result(int id)
+    {
+        LDAPMessage *res = nullptr;
+        if (id < 0 || ldap_result(ld, id, LDAP_MSG_ALL, &wait, &res) <= 0)
+            return nullptr;
+        kept.push_back(res);
+        return res;
+    }
+};
+
+char *const VALUES[] = {const_cast<char *>("v"), nullptr};
+LDAPMod MOD = {LDAP_MOD_REPLACE, const_cast<char *>("description"), {const_cast<char **>(VALUES)}};
+LDAPMod *MODS[] = {&MOD, nullptr};
+char ATTR_CN[] = "cn";
+char *ATTRS[] = {ATTR_CN, nullptr};
+
+void session(Run &r)
+{
+    (void)ldap_simple_bind_s(r.ld, "cn=fuzz", "secret");
+    int id = ldap_search(r.ld, "dc=x", LDAP_SCOPE_SUBTREE, "(cn=*)", nullptr, 0);
+    for (int i = 0; id > 0 && i < 3; ++i) {
+        LDAPMessage *res = nullptr;
+        if (ldap_result(r.ld, id, 0, &r.wait, &res) <= 0)
+            break;
+        r.kept.push_back(res);
+        walk(r.ld, res);
+    }
+    (void)ldap_abandon(r.ld, id);
+    LDAPMessage *res = nullptr;
+    (void)ldap_search_st(r.ld, "dc=x", LDAP_SCOPE_ONELEVEL, "(uid=a)", ATTRS, 0, &r.wait, &res);
+    r.kept.push_back(res);
+    walk(r.ld, res);
+    take_result(r.ld, res);
+    (void)ldap_modify_s(r.ld, "cn=fuzz", MODS);
+}
+
+void add(Run &r)
+{
+    int id = -1;
+    if (ldap_add_ext(r.ld, "cn=new,dc=x", MODS, nullptr, nullptr, &id) == 0)
+        take_result(r.ld, r.result(id));
+}
+
+void remove_and_rename(Run &r)
+{
+    (void)ldap_delete_s(r.ld, "cn=old,dc=x");
+    (void)ldap_rename_s(r.ld, "cn=a,dc=x", "cn=b", "ou=y,dc=x", 1, nullptr, nullptr);
+    take_result(r.ld, r.result(ldap_modrdn(r.ld, "cn=b,ou=y,dc=x", "cn=c", 0)));
+}
+
+void compare(Run &r)
+{
+    (void)ldap_compare_s(r.ld, "cn=a,dc=x", "cn", "a");
+}
+
+// Who-am-I (no value) and password modify (a value) through the generic extended calls.
+void extended(Run &r)
+{
+    char *oid = nullptr;
+    struct berval *data = nullptr;
+    (void)ldap_extended_operation_s(r.ld, "1.3.6.1.4.1.4203.1.11.3", nullptr, nullptr, nullptr,
+                                    &oid, &data);
+    ldap_memfree(oid);
+    ber_bvfree(data);
+    // PasswdModifyRequestValue ::= SEQUENCE { userIdentity [0] OCTET STRING }
+    char passwd[] = "\x30\x05\x80\x03" "cn=";
+    struct berval value = {sizeof passwd - 1, passwd};
+    int id = -1;
+    if (ldap_extended_operation(r.ld, "1.3.6.1.4.1.4203.1.11.1", &value, nullptr, nullptr, &id) !=
+        0)
+        return;
+    LDAPMessage *res = r.result(id);
+    oid = nullptr;
+    data = nullptr;
+    LDAPControl **ctrls = nullptr;
+    if (ldap_parse_extended_result_ctrls(r.ld, res, &oid, &data, &ctrls, 0) == 0)
+        parse_controls(ctrls);
+    ldap_memfree(oid);
+    ber_bvfree(data);
+    ldap_controls_free(ctrls);
+    take_result(r.ld, res);
+}
+
+// A SASL exchange the server may answer with a challenge (in progress) before its result,
+// then EXTERNAL, whose server may want the empty second step.
+void sasl(Run &r)
+{
+    struct berval cred = {5, const_cast<char *>("first")};
+    for (int step = 0; step < 2; ++step) {
+        int id = -1;
+        if (ldap_sasl_bind(r.ld, "cn=fuzz", "DIGEST-MD5", &cred, nullptr, nullptr, &id) != 0)
+            break;
+        LDAPMessage *res = r.result(id);
+        struct berval *challenge = nullptr;
+        int rc = ldap_parse_sasl_bind_result(r.ld, res, &challenge, 0);
+        ber_bvfree(challenge);
+        take_result(r.ld, res);
+        if (rc != LDAP_SASL_BIND_IN_PROGRESS) // the result code: another step only when asked
+            break;
+    }
+    (void)ldap_sasl_bind_s(r.ld, nullptr, "EXTERNAL", nullptr, nullptr, nullptr, nullptr);
+    LDAPControl **ctrls = nullptr;
+    if (ldap_get_bind_controls(r.ld, &ctrls) == 0)
+        parse_controls(ctrls);
+    ldap_controls_free(ctrls);
+}
+
+// The directory's own extended operations: a transaction, then a backup.
+void transaction_and_backup(Run &r)
+{
+    struct berval *id = nullptr;
+    if (ldap_start_transaction_s(r.ld, &id) == 0 && id != nullptr)
+        (void)ldap_end_transaction_s(r.ld, id, 1);
+    ber_bvfree(id);
+    int op_result = 0;
+    (void)ldap_backup(r.ld, &op_result);
+}
+
+int keep_page(void *arg, LDAP *ld, LDAPMessage *page)
+{
+    static_cast<Run *>(arg)->kept.push_back(page);
+    walk(ld, page);
+    return 0;
+}
+
+void paged(Run &r)
+{
+    (void)ldap_search_paged_np(r.ld, "dc=x", LDAP_SCOPE_SUBTREE, "(cn=*)", ATTRS, 0, nullptr, 2,
+                               &r.wait, keep_page, &r);
+}
+
+using Operation = void (*)(Run &);
+const Operation OPERATIONS[] = {session, add, remove_and_rename, compare, extended, sasl,
+                                transaction_and_backup, paged};
+constexpr size_t NOPERATIONS = sizeof OPERATIONS / sizeof OPERATIONS[0];
 
 } // namespace
 
@@ -96,23 +280,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     lc->sb.sb_read_ctx = &source;
     lc->connected = 1;
 
-    std::vector<LDAPMessage *> kept(5, nullptr); // freed after the handle
-    (void)ldap_simple_bind_s(ld, "cn=fuzz", "secret");
-    int id = ldap_search(ld, "dc=x", LDAP_SCOPE_SUBTREE, "(cn=*)", nullptr, 0);
-    struct timeval wait = {(data[0] & 0x80) != 0 ? 0 : 1, 1};
-    for (int i = 0; id > 0 && i < 3 && ldap_result(ld, id, 0, &wait, &kept[i]) > 0; ++i)
-        walk(ld, kept[i]);
-    (void)ldap_abandon(ld, id);
-    (void)ldap_search_st(ld, "dc=x", LDAP_SCOPE_ONELEVEL, "(uid=a)", nullptr, 0, &wait, &kept[3]);
-    walk(ld, kept[3]);
-    char *values[] = {const_cast<char *>("v"), nullptr};
-    LDAPMod mod = {LDAP_MOD_REPLACE, const_cast<char *>("description"), {values}};
-    LDAPMod *mods[] = {&mod, nullptr};
-    (void)ldap_modify_s(ld, "cn=fuzz", mods);
+    Run run{ld, {(data[0] & 0x80) != 0 ? 0 : 1, 1}, {}};
+    size_t first = (data[0] >> 3) & 15u;
+    // Once the server's bytes are used up the others would only meet a closed connection.
+    for (size_t i = 0; i < NOPERATIONS && (i == 0 || source.left > 0); ++i)
+        OPERATIONS[(first + i) % NOPERATIONS](run);
     struct timeval none = {0, 0};
-    (void)ldap_result(ld, LDAP_RES_ANY, LDAP_MSG_ONE, &none, &kept[4]);
+    LDAPMessage *rest = nullptr;
+    (void)ldap_result(ld, LDAP_RES_ANY, LDAP_MSG_ONE, &none, &rest);
+    run.kept.push_back(rest);
     ldap_unbind(ld);
-    for (LDAPMessage *m : kept)
+    for (LDAPMessage *m : run.kept)
         (void)ldap_msgfree(m);
     return 0;
 }

@@ -6,6 +6,7 @@
 #include "libldap/ldap_message.h"
 #include "libldap/ldap_request.h"
 #include "libldap/ldap_table.h"
+#include "libldap/ldap_unbind.h"
 
 namespace wzrtest {
 
@@ -51,11 +52,11 @@ std::string thread_error_text(LDAP *ld)
     return out;
 }
 
-TraceCapture::TraceCapture() : path_(dir_.file("trace.log"))
+TraceCapture::TraceCapture(unsigned mask) : path_(dir_.file("trace.log"))
 {
     ldap_debug_init();
     (void)ldap_set_debug_file(path_.c_str());
-    ldap_set_debug_mask(0xffff);
+    ldap_set_debug_mask(mask);
 }
 
 TraceCapture::~TraceCapture()
@@ -65,5 +66,37 @@ TraceCapture::~TraceCapture()
 }
 
 std::string TraceCapture::text() const { return read_file(path_); }
+
+void EngineTest::SetUp()
+{
+    ld_ = ldap_init(server_.host_port().c_str(), 0);
+    ASSERT_NE(ld_, nullptr);
+    lc_ = ld_->ld_defconn;
+    table_ = lc_->table;
+}
+
+void EngineTest::TearDown()
+{
+    if (ld_ != nullptr) {
+        EXPECT_EQ(ldap_unbind(ld_), 0);
+    }
+}
+
+int EngineTest::free_rows()
+{
+    pthread_mutex_lock(&table_->table_lock);
+    int n = table_->free_rows;
+    pthread_mutex_unlock(&table_->table_lock);
+    return n;
+}
+
+int EngineTest::outstanding()
+{
+    int id = ldap_msg_table_get_next_msgid(table_);
+    LDAPMessage *req = ldap_msginit(lc_);
+    req->lm_msgid = id;
+    table_->rows[id & LDAP_MSGID_ROW_MASK].request = req;
+    return id;
+}
 
 } // namespace wzrtest

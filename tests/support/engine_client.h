@@ -1,12 +1,15 @@
-// Client-side helpers of the message-engine tests: a handle on a fake server, sending a small
-// request through the common send path, reading the calling thread's error, and capturing
-// the trace into a file.
+// Client-side helpers of the message-engine tests: a fixture holding a handle on a fake
+// server, sending a small request through the common send path, reading the calling thread's
+// error, and capturing the trace into a file.
 #ifndef WZR_TESTS_SUPPORT_ENGINE_CLIENT_H
 #define WZR_TESTS_SUPPORT_ENGINE_CLIENT_H
+
+#include <gtest/gtest.h>
 
 #include <string>
 
 #include "libldap/ldap_int.h"
+#include "support/fake_server.h"
 #include "support/test_util.h"
 
 namespace wzrtest {
@@ -22,10 +25,10 @@ int send_extended(LDAP *ld, const char *oid = WHOAMI_OID, int *rc = nullptr);
 int thread_error(LDAP *ld);
 std::string thread_error_text(LDAP *ld);
 
-// Traces everything into a temporary file while alive.
+// Traces the given classes (all by default) into a temporary file while alive.
 class TraceCapture {
 public:
-    TraceCapture();
+    explicit TraceCapture(unsigned mask = 0xffff);
     ~TraceCapture();
     TraceCapture(const TraceCapture &) = delete;
     TraceCapture &operator=(const TraceCapture &) = delete;
@@ -35,6 +38,23 @@ public:
 private:
     TempDir dir_;
     std::string path_;
+};
+
+// A handle on a fake server that answers nothing unless told to (it connects on first send),
+// with its default connection and message table at hand.
+class EngineTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+    int send() { return send_extended(ld_); }
+    int free_rows(); // read under the table lock
+    // Takes an id and files a request record in its row, as sending does.
+    int outstanding();
+
+    FakeServer server_;
+    LDAP *ld_ = nullptr;
+    LDAPConn *lc_ = nullptr;
+    LDAPMsgTable *table_ = nullptr;
 };
 
 } // namespace wzrtest

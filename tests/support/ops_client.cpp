@@ -23,10 +23,8 @@ std::string lower(std::string s)
 
 int hex_digit(char c)
 {
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-    return c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
+    const char *digits = "0123456789abcdef", *at = c != '\0' ? strchr(digits, tolower(c)) : nullptr;
+    return at != nullptr ? static_cast<int>(at - digits) : -1;
 }
 
 // "type=value" with the value unescaped.
@@ -100,8 +98,7 @@ EntryMap read_entries(LDAP *ld, LDAPMessage *chain, std::vector<std::string> *ra
         char *dn = ldap_get_dn(ld, e);
         std::string dn_text = dn != nullptr ? dn : "<no dn>";
         ldap_memfree(dn);
-        if (raw_dns != nullptr)
-            raw_dns->push_back(dn_text);
+        (void)(raw_dns != nullptr && (raw_dns->push_back(dn_text), true));
         EntryAttrs &attrs = out[canonical_dn(dn_text)];
         BerElement *cursor = nullptr;
         for (char *a = ldap_first_attribute(ld, e, &cursor); a != nullptr;
@@ -146,27 +143,19 @@ EntryMap parse_ldif(const std::string &ldif)
     std::string line;
     EntryAttrs *current = nullptr;
     while (std::getline(in, line)) {
-        if (line.empty()) {
-            current = nullptr;
-            continue;
-        }
-        if (line[0] == '#')
-            continue;
         size_t colon = line.find(':');
-        if (colon == std::string::npos)
+        if (line.empty())
+            current = nullptr;
+        if (line.empty() || line[0] == '#' || colon == std::string::npos)
             continue;
-        std::string name = line.substr(0, colon);
-        std::string value;
-        if (colon + 1 < line.size() && line[colon + 1] == ':')
-            value = base64_decode(line.substr(colon + 2));
-        else
-            value = line.substr(std::min(line.size(), colon + 2));
-        if (current == nullptr && lower(name) == "dn") {
+        std::string name = lower(line.substr(0, colon));
+        std::string value = colon + 1 < line.size() && line[colon + 1] == ':'
+                                ? base64_decode(line.substr(colon + 2))
+                                : line.substr(std::min(line.size(), colon + 2));
+        if (current == nullptr && name == "dn")
             current = &out[canonical_dn(value)];
-            continue;
-        }
-        if (current != nullptr)
-            (*current)[lower(name)].push_back(value);
+        else if (current != nullptr)
+            (*current)[name].push_back(value);
     }
     return out;
 }
@@ -220,8 +209,7 @@ ReceivedRequest AnsweringServer::last(unsigned request_tag) const
 {
     ReceivedRequest found;
     for (const ReceivedRequest &r : server_.requests())
-        if (r.op == request_tag)
-            found = r;
+        found = r.op == request_tag ? r : found;
     return found;
 }
 

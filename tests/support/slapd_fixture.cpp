@@ -2,7 +2,6 @@
 // one place that knows the configuration and the sample tree), runs slapd in the foreground as
 // our child so it is stopped and reaped by its pid, and finds a free loopback port for it.
 #include "support/slapd_fixture.h"
-#include "support/test_util.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -35,31 +34,26 @@ std::string sbin_dir()
 std::string sandbox_script() { return std::string(WZR_SOURCE_DIR) + "/tools/slapd-sandbox.sh"; }
 std::string kdc_script() { return std::string(WZR_SOURCE_DIR) + "/tools/kdc-sandbox.sh"; }
 
-std::string shell_quote(const std::string &s)
+std::string slurp(const std::string &path)
 {
-    std::string out = "'";
-    for (char c : s) {
-        if (c == '\'')
-            out += "'\\''";
-        else
-            out += c;
-    }
-    return out + "'";
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
 }
 
 // The ldapi socket path must fit in sun_path, so prefer a short temporary root.
 std::string make_short_tempdir()
 {
-    std::string root = "/tmp";
-    if (const char *t = std::getenv("TMPDIR"); t != nullptr && *t != '\0' && std::strlen(t) < 60)
-        root = t;
-    std::string templ = root + "/wzs.XXXXXX";
-    if (mkdtemp(templ.data()) == nullptr)
-        return {};
-    return templ;
+    const char *t = std::getenv("TMPDIR");
+    std::string templ = (t != nullptr && *t != '\0' && std::strlen(t) < 60 ? t : "/tmp");
+    templ += "/wzs.XXXXXX";
+    return mkdtemp(templ.data()) != nullptr ? templ : std::string();
 }
 
-int free_loopback_port()
+// With `port` 0: binds an ephemeral port and returns its number; otherwise whether `port`
+// accepts a connection (1) or not (0). -1 on failure.
+int probe_loopback(int port)
 {
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0)
@@ -67,27 +61,14 @@ int free_loopback_port()
     sockaddr_in sa{};
     sa.sin_family = AF_INET;
     sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof sa;
-    int port = -1;
-    if (bind(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa) == 0 &&
-        getsockname(fd, reinterpret_cast<sockaddr *>(&sa), &len) == 0)
-        port = ntohs(sa.sin_port);
-    close(fd);
-    return port;
-}
-
-bool port_accepts(int port)
-{
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        return false;
-    sockaddr_in sa{};
-    sa.sin_family = AF_INET;
-    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     sa.sin_port = htons(static_cast<uint16_t>(port));
-    bool ok = connect(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa) == 0;
+    socklen_t len = sizeof sa;
+    auto *addr = reinterpret_cast<sockaddr *>(&sa);
+    int out = port != 0 ? connect(fd, addr, sizeof sa) == 0
+              : bind(fd, addr, sizeof sa) == 0 && getsockname(fd, addr, &len) == 0 ? ntohs(sa.sin_port)
+                                                                                 : -1;
     close(fd);
-    return ok;
+    return out;
 }
 
 bool is_socket(const std::string &path)
@@ -96,27 +77,19 @@ bool is_socket(const std::string &path)
     return stat(path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode);
 }
 
-// A process counts as gone once it has no /proc entry or is a zombie.
-bool proc_gone(pid_t pid)
-{
-    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    std::string stat;
-    if (!in || !std::getline(in, stat))
-        return true;
-    size_t paren = stat.rfind(')');
-    return paren == std::string::npos || paren + 2 >= stat.size() || stat[paren + 2] == 'Z';
-}
-
-// Reaps `pid` if it is our child; otherwise looks at its state. True once it is gone.
+// Reaps `pid` if it is our child; otherwise looks at its state (gone once it has no /proc
+// entry or is a zombie). True once it is gone.
 bool reap_or_gone(pid_t pid)
 {
     int status = 0;
     pid_t r = waitpid(pid, &status, WNOHANG);
     if (r == pid)
         return true;
-    if (r < 0 && errno == ECHILD)
-        return proc_gone(pid);
-    return false;
+    if (r >= 0 || errno != ECHILD)
+        return false;
+    std::string stat = slurp("/proc/" + std::to_string(pid) + "/stat");
+    size_t paren = stat.rfind(')');
+    return paren == std::string::npos || paren + 2 >= stat.size() || stat[paren + 2] == 'Z';
 }
 
 bool wait_gone(pid_t pid, int millis)
@@ -131,14 +104,19 @@ bool wait_gone(pid_t pid, int millis)
 
 std::string tail_of(const std::string &path)
 {
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    std::string s = ss.str();
+    std::string s = slurp(path);
     return s.size() > 2000 ? s.substr(s.size() - 2000) : s;
 }
 
 } // namespace
+
+std::string shell_quote(const std::string &s)
+{
+    std::string out = "'";
+    for (char c : s)
+        out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return out + "'";
+}
 
 int run_capture(const std::string &command, std::string *out)
 {
@@ -146,15 +124,11 @@ int run_capture(const std::string &command, std::string *out)
     if (p == nullptr)
         return -1;
     char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) {
+    for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;)
         if (out != nullptr)
             out->append(buf, n);
-    }
     int status = pclose(p);
-    if (status < 0 || !WIFEXITED(status))
-        return -1;
-    return WEXITSTATUS(status);
+    return status < 0 || !WIFEXITED(status) ? -1 : WEXITSTATUS(status);
 }
 
 bool SlapdFixture::available()
@@ -179,14 +153,7 @@ std::string SlapdFixture::ldaps_uri() const
     return "ldaps://127.0.0.1:" + std::to_string(ldaps_port_);
 }
 std::string SlapdFixture::host_port() const { return "127.0.0.1:" + std::to_string(port_); }
-
-std::string SlapdFixture::loaded_ldif() const
-{
-    std::ifstream in(dir_ + "/data.ldif", std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
+std::string SlapdFixture::loaded_ldif() const { return slurp(dir_ + "/data.ldif"); }
 
 bool SlapdFixture::init_directory(const SlapdOptions &opts)
 {
@@ -198,9 +165,8 @@ bool SlapdFixture::init_directory(const SlapdOptions &opts)
     std::string cmd = "bash " + shell_quote(sandbox_script()) + " init " + shell_quote(dir_) +
                       " --bulk " + std::to_string(opts.bulk_entries);
     if (!opts.extra_ldif.empty()) {
-        std::string extra = dir_ + "/extra.ldif";
-        std::ofstream(extra, std::ios::binary) << opts.extra_ldif;
-        cmd += " --extra " + shell_quote(extra);
+        std::ofstream(dir_ + "/extra.ldif", std::ios::binary) << opts.extra_ldif;
+        cmd += " --extra " + shell_quote(dir_ + "/extra.ldif");
     }
     if (opts.controls)
         cmd += " --controls";
@@ -219,33 +185,18 @@ bool SlapdFixture::init_directory(const SlapdOptions &opts)
 
 bool SlapdFixture::read_env()
 {
+    const std::pair<const char *, std::string SlapdFixture::*> keys[] = {
+        {"BASE", &SlapdFixture::base_},           {"MANAGER_DN", &SlapdFixture::manager_dn_},
+        {"MANAGER_PW", &SlapdFixture::manager_pw_}, {"USER_DN", &SlapdFixture::user_dn_},
+        {"USER_PW", &SlapdFixture::user_pw_},     {"EXTERNAL_DN", &SlapdFixture::external_dn_},
+        {"LDAPI_PATH", &SlapdFixture::ldapi_path_}, {"LDAPI_URI", &SlapdFixture::ldapi_uri_},
+        {"TLS_DIR", &SlapdFixture::tls_dir_},     {"KEYDB_PW", &SlapdFixture::keydb_pw_}};
     std::ifstream in(dir_ + "/sandbox.env");
-    std::string line;
-    while (std::getline(in, line)) {
+    for (std::string line; std::getline(in, line);) {
         size_t eq = line.find('=');
-        if (eq == std::string::npos)
-            continue;
-        std::string key = line.substr(0, eq), value = line.substr(eq + 1);
-        if (key == "BASE")
-            base_ = value;
-        else if (key == "MANAGER_DN")
-            manager_dn_ = value;
-        else if (key == "MANAGER_PW")
-            manager_pw_ = value;
-        else if (key == "USER_DN")
-            user_dn_ = value;
-        else if (key == "USER_PW")
-            user_pw_ = value;
-        else if (key == "EXTERNAL_DN")
-            external_dn_ = value;
-        else if (key == "LDAPI_PATH")
-            ldapi_path_ = value;
-        else if (key == "LDAPI_URI")
-            ldapi_uri_ = value;
-        else if (key == "TLS_DIR")
-            tls_dir_ = value;
-        else if (key == "KEYDB_PW")
-            keydb_pw_ = value;
+        for (const auto &[key, field] : keys)
+            if (eq != std::string::npos && line.compare(0, eq, key) == 0)
+                this->*field = line.substr(eq + 1);
     }
     if (base_.empty() || ldapi_uri_.empty()) {
         error_ = "sandbox.env is incomplete in " + dir_;
@@ -258,7 +209,7 @@ bool SlapdFixture::launch(int port, int ldaps_port)
 {
     // Everything the child needs is prepared before fork: only async-signal-safe calls follow.
     std::string script = sandbox_script(), port_s = std::to_string(port), log = dir_ + "/slapd.log";
-    std::string ldaps_s = ldaps_port > 0 ? std::to_string(ldaps_port) : "";
+    std::string ldaps_s = std::to_string(ldaps_port);
     const char *argv[] = {"bash", script.c_str(), "run", dir_.c_str(), port_s.c_str(),
                           ldaps_port > 0 ? ldaps_s.c_str() : nullptr, nullptr};
     // The death signal follows the thread that forks; only the main thread lives as long as
@@ -271,22 +222,17 @@ bool SlapdFixture::launch(int port, int ldaps_port)
         return false;
     }
     if (pid == 0) {
-        if (tie_to_parent) {
-            prctl(PR_SET_PDEATHSIG, SIGTERM);
-            if (getppid() != parent)
-                _exit(127);
-        }
+        if (tie_to_parent && (prctl(PR_SET_PDEATHSIG, SIGTERM), getppid() != parent))
+            _exit(127);
         int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (fd >= 0) {
-            dup2(fd, 1);
-            dup2(fd, 2);
-            close(fd);
-        }
         int devnull = open("/dev/null", O_RDONLY);
-        if (devnull >= 0) {
-            dup2(devnull, 0);
-            close(devnull);
-        }
+        const int moves[][2] = {{fd, 1}, {fd, 2}, {devnull, 0}};
+        for (const auto &[from, to] : moves)
+            if (from >= 0)
+                dup2(from, to);
+        for (int f : {fd, devnull})
+            if (f > 2)
+                close(f);
         execvp("bash", const_cast<char *const *>(argv));
         _exit(127);
     }
@@ -303,15 +249,13 @@ bool SlapdFixture::start_kdc()
 {
     std::string out;
     if (run_capture("bash " + shell_quote(kdc_script()) + " start " + shell_quote(dir_ + "/krb5") +
-                        " 2>&1",
-                    &out) != 0) {
+                        " 2>&1", &out) != 0) {
         error_ = "kdc-sandbox.sh start failed: " + out;
         return false;
     }
     kdc_ = true;
     std::ifstream env(dir_ + "/krb5/kdc.env");
-    std::string line;
-    while (std::getline(env, line)) {
+    for (std::string line; std::getline(env, line);) {
         size_t eq = line.find('=');
         if (line.rfind("KRB5", 0) == 0 && eq != std::string::npos)
             setenv(line.substr(0, eq).c_str(), line.substr(eq + 1).c_str(), 1);
@@ -330,8 +274,8 @@ bool SlapdFixture::wait_listening(int port)
             error_ = "slapd exited at start-up: " + tail_of(dir_ + "/slapd.log");
             return false;
         }
-        if (port_accepts(port) && is_socket(ldapi_path_) &&
-            (ldaps_port_ <= 0 || port_accepts(ldaps_port_)))
+        if (probe_loopback(port) == 1 && is_socket(ldapi_path_) &&
+            (ldaps_port_ <= 0 || probe_loopback(ldaps_port_) == 1))
             return true;
         usleep(10 * 1000);
     }
@@ -357,10 +301,9 @@ bool SlapdFixture::start(const SlapdOptions &opts)
     }
     // Another process may take the port between our probe and slapd's bind: try again.
     for (int attempt = 0; attempt < 5; attempt++) {
-        int port = free_loopback_port();
-        int ldaps_port = 0;
+        int port = probe_loopback(0), ldaps_port = 0;
         while (opts.tls && (ldaps_port == 0 || ldaps_port == port))
-            ldaps_port = free_loopback_port();
+            ldaps_port = probe_loopback(0);
         if (port <= 0 || ldaps_port < 0) {
             error_ = std::string("no free loopback port: ") + std::strerror(errno);
             break;
@@ -385,8 +328,7 @@ void SlapdFixture::stop()
         }
         pid_ = -1;
     }
-    port_ = 0;
-    ldaps_port_ = 0;
+    port_ = ldaps_port_ = 0;
 }
 
 void SlapdFixture::remove_directory()
@@ -395,8 +337,7 @@ void SlapdFixture::remove_directory()
         return;
     if (kdc_)
         (void)run_capture("bash " + shell_quote(kdc_script()) + " stop " +
-                              shell_quote(dir_ + "/krb5") + " 2>&1",
-                          nullptr);
+                              shell_quote(dir_ + "/krb5") + " 2>&1", nullptr);
     kdc_ = false;
     std::error_code ec;
     std::filesystem::remove_all(dir_, ec);

@@ -100,6 +100,8 @@ SlapdFixture &tls_slapd(const std::string &verify_client = "try");
 
 // Runs a shell command line, capturing standard output; returns the exit status (or -1).
 int run_capture(const std::string &command, std::string *out);
+// `s` as one single-quoted shell word.
+std::string shell_quote(const std::string &s);
 
 } // namespace wzrtest
 

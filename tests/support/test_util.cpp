@@ -22,11 +22,9 @@ namespace wzrtest {
 TempDir::TempDir()
 {
     const char *base = std::getenv("TMPDIR");
-    std::string tmpl = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/wzrt.XXXXXX";
-    char *made = mkdtemp(tmpl.data());
-    if (made == nullptr)
+    path_ = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/wzrt.XXXXXX";
+    if (mkdtemp(path_.data()) == nullptr)
         ADD_FAILURE() << "mkdtemp failed";
-    path_ = tmpl;
 }
 
 TempDir::~TempDir()
@@ -35,23 +33,21 @@ TempDir::~TempDir()
     std::filesystem::remove_all(path_, ec);
 }
 
+namespace {
+void set_or_unset(const char *name, const std::optional<std::string> &value)
+{
+    value ? setenv(name, value->c_str(), 1) : unsetenv(name);
+}
+} // namespace
+
 ScopedEnv::ScopedEnv(const char *name, std::optional<std::string> value) : name_(name)
 {
     if (const char *old = std::getenv(name))
         old_ = old;
-    if (value)
-        setenv(name, value->c_str(), 1);
-    else
-        unsetenv(name);
+    set_or_unset(name, value);
 }
 
-ScopedEnv::~ScopedEnv()
-{
-    if (old_)
-        setenv(name_.c_str(), old_->c_str(), 1);
-    else
-        unsetenv(name_.c_str());
-}
+ScopedEnv::~ScopedEnv() { set_or_unset(name_.c_str(), old_); }
 
 int walk_alloc_failures(const std::function<bool()> &attempt, bool failure_must_show)
 {
@@ -65,9 +61,7 @@ int walk_alloc_failures(const std::function<bool()> &attempt, bool failure_must_
         EXPECT_EQ(lber_live_blocks(), live_before) << "leak when allocation " << n << " failed";
         if (calls < n) // the failing allocation was never reached: the walk is complete
             return n - 1;
-        if (failure_must_show) {
-            EXPECT_FALSE(ok) << "allocation " << n << " failed but the operation reported success";
-        }
+        EXPECT_FALSE(failure_must_show && ok) << "allocation " << n << " failed but the operation reported success";
     }
     ADD_FAILURE() << "allocation walk did not end";
     return -1;
@@ -75,16 +69,14 @@ int walk_alloc_failures(const std::function<bool()> &attempt, bool failure_must_
 
 std::string read_file(const std::string &path)
 {
-    std::ifstream in(path, std::ios::binary);
     std::ostringstream s;
-    s << in.rdbuf();
+    s << std::ifstream(path, std::ios::binary).rdbuf();
     return s.str();
 }
 
 void write_file(const std::string &path, const std::string &content)
 {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
 }
 
 namespace {
