@@ -169,6 +169,20 @@ int ldap_txn_end_request_value(LDAP *ld, int commit, const struct berval *txnid,
 // The end-transaction response value: the message id of the update that failed (-1 when
 // none is named).
 int ldap_parse_txn_end_response_value(LDAP *ld, const struct berval *value, int *failed_msgidp);
+// Starting a transaction: the asynchronous form gives the message id of the start request;
+// the synchronous one the transaction's identifier in *txnidp (free with ber_bvfree; 84 when
+// the server names none). Then each update of the transaction carries
+// ldap_create_txn_spec_control, and the server applies them only when the end commits.
+int ldap_txn_start(LDAP *ld, LDAPControl **sctrls, LDAPControl **cctrls, int *msgidp);
+int ldap_txn_start_s(LDAP *ld, LDAPControl **sctrls, LDAPControl **cctrls,
+                     struct berval **txnidp);
+// Ending it: `commit` non-zero applies the updates, 0 drops them. When the server refuses the
+// commit because of one update, the synchronous form returns the server's code and puts that
+// update's message id in *failed_msgidp (-1 when none is named).
+int ldap_txn_end(LDAP *ld, int commit, const struct berval *txnid, LDAPControl **sctrls,
+                 LDAPControl **cctrls, int *msgidp);
+int ldap_txn_end_s(LDAP *ld, int commit, const struct berval *txnid, LDAPControl **sctrls,
+                   LDAPControl **cctrls, int *failed_msgidp);
 
 /* ---- chaining and its audit (ldap_ctrl_chain.cpp) ---- */
 inline constexpr int LDAP_CHAINING_PREFERRED = 0;
