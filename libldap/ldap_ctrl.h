@@ -18,6 +18,9 @@ inline constexpr const char *LDAP_CONTROL_VALUESRETURNFILTER = "1.2.826.0.1.3344
 inline constexpr const char *LDAP_CONTROL_PROXY_AUTHZ = "2.16.840.1.113730.3.4.18";
 inline constexpr const char *LDAP_CONTROL_PROXYAUTH_V1 = "2.16.840.1.113730.3.4.12";
 inline constexpr const char *LDAP_CONTROL_PASSWORDPOLICY = "1.3.6.1.4.1.42.2.27.8.5.1";
+// The directory's own policy control (same value shapes); USE_OPENLDAP_PWDPOLICY_CONTROL with a
+// value other than YES sends it instead of the one above.
+inline constexpr const char *LDAP_CONTROL_PASSWORDPOLICY_NATIVE = "1.3.88.0.2.12.40";
 inline constexpr const char *LDAP_CONTROL_PWEXPIRED = "2.16.840.1.113730.3.4.4";
 inline constexpr const char *LDAP_CONTROL_PWEXPIRING = "2.16.840.1.113730.3.4.5";
 inline constexpr const char *LDAP_CONTROL_TXN_SPEC = "1.3.6.1.1.21.2";
@@ -127,6 +130,11 @@ int ldap_create_proxied_authorization_control(LDAP *ld, const char *authzid, LDA
 int ldap_create_proxyauth_control(LDAP *ld, const char *dn, char iscritical, LDAPControl **ctrlp);
 
 /* ---- password policy (ldap_ctrl_pwdpolicy.cpp) ---- */
+// USE_OPENLDAP_PWDPOLICY_CONTROL chooses the control sent and the response controls read:
+// unset: the draft's control (LDAP_CONTROL_PASSWORDPOLICY) is sent; its response, else the
+// native one, else the older expired/expiring pair is read. "YES": the draft's control is
+// sent and only its response read. Any other value: the native control is sent and its
+// response read, else the older pair. Read once per process.
 int ldap_create_passwordpolicy_control(LDAP *ld, LDAPControl **ctrlp);
 // A password-policy response, read into the condition codes of ldap_pwdpolicy_err2string:
 // *warning 0 (none), 1 (seconds before expiration) or 2 (grace logins), with its number in
