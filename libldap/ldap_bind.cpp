@@ -327,6 +327,8 @@ int ldap_sasl_rebind_s(LDAP *ld, LDAPConn *lc, const char *dn, const char *mecha
                        const struct berval *cred, LDAPControl **serverctrls,
                        LDAPControl **clientctrls, const LDAPDeadline &until)
 {
+    LDAP_TRACE(LDAP_TRC_API, "ldap_sasl_rebind_s: mechanism(%s) lc(%p)\n", mechanism,
+               static_cast<void *>(lc));
     if (is_external(mechanism))
         return external_bind_s(ld, lc, until, nullptr, nullptr);
     int flag = 0;

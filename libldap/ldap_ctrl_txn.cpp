@@ -86,6 +86,7 @@ int txn_exchange(LDAP *ld, const char *oid, const struct berval *value, LDAPCont
 
 int ldap_txn_start(LDAP *ld, LDAPControl **sctrls, LDAPControl **cctrls, int *msgidp)
 {
+    LDAP_TRACE(LDAP_TRC_API, "ldap_txn_start\n");
     return ldap_extended_operation(ld, LDAP_EXOP_TXN_START, nullptr, sctrls, cctrls, msgidp);
 }
 
@@ -110,6 +111,7 @@ int ldap_txn_start_s(LDAP *ld, LDAPControl **sctrls, LDAPControl **cctrls,
 int ldap_txn_end(LDAP *ld, int commit, const struct berval *txnid, LDAPControl **sctrls,
                  LDAPControl **cctrls, int *msgidp)
 {
+    LDAP_TRACE(LDAP_TRC_API, "ldap_txn_end: commit(%d)\n", commit);
     struct berval *value = nullptr;
     int rc = ldap_txn_end_request_value(ld, commit, txnid, &value);
     if (rc == 0)

@@ -19,12 +19,11 @@ using namespace wzrtest;
 int bind_once(const char *oid, int condition)
 {
     FakeServer server;
-    auto ctrl = [](const char *o, int e) {
-        return ber_seq(ber_str(o) + ber_str(ber_seq(ber_int(e, 0x81))));
-    };
-    std::string op = ber_tlv(0x61, ber_int(0, 0x0a) + ber_str("") + ber_str("")),
-                answer = ctrl(LDAP_CONTROL_PASSWORDPOLICY_NATIVE, 0) +
-                         ctrl(LDAP_CONTROL_PASSWORDPOLICY, 1);
+    std::string locked = ber_str(ber_seq(ber_int(1, 0x81)));
+    std::string expired = ber_str(ber_seq(ber_int(0, 0x81)));
+    std::string answer = ber_seq(ber_str(LDAP_CONTROL_PASSWORDPOLICY_NATIVE) + expired) +
+                         ber_seq(ber_str(LDAP_CONTROL_PASSWORDPOLICY) + locked);
+    std::string op = ber_tlv(0x61, ber_int(0, 0x0a) + ber_str("") + ber_str(""));
     server.queue_reply({Action::send(ldap_message(1, op, ber_seq(answer, 0xa0)))});
     LDAP *ld = ldap_init("127.0.0.1", server.port());
     LDAPControl *pp = nullptr, **resp = nullptr;
@@ -40,10 +39,10 @@ int bind_once(const char *oid, int condition)
         1, fb::cons(0x60, fb::integer(3) + fb::str("cn=u") + fb::prim(0x80, "pw")),
         fb::cons(0xa0, fb::seq(fb::str(oid) + fb::boolean(false))));
     std::string sent = server.requests().empty() ? "" : server.requests()[0].bytes;
-    fprintf(stderr, "sent %s\nread %d\n", fb::hex(sent).c_str(), got);
     ldap_controls_free(resp);
     ldap_control_free(pp);
     ldap_unbind(ld);
+    fprintf(stderr, "sent %s\nread %d\n", fb::hex(sent).c_str(), got);
     return sent == want && got == condition ? 0 : 1;
 }
 
@@ -51,8 +50,7 @@ TEST(PasswordPolicySwitchDeathTest, SettingChoosesTheControlSentAndTheAnswersRea
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     struct Case { const char *setting, *sent; int condition; } cases[] = {
-        {nullptr, LDAP_CONTROL_PASSWORDPOLICY, 4},
-        {"yes", LDAP_CONTROL_PASSWORDPOLICY, 4},
+        {nullptr, LDAP_CONTROL_PASSWORDPOLICY, 4}, {"yes", LDAP_CONTROL_PASSWORDPOLICY, 4},
         {"no", LDAP_CONTROL_PASSWORDPOLICY_NATIVE, 3}};
     for (const Case &c : cases)
         EXPECT_EXIT(
