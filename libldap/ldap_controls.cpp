@@ -168,8 +168,9 @@ int decode_control_list(BerElement *ber, unsigned char *end, LDAPControl ***out,
     return rc;
 }
 
-// A copy of one control; nullptr when out of memory. With `keep_empty` a present but empty value stays present (a buffer of one NUL byte): on the
-// wire an empty value is not an absent one, and some servers tell them apart.
+// A copy of one control; nullptr when out of memory. With `keep_empty` a present but empty
+// value stays present (a buffer of one NUL byte): on the wire an empty value is not an absent
+// one, and servers tell them apart.
 LDAPControl *copy_control(const LDAPControl *from, bool keep_empty)
 {
     auto ctrl = static_cast<LDAPControl *>(lber_calloc(1, sizeof(LDAPControl)));

@@ -13,6 +13,7 @@
 namespace {
 
 constexpr ber_tag_t TAG_INTEGER = 0x02;
+constexpr ber_tag_t TAG_SEQUENCE = 0x30;
 
 // An identifier may be empty (a server that keeps one transaction per connection hands out
 // an empty one), but it must be there.
@@ -20,7 +21,6 @@ bool usable_txnid(const struct berval *id)
 {
     return id != nullptr && (id->bv_val != nullptr || id->bv_len == 0);
 }
-constexpr ber_tag_t TAG_SEQUENCE = 0x30;
 
 //   txnEndRes ::= SEQUENCE { messageID MessageID OPTIONAL,
 //       updatesControls SEQUENCE OF updateControls SEQUENCE { messageID MessageID,

@@ -94,6 +94,8 @@ int sasl_rebind(LDAP *ld, LDAPConn *lc, const char *dn, const KeptSaslBind &k,
     return ldap_sasl_rebind_s(ld, lc, name, k.mech, cred, k.sctrls, k.cctrls, until);
 }
 
+// The rebind procedure's DN and password (anonymous when it gives none) on the referral's
+// connection.
 int simple_rebind(LDAP *ld, LDAPConn *lc, const char *dn, const char *pw,
                   const LDAPDeadline &until)
 {
