@@ -22,7 +22,10 @@
  * mechanism that has a plug-in calls the plug-in's bind_s with a fresh block holding the
  * parameters below; its return value is the bind's result code.
  * The plug-in talks to the server only through services->sasl_bind_step, which sends one SASL
- * bind request on the handle's connection and returns the server's answer. A plug-in that
+ * bind request on the connection being bound and returns the server's answer. That is the
+ * handle's connection, or, when the handle chases a referral and binds again on the referred
+ * server with the mechanism and credentials of its last bind, that server's connection: the
+ * plug-in's bind_s is then called once more, with a fresh block, for that server. A plug-in that
  * cannot serve the bind may return LDAP_PLUGIN_DECLINED (192): the library then sends the
  * bind as a plain SASL request. An asynchronous SASL bind never goes through a plug-in.
  *
@@ -68,7 +71,7 @@ extern "C" {
  *     204 const char *  the mechanism
  *     205, 206 void *   the client and server controls of the bind (opaque)
  *     208 int           GSSAPI only: the handle's Kerberos version setting (option 54)
- *     310 const char *  the name of the server host the handle's connection reached (or
+ *     310 const char *  the name of the server host the connection being bound reached (or
  *                       will reach), for the service name ldap/HOST of GSSAPI and DIGEST-MD5
  *     210 (set)         const char *: a text for the caller, copied; the library records it
  *                       as the handle's error message with the bind's result
@@ -107,10 +110,10 @@ typedef struct ldap_plugin_services {
     int (*set_param)(LDAPPluginBlock *block, int number, const void *value);
     /* Sends one SASL bind request with the name `dn` (NULL: empty; SASL mechanisms carry
      * their identities in their credentials and leave it empty), the bind's mechanism (204)
-     * and server controls (206) and `cred` (NULL: no credentials) on the handle's connection,
-     * waits for
-     * the response and returns its result code (14 while the exchange goes on, 0 when bound,
-     * the server's code otherwise, or the library's own code). The server's SASL credentials
+     * and server controls (206) and `cred` (NULL: no credentials) on the connection being
+     * bound, waits for the response and returns its result code (14 while the exchange goes
+     * on, 0 when bound, the server's code otherwise, or the library's own code; 85 when the
+     * caller's time-out passes). The server's SASL credentials
      * go to *servercredp (NULL when it sent none; free with free_berval), and the server's
      * diagnostic text, when there is one, is stored as parameter 210. */
     int (*sasl_bind_step)(LDAPPluginBlock *block, const char *dn, const struct berval *cred,

@@ -123,11 +123,11 @@ int record_bind_params(LDAP *ld, int method, const char *dn, const char *mechani
 
 // Authentication methods as kept in the handle.
 constexpr int KEPT_SIMPLE = LDAP_AUTH_SIMPLE;
-constexpr int KEPT_SASL = 2;
+constexpr int KEPT_SASL = LDAP_AUTH_KEPT_SASL;
 
 // Keeps the response controls of a bind on its connection, where ldap_get_bind_controls finds
 // them (the password-policy controls among them).
-void keep_bind_controls(LDAP *ld, LDAPMessage *res)
+void keep_bind_controls(LDAP *ld, LDAPConn *lc, LDAPMessage *res)
 {
     int code = 0;
     LDAPControl **ctrls = nullptr;
@@ -137,7 +137,6 @@ void keep_bind_controls(LDAP *ld, LDAPMessage *res)
                    "ldap_sasl_bind_s_int: couldn't parse result for controls. rc = %d\n", rc);
         return;
     }
-    LDAPConn *lc = ld->ld_defconn;
     LDAP_LOCK(guard, &lc->conn_mutex, MODULE);
     if (guard.rc() != 0) {
         ldap_controls_free(ctrls);
@@ -147,17 +146,21 @@ void keep_bind_controls(LDAP *ld, LDAPMessage *res)
     lc->bind_ctrls = ctrls;
 }
 
-// Waits for the bind response of `msgid` and returns its result code, recorded with the
-// server's message; with `servercredp` the server's SASL credentials are handed out.
-int wait_bind_result(LDAP *ld, int msgid, struct berval **servercredp)
+// Waits (within `until`) for the bind response of `msgid` sent on `lc` (null: the default
+// connection) and returns its result code, recorded with the server's message; with
+// `servercredp` the server's SASL credentials are handed out.
+int wait_bind_result(LDAP *ld, LDAPConn *lc, const LDAPDeadline &until, int msgid,
+                     struct berval **servercredp)
 {
     LDAPMessage *res = nullptr;
-    if (ldap_result(ld, msgid, LDAP_MSG_ALL, nullptr, &res) == -1 || res == nullptr) {
+    int type = lc == nullptr ? ldap_result_until(ld, msgid, LDAP_MSG_ALL, until, &res)
+                             : ldap_get_result(ld, msgid, LDAP_MSG_ALL, until, &res, lc->table);
+    if (type <= 0 || res == nullptr) {
         int rc = ldap_get_errno_direct(ld);
-        return rc != 0 ? rc : ldap_fail(ld, LDAP_LOCAL_ERROR);
+        return rc != 0 ? rc : ldap_fail(ld, type == 0 ? LDAP_TIMEOUT : LDAP_LOCAL_ERROR);
     }
-    if (ld->ld_defconn != nullptr)
-        keep_bind_controls(ld, res);
+    if (LDAPConn *kept = lc != nullptr ? lc : ld->ld_defconn)
+        keep_bind_controls(ld, kept, res);
     // The credentials first; then the code, recorded with the server's text, which a SASL
     // exchange needs to report why it failed.
     if (servercredp != nullptr) {
@@ -218,19 +221,62 @@ int ldap_sasl_bind_direct(LDAP *ld, const char *dn, const char *mechanism,
     return ldap_sasl_bind_encode_and_send(ld, dn, MECH_EXTERNAL, nullptr, serverctrls, msgidp, lc);
 }
 
-int ldap_sasl_bind_step(LDAP *ld, LDAPConn *lc, const char *dn, const char *mechanism,
-                        const struct berval *cred, LDAPControl **serverctrls,
-                        struct berval **servercredp, char **errmsg)
+int ldap_sasl_bind_step(LDAP *ld, LDAPConn *lc, const LDAPDeadline &until, const char *dn,
+                        const char *mechanism, const struct berval *cred,
+                        LDAPControl **serverctrls, struct berval **servercredp, char **errmsg)
 {
     *errmsg = nullptr;
     int msgid = -1;
     int rc = ldap_sasl_bind_encode_and_send(ld, dn, mechanism, cred, serverctrls, &msgid, lc);
     if (rc == 0)
-        rc = wait_bind_result(ld, msgid, servercredp);
+        rc = wait_bind_result(ld, lc, until, msgid, servercredp);
     int code = 0, ext = 0;
     (void)ldap_read_error_record(ld, &code, &ext, nullptr, errmsg); // no text is fine
     return rc;
 }
+
+namespace {
+
+// A synchronous EXTERNAL bind on `lc` (null: the default connection). A server that wants the
+// (empty) EXTERNAL response answers "in progress" to a request without credentials: it gets
+// the empty response, and its answer to that is the result.
+int external_bind_s(LDAP *ld, LDAPConn *lc, const LDAPDeadline &until,
+                    LDAPControl **serverctrls, struct berval **servercredp)
+{
+    int msgid = -1;
+    int rc = ldap_sasl_bind_encode_and_send(ld, nullptr, MECH_EXTERNAL, nullptr, serverctrls,
+                                            &msgid, lc);
+    if (rc == 0)
+        rc = wait_bind_result(ld, lc, until, msgid, nullptr);
+    if (rc != LDAP_SASL_BIND_IN_PROGRESS)
+        return rc;
+    struct berval empty = {0, const_cast<char *>("")};
+    rc = ldap_sasl_bind_encode_and_send(ld, nullptr, MECH_EXTERNAL, &empty, serverctrls, &msgid,
+                                        lc);
+    return rc != 0 ? rc : wait_bind_result(ld, lc, until, msgid, servercredp);
+}
+
+// A synchronous bind with any other mechanism on `lc` (null: the default connection): carried
+// out by the mechanism's plug-in when one serves it, else sent as one plain SASL request.
+int plugin_or_plain_bind_s(LDAP *ld, LDAPConn *lc, const LDAPDeadline &until, const char *dn,
+                           const char *mechanism, const struct berval *cred,
+                           LDAPControl **serverctrls, LDAPControl **clientctrls,
+                           struct berval **servercredp, int flag)
+{
+    int rc = ldap_sasl_bind_call_plugin(ld, dn, mechanism, cred, serverctrls, clientctrls,
+                                        servercredp, flag, 0, nullptr, lc, until);
+    if (rc != NO_PLUGIN && rc != PLUGIN_DECLINED)
+        return rc; // the plug-in's own answer, recorded by the call
+    LDAP_TRACE(LDAP_TRC_API, "ldap_sasl_bind_int: ldap_sasl_bind_call_plugin() returns rc = %d\n",
+               rc);
+    LDAP_TRACE(LDAP_TRC_API, "ldap_sasl_bind_int: Attempting to bind with "
+                             "ldap_sasl_bind_s_direct() instead\n");
+    int msgid = -1;
+    rc = ldap_sasl_bind_encode_and_send(ld, dn, mechanism, cred, serverctrls, &msgid, lc);
+    return rc != 0 ? rc : wait_bind_result(ld, lc, until, msgid, servercredp);
+}
+
+} // namespace
 
 int ldap_sasl_bind_int(LDAP *ld, const char *dn, const char *mechanism, const struct berval *cred,
                        LDAPControl **serverctrls, LDAPControl **clientctrls,
@@ -249,30 +295,23 @@ int ldap_sasl_bind_int(LDAP *ld, const char *dn, const char *mechanism, const st
         rc = record_bind_params(ld, KEPT_SIMPLE, dn, nullptr, nullptr, serverctrls, clientctrls);
         if (rc == 0)
             rc = ldap_sasl_bind_direct(ld, dn, "", cred, serverctrls, &msgid, nullptr);
-    } else if (is_external(mechanism)) {
-        if ((dn != nullptr && *dn != '\0') || (cred != nullptr && cred->bv_len != 0))
-            return ldap_fail(ld, LDAP_PARAM_ERROR);
-        rc = record_bind_params(ld, KEPT_SASL, nullptr, MECH_EXTERNAL, nullptr, serverctrls,
-                                clientctrls);
-        if (rc == 0)
-            rc = ldap_sasl_bind_encode_and_send(ld, nullptr, MECH_EXTERNAL, nullptr, serverctrls,
-                                                &msgid, nullptr);
     } else {
-        rc = record_bind_params(ld, KEPT_SASL, dn, mechanism, cred, serverctrls, clientctrls);
-        if (rc == 0 && !async) {
-            rc = ldap_sasl_bind_call_plugin(ld, dn, mechanism, cred, serverctrls, clientctrls,
-                                            servercredp, flag, async, msgidp);
-            if (rc != NO_PLUGIN && rc != PLUGIN_DECLINED)
-                return rc; // the plug-in's own answer, recorded by the call
-
-            LDAP_TRACE(LDAP_TRC_API,
-                       "ldap_sasl_bind_int: ldap_sasl_bind_call_plugin() returns rc = %d\n", rc);
-            LDAP_TRACE(LDAP_TRC_API, "ldap_sasl_bind_int: Attempting to bind with "
-                                     "ldap_sasl_bind_s_direct() instead\n");
-            rc = 0;
-        }
-        if (rc == 0)
-            rc = ldap_sasl_bind_encode_and_send(ld, dn, mechanism, cred, serverctrls, &msgid,
+        bool external = is_external(mechanism);
+        if (external && ((dn != nullptr && *dn != '\0') || (cred != nullptr && cred->bv_len != 0)))
+            return ldap_fail(ld, LDAP_PARAM_ERROR);
+        if (external)
+            rc = record_bind_params(ld, KEPT_SASL, nullptr, MECH_EXTERNAL, nullptr, serverctrls,
+                                    clientctrls);
+        else
+            rc = record_bind_params(ld, KEPT_SASL, dn, mechanism, cred, serverctrls, clientctrls);
+        if (rc == 0 && !async)
+            return external ? external_bind_s(ld, nullptr, {}, serverctrls, servercredp)
+                            : plugin_or_plain_bind_s(ld, nullptr, {}, dn, mechanism, cred,
+                                                     serverctrls, clientctrls, servercredp, flag);
+        if (rc == 0) // an asynchronous bind never goes through a plug-in
+            rc = ldap_sasl_bind_encode_and_send(ld, external ? nullptr : dn,
+                                                external ? MECH_EXTERNAL : mechanism,
+                                                external ? nullptr : cred, serverctrls, &msgid,
                                                 nullptr);
     }
     if (rc != 0)
@@ -281,19 +320,23 @@ int ldap_sasl_bind_int(LDAP *ld, const char *dn, const char *mechanism, const st
         *msgidp = msgid;
         return 0;
     }
-    if (mechanism != nullptr && *mechanism != '\0' && is_external(mechanism)) {
-        // A server that wants the (empty) EXTERNAL response answers "in progress" to a request
-        // without credentials: give it the empty response and take the final result.
-        rc = wait_bind_result(ld, msgid, nullptr);
-        if (rc != LDAP_SASL_BIND_IN_PROGRESS)
-            return rc;
-        struct berval empty = {0, const_cast<char *>("")};
-        rc = ldap_sasl_bind_encode_and_send(ld, nullptr, MECH_EXTERNAL, &empty, serverctrls,
-                                            &msgid, nullptr);
-        if (rc != 0)
-            return rc;
-    }
-    return wait_bind_result(ld, msgid, servercredp);
+    return wait_bind_result(ld, nullptr, {}, msgid, servercredp);
+}
+
+int ldap_sasl_rebind_s(LDAP *ld, LDAPConn *lc, const char *dn, const char *mechanism,
+                       const struct berval *cred, LDAPControl **serverctrls,
+                       LDAPControl **clientctrls, const LDAPDeadline &until)
+{
+    LDAP_TRACE(LDAP_TRC_API, "ldap_sasl_rebind_s: mechanism(%s) lc(%p)\n", mechanism,
+               static_cast<void *>(lc));
+    if (is_external(mechanism))
+        return external_bind_s(ld, lc, until, nullptr, nullptr);
+    int flag = 0;
+    int rc = ldap_get_option_direct(ld, LDAP_OPT_BIND_FLAG, &flag);
+    if (rc != 0)
+        return rc;
+    return plugin_or_plain_bind_s(ld, lc, until, dn, mechanism, cred, serverctrls, clientctrls,
+                                  nullptr, flag);
 }
 
 int ldap_sasl_bind_s_direct(LDAP *ld, const char *dn, const char *mechanism,
@@ -302,7 +345,7 @@ int ldap_sasl_bind_s_direct(LDAP *ld, const char *dn, const char *mechanism,
 {
     int msgid = -1;
     int rc = ldap_sasl_bind_encode_and_send(ld, dn, mechanism, cred, serverctrls, &msgid, nullptr);
-    return rc != 0 ? rc : wait_bind_result(ld, msgid, servercredp);
+    return rc != 0 ? rc : wait_bind_result(ld, nullptr, {}, msgid, servercredp);
 }
 
 /* ---- public forms ---- */
@@ -366,7 +409,7 @@ static int simple_bind_public(LDAP *ld, const char *dn, const char *passwd, bool
         LDAP_TRACE(LDAP_TRC_API, "ldap_simple_bind: returning msgid=%d\n", msgid);
         return msgid;
     }
-    return rc != 0 ? rc : wait_bind_result(ld, msgid, nullptr);
+    return rc != 0 ? rc : wait_bind_result(ld, nullptr, {}, msgid, nullptr);
 }
 
 int ldap_simple_bind(LDAP *ld, const char *dn, const char *passwd)

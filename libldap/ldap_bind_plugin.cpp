@@ -131,7 +131,8 @@ void ldap_plugin_release_record(LDAPConn *lc)
 int ldap_sasl_bind_call_plugin(LDAP *ld, const char *dn, const char *mechanism,
                                const struct berval *cred, LDAPControl **serverctrls,
                                LDAPControl **clientctrls, struct berval **servercredp,
-                               int option224, int async, int *msgidp)
+                               int option224, int async, int *msgidp, LDAPConn *lc,
+                               const LDAPDeadline &until)
 {
     (void)servercredp; // the plug-in consumes the server's credentials itself
     (void)option224;
@@ -140,7 +141,8 @@ int ldap_sasl_bind_call_plugin(LDAP *ld, const char *dn, const char *mechanism,
     LDAPPluginFn fn = rc == 0 ? bind_function(ref, async) : nullptr;
     if (rc == 0 && fn == nullptr)
         rc = LDAP_UNAVAILABLE_CRITICAL_EXTENSION;
-    LDAPConn *lc = ld->ld_defconn;
+    if (lc == nullptr)
+        lc = ld->ld_defconn;
     if (rc == 0 && lc == nullptr)
         rc = LDAP_ENCODING_ERROR;
     if (rc != 0)
@@ -148,6 +150,7 @@ int ldap_sasl_bind_call_plugin(LDAP *ld, const char *dn, const char *mechanism,
     LDAPPBlock *pb = bind_block(ld, lc, ref, dn, mechanism, cred, serverctrls, clientctrls);
     if (pb == nullptr)
         return ldap_fail(ld, LDAP_NO_MEMORY);
+    pb->until = until;
     LDAPPluginFn init = ldap_plugin_function(ref.ops, LDAP_PLUGIN_FN_INIT);
     if (is_gssapi(mechanism) && init != nullptr && init(&pb->base) != 0)
         rc = LDAP_PLUGIN_NOT_INITIALIZED;

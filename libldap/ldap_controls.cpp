@@ -168,8 +168,10 @@ int decode_control_list(BerElement *ber, unsigned char *end, LDAPControl ***out,
     return rc;
 }
 
-// A copy of one control; nullptr when out of memory.
-LDAPControl *copy_control(const LDAPControl *from)
+// A copy of one control; nullptr when out of memory. With `keep_empty` a present but empty
+// value stays present (a buffer of one NUL byte): on the wire an empty value is not an absent
+// one, and servers tell them apart.
+LDAPControl *copy_control(const LDAPControl *from, bool keep_empty)
 {
     auto ctrl = static_cast<LDAPControl *>(lber_calloc(1, sizeof(LDAPControl)));
     if (ctrl == nullptr)
@@ -178,11 +180,15 @@ LDAPControl *copy_control(const LDAPControl *from)
     ctrl->ldctl_value.bv_len = from->ldctl_value.bv_len;
     ctrl->ldctl_oid = lber_strdup(from->ldctl_oid);
     bool ok = ctrl->ldctl_oid != nullptr;
-    if (ok && from->ldctl_value.bv_len >= 1 && from->ldctl_value.bv_val != nullptr) {
-        ctrl->ldctl_value.bv_val = static_cast<char *>(lber_malloc(from->ldctl_value.bv_len));
+    const berval &v = from->ldctl_value;
+    if (ok && v.bv_val != nullptr && (v.bv_len >= 1 || keep_empty)) {
+        size_t room = v.bv_len + (keep_empty ? 1 : 0);
+        ctrl->ldctl_value.bv_val = static_cast<char *>(lber_malloc(room));
         ok = ctrl->ldctl_value.bv_val != nullptr;
-        if (ok)
-            memcpy(ctrl->ldctl_value.bv_val, from->ldctl_value.bv_val, from->ldctl_value.bv_len);
+        if (ok && v.bv_len >= 1)
+            memcpy(ctrl->ldctl_value.bv_val, v.bv_val, v.bv_len);
+        if (ok && keep_empty)
+            ctrl->ldctl_value.bv_val[v.bv_len] = '\0';
     }
     if (!ok) {
         ldap_control_free(ctrl);
@@ -265,13 +271,9 @@ int ldap_get_entry_controls_checked(LDAP *ld, LDAPMessage *entry, LDAPControl **
     return ldap_get_entry_controls(ld, entry, ctrlsp);
 }
 
-int ldap_copy_controls(LDAPControl ***to, LDAPControl **from)
+namespace {
+int copy_controls(LDAPControl ***to, LDAPControl **from, bool keep_empty)
 {
-    LDAP_TRACE(LDAP_TRC_API, "ldap_copy_controls\n");
-    if (to == nullptr) {
-        LDAP_TRACE(LDAP_TRC_API, "ldap_copy_controls: Invalid input to_here(%x)\n", 0u);
-        return LDAP_PARAM_ERROR;
-    }
     long n = count_controls(from);
     if (n == 0) {
         *to = nullptr;
@@ -288,7 +290,7 @@ int ldap_copy_controls(LDAPControl ***to, LDAPControl **from)
         } else if (static_cast<long>(from[i]->ldctl_value.bv_len) < 0) {
             LDAP_TRACE(LDAP_TRC_API, "ldap_copy_controls: length of value can't be less than 0\n");
             rc = LDAP_PARAM_ERROR;
-        } else if ((copy[i] = copy_control(from[i])) == nullptr) {
+        } else if ((copy[i] = copy_control(from[i], keep_empty)) == nullptr) {
             rc = LDAP_NO_MEMORY;
         }
     }
@@ -298,6 +300,17 @@ int ldap_copy_controls(LDAPControl ***to, LDAPControl **from)
     }
     *to = copy;
     return 0;
+}
+} // namespace
+
+int ldap_copy_controls(LDAPControl ***to, LDAPControl **from)
+{
+    LDAP_TRACE(LDAP_TRC_API, "ldap_copy_controls\n");
+    if (to == nullptr) {
+        LDAP_TRACE(LDAP_TRC_API, "ldap_copy_controls: Invalid input to_here(%x)\n", 0u);
+        return LDAP_PARAM_ERROR;
+    }
+    return copy_controls(to, from, false);
 }
 
 int ldap_merge_control_lists(LDAPControl ***dest, LDAPControl ***input)
@@ -371,13 +384,14 @@ int ldap_merge_default_controls(LDAP *ld, LDAPControl **given, LDAPControl ***me
         if (!guard.locked())
             return guard.rc();
         if (ld->ld_sctrls != nullptr) {
-            int rc = ldap_copy_controls(&defaults, ld->ld_sctrls);
+            int rc = copy_controls(&defaults, ld->ld_sctrls, true);
             if (rc != 0)
                 return rc;
         }
     }
+    // These copies go on the wire: an empty value (an empty transaction id) must stay there.
     LDAPControl **mine = nullptr;
-    int rc = ldap_copy_controls(&mine, given);
+    int rc = copy_controls(&mine, given, true);
     if (rc == 0 && mine != nullptr && defaults != nullptr)
         rc = ldap_merge_control_lists(&defaults, &mine); // moves the caller's in front
     else if (rc == 0 && mine != nullptr)

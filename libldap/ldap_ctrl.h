@@ -18,6 +18,9 @@ inline constexpr const char *LDAP_CONTROL_VALUESRETURNFILTER = "1.2.826.0.1.3344
 inline constexpr const char *LDAP_CONTROL_PROXY_AUTHZ = "2.16.840.1.113730.3.4.18";
 inline constexpr const char *LDAP_CONTROL_PROXYAUTH_V1 = "2.16.840.1.113730.3.4.12";
 inline constexpr const char *LDAP_CONTROL_PASSWORDPOLICY = "1.3.6.1.4.1.42.2.27.8.5.1";
+// The directory's own policy control (same value shapes); USE_OPENLDAP_PWDPOLICY_CONTROL with a
+// value other than YES sends it instead of the one above.
+inline constexpr const char *LDAP_CONTROL_PASSWORDPOLICY_NATIVE = "1.3.88.0.2.12.40";
 inline constexpr const char *LDAP_CONTROL_PWEXPIRED = "2.16.840.1.113730.3.4.4";
 inline constexpr const char *LDAP_CONTROL_PWEXPIRING = "2.16.840.1.113730.3.4.5";
 inline constexpr const char *LDAP_CONTROL_TXN_SPEC = "1.3.6.1.1.21.2";
@@ -127,6 +130,11 @@ int ldap_create_proxied_authorization_control(LDAP *ld, const char *authzid, LDA
 int ldap_create_proxyauth_control(LDAP *ld, const char *dn, char iscritical, LDAPControl **ctrlp);
 
 /* ---- password policy (ldap_ctrl_pwdpolicy.cpp) ---- */
+// USE_OPENLDAP_PWDPOLICY_CONTROL chooses the control sent and the response controls read:
+// unset: the draft's control (LDAP_CONTROL_PASSWORDPOLICY) is sent; its response, else the
+// native one, else the older expired/expiring pair is read. "YES": the draft's control is
+// sent and only its response read. Any other value: the native control is sent and its
+// response read, else the older pair. Read once per process.
 int ldap_create_passwordpolicy_control(LDAP *ld, LDAPControl **ctrlp);
 // A password-policy response, read into the condition codes of ldap_pwdpolicy_err2string:
 // *warning 0 (none), 1 (seconds before expiration) or 2 (grace logins), with its number in
@@ -169,6 +177,20 @@ int ldap_txn_end_request_value(LDAP *ld, int commit, const struct berval *txnid,
 // The end-transaction response value: the message id of the update that failed (-1 when
 // none is named).
 int ldap_parse_txn_end_response_value(LDAP *ld, const struct berval *value, int *failed_msgidp);
+// Starting a transaction: the asynchronous form gives the message id of the start request;
+// the synchronous one the transaction's identifier in *txnidp (free with ber_bvfree; 84 when
+// the server names none). Then each update of the transaction carries
+// ldap_create_txn_spec_control, and the server applies them only when the end commits.
+int ldap_txn_start(LDAP *ld, LDAPControl **sctrls, LDAPControl **cctrls, int *msgidp);
+int ldap_txn_start_s(LDAP *ld, LDAPControl **sctrls, LDAPControl **cctrls,
+                     struct berval **txnidp);
+// Ending it: `commit` non-zero applies the updates, 0 drops them. When the server refuses the
+// commit because of one update, the synchronous form returns the server's code and puts that
+// update's message id in *failed_msgidp (-1 when none is named).
+int ldap_txn_end(LDAP *ld, int commit, const struct berval *txnid, LDAPControl **sctrls,
+                 LDAPControl **cctrls, int *msgidp);
+int ldap_txn_end_s(LDAP *ld, int commit, const struct berval *txnid, LDAPControl **sctrls,
+                   LDAPControl **cctrls, int *failed_msgidp);
 
 /* ---- chaining and its audit (ldap_ctrl_chain.cpp) ---- */
 inline constexpr int LDAP_CHAINING_PREFERRED = 0;

@@ -2,11 +2,18 @@
 // and the parser that turns the server's answer into the condition codes of
 // ldap_pwdpolicy_err2string (warnings 1 and 2, errors 3 to 11).
 //
-// Every server with a password policy answers the request control below; some also, or only,
-// send the two older unsolicited controls "password expired" and "password expiring" (seconds
-// left as decimal text). The switch read by ldap_use_openldap_pwdpolicy chooses what is parsed:
-//   1 ("YES"): only the policy response control, as the OpenLDAP policy overlay sends it;
-//   0, 2:      the policy response control first, else either of the two older controls.
+// Two policy controls exist with one value shape: the draft's (LDAP_CONTROL_PASSWORDPOLICY,
+// served by OpenLDAP's policy overlay and by most directories) and the directory's native one
+// (LDAP_CONTROL_PASSWORDPOLICY_NATIVE, in the arc of its own extended operations). Some
+// servers also, or only, send the two older unsolicited controls "password expired" and
+// "password expiring" (seconds left as decimal text). USE_OPENLDAP_PWDPOLICY_CONTROL, read once
+// per process (ldap_use_openldap_pwdpolicy), chooses what is sent and what is believed:
+//   unset (0):     the draft's control is sent, since nearly every server answers it; the
+//                  answer is read from the draft's response control, else the native one,
+//                  else the older pair;
+//   "YES" (1):     the draft's control is sent and only its response control is read;
+//   any other (2): the native control is sent (for a directory that answers only that one)
+//                  and its response control is read, else the older pair.
 #include "ldap_ctrl.h"
 
 #include "../trace/ldap_env.h"
@@ -93,14 +100,29 @@ int read_older_controls(LDAPControl **ctrls, PolicyState *st)
     return 0;
 }
 
-int read_policy(LDAPControl **ctrls, PolicyState *st)
+constexpr int PP_UNSET = 0;
+constexpr int PP_OPENLDAP = 1;
+constexpr int PP_NATIVE = 2;
+
+int read_response_control(LDAPControl **ctrls, const char *oid, PolicyState *st)
 {
     BerElement *r = nullptr;
-    int rc = ldap_control_value_reader(ctrls, LDAP_CONTROL_PASSWORDPOLICY, &r);
+    int rc = ldap_control_value_reader(ctrls, oid, &r);
     if (rc == 0)
         rc = read_policy_response(r, st);
     fber_free(r);
-    if (rc == LDAP_CONTROL_NOT_FOUND && ldap_use_openldap_pwdpolicy() != 1)
+    return rc;
+}
+
+int read_policy(LDAPControl **ctrls, PolicyState *st)
+{
+    int mode = ldap_use_openldap_pwdpolicy();
+    int rc = read_response_control(
+        ctrls, mode == PP_NATIVE ? LDAP_CONTROL_PASSWORDPOLICY_NATIVE : LDAP_CONTROL_PASSWORDPOLICY,
+        st);
+    if (rc == LDAP_CONTROL_NOT_FOUND && mode == PP_UNSET)
+        rc = read_response_control(ctrls, LDAP_CONTROL_PASSWORDPOLICY_NATIVE, st);
+    if (rc == LDAP_CONTROL_NOT_FOUND && mode != PP_OPENLDAP)
         rc = read_older_controls(ctrls, st);
     return rc;
 }
@@ -112,8 +134,11 @@ int ldap_create_passwordpolicy_control(LDAP *ld, LDAPControl **ctrlp)
     LDAP_TRACE(LDAP_TRC_API, "ldap_create_passwordpolicy_control\n");
     if (ctrlp == nullptr)
         return ldap_fail(ld, LDAP_PARAM_ERROR);
+    const char *oid = ldap_use_openldap_pwdpolicy() == PP_NATIVE
+                          ? LDAP_CONTROL_PASSWORDPOLICY_NATIVE
+                          : LDAP_CONTROL_PASSWORDPOLICY;
     // Not critical: a server without a policy still binds.
-    return ldap_fail(ld, ldap_control_create(LDAP_CONTROL_PASSWORDPOLICY, 0, nullptr, ctrlp));
+    return ldap_fail(ld, ldap_control_create(oid, 0, nullptr, ctrlp));
 }
 
 int ldap_parse_passwordpolicy_control(LDAP *ld, LDAPControl **ctrls, int *warning,

@@ -96,7 +96,8 @@ int service_sasl_step(LDAPPluginBlock *block, const char *dn, const struct berva
     auto *mech = static_cast<const char *>(ldap_pblock_value(pb, LDAP_PLUGIN_PARAM_MECH));
     auto **sctrls =
         static_cast<LDAPControl **>(ldap_pblock_value(pb, LDAP_PLUGIN_PARAM_SERVERCTRLS));
-    int rc = ldap_sasl_bind_step(pb->ld, pb->lc, dn, mech, cred, sctrls, servercredp, &errmsg);
+    int rc = ldap_sasl_bind_step(pb->ld, pb->lc, pb->until, dn, mech, cred, sctrls, servercredp,
+                                 &errmsg);
     if (errmsg != nullptr && *errmsg != '\0' &&
         ldap_pblock_set(pb, LDAP_PLUGIN_PARAM_ERRTEXT, errmsg) != 0)
         rc = LDAP_NO_MEMORY;

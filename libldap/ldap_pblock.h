@@ -3,6 +3,7 @@
 #ifndef WZR_LIBLDAP_LDAP_PBLOCK_H
 #define WZR_LIBLDAP_LDAP_PBLOCK_H
 
+#include "ldap_deadline.h"
 #include "ldap_int.h"
 #include "wzrldap_plugin.h"
 
@@ -21,7 +22,8 @@ struct LDAPPBlock {
     LDAPPBlockSlot slots[LDAP_PBLOCK_SLOTS];
     int count;
     LDAP *ld;                  // where sasl_bind_step sends, set for a bind
-    LDAPConn *lc;
+    LDAPConn *lc;              // the connection bound: the default one or a referral's
+    LDAPDeadline until;        // when the bind's exchanges give up waiting
     const LDAPPluginOps *ops;  // the plug-in the block was made for, for its clean-up
 };
 

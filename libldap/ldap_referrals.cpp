@@ -8,6 +8,7 @@
 #include <strings.h>
 
 #include "ldap_connect.h"
+#include "ldap_controls.h"
 #include "ldap_bind.h"
 #include "ldap_entry.h"
 #include "ldap_error.h"
@@ -30,6 +31,82 @@ constexpr size_t V2_MARKER_LEN = sizeof V2_MARKER - 1;
 // A referral is a list a server made up: past this many URLs it is not worth a connection
 // attempt each, and the chase fails instead of stalling the caller.
 constexpr size_t MAX_REFERRAL_URLS = 64;
+
+// What a SASL bind of the handle left for rebinding elsewhere, copied out of the handle so
+// that no lock is held while the referred server is bound. `mech` null: no SASL bind.
+struct KeptSaslBind {
+    char *mech = nullptr;
+    char *dn = nullptr;
+    struct berval cred = {0, nullptr};
+    LDAPControl **sctrls = nullptr;
+    LDAPControl **cctrls = nullptr;
+};
+
+void free_kept_sasl_bind(KeptSaslBind *k)
+{
+    lber_free(k->mech);
+    lber_free(k->dn);
+    lber_free(k->cred.bv_val);
+    ldap_controls_free(k->sctrls);
+    ldap_controls_free(k->cctrls);
+    *k = KeptSaslBind{};
+}
+
+// Copies the handle's last bind when it was a SASL bind, with the handle's server and client
+// controls (options 18 and 19); 0, 90 (traced, nothing kept) or 129.
+int copy_kept_sasl_bind(LDAP *ld, KeptSaslBind *out)
+{
+    LDAP_LOCK(guard, &ld->ld_mutex, MODULE);
+    if (!guard.locked())
+        return ldap_fail(ld, guard.rc());
+    if (ld->ld_authmethod != LDAP_AUTH_KEPT_SASL || ld->ld_bind_mech == nullptr)
+        return 0;
+    out->mech = lber_strdup(ld->ld_bind_mech);
+    out->dn = ld->ld_bind_dn != nullptr ? lber_strdup(ld->ld_bind_dn) : nullptr;
+    bool copied = out->mech != nullptr && (ld->ld_bind_dn == nullptr || out->dn != nullptr) &&
+                  ldap_copy_controls(&out->sctrls, ld->ld_sctrls) == 0 &&
+                  ldap_copy_controls(&out->cctrls, ld->ld_cctrls) == 0;
+    const char *failed = copied ? nullptr : "send_referral_bind_request: Failed to alloc cred\n";
+    const berval &kept = ld->ld_bind_cred;
+    if (copied && kept.bv_val != nullptr) {
+        out->cred.bv_val = lber_strndup(kept.bv_val, kept.bv_len);
+        out->cred.bv_len = kept.bv_len;
+        if (out->cred.bv_val == nullptr)
+            failed = "send_referral_bind_request: Failed to alloc cred->bv_val\n";
+    }
+    guard.unlock();
+    if (failed == nullptr)
+        return 0;
+    LDAP_TRACE(LDAP_TRC_ERROR, "%s", failed);
+    free_kept_sasl_bind(out);
+    return ldap_fail(ld, LDAP_NO_MEMORY);
+}
+
+// The referred server is bound as the handle was: same mechanism and credentials, through the
+// same plug-in, on the referral's own connection (the handle's default connection stays as it
+// is for the other threads). The name is the rebind procedure's when it gives one, else the
+// one the handle bound with: for a SASL plug-in that name carries the identity.
+int sasl_rebind(LDAP *ld, LDAPConn *lc, const char *dn, const KeptSaslBind &k,
+                const LDAPDeadline &until)
+{
+    const char *name = dn != nullptr && *dn != '\0' ? dn : k.dn;
+    const berval *cred = k.cred.bv_val != nullptr ? &k.cred : nullptr;
+    return ldap_sasl_rebind_s(ld, lc, name, k.mech, cred, k.sctrls, k.cctrls, until);
+}
+
+// The rebind procedure's DN and password (anonymous when it gives none) on the referral's
+// connection.
+int simple_rebind(LDAP *ld, LDAPConn *lc, const char *dn, const char *pw,
+                  const LDAPDeadline &until)
+{
+    int id = -1;
+    int rc = ldap_simple_bind_direct(ld, dn != nullptr ? dn : "", pw != nullptr ? pw : "",
+                                     nullptr, &id, lc);
+    LDAPMessage *res = nullptr;
+    if (rc == 0 && ldap_get_result(ld, id, LDAP_MSG_ALL, until, &res, lc->table) <= 0)
+        return ldap_get_errno_direct(ld) != 0 ? ldap_get_errno_direct(ld) : LDAP_TIMEOUT;
+    return rc != 0 ? rc : ldap_result2error(ld, res, 1);
+}
 
 // SearchResultReference ::= [APPLICATION 19] SEQUENCE SIZE (1..MAX) OF uri URI
 // 0, 90, or 84 for a reference that cannot be read (then ignored like one without URL).
@@ -553,15 +630,13 @@ int send_referral_bind_request(LDAP *ld, LDAPConn *lc, const LDAPDeadline &until
                                  "specified anonymous bind\n");
     } else {
         LDAP_TRACE(LDAP_TRC_API, "send_referral_bind_request: sending bind request\n");
-        // A SASL rebind (the handle's last bind mechanism and credentials) plugs in here.
-        int id = -1;
-        rc = ldap_simple_bind_direct(ld, dn != nullptr ? dn : "", pw != nullptr ? pw : "",
-                                     nullptr, &id, lc);
-        LDAPMessage *res = nullptr;
-        if (rc == 0 && ldap_get_result(ld, id, LDAP_MSG_ALL, until, &res, lc->table) <= 0)
-            rc = ldap_get_errno_direct(ld) != 0 ? ldap_get_errno_direct(ld) : LDAP_TIMEOUT;
+        KeptSaslBind sasl;
+        rc = copy_kept_sasl_bind(ld, &sasl);
+        if (rc == 0 && sasl.mech != nullptr)
+            rc = sasl_rebind(ld, lc, dn, sasl, until);
         else if (rc == 0)
-            rc = ldap_result2error(ld, res, 1);
+            rc = simple_rebind(ld, lc, dn, pw, until);
+        free_kept_sasl_bind(&sasl);
     }
     if (rebind != nullptr)
         (void)rebind(ld, &dn, &pw, &method, 1);

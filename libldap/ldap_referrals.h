@@ -9,6 +9,9 @@
 
 // A rebind procedure (option 9): called with freeit 0 to get the DN, password and method for
 // a referral server, then with freeit 1 to let it free them. Non-zero: the chase fails.
+// When the handle's last bind was a SASL bind, the referral server is bound with that bind's
+// mechanism and credentials instead; the procedure then only consents (any method other than
+// simple, e.g. LDAP_AUTH_SASL, with no DN) or names the identity (its DN).
 typedef int (*LDAPRebindProc)(LDAP *ld, char **dnp, char **passwdp, int *authmethodp,
                               int freeit);
 
@@ -35,8 +38,9 @@ int ldap_referral_from_child(LDAP *ld, LDAPMsgTable *table, int msgid,
 // into the result. Returns the message to hand out (perhaps a new one; `msg` then freed).
 LDAPMessage *ldap_referral_finish(LDAP *ld, LDAPMsgTable *table, int msgid, LDAPMessage *msg);
 
-// The bind on a referral server: the rebind procedure's identity, or anonymous (no bind at
-// all on version 3). 0 or the code (81 when the server is down).
+// The bind on a referral server: the rebind procedure's identity, or the handle's last SASL
+// bind again, or anonymous (no bind at all on version 3 without a rebind procedure). 0 or
+// the code (81 when the server is down).
 [[nodiscard]] int send_referral_bind_request(LDAP *ld, LDAPConn *lc, const LDAPDeadline &until);
 
 // Links `child` (a row of `child_table` that has no request yet) to the row `parent` of
