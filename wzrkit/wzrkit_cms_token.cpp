@@ -162,7 +162,8 @@ int add_keys(WzrToken *t, WzrKeyDb *db, std::string *why)
     PKCS11_SLOT *slot = nullptr;
     PKCS11_KEY *keys = nullptr;
     unsigned int n = 0;
-    if (find_token(*t, &slot, why) != WZR_OK || PKCS11_enumerate_keys(slot->token, &keys, &n) != 0) {
+    if (find_token(*t, &slot, why) != WZR_OK ||
+        PKCS11_enumerate_keys(slot->token, &keys, &n) != 0) {
         *why = "the keys of the PKCS#11 token cannot be listed: " + last_error_text();
         return WZR_ERR_KEYFILE_IO;
     }
