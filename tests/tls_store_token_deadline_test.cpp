@@ -1,6 +1,5 @@
-// Secure connections: with no key database the system's certificate store decides trust; client
-// keys can live in a PKCS#11 token; a peer that stalls in the handshake or in the middle of a
-// record holds a call no longer than its time-out. One process per test (settings are global).
+// With no key database the system's store decides trust; client keys can live in a PKCS#11
+// token; a peer stalling mid-handshake or mid-record holds a call no longer than its time-out.
 #include <gtest/gtest.h>
 
 #include <fstream>
