@@ -73,6 +73,19 @@ int ldap_mutex_lock_until(pthread_mutex_t *mutex, const LDAPDeadline &d, const c
     return LDAP_LOCK_ERROR;
 }
 
+namespace {
+thread_local LDAPDeadline call_deadline;
+}
+
+LDAPCallDeadlineScope::LDAPCallDeadlineScope(const LDAPDeadline &until) : outer_(call_deadline)
+{
+    call_deadline = until;
+}
+
+LDAPCallDeadlineScope::~LDAPCallDeadlineScope() { call_deadline = outer_; }
+
+LDAPDeadline ldap_call_deadline() { return call_deadline; }
+
 int64_t ldap_monotonic_ns()
 {
     struct timespec now;

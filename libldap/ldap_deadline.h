@@ -30,4 +30,20 @@ LDAPDeadline ldap_deadline_min(const LDAPDeadline &a, const LDAPDeadline &b);
 [[nodiscard]] int ldap_mutex_lock_until(pthread_mutex_t *mutex, const LDAPDeadline &d,
                                         const char *module, int line);
 
+// The deadline of the call this thread is making, for code the call reaches only through a
+// third party's callback: the secure-socket toolkit calls the library's raw I/O on the calling
+// thread but hands it nothing of the call. In force while the scope lives; scopes nest.
+class LDAPCallDeadlineScope {
+public:
+    explicit LDAPCallDeadlineScope(const LDAPDeadline &until);
+    ~LDAPCallDeadlineScope();
+    LDAPCallDeadlineScope(const LDAPCallDeadlineScope &) = delete;
+    LDAPCallDeadlineScope &operator=(const LDAPCallDeadlineScope &) = delete;
+
+private:
+    LDAPDeadline outer_;
+};
+// The innermost scope's deadline on this thread; not limited outside every scope.
+LDAPDeadline ldap_call_deadline();
+
 #endif

@@ -92,6 +92,7 @@ bool keep_unwritten_tail(LDAPConn *lc, const unsigned char *from, long len)
 int flush_until(LDAP *ld, LDAPConn *lc, BerElement *ber, const LDAPDeadline &until,
                 bool is_tail = false)
 {
+    LDAPCallDeadlineScope scope(until); // a secure write's wait for the socket
     for (;;) {
         int rc = fber_flush_nb(&lc->sb, ber);
         if (rc == 0)

@@ -584,6 +584,7 @@ int wait_for_message(LDAPConn *lc, BerElement *ber, uint32_t *progress, const LD
     // pause instead, since its next entries are then in.
     bool wait_first = lc->stream_run < STREAM_RUN_TO_COALESCE && lc->sb.sb_drained &&
                       sockbuf_buffered(&lc->sb) == 0;
+    LDAPCallDeadlineScope scope(until); // a secure read's wait for the rest of a record
     for (;;) {
         if (!wait_first) {
             if (!paused)

@@ -131,7 +131,25 @@ int set_password_or_stash(void *env, const char *keyring, const char *pw, int *r
 
 const wzr_io_callbacks CLIENT_CALLBACKS = {client_ssl_read, client_ssl_write};
 
-int prepare_wzr_init_data(void *env, const char *keyring, const char *pw, int *reason)
+// What the PKCS#11 forms of the initialisation add: the token and how it is used.
+struct Pkcs11Data {
+    const char *library, *token, *token_pw;
+    int key_storage, accel_mode;
+};
+
+bool set_pkcs11(void *env, const Pkcs11Data &p, int *reason)
+{
+    return set_string(env, WZR_PKCS11_LIBRARY, p.library, "PKCS#11 library", reason) &&
+           set_string(env, WZR_PKCS11_TOKEN_LABEL, p.token, "PKCS#11 token label", reason) &&
+           set_string(env, WZR_PKCS11_TOKEN_PW, p.token_pw, "PKCS#11 token password", reason) &&
+           set_ok(wzr_fn.attribute_set_numeric_value(env, WZR_PKCS11_KEY_STORAGE, p.key_storage),
+                  "PKCS#11 key storage", reason) &&
+           set_ok(wzr_fn.attribute_set_numeric_value(env, WZR_PKCS11_ACCEL_MODE, p.accel_mode),
+                  "PKCS#11 accelerator mode", reason);
+}
+
+int prepare_wzr_init_data(void *env, const char *keyring, const char *pw, int *reason,
+                          const Pkcs11Data *p11)
 {
     const char *chosen = nullptr;
     int fips = ssl_controls.fips == 1 ? WZR_FIPS_MODE_PROCESSING_ON : WZR_FIPS_MODE_PROCESSING_OFF;
@@ -144,7 +162,8 @@ int prepare_wzr_init_data(void *env, const char *keyring, const char *pw, int *r
                 "I/O callbacks", reason))
         return LDAP_SSL_INITIALIZE_FAILED;
     LDAP_TRACE(LDAP_TRC_SSL, "prepare_wzr_init_data(): disabling SSLV2 Hello\n");
-    if (!set_ok(wzr_fn.attribute_set_enum(env, WZR_SSLV2, WZR_SSLV2_OFF), "SSLV2 off", reason))
+    if (!set_ok(wzr_fn.attribute_set_enum(env, WZR_SSLV2, WZR_SSLV2_OFF), "SSLV2 off", reason) ||
+        (p11 != nullptr && !set_pkcs11(env, *p11, reason)))
         return LDAP_SSL_INITIALIZE_FAILED;
     return 0;
 }
@@ -197,7 +216,8 @@ void read_suiteb_once()
 }
 
 // The body of both initialisation calls; the caller holds the secure-environment lock.
-int init_setup_locked(const char *keyring, const char *pw, int *reason, bool client)
+int init_setup_locked(const char *keyring, const char *pw, int *reason, bool client,
+                      const Pkcs11Data *p11)
 {
     const char *name = client ? "ldap_ssl_client_init_setup" : "ldap_ssl_environment_init_setup";
     if (loadClientControlEnvVars() != 0)
@@ -214,7 +234,7 @@ int init_setup_locked(const char *keyring, const char *pw, int *reason, bool cli
     if (ref == nullptr)
         return LDAP_NO_MEMORY;
     int code = wzr_fn.environment_open(&ref->env);
-    if (code == 0 && (rc = prepare_wzr_init_data(ref->env, keyring, pw, reason)) == 0) {
+    if (code == 0 && (rc = prepare_wzr_init_data(ref->env, keyring, pw, reason, p11)) == 0) {
         if (client && check_cbc_padding() != 0)
             rc = fail_with(reason, REASON_CBC_PADDING, LDAP_SSL_INITIALIZE_FAILED);
         else if ((code = setClientProtocols(ref->env, true, 2, nullptr)) == 0)
@@ -234,7 +254,8 @@ int init_setup_locked(const char *keyring, const char *pw, int *reason, bool cli
     return 0;
 }
 
-int init_setup(const char *keyring, const char *pw, int *reason, bool client)
+int init_setup(const char *keyring, const char *pw, int *reason, bool client,
+               const Pkcs11Data *p11 = nullptr)
 {
     ldap_debug_init();
     if (reason != nullptr)
@@ -242,42 +263,40 @@ int init_setup(const char *keyring, const char *pw, int *reason, bool client)
     LDAP_LOCK(guard, ldap_ssl_mutex(), MODULE);
     if (!guard.locked())
         return guard.rc();
-    return init_setup_locked(keyring, pw, reason, client);
+    return init_setup_locked(keyring, pw, reason, client, p11);
 }
 
-// The toolkit offers no PKCS#11 token support: the arguments are checked as always and the
-// set-up is refused with the toolkit's "not loaded" reason.
-int pkcs11_init(const char *name, const char *lib, const char *token, const char *token_pw,
-                int storage, int accel, int *reason)
+// The PKCS#11 forms: their arguments checked, then the set-up with the token's data.
+int pkcs11_init(const char *name, const char *keyring, const char *pw, int *reason,
+                const Pkcs11Data &p11, bool client)
 {
     ldap_debug_init();
     if (reason != nullptr)
         *reason = 0;
-    if (lib == nullptr) {
+    if (p11.library == nullptr) {
         LDAP_TRACE(LDAP_TRC_ERROR, "%s: PKCS#11 Library path is NULL\n", name);
         return LDAP_PARAM_ERROR;
     }
-    if (token == nullptr || token_pw == nullptr) {
+    if (p11.token == nullptr || p11.token_pw == nullptr) {
         LDAP_TRACE(LDAP_TRC_ERROR, "%s: PKCS#11 Token Label is NULL\n", name);
         return LDAP_PARAM_ERROR;
     }
-    if (accel < 0 || accel > 7) {
+    if (p11.accel_mode < 0 || p11.accel_mode > 7) {
         LDAP_TRACE(LDAP_TRC_ERROR, "%s: Accelerator mode (0-7) not set to appropriate value: %d\n",
-                   name, accel);
+                   name, p11.accel_mode);
         return LDAP_PARAM_ERROR;
     }
-    if (storage != 0 && storage != 1) {
+    if (p11.key_storage != 0 && p11.key_storage != 1) {
         LDAP_TRACE(LDAP_TRC_ERROR, "%s: PKCS#11 Keystorage must be [0/1]\n", name);
         return LDAP_PARAM_ERROR;
     }
-    if (storage == 0 && accel == 0) {
+    if (p11.key_storage == 0 && p11.accel_mode == 0) {
         LDAP_TRACE(LDAP_TRC_ERROR,
                    "prepare_wzr_init_data: Need to set PKCS#11 Keystorage or Acceleration mode\n");
         return LDAP_PARAM_ERROR;
     }
-    return fail_with(reason, 429, LDAP_SSL_INITIALIZE_FAILED);
+    return init_setup(keyring, pw, reason, client, &p11);
 }
-
 
 } // namespace
 
@@ -331,19 +350,21 @@ int ldap_ssl_environment_init(const char *keyring, const char *keyring_pw, int /
     return init_setup(keyring, keyring_pw, reason, false);
 }
 
-int ldap_ssl_pkcs11_client_init(const char *, const char *, int, int *reason, const char *lib,
-                                const char *token, const char *token_pw, int storage, int accel)
+int ldap_ssl_pkcs11_client_init(const char *keyring, const char *keyring_pw, int /*ssl_timeout*/,
+                                int *reason, const char *lib, const char *token,
+                                const char *token_pw, int storage, int accel)
 {
-    return pkcs11_init("ldap_ssl_pkcs11_client_init", lib, token, token_pw, storage, accel,
-                       reason);
+    return pkcs11_init("ldap_ssl_pkcs11_client_init", keyring, keyring_pw, reason,
+                       {lib, token, token_pw, storage, accel}, true);
 }
 
-int ldap_ssl_pkcs11_environment_init(const char *, const char *, int, int *reason,
-                                     const char *lib, const char *token, const char *token_pw,
-                                     int storage, int accel)
+int ldap_ssl_pkcs11_environment_init(const char *keyring, const char *keyring_pw,
+                                     int /*ssl_timeout*/, int *reason, const char *lib,
+                                     const char *token, const char *token_pw, int storage,
+                                     int accel)
 {
-    return pkcs11_init("ldap_ssl_pkcs11_environment_init", lib, token, token_pw, storage, accel,
-                       reason);
+    return pkcs11_init("ldap_ssl_pkcs11_environment_init", keyring, keyring_pw, reason,
+                       {lib, token, token_pw, storage, accel}, false);
 }
 
 int ldap_ssl_set_fips_mode_np(int mode)

@@ -27,9 +27,6 @@ struct WzrUserData {
     int32_t protocol; // 1 secure port, 2 StartTLS
     int32_t type;     // 2 client, 1 server
     uint32_t loops, selects, total_selects, moved;
-    // The caller's deadline (monotonic), which the handshake keeps to as well.
-    int32_t deadline_set;
-    int64_t deadline_sec, deadline_nsec;
 };
 inline constexpr int32_t WZR_STATE_HANDSHAKE = 900;
 inline constexpr int32_t WZR_STATE_READ_WRITE = 901;
@@ -89,7 +86,8 @@ void ldap_ssl_release_conn(LDAPConn *lc);
 
 // The record for a type, filled from the environment once per process per type.
 void initWzrUserData(WzrUserData *ud, int type);
-// The raw I/O with the time-out rules, and the callbacks installed in the toolkit.
+// The raw I/O with the time-out rules, and the callbacks installed in the toolkit. Every wait
+// in them also ends at the deadline of the call this thread is in (LDAPCallDeadlineScope).
 int ssl_read(int fd, void *buf, int len, WzrUserData *ud, int *done);
 int ssl_write(int fd, const void *buf, int len, WzrUserData *ud, int *done);
 int client_ssl_read(int fd, void *buf, int len, void *user_data);

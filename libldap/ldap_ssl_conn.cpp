@@ -1,6 +1,6 @@
 // Secure connections: the handshake on a connection's socket through the toolkit, the
 // user-data record and the raw I/O callbacks with their time-out rules (the handshake bounded
-// by its own time-out and the caller's deadline, the data phase by the data time-out), the
+// by its own time-out, the data phase by the data time-out, both by the caller's deadline), the
 // closing of a secure socket and the readers of the peer's certificate and the session.
 #include "ldap_ssl.h"
 
@@ -106,20 +106,20 @@ int64_t now_ms()
     return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
-// Milliseconds to wait: the whole time-out (-1 unlimited), cut to what the caller's deadline
-// leaves in the handshake. `passed` is set when that deadline has already gone.
-int wait_ms(const WzrUserData &ud, bool handshake, int64_t timeout_ms, bool *passed)
+// Milliseconds to wait: the whole time-out of the phase (-1 unlimited), cut to what the
+// caller's deadline leaves, whatever the phase: a peer that stalls in the middle of a record
+// must not hold a call past its time-out for as long as the data time-out allows. `passed`
+// is set once that deadline has gone.
+int wait_ms(int64_t timeout_ms, bool *passed)
 {
     int64_t wait = timeout_ms;
-    *passed = false;
-    if (handshake && ud.deadline_set) {
-        int64_t left = ud.deadline_sec * 1000 + ud.deadline_nsec / 1000000 - now_ms();
-        if (left <= 0) {
-            *passed = true;
-            return 0;
-        }
-        if (wait < 0 || left < wait)
-            wait = left;
+    const LDAPDeadline until = ldap_call_deadline();
+    struct timeval left;
+    *passed = until.limited && !ldap_time_left(until, &left);
+    if (until.limited) {
+        int64_t left_ms = left.tv_sec * 1000LL + (left.tv_usec + 999) / 1000; // never a 0 poll
+        if (wait < 0 || left_ms < wait)
+            wait = left_ms;
     }
     return wait > INT32_MAX ? INT32_MAX : static_cast<int>(wait);
 }
@@ -160,7 +160,11 @@ int ssl_io(int fd, char *buf, int len, WzrUserData *ud, int *done, bool writing)
             return -1;
         }
         bool passed = false;
-        int wait = wait_ms(rec, handshake, timeout_ms, &passed);
+        int wait = wait_ms(timeout_ms, &passed);
+        if (passed && !handshake) {
+            errno = EAGAIN; // the caller's time is up: "would block", and the engine says 85
+            return -1;
+        }
         if (handshake && (passed || (timeout_ms >= 0 && now_ms() - progress_at >= timeout_ms))) {
             int64_t spent = now_ms() - progress_at;
             LDAP_TRACE(LDAP_TRC_ERROR, "%s: non EWOULDBLOCK SSL time out after: %ld.%06ld sec\n",
@@ -227,16 +231,13 @@ int client_io(int fd, void *buf, int len, void *user_data, bool writing)
 
 /* ---- the handshake ---- */
 
-// Installs a fresh record of the client type in the given state, carrying the deadline.
-int setWzrUserData(void *soc, int protocol, int32_t state, const LDAPDeadline &until)
+// Installs a fresh record of the client type in the given state.
+int setWzrUserData(void *soc, int protocol, int32_t state)
 {
     WzrUserData ud;
     initWzrUserData(&ud, WZR_CONN_CLIENT);
     ud.protocol = protocol;
     ud.state = state;
-    ud.deadline_set = until.limited ? 1 : 0;
-    ud.deadline_sec = until.at.tv_sec;
-    ud.deadline_nsec = until.at.tv_nsec;
     int code = wzr_fn.attribute_set_buffer(soc, WZR_USER_DATA, &ud, sizeof ud);
     if (code != 0)
         LDAP_TRACE(LDAP_TRC_ERROR, "Error -  setWzrUserData: wzr_attribute_set_buffer() "
@@ -302,13 +303,14 @@ int configure_and_shake(LDAP *ld, LDAPConn *lc, void *soc, const char *host, con
             LDAP_TRACE(LDAP_TRC_ERROR, "open_ssl_connection(): SSLV2 off rc=%d %s\n", code,
                        ldap_ssl_strerror(code));
     }
-    if (setWzrUserData(soc, protocol, WZR_STATE_HANDSHAKE, until) != 0)
+    if (setWzrUserData(soc, protocol, WZR_STATE_HANDSHAKE) != 0)
         return LDAP_SSL_PARAM_ERROR;
+    LDAPCallDeadlineScope scope(until);
     int code = wzr_fn.secure_soc_init(soc);
     if (code != 0)
         return handshake_failed(ld, soc, code, protocol);
     trace_session(soc);
-    code = setWzrUserData(soc, protocol, WZR_STATE_READ_WRITE, {});
+    code = setWzrUserData(soc, protocol, WZR_STATE_READ_WRITE);
     return code != 0 ? LDAP_SSL_PARAM_ERROR : 0;
 }
 

@@ -7,7 +7,7 @@ set -euo pipefail
 pkgs=(g++ cmake ninja-build pkg-config binutils perl libgtest-dev libgmock-dev
       libbenchmark-dev libldap-dev ldap-utils slapd iproute2 util-linux libssl-dev openssl
       libsasl2-dev libsasl2-modules libsasl2-modules-gssapi-mit krb5-kdc krb5-admin-server
-      krb5-user)
+      krb5-user libp11-dev softhsm2)
 if [ "${1:-}" = --ci ]; then
     pkgs+=(clang libclang-rt-14-dev gcovr)
 fi

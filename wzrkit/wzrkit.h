@@ -33,6 +33,7 @@ enum {
     WZR_ERR_NO_CERTIFICATE = 403,
     WZR_ERR_IO = 406,
     WZR_ERR_BAD_MESSAGE = 410,
+    WZR_ERR_UNSUPPORTED = 412,
     WZR_ERR_BAD_CERT_SIGNATURE = 413,
     WZR_ERR_BAD_CERTIFICATE = 414, /* chain not trusted */
     WZR_ERR_BAD_PEER = 415,        /* name not in the certificate */
@@ -40,6 +41,10 @@ enum {
     WZR_ERR_SOCKET_CLOSED = 420,
     WZR_ERR_INIT_FAILED = 426,
     WZR_ERR_NO_PRIVATE_KEY = 428,
+    WZR_ERR_PKCS11_NOT_LOADED = 429,     /* the PKCS#11 library cannot be loaded */
+    WZR_ERR_PKCS11_LABEL_MISMATCH = 430, /* tokens are present, none with the label */
+    WZR_ERR_PKCS11_NO_TOKEN = 431,       /* no token is present at all */
+    WZR_ERR_PKCS11_BAD_PASSWORD = 432,   /* the token refused the password */
     WZR_ERR_WOULD_BLOCK = 502,
     WZR_ERR_INVALID_ATTRIBUTE = 701,
     WZR_ERR_INVALID_LENGTH = 702,
@@ -62,11 +67,19 @@ enum {
     WZR_NEGOTIATED_CIPHER = 209,  /* get only */
     WZR_NEGOTIATED_PROTOCOL = 210, /* get only */
     WZR_LAST_ERROR_TEXT = 211,    /* get only: what went wrong in the last call */
-    WZR_CRYPTO_BASE = 212         /* FIPS: the provider configuration to load */
+    WZR_CRYPTO_BASE = 212,        /* FIPS: the provider configuration to load */
+    WZR_PKCS11_LIBRARY = 213,     /* the token's PKCS#11 library (path or name) */
+    WZR_PKCS11_TOKEN_LABEL = 214, /* the label of the token to use */
+    WZR_PKCS11_TOKEN_PW = 215     /* its user PIN (never readable back) */
 };
 
-/* Numeric attributes. */
-enum { WZR_FD = 300 };
+/* Numeric attributes: the descriptor of a socket; the PKCS#11 modes of an environment.
+ * Key storage 1: client keys live in the token named above. At initialisation each private
+ * key of the token joins the key database under its own label, with the key database's
+ * certificate for its public key (or else the token's); the key never leaves the token.
+ * Accelerator mode (0-7) asks for bulk cryptography in the device: OpenSSL offers no way to
+ * route it there, so any mode but 0 fails the initialisation with WZR_ERR_UNSUPPORTED. */
+enum { WZR_FD = 300, WZR_PKCS11_KEY_STORAGE = 301, WZR_PKCS11_ACCEL_MODE = 302 };
 
 /* The raw I/O callbacks (wzr_attribute_set_callback, attribute WZR_IO_CALLBACK). They return
  * the bytes moved, 0 at the end of the stream, or -1 with errno (EAGAIN: would block). */

@@ -205,6 +205,8 @@ void wzrkit_keydb_free(WzrKeyDb *db)
         sk_X509_pop_free(e.chain, X509_free);
     }
     db->entries.clear();
+    wzrkit_token_free(db->token); // after the keys that live in it
+    db->token = nullptr;
 }
 
 const WzrKeyEntry *wzrkit_keydb_find(const WzrKeyDb &db, const std::string &label)

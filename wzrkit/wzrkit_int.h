@@ -28,6 +28,7 @@ WZRKIT_API std::string wzrkit_cipher_list(const std::string &codes, const std::s
                                           const std::string &names12);
 
 // cms: the key database: trusted certificates and labelled client certificates with keys.
+struct WzrToken;
 struct WzrKeyEntry {
     std::string label;
     X509 *cert = nullptr;
@@ -38,13 +39,21 @@ struct WzrKeyDb {
     STACK_OF(X509) *trusted = nullptr;
     std::vector<WzrKeyEntry> entries;
     bool system_store = false; // no key database: trust the system's certificate store
+    WzrToken *token = nullptr; // keys in a PKCS#11 token: its session, held open
 };
 // Loads `path` with `password` (or, when empty, the password read from `stash`). 0 or a
 // toolkit code; `why` says what was wrong.
 WZRKIT_API int wzrkit_keydb_load(OSSL_LIB_CTX *ctx, const std::string &path,
                                  const std::string &password, const std::string &stash,
                                  WzrKeyDb *db, std::string *why);
-WZRKIT_API void wzrkit_keydb_free(WzrKeyDb *db);
+// Key storage in a PKCS#11 token: logs in to the token labelled `token_label` through the
+// PKCS#11 library `module` and adds each of its private keys to `db` under the key's label,
+// with the certificate of `db` whose public key is the key's (taken out of the trusted ones),
+// or else the token's own certificate for it. 0 or a toolkit code; `why` says what was wrong.
+WZRKIT_API int wzrkit_token_load(const std::string &module, const std::string &token_label,
+                                 const std::string &pin, WzrKeyDb *db, std::string *why);
+void wzrkit_token_free(WzrToken *token); // within the cms object: the last user closes it
+WZRKIT_API void wzrkit_keydb_free(WzrKeyDb *db); // and its hold on the token session
 WZRKIT_API const WzrKeyEntry *wzrkit_keydb_find(const WzrKeyDb &db, const std::string &label);
 
 #endif

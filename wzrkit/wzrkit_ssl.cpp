@@ -36,6 +36,8 @@ struct Env {
     Switches sw;
     std::string keyring, password, stash, label, v3_ciphers, tls11_ciphers, tls12_ciphers,
         crypto_base, last_error, label_subject;
+    std::string p11_library, p11_token, p11_pin;
+    int p11_key_storage = 0, p11_accel_mode = 0;
     wzr_io_callbacks io{};
 };
 
@@ -172,6 +174,20 @@ int trust(Env *env)
     return WZR_OK;
 }
 
+// PKCS#11: the token's keys join the key database; bulk cryptography stays in OpenSSL.
+int use_token(Env *env)
+{
+    if (env->p11_accel_mode != 0) {
+        env->last_error = "PKCS#11 accelerator modes are not supported: OpenSSL offers no way "
+                          "to hand bulk cryptography to the device";
+        return WZR_ERR_UNSUPPORTED;
+    }
+    if (env->p11_key_storage == 0)
+        return WZR_OK;
+    return wzrkit_token_load(env->p11_library, env->p11_token, env->p11_pin, &env->db,
+                             &env->last_error);
+}
+
 int init_env(Env *env)
 {
     env->libctx = wzrkit_crypto_context(env->fips, env->crypto_base);
@@ -181,6 +197,8 @@ int init_env(Env *env)
     }
     int rc = wzrkit_keydb_load(env->libctx, env->keyring, env->password, env->stash, &env->db,
                                &env->last_error);
+    if (rc == WZR_OK)
+        rc = use_token(env);
     if (rc != WZR_OK)
         return rc;
     env->ctx = SSL_CTX_new_ex(env->libctx, nullptr, TLS_client_method());
@@ -201,6 +219,7 @@ void release_env(Env *env)
     wzrkit_keydb_free(&env->db);
     wzrkit_crypto_release(env->libctx);
     wzrkit_wipe(&env->password);
+    wzrkit_wipe(&env->p11_pin);
     env->magic = 0;
     delete env;
 }
@@ -335,6 +354,9 @@ std::string *env_string(Env *env, int attr)
     case WZR_TLS11_CIPHER_SPECS: return &env->tls11_ciphers;
     case WZR_TLS12_CIPHER_SPECS: return &env->tls12_ciphers;
     case WZR_CRYPTO_BASE: return &env->crypto_base;
+    case WZR_PKCS11_LIBRARY: return &env->p11_library;
+    case WZR_PKCS11_TOKEN_LABEL: return &env->p11_token;
+    case WZR_PKCS11_TOKEN_PW: return &env->p11_pin;
     default: return nullptr;
     }
 }
@@ -428,6 +450,25 @@ void subject_text(X509 *cert, std::string *out)
 
 } // namespace
 
+// The PKCS#11 modes of an environment not yet initialised.
+int set_env_numeric(Env *e, int attr, int value)
+{
+    if (e == nullptr)
+        return WZR_ERR_INVALID_HANDLE;
+    int *slot = attr == WZR_PKCS11_KEY_STORAGE ? &e->p11_key_storage
+                : attr == WZR_PKCS11_ACCEL_MODE ? &e->p11_accel_mode
+                                                : nullptr;
+    if (slot == nullptr)
+        return WZR_ERR_INVALID_ATTRIBUTE;
+    int max = attr == WZR_PKCS11_KEY_STORAGE ? 1 : 7;
+    if (value < 0 || value > max)
+        return WZR_ERR_INVALID_NUMERIC;
+    if (e->initialised)
+        return WZR_ERR_INVALID_STATE;
+    *slot = value;
+    return WZR_OK;
+}
+
 /* ---- the entry points ---- */
 
 int wzr_environment_open(wzr_handle *env)
@@ -456,7 +497,8 @@ int wzr_environment_init(wzr_handle env)
     if (e->initialised)
         return WZR_ERR_INVALID_STATE;
     int rc = init_env(e);
-    wzrkit_wipe(&e->password); // the keys are loaded; the password is not kept
+    wzrkit_wipe(&e->password); // the keys are loaded; the passwords are not kept
+    wzrkit_wipe(&e->p11_pin);
     if (rc != WZR_OK) {
         SSL_CTX_free(e->ctx);
         e->ctx = nullptr;
@@ -631,7 +673,7 @@ int wzr_attribute_get_buffer(wzr_handle h, int attr, const char **buf, int *len)
         Env *e = as_env(h);
         if (e == nullptr)
             return WZR_ERR_INVALID_HANDLE;
-        if (attr == WZR_KEYRING_PW) // a password is never handed out again
+        if (attr == WZR_KEYRING_PW || attr == WZR_PKCS11_TOKEN_PW) // never handed out again
             return WZR_ERR_INVALID_ATTRIBUTE;
         value = attr == WZR_LAST_ERROR_TEXT ? &e->last_error : env_string(e, attr);
     }
@@ -683,7 +725,7 @@ int wzr_attribute_set_numeric_value(wzr_handle h, int attr, int value)
 {
     Soc *s = as_soc(h);
     if (s == nullptr)
-        return as_env(h) != nullptr ? WZR_ERR_INVALID_ATTRIBUTE : WZR_ERR_INVALID_HANDLE;
+        return set_env_numeric(as_env(h), attr, value);
     if (attr != WZR_FD)
         return WZR_ERR_INVALID_ATTRIBUTE;
     if (value < 0)
