@@ -39,6 +39,7 @@ int ldap_op_begin(LDAP *ld, LDAPConn *lc, const char *no_conn_trace, OpRequest *
 
 int ldap_op_abort(OpRequest *op, int code)
 {
+    code = ldap_ber_failure(op->ber, code); // an encoder that ran out of memory says so
     if (op->ber != nullptr)
         fber_free(op->ber);
     op->ber = nullptr;

@@ -79,7 +79,7 @@ int decode_result(LDAPMessage *m, bool want_refs, bool want_ctrls, ResultParts *
         return LDAP_NO_MEMORY;
     int rc = 0;
     if (fber_scanf(c, "{iaa", &p->code, &p->matched, &p->errmsg) == LBER_ERROR) {
-        rc = LDAP_DECODING_ERROR;
+        rc = ldap_ber_failure(c, LDAP_DECODING_ERROR);
     } else {
         LDAP_TRACE(LDAP_TRC_ERROR, "ldap_parse_result: msgid=%d, resulttype=%d, resultcode=%d\n",
                    m->lm_msgid, m->lm_msgtype, p->code);
@@ -89,7 +89,7 @@ int decode_result(LDAPMessage *m, bool want_refs, bool want_ctrls, ResultParts *
         if (p->code == LDAP_REFERRAL || fber_peek_tag(c, &len) == LDAP_TAG_REFERRAL) {
             bool ok = want_refs ? fber_scanf(c, "{v}", &p->referrals) != LBER_ERROR
                                 : fber_skip_element(c) == 0;
-            rc = ok ? 0 : LDAP_DECODING_ERROR;
+            rc = ok ? 0 : ldap_ber_failure(c, LDAP_DECODING_ERROR);
         }
         if (rc == 0 && want_ctrls)
             rc = read_response_controls(m->lm_ber, &p->ctrls);
@@ -151,7 +151,7 @@ int decode_reference(LDAPMessage *ref, char ***refs, LDAPControl ***ctrls)
         return LDAP_NO_MEMORY;
     bool ok = refs != nullptr ? fber_scanf(c, "{v}", refs) != LBER_ERROR
                               : fber_skip_element(c) == 0;
-    int rc = ok ? 0 : LDAP_DECODING_ERROR;
+    int rc = ok ? 0 : ldap_ber_failure(c, LDAP_DECODING_ERROR);
     if (rc == 0 && ctrls != nullptr)
         rc = get_ctrls_from_ber(c, ctrls);
     ber_free(c, 0);

@@ -477,9 +477,10 @@ int ldap_msg_table_get_message(LDAP *ld, LDAPMsgTable *table, int *msgid,
             release_if_collected(table, id, *row);
             return (*result)->lm_msgtype;
         }
-        if (rc == -3)
-            return -1; // the notice of disconnection: its error is recorded
-        return ldap_fail_minus_one(ld, LDAP_SERVER_DOWN);
+        // The reader recorded why it failed: a broken stream (81), a notice of disconnection,
+        // or a lock or memory failure, which leaves the connection usable and must not be
+        // reported as a dead server.
+        return -1;
     }
 }
 
