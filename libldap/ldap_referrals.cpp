@@ -57,8 +57,9 @@ int read_result(LDAPMessage *msg, char **text, char ***urls)
     ber_len_t len = 0;
     if (ok && fber_peek_tag(c, &len) == LDAP_TAG_REFERRAL)
         ok = fber_scanf(c, "{v}", urls) != LBER_ERROR;
+    int rc = ok ? 0 : ldap_ber_failure(c, LDAP_DECODING_ERROR);
     ber_free(c, 0);
-    return ok ? 0 : LDAP_DECODING_ERROR;
+    return rc;
 }
 
 size_t count_urls(char **urls)

@@ -20,6 +20,7 @@
 #include "libldap/ldap_unbind.h"
 #include "libldap/ldap_update.h"
 #include "support/slapd_fixture.h"
+#include "support/test_util.h"
 
 using namespace wzrtest;
 
@@ -227,6 +228,34 @@ TEST_F(AllocWalk, FailingEveryAllocationFromTheNthOnIsNoMemoryAndLeaksNothing)
 {
     WZR_REQUIRE_SLAPD(*slapd_);
     walk(true);
+}
+
+// A search that runs out of memory reports 90 and leaves the connection serving: the next
+// search on the same handle succeeds, since a read that ran out of memory lost no byte.
+TEST_F(AllocWalk, ANoMemoryFailureLeavesTheConnectionServing)
+{
+    WZR_REQUIRE_SLAPD(*slapd_);
+    LDAP *ld = ldap_init("127.0.0.1", slapd_->port());
+    ASSERT_NE(ld, nullptr);
+    ASSERT_EQ(ldap_simple_bind_s(ld, slapd_->manager_dn().c_str(), slapd_->manager_pw().c_str()), 0);
+    auto search = [&] {
+        LDAPMessage *res = nullptr;
+        int rc = ldap_search_ext_s(ld, slapd_->base().c_str(), LDAP_SCOPE_SUBTREE, "(ou=*)",
+                                   nullptr, 0, nullptr, nullptr, nullptr, 0, &res);
+        ldap_msgfree(res);
+        return rc;
+    };
+    int failed = 0;
+    wzrtest::walk_alloc_failures([&] {
+        int rc = search();
+        lber_fail_nth_alloc(0);
+        EXPECT_TRUE(rc == 0 || rc == LDAP_NO_MEMORY) << rc;
+        failed += rc != 0;
+        EXPECT_EQ(search(), 0) << "after " << rc;
+        return rc == 0;
+    }, false);
+    EXPECT_GT(failed, 5);
+    ldap_unbind(ld);
 }
 
 } // namespace
