@@ -278,7 +278,7 @@ int reencode_and_send(LDAP *ld, LDAPConn *lc, const char *url, const LDAPURLDesc
     if (req == nullptr)
         rc = LDAP_NO_MEMORY;
     else if (child < 0 || ldap_msg_table_row(lc->table, child) == nullptr)
-        rc = LDAP_LOCAL_ERROR;
+        rc = ldap_msgid_failure(child);
     else
         rc = re_encode_request(ld, bytes, len, child, lud, &ber, &optag);
     lber_free(bytes);
