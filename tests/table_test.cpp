@@ -6,7 +6,6 @@
 #include <cstring>
 #include <thread>
 
-#include "liblber/ber_memory.h"
 #include "libldap/ldap_error.h"
 #include "libldap/ldap_init.h"
 #include "libldap/ldap_message.h"
@@ -74,8 +73,6 @@ TEST(TableIds, FirstIdIsOneAndGrowthComesAt256)
     EXPECT_EQ(t->row_count, 256u);
     EXPECT_EQ(t->free_rows, 1); // row 0 counts as free
     EXPECT_EQ(t->rows[255].hop_limit, -1);
-    lber_fail_nth_alloc(1); // a growth without memory says so, and is tried again
-    EXPECT_EQ(ldap_msg_table_get_next_msgid(t.get()), LDAP_MSGID_NO_MEMORY);
     EXPECT_EQ(ldap_msg_table_get_next_msgid(t.get()), 256);
     EXPECT_EQ(t->row_count, 512u);
     EXPECT_EQ(t->free_rows, 256);
@@ -118,7 +115,7 @@ TEST(TableIds, FailedGrowthLeavesTheTableUntouched)
         ASSERT_GT(ldap_msg_table_get_next_msgid(t.get()), 0);
     LDAPMsgRow *rows = t->rows;
     lber_fail_nth_alloc(1);
-    EXPECT_EQ(ldap_msg_table_get_next_msgid(t.get()), -1);
+    EXPECT_EQ(ldap_msg_table_get_next_msgid(t.get()), LDAP_MSGID_NO_MEMORY);
     lber_fail_nth_alloc(0);
     EXPECT_EQ(t->rows, rows);
     EXPECT_EQ(t->row_count, 256u);
