@@ -58,6 +58,7 @@ BerElement *ber_dup(BerElement *ber)
         return nullptr;
     std::memcpy(copy, ber, sizeof(BerElement));
     copy->ber_heapbuf = nullptr;
+    copy->ber_nomem = false;
     return copy;
 }
 

@@ -16,6 +16,21 @@ namespace {
 
 constexpr ber_len_t MAX_CONTENTS = 0x7FFFFFEF;
 
+// A reader's failure for want of memory, marked on the element (ber_out_of_memory).
+ber_tag_t out_of_memory(BerElement *ber)
+{
+    ber_note_out_of_memory(ber);
+    return LBER_ERROR;
+}
+
+// Whether a translation failed; one that ran out of memory marks the element.
+bool xlate_failed(BerElement *ber, int rc)
+{
+    if (rc == LDAP_NO_MEMORY)
+        ber_note_out_of_memory(ber);
+    return rc != 0;
+}
+
 inline size_t remaining(const BerElement *ber)
 {
     return ber->ber_ptr != nullptr && ber->ber_ptr < ber->ber_end
@@ -157,7 +172,7 @@ ber_tag_t get_bitstring(BerElement *ber, bool fber, char **buf, ber_len_t *bits)
     *buf = static_cast<char *>(lber_malloc(nbytes));
     if (*buf == nullptr) {
         ber->ber_ptr = start;
-        return LBER_ERROR;
+        return out_of_memory(ber);
     }
     std::memcpy(*buf, ber->ber_ptr + 1, nbytes);
     *bits = nbytes * 8 - unused;
@@ -167,12 +182,14 @@ ber_tag_t get_bitstring(BerElement *ber, bool fber, char **buf, ber_len_t *bits)
 
 // An allocated, NUL-terminated copy of `len` wire bytes, converted to the local code page when
 // the call translates (empty values never are).
-int copy_value(const unsigned char *p, ber_len_t len, bool xlate, char **out, ber_len_t *outlen)
+int copy_value(BerElement *ber, ber_len_t len, bool xlate, char **out, ber_len_t *outlen)
 {
+    const unsigned char *p = ber->ber_ptr;
     if (xlate && len != 0) {
         char *conv;
         size_t conv_len;
-        if (ber_xlate_from_wire(reinterpret_cast<const char *>(p), len, &conv, &conv_len) != 0)
+        if (xlate_failed(ber, ber_xlate_from_wire(reinterpret_cast<const char *>(p), len, &conv,
+                                                  &conv_len)))
             return -1;
         if (conv != nullptr) {
             *out = conv;
@@ -182,7 +199,7 @@ int copy_value(const unsigned char *p, ber_len_t len, bool xlate, char **out, be
     }
     char *s = static_cast<char *>(lber_malloc(len + 1));
     if (s == nullptr)
-        return -1;
+        return out_of_memory(ber), -1;
     std::memcpy(s, p, len);
     s[len] = '\0';
     *out = s;
@@ -197,7 +214,7 @@ ber_tag_t get_value(BerElement *ber, bool fber, bool xlate, char **buf, ber_len_
     ber_len_t vlen;
     unsigned char *start = ber->ber_ptr;
     ber_tag_t tag = read_contents_header(ber, fber, &vlen);
-    if (tag == LBER_ERROR || copy_value(ber->ber_ptr, vlen, xlate, buf, len) != 0) {
+    if (tag == LBER_ERROR || copy_value(ber, vlen, xlate, buf, len) != 0) {
         ber->ber_ptr = start;
         return LBER_ERROR;
     }
@@ -218,7 +235,7 @@ ber_tag_t get_stringal(BerElement *ber, bool fber, bool xlate, struct berval **b
     auto *bv = static_cast<struct berval *>(lber_malloc(sizeof(struct berval)));
     *bvp = nullptr;
     if (bv == nullptr)
-        return LBER_ERROR;
+        return out_of_memory(ber);
     ber_tag_t tag = get_value(ber, fber, xlate, &bv->bv_val, &bv->bv_len);
     if (tag == LBER_ERROR) {
         lber_free(bv);
@@ -243,7 +260,7 @@ ber_tag_t get_stringb(BerElement *ber, bool fber, bool xlate, char *buf, ber_len
     const char *value = reinterpret_cast<const char *>(ber->ber_ptr);
     char *conv = nullptr;
     size_t conv_len = vlen;
-    if (xlate && vlen != 0 && ber_xlate_from_wire(value, vlen, &conv, &conv_len) != 0) {
+    if (xlate && vlen != 0 && xlate_failed(ber, ber_xlate_from_wire(value, vlen, &conv, &conv_len))) {
         ber->ber_ptr = start;
         return LBER_ERROR;
     }
@@ -325,7 +342,7 @@ FberList read_list(BerElement *ber, bool fber, Item ***out, bool owned, ber_tag_
         return FberList::Error;
     auto **items = static_cast<Item **>(lber_malloc((count + 1) * sizeof(Item *)));
     if (items == nullptr)
-        return FberList::Error;
+        return out_of_memory(ber), FberList::Error;
     for (size_t i = 0; i < count; ++i) {
         if (read(&items[i]) == LBER_ERROR) { // allocation or translation: the headers are sound
             for (size_t j = 0; owned && j < i; ++j)
@@ -372,7 +389,7 @@ bool read_block_value(BerElement *ber, bool xlate, BlockValue *v)
     size_t conv_len;
     if (!xlate || len == 0)
         return true;
-    if (ber_xlate_from_wire(v->data, len, &v->conv, &conv_len) != 0)
+    if (xlate_failed(ber, ber_xlate_from_wire(v->data, len, &v->conv, &conv_len)))
         return false;
     if (v->conv != nullptr)
         *v = {v->conv, conv_len, v->conv};
@@ -550,6 +567,7 @@ ber_tag_t scan(BerElement *ber, bool fber, const char *who, const char *fmt, va_
 {
     if (ber == nullptr || fmt == nullptr)
         return LBER_ERROR;
+    ber->ber_nomem = false;
     if (fber) {
         if (!fber_scan_begin(ber, fmt))
             return LBER_ERROR;
@@ -677,8 +695,9 @@ void fber_finish_inplace(BerElement *ber)
 
 bool fber_xlate_wanted(const BerElement *ber) { return reader_xlate(ber); }
 
-bool fber_scan_begin(const BerElement *ber, const char *fmt)
+bool fber_scan_begin(BerElement *ber, const char *fmt)
 {
+    ber->ber_nomem = false;
     if (!ber_is_fber(ber)) {
         LDAP_TRACE(LDAP_TRC_ERROR, "BerElement %p is not an FBER!!!\n", static_cast<const void *>(ber));
         return false;
@@ -742,6 +761,8 @@ FberList fber_get_berval_block(BerElement *ber, bool xlate, struct berval ***out
     auto **items = bytes != 0 && bytes < SIZE_MAX - records
                        ? static_cast<struct berval **>(lber_malloc(records + bytes))
                        : nullptr;
+    if (items == nullptr && bytes != 0 && bytes < SIZE_MAX - records)
+        ber_note_out_of_memory(ber);
     if (items == nullptr || !fill_block(ber, xlate, count, items, bytes)) {
         lber_free(items);
         ber->ber_ptr = start;

@@ -51,6 +51,13 @@ int significant_bytes(uint64_t v)
 
 /* ---- FBER buffer ---- */
 
+// A writer's failure for want of memory, marked on the element (ber_out_of_memory).
+int out_of_memory(BerElement *ber)
+{
+    ber_note_out_of_memory(ber);
+    return -1;
+}
+
 // used + max(used, needed): at least doubling. The nesting stack stays in the first allocation;
 // its offsets are relative to ber_buf and survive the move. One hidden byte is kept behind
 // ber_end so a decoder's in-place NUL always has somewhere to go.
@@ -66,11 +73,11 @@ int fber_grow(BerElement *ber, size_t need)
     if (old != nullptr && old == ber->ber_heapbuf) {
         buf = static_cast<unsigned char *>(lber_realloc(old, cap + 1));
         if (buf == nullptr)
-            return -1;
+            return out_of_memory(ber);
     } else {
         buf = static_cast<unsigned char *>(lber_malloc(cap + 1));
         if (buf == nullptr)
-            return -1;
+            return out_of_memory(ber);
         if (used != 0)
             std::memcpy(buf, old, used);
         if (ber->ber_heapbuf != fber_inline_buffer(ber))
@@ -110,7 +117,7 @@ int plain_grow(BerElement *ber, size_t need)
     unsigned char *old = ber->ber_buf;
     auto *buf = static_cast<unsigned char *>(lber_realloc(old, cap + 1));
     if (buf == nullptr)
-        return -1;
+        return out_of_memory(ber);
     if (old != nullptr) {
         auto move = [old, buf](unsigned char *&p) { p = buf + (p - old); };
         move(ber->ber_ptr);
@@ -237,8 +244,8 @@ long put_string(Encoder &e, uint64_t tag, const char *s, size_t len)
     char *conv = nullptr;
     size_t conv_len = 0;
     if (e.xlate && len != 0) {
-        if (ber_xlate_to_wire(s, len, &conv, &conv_len) != 0)
-            return -1;
+        if (int rc = ber_xlate_to_wire(s, len, &conv, &conv_len); rc != 0)
+            return rc == LDAP_NO_MEMORY ? out_of_memory(e.ber) : -1;
         if (conv != nullptr) {
             s = conv;
             len = conv_len;
@@ -302,7 +309,7 @@ long plain_open(BerElement *ber, uint64_t tag)
         return -1;
     auto *sos = static_cast<Seqorset *>(lber_calloc(1, sizeof(Seqorset)));
     if (sos == nullptr)
-        return -1;
+        return out_of_memory(ber);
     sos->sos_ber = ber;
     sos->sos_tag = tag;
     sos->sos_first = plain_cursor(ber, 0);

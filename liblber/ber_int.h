@@ -69,9 +69,10 @@ void ber_xlate_reset_for_tests();
  * fber_scan_begin does what fber_scanf does before its first letter: it refuses (false, traced)
  * an element that is not an FBER and writes the trace line fber_scanf would write for `fmt` at
  * this position, so a walker's BER trace reads as it would through fber_scanf (nothing is
- * formatted when tracing is off). `{` is fber_skip_tag. */
+ * formatted when tracing is off), and clears ber_out_of_memory as fber_scanf does. `{` is
+ * fber_skip_tag. */
 bool fber_xlate_wanted(const BerElement *ber);
-bool fber_scan_begin(const BerElement *ber, const char *fmt);
+bool fber_scan_begin(BerElement *ber, const char *fmt);
 ber_tag_t fber_skip_contents(BerElement *ber);                                    // `x`
 ber_tag_t fber_get_stringb_as(BerElement *ber, bool xlate, char *buf, ber_len_t *len); // `s`
 ber_tag_t fber_get_stringa_as(BerElement *ber, bool xlate, char **buf);           // `a`

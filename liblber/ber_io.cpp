@@ -259,8 +259,12 @@ long take_buffered(Sockbuf *sb, void *buf, long len)
     return n;
 }
 
+// fill_read_ahead: no memory for the read-ahead; nothing was read.
+constexpr long NO_READ_AHEAD = -3;
+
 // Refills the empty read-ahead with one read: the count, 0 at the end of the stream (or with
-// *would_block set), or -1. One read of the whole read-ahead usually brings several PDUs.
+// *would_block set), NO_READ_AHEAD, or -1. One read of the whole read-ahead usually brings
+// several PDUs.
 long fill_read_ahead(Sockbuf *sb, int *would_block)
 {
     if (sb->sb_rabuf == nullptr)
@@ -268,7 +272,7 @@ long fill_read_ahead(Sockbuf *sb, int *would_block)
     if (sb->sb_rabuf == nullptr) {
         LDAP_TRACE(LDAP_TRC_ERROR, "fber_socket_read_nb: no memory for the read-ahead of sd=%d\n",
                    sb->sb_sd);
-        return -1;
+        return NO_READ_AHEAD;
     }
     long n = read_source(sb, sb->sb_rabuf, SB_READ_AHEAD_SIZE, would_block);
     // A secure read brings one record at most, however much is waiting: ask instead.
@@ -294,6 +298,8 @@ long read_buffered(Sockbuf *sb, void *buf, long len, int *would_block)
     if (len >= SB_READ_AHEAD_SIZE)
         return read_source(sb, buf, len, would_block);
     long n = fill_read_ahead(sb, would_block);
+    if (n == NO_READ_AHEAD)
+        return -1;
     return n <= 0 ? n : take_buffered(sb, buf, len);
 }
 
@@ -399,6 +405,8 @@ long read_towards(Sockbuf *sb, BerElement *ber, uint32_t *progress)
     int would_block = 0;
     unsigned char *dst = nullptr;
     long room = ber_pdu_room(ber, *progress, &dst);
+    if (room < 0)
+        return -1; // no memory for the contents, marked on the element
     if (room >= SB_READ_AHEAD_SIZE) {
         long n = read_source(sb, dst, room, &would_block);
         if (would_block)
@@ -409,15 +417,21 @@ long read_towards(Sockbuf *sb, BerElement *ber, uint32_t *progress)
         return rc == BER_WOULD_BLOCK && !ber_pdu_complete(ber, *progress) ? KEEP_READING : rc;
     }
     long n = fill_read_ahead(sb, &would_block);
+    if (n == NO_READ_AHEAD) {
+        ber_note_out_of_memory(ber);
+        return -1;
+    }
     if (would_block)
         return BER_WOULD_BLOCK;
     return n > 0 ? KEEP_READING : stream_ended(ber, *progress, n);
 }
 
 // The PDU reader of both kinds of element: feeds the parser from the read-ahead and reads on
-// until the PDU is complete or the source would block.
+// until the PDU is complete or the source would block. A failure for want of memory leaves the
+// PDU's state as it was before the bytes it could not take, so the next call goes on from there.
 long read_pdu(Sockbuf *sb, BerElement *ber, uint32_t *progress)
 {
+    ber->ber_nomem = false;
     for (;;) {
         long buffered = sockbuf_buffered(sb);
         if (buffered > 0) {

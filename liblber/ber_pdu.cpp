@@ -1,6 +1,7 @@
 // The PDU parser: frames one LDAP PDU from bytes handed in as they arrive, in pieces of any
 // size, into a BerElement. A pure function of the bytes received so far: it never reads a
 // socket, so the stream reader, the tests and the fuzzers all feed it the same way.
+#include <algorithm>
 #include <cstring>
 
 #include "../trace/ldap_trace.h"
@@ -48,13 +49,17 @@ long parse_header(BerElement *ber, uint32_t *progress, Bytes &in)
     return 0;
 }
 
-// Long-form length bytes, accumulated big-endian in the tail of ber_lenbytes across pieces.
-long parse_long_length(BerElement *ber, Bytes &in)
+// The contents length into *len: the short form in ber_len, or the long-form bytes accumulated
+// big-endian in the tail of ber_lenbytes across pieces. The state is left as it is until the
+// contents buffer exists (size_buffer), so that a buffer which could not be allocated is asked
+// for again by the next call without any byte read twice.
+long parse_length(BerElement *ber, Bytes &in, ber_len_t *len)
 {
+    *len = ber->ber_len;
     if ((ber->ber_len & 0x80) == 0)
         return 0;
     int n = static_cast<int>(ber->ber_len & 0x7f);
-    if (n == 0 || n > 8 || ber->ber_lenread < 0 || ber->ber_lenread >= n)
+    if (n == 0 || n > 8 || ber->ber_lenread < 0 || ber->ber_lenread > n)
         return -1; // indefinite or over-long lengths are not LDAP
     auto *acc = reinterpret_cast<unsigned char *>(&ber->ber_lenbytes);
     while (ber->ber_lenread < n) {
@@ -62,12 +67,9 @@ long parse_long_length(BerElement *ber, Bytes &in)
             return BER_WOULD_BLOCK;
         acc[8 - n + ber->ber_lenread++] = in.take();
     }
-    ber_len_t len = 0;
+    *len = 0;
     for (int i = 8 - n; i < 8; ++i)
-        len = (len << 8) | acc[i];
-    ber->ber_len = len;
-    ber->ber_lenbytes = 0;
-    ber->ber_lenread = 0;
+        *len = (*len << 8) | acc[i];
     return 0;
 }
 
@@ -88,10 +90,13 @@ bool contents_on_heap(const BerElement *ber)
     return ber->ber_heapbuf != nullptr && ber->ber_ptr == ber->ber_heapbuf;
 }
 
-long trace_alloc_failure(const BerElement *ber)
+// Nothing is lost: the element says the read failed for want of memory, and the same call
+// goes on from where this one stopped.
+long trace_alloc_failure(BerElement *ber, ber_len_t len)
 {
     LDAP_TRACE(LDAP_TRC_ERROR, "fber_get_next_nb: calloc failed, ber->ber_len=%d\n",
-               static_cast<int>(ber->ber_len));
+               static_cast<int>(len));
+    ber_note_out_of_memory(ber);
     return -1;
 }
 
@@ -104,14 +109,14 @@ void place_contents(BerElement *ber, unsigned char *buf, size_t missing)
     ber->ber_buf = ber->ber_end - missing;
 }
 
-// The contents buffer: the element's inline buffer when it holds ber_len + 1 bytes, else a
-// heap buffer (ber_heapbuf, released by fber_free) of at most FIRST_CONTENTS_ALLOC bytes to
-// begin with. An empty PDU is refused: no LDAP PDU is empty.
-long size_buffer(BerElement *ber, uint32_t *progress)
+// The contents buffer for `len` bytes: the element's inline buffer when it holds len + 1
+// bytes, else a heap buffer (ber_heapbuf, released by fber_free) of at most
+// FIRST_CONTENTS_ALLOC bytes to begin with. An empty PDU is refused: no LDAP PDU is empty.
+long size_buffer(BerElement *ber, ber_len_t len, uint32_t *progress)
 {
-    if (ber->ber_len == 0 || ber->ber_len > MAX_PDU_LEN)
+    if (len == 0 || len > MAX_PDU_LEN)
         return -1;
-    size_t size = ber->ber_len + 1;
+    size_t size = len + 1;
     unsigned char *buf;
     if (ber->ber_inline_size > 0 && size <= static_cast<size_t>(ber->ber_inline_size) &&
         fber_owns_allocation(ber)) {
@@ -119,11 +124,14 @@ long size_buffer(BerElement *ber, uint32_t *progress)
     } else {
         lber_free(ber->ber_heapbuf);
         ber->ber_heapbuf = nullptr;
-        buf = static_cast<unsigned char *>(lber_malloc(heap_capacity(ber->ber_len, 0)));
+        buf = static_cast<unsigned char *>(lber_malloc(heap_capacity(len, 0)));
         if (buf == nullptr)
-            return trace_alloc_failure(ber);
+            return trace_alloc_failure(ber, len);
         ber->ber_heapbuf = buf;
     }
+    ber->ber_len = len;
+    ber->ber_lenbytes = 0;
+    ber->ber_lenread = 0;
     place_contents(ber, buf, static_cast<size_t>(ber->ber_len));
     *progress = static_cast<uint32_t>(ber->ber_len);
     return 0;
@@ -134,13 +142,18 @@ size_t filled_so_far(const BerElement *ber, uint32_t missing)
     return static_cast<size_t>(ber->ber_len) - missing;
 }
 
-// Doubles a full heap buffer; the bytes so far move along.
-long grow_contents(BerElement *ber, uint32_t missing)
+// A heap buffer is grown when the next bytes are due and it is full (its filled size is where
+// heap_capacity steps up). The growth is asked for again until it succeeds: a buffer that has
+// grown already is reallocated to the size it has, which changes nothing.
+long grow_if_full(BerElement *ber, uint32_t missing)
 {
-    size_t cap = heap_capacity(ber->ber_len, filled_so_far(ber, missing));
-    auto *buf = static_cast<unsigned char *>(lber_realloc(ber->ber_heapbuf, cap));
+    size_t filled = filled_so_far(ber, missing);
+    if (filled == 0 || heap_capacity(ber->ber_len, filled - 1) == heap_capacity(ber->ber_len, filled))
+        return 0;
+    auto *buf = static_cast<unsigned char *>(
+        lber_realloc(ber->ber_heapbuf, heap_capacity(ber->ber_len, filled)));
     if (buf == nullptr)
-        return trace_alloc_failure(ber); // the old buffer stays in ber_heapbuf
+        return trace_alloc_failure(ber, ber->ber_len); // the old buffer stays in ber_heapbuf
     ber->ber_heapbuf = buf;
     place_contents(ber, buf, missing);
     return 0;
@@ -170,9 +183,13 @@ long ber_pdu_room(BerElement *ber, uint32_t progress, unsigned char **dst)
 {
     if (!in_contents(ber, progress))
         return 0;
-    *dst = ber->ber_buf;
-    if (!contents_on_heap(ber))
+    if (!contents_on_heap(ber)) {
+        *dst = ber->ber_buf;
         return progress;
+    }
+    if (grow_if_full(ber, progress) != 0)
+        return -1;
+    *dst = ber->ber_buf;
     size_t filled = filled_so_far(ber, progress);
     size_t room = heap_capacity(ber->ber_len, filled) - filled;
     return room < progress ? static_cast<long>(room) : static_cast<long>(progress);
@@ -182,17 +199,10 @@ long ber_pdu_filled(BerElement *ber, uint32_t *progress, size_t n)
 {
     if (!in_contents(ber, *progress) || n > *progress)
         return -1;
-    const size_t before = filled_so_far(ber, *progress);
     *progress -= static_cast<uint32_t>(n);
     ber->ber_buf = ber->ber_end - *progress;
     if (*progress == 0)
         return contents_complete(ber, progress);
-    // A heap buffer grows as soon as it is full, so its size is always the one derived from
-    // the bytes so far.
-    if (contents_on_heap(ber) &&
-        heap_capacity(ber->ber_len, before) != heap_capacity(ber->ber_len, before + n) &&
-        grow_contents(ber, *progress) != 0)
-        return -1;
     return BER_WOULD_BLOCK;
 }
 
@@ -202,19 +212,25 @@ long ber_pdu_feed(BerElement *ber, uint32_t *progress, const unsigned char *byte
     *used = 0;
     if (ber == nullptr || progress == nullptr)
         return -1;
+    ber->ber_nomem = false;
     Bytes in{bytes, len};
     long rc = 0;
     if (*progress == 0)
         rc = parse_header(ber, progress, in);
     if (rc == 0 && *progress == PROGRESS_HEADER && ber->ber_ptr == nullptr) {
-        rc = parse_long_length(ber, in);
+        ber_len_t contents = 0;
+        rc = parse_length(ber, in, &contents);
         if (rc == 0)
-            rc = size_buffer(ber, progress);
+            rc = size_buffer(ber, contents, progress);
     }
     while (rc == 0 || (rc == BER_WOULD_BLOCK && in_contents(ber, *progress) && !in.empty())) {
         unsigned char *dst = nullptr;
-        size_t room = static_cast<size_t>(ber_pdu_room(ber, *progress, &dst));
-        size_t k = room < in.n - in.used ? room : in.n - in.used;
+        long room = ber_pdu_room(ber, *progress, &dst);
+        if (room < 0) {
+            rc = -1;
+            break;
+        }
+        size_t k = std::min(static_cast<size_t>(room), in.n - in.used);
         std::memcpy(dst, in.p + in.used, k);
         in.used += k;
         rc = ber_pdu_filled(ber, progress, k);

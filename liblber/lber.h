@@ -31,6 +31,7 @@ struct berelement {
     uint64_t ber_len;       // length of the PDU being read
     int32_t ber_usertag;    // a 't' value is pending
     int8_t ber_options;     // LBER_USE_DER, LBER_FBER
+    bool ber_nomem;         // the last failure on it was an allocation's (ber_out_of_memory)
     unsigned char *ber_rwptr;  // read/write position inside a partly moved PDU
     int32_t *ber_utf8_flag;    // owned copy: non-zero = application strings are UTF-8
     int32_t *ber_version;      // owned copy of the handle's protocol version
@@ -58,6 +59,16 @@ struct Seqorset {
 };
 
 inline bool ber_is_fber(const BerElement *ber) { return (ber->ber_options & LBER_FBER) != 0; }
+
+// Whether the last call that failed on `ber` (a decoder, an encoder, the PDU reader) failed
+// because memory ran out rather than on the bytes: its caller then reports "no memory", never
+// a malformed message, a bad filter or a dead server. A PDU read that fails so leaves the
+// stream in step, and the same read can be repeated. The calls that start a piece of work
+// afresh (fber_scanf, ber_scanf, fber_scan_begin, the PDU readers) clear it, and a copy made
+// by ber_dup starts clear.
+inline bool ber_out_of_memory(const BerElement *ber) { return ber != nullptr && ber->ber_nomem; }
+// The same mark for work on the element done outside the codec (a caller's copy of a filter).
+inline void ber_note_out_of_memory(BerElement *ber) { ber->ber_nomem = true; }
 
 // The socket record of a connection.
 struct Sockbuf {

@@ -157,7 +157,7 @@ int ldap_send_abandon_request(LDAP *ld, LDAPMsgTable *table, int msgid,
     int id = ldap_msg_table_get_next_msgid(table);
     if (id < 0 || (static_cast<uint32_t>(id) & LDAP_MSGID_ROW_MASK) >= table->row_count) {
         free_msg(req, 0);
-        return ldap_fail(ld, LDAP_LOCAL_ERROR);
+        return ldap_fail(ld, ldap_msgid_failure(id));
     }
     req->lm_msgid = id;
     int rc = encode_abandon(ld, req, msgid, serverctrls);

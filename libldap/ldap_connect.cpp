@@ -149,12 +149,13 @@ int opx_getaddrinfo(const char *host, int port, struct addrinfo **res)
         if (!guard.locked()) {
             LDAP_TRACE(LDAP_TRC_ERROR, "opx_getaddrinfo: Failed to lock.\n");
             rc = LDAP_LOCK_ERROR;
-        } else if (getaddrinfo(host != nullptr ? name : nullptr, service, &hints, res) != 0) {
+        } else if (int gai = getaddrinfo(host != nullptr ? name : nullptr, service, &hints, res);
+                   gai != 0) {
             LDAP_TRACE(LDAP_TRC_ERROR, "getaddrinfo failed. \n");
             guard.unlock();
             *res = nullptr;
             errno = EHOSTUNREACH;
-            rc = LDAP_SERVER_DOWN;
+            rc = gai == EAI_MEMORY ? LDAP_NO_MEMORY : LDAP_SERVER_DOWN;
         } else {
             rc = LDAP_SUCCESS;
         }

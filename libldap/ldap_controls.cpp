@@ -91,7 +91,7 @@ int decode_control_fields(BerElement *ber, unsigned char *end, LDAPControl *ctrl
             char *val = nullptr;
             ber_len_t vlen = 0;
             if (fber_get_string_copy(ber, &val, &vlen) == LBER_ERROR)
-                return LDAP_DECODING_ERROR;
+                return ldap_ber_failure(ber, LDAP_DECODING_ERROR);
             ctrl->ldctl_value.bv_val = val;
             ctrl->ldctl_value.bv_len = vlen;
             have_value = true;
@@ -147,7 +147,7 @@ int decode_control_list(BerElement *ber, unsigned char *end, LDAPControl ***out,
             ctrl_end = contents_end(ber, len, end);
         if (ctrl_end == nullptr || fber_get_stringa(ber, &ctrl->ldctl_oid) == LBER_ERROR) {
             LDAP_TRACE(LDAP_TRC_ERROR, "get_ctrls_from_ber: Error decoding a control OID\n");
-            rc = LDAP_DECODING_ERROR;
+            rc = ldap_ber_failure(ber, LDAP_DECODING_ERROR);
             break;
         }
         if ((rc = decode_control_fields(ber, ctrl_end, ctrl)) != 0)

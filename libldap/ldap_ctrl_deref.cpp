@@ -131,7 +131,7 @@ int ldap_parse_deref_control(LDAP *ld, LDAPControl **ctrls, LDAPDerefRes **resp)
     BerElement *r = nullptr;
     int rc = ldap_control_value_reader(ctrls, LDAP_CONTROL_DEREF, &r);
     if (rc == 0)
-        rc = read_results(r, resp);
+        rc = ldap_ber_failure(r, read_results(r, resp));
     fber_free(r);
     if (rc != 0) {
         ldap_derefresponse_free(*resp);

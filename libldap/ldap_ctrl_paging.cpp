@@ -101,7 +101,7 @@ int ldap_parse_page_control(LDAP *ld, LDAPControl **ctrls, int *countp, struct b
                     !ldap_control_value_done(r))) {
         ber_bvfree(*cookiep);
         *cookiep = nullptr;
-        rc = LDAP_DECODING_ERROR;
+        rc = ldap_ber_failure(r, LDAP_DECODING_ERROR);
     }
     if (rc == 0 && countp != nullptr)
         *countp = count;

@@ -168,7 +168,7 @@ int read_response(LDAPControl **ctrls, const char *oid, int (*read)(BerElement *
     BerElement *r = nullptr;
     int rc = ldap_control_value_reader(ctrls, oid, &r);
     if (rc == 0)
-        rc = read(r, out);
+        rc = ldap_ber_failure(r, read(r, out));
     fber_free(r);
     return rc;
 }

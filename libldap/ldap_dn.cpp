@@ -741,7 +741,7 @@ char *ldap_get_dn(LDAP *ld, LDAPMessage *entry)
         LDAP_TRACE(LDAP_TRC_ERROR, "ldap_get_dn: fber_scanf failed\n");
         lber_free(dn);
         dn = nullptr;
-        (void)ldap_fail(ld, LDAP_DECODING_ERROR);
+        (void)ldap_fail(ld, LDAP_DECODING_ERROR, &c);
     }
     return dn;
 }

@@ -120,7 +120,7 @@ char *read_attribute_name(LDAPMessage *entry, BerElement *cursor, int *code)
         fber_get_stringb_as(cursor, xlate, name, &name_len) == LBER_ERROR ||
         fber_skip_contents(cursor) == LBER_ERROR) {
         lber_free(name);
-        *code = LDAP_DECODING_ERROR;
+        *code = ldap_ber_failure(cursor, LDAP_DECODING_ERROR);
         return nullptr;
     }
     remember_attribute(entry, cursor, at);
@@ -297,7 +297,7 @@ Value **get_values(LDAP *ld, LDAPMessage *entry, const char *type)
     Value **values = nullptr;
     bool found = seek_remembered(entry, &c, want) || seek_attribute(&c, want);
     if (!found || read_value_set(&c, xlate, &values) == FberList::Error) {
-        (void)ldap_fail(ld, LDAP_DECODING_ERROR);
+        (void)ldap_fail(ld, LDAP_DECODING_ERROR, &c);
         return nullptr;
     }
     return values;

@@ -14,6 +14,7 @@ inline BerElement ldap_read_cursor(const BerElement *ber)
 {
     BerElement c = *ber;
     c.ber_heapbuf = nullptr;
+    c.ber_nomem = false;
     return c;
 }
 

@@ -435,13 +435,14 @@ int decode_result(LDAPMessage *msg, int *code, char **matched, char **errmsg)
         return LDAP_NO_MEMORY;
     int decoded = 0;
     ber_tag_t tag = fber_scanf(cursor, "{iaa}", &decoded, matched, errmsg);
+    int failure = ldap_ber_failure(cursor, LDAP_DECODING_ERROR);
     ber_free(cursor, 0);
     if (tag == LBER_ERROR) {
         lber_free(*matched);
         lber_free(*errmsg);
         *matched = nullptr;
         *errmsg = nullptr;
-        return LDAP_DECODING_ERROR;
+        return failure;
     }
     *code = decoded;
     return 0;

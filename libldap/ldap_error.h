@@ -33,6 +33,21 @@ inline int ldap_fail(LDAP *ld, int code)
     return code;
 }
 
+// The code of a failure on `ber`: 90 when memory ran out (ber_out_of_memory), else `code`
+// (0 stays 0). Whatever a decoder, an encoder or the PDU reader failed on, a lack of memory is
+// reported as such: a "decoding error", "bad filter" or "server down" would send the caller
+// after a fault that is not there.
+inline int ldap_ber_failure(const BerElement *ber, int code)
+{
+    return code != 0 && ber_out_of_memory(ber) ? LDAP_NO_MEMORY : code;
+}
+
+// Records the code of a failure on `ber` (above) and returns it.
+inline int ldap_fail(LDAP *ld, int code, const BerElement *ber)
+{
+    return ldap_fail(ld, ldap_ber_failure(ber, code));
+}
+
 // Records code like ldap_fail unless the thread's record holds that code already, so that a
 // message recorded with it where the failure was seen (a handshake's reason) survives the
 // layers the failure passes on its way out.

@@ -358,20 +358,23 @@ char *put_parenthesised(BerElement *ber, char *str)
 }
 
 // A private, writable UTF-8 copy of a caller's filter text (converted from the local code
-// page unless `converted` or the FBER says it is UTF-8 already); null on failure.
+// page unless `converted` or the FBER says it is UTF-8 already); null on failure, with the
+// FBER marked when memory ran out, so that the request reports that and not a bad filter.
 char *filter_text_copy(BerElement *ber, const char *filter, int converted)
 {
     size_t len = strlen(filter);
     bool utf8 = ber->ber_utf8_flag != nullptr && *ber->ber_utf8_flag != 0;
+    char *text = nullptr;
+    int rc = 0;
     if (converted == 0 && !utf8) {
-        char *text = nullptr;
         size_t outlen = 0;
-        if (ldap_xlate_local_to_utf8(filter, len, &text, &outlen) != 0)
-            return nullptr;
-        if (text != nullptr)
-            return text;
+        rc = ldap_xlate_local_to_utf8(filter, len, &text, &outlen);
     }
-    return lber_strndup(filter, len); // already UTF-8, or a code page that passes through
+    if (rc == 0 && text == nullptr) // already UTF-8, or a code page that passes through
+        rc = (text = lber_strndup(filter, len)) != nullptr ? 0 : LDAP_NO_MEMORY;
+    if (rc == LDAP_NO_MEMORY)
+        ber_note_out_of_memory(ber);
+    return rc == 0 ? text : nullptr;
 }
 
 } // namespace

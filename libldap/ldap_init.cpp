@@ -446,7 +446,7 @@ int open_ldap_connection(LDAP *ld, LDAPConn *lc, const LDAPDeadline &until)
     LDAPHostEntry entry;
     while (ldap_next_host_entry(&cursor, &seen_ipv6, lc->port, &entry)) {
         rc = open_host_entry(ld, lc, entry, deadline);
-        if (rc == 0)
+        if (rc == 0 || rc == LDAP_NO_MEMORY) // the caller hears of it, not the next host's fate
             break;
     }
     lber_free(list);

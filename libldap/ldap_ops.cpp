@@ -29,7 +29,7 @@ int ldap_op_begin(LDAP *ld, LDAPConn *lc, const char *no_conn_trace, OpRequest *
     if (op->msgid < 0) {
         free_msg(op->msg, 0);
         op->msg = nullptr;
-        return ldap_fail(ld, LDAP_LOCAL_ERROR);
+        return ldap_fail(ld, ldap_msgid_failure(op->msgid));
     }
     op->ber = ldap_alloc_fber(ld, 0);
     if (op->ber == nullptr)
@@ -39,6 +39,7 @@ int ldap_op_begin(LDAP *ld, LDAPConn *lc, const char *no_conn_trace, OpRequest *
 
 int ldap_op_abort(OpRequest *op, int code)
 {
+    code = ldap_ber_failure(op->ber, code); // an encoder that ran out of memory says so
     if (op->ber != nullptr)
         fber_free(op->ber);
     op->ber = nullptr;

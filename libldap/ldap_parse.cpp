@@ -79,7 +79,7 @@ int decode_result(LDAPMessage *m, bool want_refs, bool want_ctrls, ResultParts *
         return LDAP_NO_MEMORY;
     int rc = 0;
     if (fber_scanf(c, "{iaa", &p->code, &p->matched, &p->errmsg) == LBER_ERROR) {
-        rc = LDAP_DECODING_ERROR;
+        rc = ldap_ber_failure(c, LDAP_DECODING_ERROR);
     } else {
         LDAP_TRACE(LDAP_TRC_ERROR, "ldap_parse_result: msgid=%d, resulttype=%d, resultcode=%d\n",
                    m->lm_msgid, m->lm_msgtype, p->code);
@@ -89,7 +89,7 @@ int decode_result(LDAPMessage *m, bool want_refs, bool want_ctrls, ResultParts *
         if (p->code == LDAP_REFERRAL || fber_peek_tag(c, &len) == LDAP_TAG_REFERRAL) {
             bool ok = want_refs ? fber_scanf(c, "{v}", &p->referrals) != LBER_ERROR
                                 : fber_skip_element(c) == 0;
-            rc = ok ? 0 : LDAP_DECODING_ERROR;
+            rc = ok ? 0 : ldap_ber_failure(c, LDAP_DECODING_ERROR);
         }
         if (rc == 0 && want_ctrls)
             rc = read_response_controls(m->lm_ber, &p->ctrls);
@@ -102,10 +102,10 @@ int decode_result(LDAPMessage *m, bool want_refs, bool want_ctrls, ResultParts *
 //                          responseName [10] LDAPOID OPTIONAL, responseValue [11] OCTET STRING
 //                          OPTIONAL }
 // Reads the optional name and value from `ber`, standing behind the LDAPResult fields. Whether
-// they are there or not, the parse succeeds; the controls are read only when the last field
-// asked for was decoded.
-void decode_extended_fields(BerElement *ber, char **oidp, struct berval **datap,
-                            BerElement *op_start, LDAPControl ***ctrlsp)
+// they are there or not, the parse succeeds (0), unless memory ran out reading one of them or
+// the controls (90); the controls are read only when the last field asked for was decoded.
+int decode_extended_fields(BerElement *ber, char **oidp, struct berval **datap,
+                           BerElement *op_start, LDAPControl ***ctrlsp)
 {
     bool last_ok = true;
     ber_len_t len;
@@ -123,8 +123,24 @@ void decode_extended_fields(BerElement *ber, char **oidp, struct berval **datap,
             LDAP_TRACE(LDAP_TRC_API,
                        "ldap_parse_extended_result_direct: No optional data returned\n");
     }
-    if (ctrlsp != nullptr && last_ok && op_start != nullptr)
-        (void)read_response_controls(op_start, ctrlsp); // controls are optional extras here
+    if (ber_out_of_memory(ber))
+        return LDAP_NO_MEMORY;
+    // Controls are optional extras here: only a lack of memory fails the parse.
+    if (ctrlsp != nullptr && last_ok && op_start != nullptr &&
+        read_response_controls(op_start, ctrlsp) == LDAP_NO_MEMORY)
+        return LDAP_NO_MEMORY;
+    return 0;
+}
+
+// Takes back what decode_extended_fields handed out.
+void release_extended_fields(char **oidp, struct berval **datap, LDAPControl ***ctrlsp)
+{
+    if (oidp != nullptr)
+        lber_free(*oidp), *oidp = nullptr;
+    if (datap != nullptr)
+        ber_bvfree(*datap), *datap = nullptr;
+    if (ctrlsp != nullptr)
+        ldap_controls_free(*ctrlsp), *ctrlsp = nullptr;
 }
 
 int copy_bind_controls(LDAP *ld, LDAPControl ***ctrlsp)
@@ -151,7 +167,7 @@ int decode_reference(LDAPMessage *ref, char ***refs, LDAPControl ***ctrls)
         return LDAP_NO_MEMORY;
     bool ok = refs != nullptr ? fber_scanf(c, "{v}", refs) != LBER_ERROR
                               : fber_skip_element(c) == 0;
-    int rc = ok ? 0 : LDAP_DECODING_ERROR;
+    int rc = ok ? 0 : ldap_ber_failure(c, LDAP_DECODING_ERROR);
     if (rc == 0 && ctrls != nullptr)
         rc = get_ctrls_from_ber(c, ctrls);
     ber_free(c, 0);
@@ -229,10 +245,11 @@ int ldap_parse_extended_result_direct(LDAP *ld, LDAPMessage *res, char **resulto
     char *errmsg = nullptr;
     int rc;
     if (fber_scanf(ber, "{iaa", &code, &matched, &errmsg) == LBER_ERROR) {
-        rc = -1;
+        rc = ldap_ber_failure(ber, -1);
     } else if (code == 0) {
-        decode_extended_fields(ber, resultoidp, resultdata, op_start, serverctrlsp);
-        rc = 0;
+        rc = decode_extended_fields(ber, resultoidp, resultdata, op_start, serverctrlsp);
+        if (rc != 0)
+            release_extended_fields(resultoidp, resultdata, serverctrlsp);
     } else if (code == RESULT_CODE_REFERRAL_TAG) {
         rc = fber_skip_element(ber) == 0 ? code : -1;
     } else {
@@ -285,8 +302,8 @@ int ldap_parse_sasl_bind_result_direct(LDAP *ld, LDAPMessage *res, struct berval
     char *errmsg = nullptr;
     bool decoded = false;
     BerElement *c = ber_dup(res->lm_ber);
-    bool no_cursor = c == nullptr;
-    if (!no_cursor) {
+    int failure = LDAP_NO_MEMORY; // no cursor
+    if (c != nullptr) {
         decoded = fber_scanf(c, "{iaa", &code, &matched, &errmsg) != LBER_ERROR;
         bool ok = decoded;
         if (ok && code == RESULT_CODE_REFERRAL_TAG)
@@ -297,6 +314,9 @@ int ldap_parse_sasl_bind_result_direct(LDAP *ld, LDAPMessage *res, struct berval
              fber_scanf(c, "O}", servercredp) == LBER_ERROR))
             LDAP_TRACE(LDAP_TRC_API, "ldap_parse_sasl_bind_result_direct: No credentials were "
                                      "returned from the server for the sasl_bind\n");
+        // Credentials lost to a lack of memory are no answer without credentials.
+        failure = ldap_ber_failure(c, LDAP_DECODING_ERROR);
+        decoded = decoded && failure != LDAP_NO_MEMORY;
         ber_free(c, 0);
     }
     lber_free(matched);
@@ -306,7 +326,7 @@ int ldap_parse_sasl_bind_result_direct(LDAP *ld, LDAPMessage *res, struct berval
 
     int rc;
     if (!decoded) {
-        rc = no_cursor ? LDAP_NO_MEMORY : LDAP_DECODING_ERROR;
+        rc = failure;
     } else {
         rc = code;
         if (rc != 0)

@@ -311,8 +311,9 @@ int re_encode_request(LDAP *ld, const unsigned char *request, size_t len, int ms
     if (rc == 0 && fber_printf_raw(holder.lm_ber, "}") == -1)
         rc = LDAP_ENCODING_ERROR;
     if (rc != 0) {
+        rc = ldap_fail(ld, rc, holder.lm_ber); // an encoder that ran out of memory says so
         fber_free(holder.lm_ber);
-        return ldap_fail(ld, rc);
+        return rc;
     }
     *out = holder.lm_ber;
     *optag = op.tag;

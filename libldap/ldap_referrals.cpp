@@ -134,8 +134,9 @@ int read_result(LDAPMessage *msg, char **text, char ***urls)
     ber_len_t len = 0;
     if (ok && fber_peek_tag(c, &len) == LDAP_TAG_REFERRAL)
         ok = fber_scanf(c, "{v}", urls) != LBER_ERROR;
+    int rc = ok ? 0 : ldap_ber_failure(c, LDAP_DECODING_ERROR);
     ber_free(c, 0);
-    return ok ? 0 : LDAP_DECODING_ERROR;
+    return rc;
 }
 
 size_t count_urls(char **urls)
@@ -354,7 +355,7 @@ int reencode_and_send(LDAP *ld, LDAPConn *lc, const char *url, const LDAPURLDesc
     if (req == nullptr)
         rc = LDAP_NO_MEMORY;
     else if (child < 0 || ldap_msg_table_row(lc->table, child) == nullptr)
-        rc = LDAP_LOCAL_ERROR;
+        rc = ldap_msgid_failure(child);
     else
         rc = re_encode_request(ld, bytes, len, child, lud, &ber, &optag);
     lber_free(bytes);

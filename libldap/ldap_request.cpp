@@ -51,7 +51,8 @@ void trace_wait_entry_port(int sd)
 }
 
 // Opens the connection on first use (write lock held). A failed open kills the connection
-// for good; 91 stays 91, everything else is reported as 81.
+// for good; 91 stays 91, everything else is reported as 81. Running out of memory says
+// nothing about the server: that is 90, and the next request tries to open it again.
 int open_if_needed(LDAP *ld, LDAPConn *lc, const LDAPDeadline &until)
 {
     if (__atomic_load_n(&lc->connected, __ATOMIC_ACQUIRE) != 0)
@@ -62,6 +63,8 @@ int open_if_needed(LDAP *ld, LDAPConn *lc, const LDAPDeadline &until)
         return 0;
     }
     LDAP_TRACE(LDAP_TRC_ERROR, "ldap_write_msg: open_ldap_connection returned error!\n");
+    if (rc == LDAP_NO_MEMORY)
+        return rc;
     ldap_conn_mark_dead(lc);
     lber_free(lc->resolved);
     lc->resolved = nullptr;
@@ -87,8 +90,9 @@ bool keep_unwritten_tail(LDAPConn *lc, const unsigned char *from, long len)
 // when it would block. Within the deadline: 0. A PDU none of which went out: 85, and the
 // connection is as it was. A PDU cut in the middle when the time ran out: its tail waits in
 // the connection's outbox for the next writer, and the caller gets 85 as well, since the
-// stream is still in step. Only a failed write (or no memory for the tail) kills the
-// connection: 81.
+// stream is still in step. Only a failed write kills the connection: 81. So does a tail that
+// cannot be kept for want of memory, since the next PDU would start inside this one; the
+// caller hears 90, which is the cause.
 int flush_until(LDAP *ld, LDAPConn *lc, BerElement *ber, const LDAPDeadline &until,
                 bool is_tail = false)
 {
@@ -107,11 +111,12 @@ int flush_until(LDAP *ld, LDAPConn *lc, BerElement *ber, const LDAPDeadline &unt
             continue;
         }
         bool untouched = !is_tail && ber->ber_rwptr == ber->ber_buf;
-        if (ready == 0 &&
-            (untouched || keep_unwritten_tail(lc, ber->ber_rwptr, ber->ber_ptr - ber->ber_rwptr)))
+        bool kept = ready == 0 && (untouched || keep_unwritten_tail(lc, ber->ber_rwptr,
+                                                                    ber->ber_ptr - ber->ber_rwptr));
+        if (kept)
             return ldap_fail(ld, LDAP_TIMEOUT);
         ldap_conn_mark_dead(lc);
-        return ldap_fail(ld, LDAP_SERVER_DOWN);
+        return ldap_fail(ld, ready == 0 ? LDAP_NO_MEMORY : LDAP_SERVER_DOWN);
     }
 }
 

@@ -25,6 +25,7 @@ constexpr ber_tag_t TAG_SEQUENCE = 0x30;
 constexpr ber_tag_t TAG_INTEGER = 0x02;
 constexpr int NOTICE_RESULT_CODE = LDAP_PROTOCOL_ERROR;
 constexpr int WAIT_WOKEN = -5; // wait_for_message: woken because a row was released
+constexpr int READ_NO_MEMORY = -6; // read_one_pdu: memory ran out, the stream is in step
 
 bool is_connected(const LDAPConn *lc)
 {
@@ -169,16 +170,20 @@ void note_stream(LDAPConn *lc, const BerElement *ber)
     }
 }
 
-// Reads from the connection until one PDU is complete: 1, -2 time-out (the partial PDU
-// stays), -1 error, -4 a lock or memory failure (recorded). Read lock held.
+// Reads from the connection until one PDU is complete: 1, -2 time-out, -1 error, or
+// READ_NO_MEMORY (not recorded). A reader that ran out of memory lost no byte: like a
+// time-out, it leaves the partial PDU to the next reader, and the connection stays usable.
+// Read lock held.
 int read_one_pdu(LDAP *ld, LDAPConn *lc, const LDAPDeadline &until, LDAPMessage **out)
 {
     LDAPMessage *msg = read_state(ld, lc);
     if (msg == nullptr)
-        return ldap_fail(ld, LDAP_NO_MEMORY), -4;
+        return READ_NO_MEMORY;
     LDAPMsgTable *table = lc->table;
     int rc = wait_for_message(lc, msg->lm_ber, &table->read_progress, until);
-    if (rc != -2 && rc != WAIT_WOKEN) { // else the partial PDU stays for the next reader
+    if (rc == -1 && ber_out_of_memory(msg->lm_ber))
+        rc = READ_NO_MEMORY;
+    if (rc != -2 && rc != WAIT_WOKEN && rc != READ_NO_MEMORY) { // else the PDU stays
         table->read_state = nullptr;
         table->read_progress = 0;
         if (rc == 1) {
@@ -203,16 +208,17 @@ int read_pdus(LDAP *ld, LDAPConn *lc, const LDAPDeadline &until, LDAPMessage **o
         return ldap_fail(ld, guard.rc()), -4;
     lc->reader = pthread_self();
     int rc = read_one_pdu(ld, lc, until, out);
+    if (rc == READ_NO_MEMORY)
+        rc = (ldap_fail(ld, LDAP_NO_MEMORY), -4);
     for (LDAPMessage **tail = out; rc == 1 && sockbuf_pdu_buffered(&lc->sb);) {
-        // These reads are a bonus: without memory for one, the PDU waits in the read-ahead
-        // for the next turn, and nothing is recorded against this turn's success.
-        if (read_state(ld, lc) == nullptr)
-            break;
+        // These reads are a bonus: without memory for one, the PDU waits for the next turn,
+        // and nothing is recorded against this turn's success.
         tail = &(*tail)->lm_chain;
-        if (read_one_pdu(ld, lc, until, tail) == -1) {
+        int more = read_one_pdu(ld, lc, until, tail);
+        if (more == -1)
             rc = -1;
+        if (more != 1)
             break;
-        }
     }
     lc->reader = 0;
     return rc;

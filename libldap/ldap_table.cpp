@@ -39,7 +39,8 @@ int row_id(uint32_t index, const LDAPMsgRow &row)
     return static_cast<int>(index | (row.generation << LDAP_MSGID_ROW_BITS));
 }
 
-// Adds LDAP_TABLE_GROWTH rows; on failure the old array stays as it was.
+// Adds LDAP_TABLE_GROWTH rows: 0, -1 at the size limit, LDAP_MSGID_NO_MEMORY. On failure the
+// old array stays as it was.
 int grow_rows(LDAPMsgTable *table)
 {
     uint32_t count = table->row_count + LDAP_TABLE_GROWTH;
@@ -55,7 +56,7 @@ int grow_rows(LDAPMsgTable *table)
                    "ldap_msg_table_get_next_msgid: NO_MEMORY to allocate table w/ %d rows x %d "
                    "bytes!\n",
                    static_cast<int>(count), static_cast<int>(sizeof(LDAPMsgRow)));
-        return -1;
+        return LDAP_MSGID_NO_MEMORY;
     }
     for (uint32_t i = 0; i < table->row_count; ++i)
         rows[i] = table->rows[i];
@@ -378,8 +379,9 @@ int ldap_msg_table_get_next_msgid(LDAPMsgTable *table)
                    guard.rc());
         return -1;
     }
-    if (table->free_rows < 2 && grow_rows(table) != 0)
-        return -1;
+    if (table->free_rows < 2)
+        if (int rc = grow_rows(table); rc != 0)
+            return rc;
     int index = scan_for_free_row(table);
     table->last_msgid = index;
     if (static_cast<uint32_t>(index) >= table->row_count)
@@ -477,9 +479,10 @@ int ldap_msg_table_get_message(LDAP *ld, LDAPMsgTable *table, int *msgid,
             release_if_collected(table, id, *row);
             return (*result)->lm_msgtype;
         }
-        if (rc == -3)
-            return -1; // the notice of disconnection: its error is recorded
-        return ldap_fail_minus_one(ld, LDAP_SERVER_DOWN);
+        // The reader recorded why it failed: a broken stream (81), a notice of disconnection,
+        // or a lock or memory failure, which leaves the connection usable and must not be
+        // reported as a dead server.
+        return -1;
     }
 }
 

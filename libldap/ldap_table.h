@@ -33,7 +33,15 @@ int ldap_fail_minus_one(LDAP *ld, int code);
 
 LDAPMsgTable *ldap_msg_table_init(unsigned count);
 void ldap_msg_table_free(LDAPMsgTable *table);
-int ldap_msg_table_get_next_msgid(LDAPMsgTable *table); // -1 when none
+// A fresh message id: -1 when none can be had, LDAP_MSGID_NO_MEMORY when the table could not
+// grow for want of memory.
+int ldap_msg_table_get_next_msgid(LDAPMsgTable *table);
+inline constexpr int LDAP_MSGID_NO_MEMORY = -2;
+// The code that a failed ldap_msg_table_get_next_msgid stands for: 90 or 82.
+inline int ldap_msgid_failure(int id)
+{
+    return id == LDAP_MSGID_NO_MEMORY ? LDAP_NO_MEMORY : LDAP_LOCAL_ERROR;
+}
 [[nodiscard]] int ldap_msg_table_send_message(LDAPMsgTable *table, LDAP *ld, LDAPMessage *request,
                                               int *stored, const LDAPDeadline &until);
 // Hands out the next response of the id's row; the record leaves the row (and the row is

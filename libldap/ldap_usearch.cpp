@@ -117,7 +117,7 @@ int search_elsewhere(LDAP *ld, LDAPConn *def, LDAPConn *lc, const char *url,
         return -1;
     int parent = ldap_msg_table_get_next_msgid(def->table);
     if (parent < 0 || ldap_msg_table_row(def->table, parent) == nullptr)
-        return ldap_op_abort(&op, LDAP_LOCAL_ERROR), -1;
+        return ldap_op_abort(&op, ldap_msgid_failure(parent)), -1;
     rc = encode_url_search(ld, lud, op.msgid, attrsonly, op.ber);
     LDAP_TRACE(LDAP_TRC_API, "ldap_url_search_direct: URL pointing to non-default server\n");
     LDAPMessage *request = rc == 0 ? placeholder_request(ld, def, op.ber, parent) : nullptr;

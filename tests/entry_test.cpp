@@ -248,7 +248,7 @@ TEST(EntryValues, BervalValuesAreOneBlockOfTerminatedCopies)
     EXPECT_EQ(wzrtest::walk_alloc_failures([&] {
                   struct berval **one = ldap_get_values_len(h.ld, e, "DATA");
                   bool ok = one != nullptr && ldap_get_errno(h.ld) == 0;
-                  EXPECT_TRUE(ok || ldap_get_errno(h.ld) == LDAP_DECODING_ERROR);
+                  EXPECT_TRUE(ok || ldap_get_errno(h.ld) == LDAP_NO_MEMORY);
                   ldap_value_free_len(one);
                   return ok;
               }),
@@ -268,7 +268,7 @@ TEST(EntryValues, BervalValuesAreOneBlockOfTerminatedCopies)
                       ldap_memfree(a);
                   }
                   int code = ldap_get_errno(h.ld);
-                  EXPECT_TRUE(code == 0 || code == LDAP_NO_MEMORY || code == LDAP_DECODING_ERROR);
+                  EXPECT_TRUE(code == 0 || code == LDAP_NO_MEMORY) << code;
                   ldap_ber_free(cursor, 0);
                   return ok && seen == 3 && code == 0;
               }),

@@ -115,7 +115,7 @@ TEST(TableIds, FailedGrowthLeavesTheTableUntouched)
         ASSERT_GT(ldap_msg_table_get_next_msgid(t.get()), 0);
     LDAPMsgRow *rows = t->rows;
     lber_fail_nth_alloc(1);
-    EXPECT_EQ(ldap_msg_table_get_next_msgid(t.get()), -1);
+    EXPECT_EQ(ldap_msg_table_get_next_msgid(t.get()), LDAP_MSGID_NO_MEMORY);
     lber_fail_nth_alloc(0);
     EXPECT_EQ(t->rows, rows);
     EXPECT_EQ(t->row_count, 256u);
