@@ -122,7 +122,7 @@ TEST_F(EngineThreads, WaitsTimeOutsAndAbandonsMixedOnSixtyFourThreads)
     FakeServer &server = server_;
     answer_shuffled(server);
     LDAP *ld = ld_;
-    std::atomic<int> wrong{0}, received{0};
+    std::atomic<int> wrong{0}, received{0}, waits{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 64; ++t) {
         threads.emplace_back([&, t] {
@@ -132,6 +132,7 @@ TEST_F(EngineThreads, WaitsTimeOutsAndAbandonsMixedOnSixtyFourThreads)
                 LDAPMessage *res = nullptr;
                 struct timeval wait = {20, 0}, brief = {0, 1};
                 int kind = static_cast<int>(rng() % 3);
+                waits += kind == 0;
                 int type = kind == 2 ? 0 : ldap_result(ld, id, 0, kind == 0 ? &wait : &brief, &res);
                 if (type == LDAP_RES_EXTENDED) {
                     received++;
@@ -146,7 +147,9 @@ TEST_F(EngineThreads, WaitsTimeOutsAndAbandonsMixedOnSixtyFourThreads)
     for (std::thread &t : threads)
         t.join();
     EXPECT_EQ(wrong.load(), 0);
-    EXPECT_GT(received.load(), 64 * 1563 / 3);
+    // Every full wait is answered; whether a 1 us wait catches its answer is up to the clock.
+    EXPECT_GE(received.load(), waits.load());
+    EXPECT_GT(waits.load(), 64 * 1563 / 4);
     LDAPMsgTable *table = ld->ld_defconn->table;
     EXPECT_EQ(free_rows(), static_cast<int>(table->row_count));
     server.on_request([](const ReceivedRequest &, FakeConnection &) {}); // answers no more
