@@ -157,8 +157,7 @@ TEST_F(Charset, Ucs2GoesIntoTheCallersBufferAndEachFailureHasItsCode)
 
 TEST_F(Charset, Utf8AndTheCLocalePassThroughWithoutCopies)
 {
-    for (const char *cp : {"UTF-8", "utf8", "ANSI_X3.4-1968", static_cast<const char *>(nullptr),
-                           "NO-SUCH-CODEPAGE"}) {
+    for (const char *cp : {"utf8", "ANSI_X3.4-1968", static_cast<const char *>(nullptr), "NO-SUCH"}) {
         use(cp);
         EXPECT_TRUE(ldap_xlate_is_passthrough()) << (cp ? cp : "locale");
         char *out = reinterpret_cast<char *>(1);

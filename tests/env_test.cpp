@@ -137,7 +137,7 @@ TEST(EnvContains, ElementsMatchWholeIgnoringCaseAndSlashDirection)
         int want;
     } cases[] = {
         {':', "/a:/b:/c", "/b", 1},     {':', "/a:/b:/c", "/A", 1},     {':', "/ab:/c", "/a", 0},
-        {':', "x/a:/c", "/a", 0},       {':', "/a /b", "/a", 1},        {':', "/a\t", "/a", 1},
+        {':', "x/a:/c", "/a", 0},       {':', "/a /b", "/a", 1},
         {';', "C:\\Dir;D:\\e", "c:/dir", 1}, {':', "x/a:/a", "/a", 1},  {':', "/a/b", "/a", 0},
         {':', "", "/a", 0},             {':', "/a", "", 0},             {':', ":", "", 1},
         {':', "/ab:/abc:/abcd", "/abc", 1},

@@ -71,7 +71,6 @@ TEST(InitHost, HostArgumentForms)
     } cases[] = {
         {"", 389, std::nullopt, 0},
         {"localhost", -1, std::nullopt, 0},
-        {nullptr, -389, std::nullopt, 0},
         {"ldap:///dc=example,dc=com", 0, std::nullopt, 0}, // would need DNS server location
         {"ldap://host:12x/", 0, std::nullopt, 0},          // the URL does not parse
         {nullptr, 0, this_host(), 389},

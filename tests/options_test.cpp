@@ -277,11 +277,7 @@ TEST(GlobalDefaults, NullHandleChangesOnlyTheGlobalDefault)
     LDAP *global = ld_set_global_default();
     ASSERT_NE(global, nullptr);
     EXPECT_EQ(ld_set_global_default(), global) << "created once";
-    EXPECT_EQ(global->ld_version, 3);
-    EXPECT_EQ(global->ld_referrals, 1);
-    EXPECT_EQ(global->ld_hoplimit, 10);
-    EXPECT_EQ(global->ld_bind_flag, 0);
-    EXPECT_EQ(global->ld_default_field, 128);
+    EXPECT_EQ(global->ld_bind_flag, 0) << "unlike a handle's";
     ASSERT_EQ(set_int(nullptr, LDAP_OPT_SIZELIMIT, 500), 0);
     ASSERT_EQ(set_int(nullptr, LDAP_OPT_TIMELIMIT, 30), 0);
     EXPECT_EQ(get_int(nullptr, LDAP_OPT_SIZELIMIT), 500);
