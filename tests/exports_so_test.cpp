@@ -77,6 +77,18 @@ TEST(Exports, IdentificationAndForwardersReachTheLibrary)
     EXPECT_EQ(wzr_ldap_unbind(ld), 0);
 }
 
+TEST(Exports, GetErrnoOnAnInvalidHandleIsMinusOne)
+{
+    // Only the eyecatcher is read before the handle is refused; the buffer is ours and large.
+    alignas(16) static char garbage[8192];
+    memset(garbage, 0x5a, sizeof garbage);
+    EXPECT_EQ(wzr_ldap_get_errno(reinterpret_cast<LDAP *>(garbage)), -1);
+    memcpy(garbage, "EYEDEADL", 8);
+    EXPECT_EQ(wzr_ldap_get_errno(reinterpret_cast<LDAP *>(garbage)), -1);
+    EXPECT_EQ(wzr_ldap_get_errno(nullptr), -1);
+    EXPECT_EQ(wzr_ldap_unbind(reinterpret_cast<LDAP *>(garbage)), LDAP_PARAM_ERROR);
+}
+
 // The canonical path, checked against the installed tree by install_test; here: a fresh copy
 // at each call, which the caller frees.
 TEST(Exports, LoadedFromIsAFreshCopyEachTime)
