@@ -3,7 +3,6 @@
 // word, the legacy switch, raw letters, failures that leave nothing behind.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -11,10 +10,8 @@
 #include "liblber/ber_int.h"
 #include "liblber/ber_memory.h"
 #include "liblber/ber_xlate.h"
-#include "liblber/lber.h"
 #include "libldap/ldap_charset.h"
 #include "support/lber_test.h"
-#include "trace/ldap_trace.h"
 
 namespace
 {
@@ -33,9 +30,7 @@ std::string xlate(bool to_utf8, const std::string &in, int *rc = nullptr)
     if (r != 0)
         return "<failed>";
     std::string s = out != nullptr ? std::string(out, outlen) : in;
-    if (out != nullptr) {
-        EXPECT_EQ(out[outlen], '\0');
-    }
+    EXPECT_TRUE(out == nullptr || out[outlen] == '\0');
     lber_free(out);
     return s;
 }
@@ -57,10 +52,7 @@ BerElement *with_words(BerElement *ber, int version, int utf8)
     return ber;
 }
 
-BerElement *handle_fber(int version, int utf8)
-{
-    return with_words(fber_alloc(), version, utf8);
-}
+BerElement *handle_fber(int version, int utf8) { return with_words(fber_alloc(), version, utf8); }
 
 std::string written(const BerElement *ber)
 {
@@ -68,13 +60,10 @@ std::string written(const BerElement *ber)
                        static_cast<size_t>(ber->ber_ptr - ber->ber_buf));
 }
 
-std::string octets(const std::string &s)
-{
-    return std::string(1, '\x04') + static_cast<char>(s.size()) + s;
-}
+std::string octets(const std::string &s) { return std::string(1, '\x04') + static_cast<char>(s.size()) + s; }
 
 // A received element holding `wire`, carrying the given version and UTF-8 words.
-BerElement *received(const std::string &wire, int version, int utf8)
+BerElement *received(const std::string &wire, int version = 3, int utf8 = 0)
 {
     struct berval bv = {wire.size(), const_cast<char *>(wire.data())};
     return with_words(fber_init(&bv), version, utf8);
@@ -107,17 +96,26 @@ protected:
     std::optional<wzrtest::ScopedEnv> legacy_;
 };
 
-TEST_F(Charset, Latin1RoundTripsThroughUtf8)
+// Both ways, larger than the first output guess (the buffer grows), and what cannot be
+// converted fails with its own code.
+TEST_F(Charset, Latin1RoundTripsThroughUtf8AndBadSequencesFail)
 {
     use("ISO-8859-1");
     EXPECT_FALSE(ldap_xlate_is_passthrough());
     EXPECT_EQ(xlate(true, LATIN1), UTF8);
     EXPECT_EQ(xlate(false, UTF8), LATIN1);
-    // Larger than the first output guess: the buffer grows.
     std::string many(1000, '\xFC');
     std::string twice = xlate(true, many);
     EXPECT_EQ(twice.size(), 2000u);
     EXPECT_EQ(xlate(false, twice), many);
+    const std::pair<const char *, int> bad[] = {{"a\xC3\x28", LDAP_XLATE_BAD_CHARACTER},
+                                                {"\xE2\x82\xAC", LDAP_XLATE_NO_MAPPING}, // euro
+                                                {"ab\xC3", LDAP_XLATE_INPUT_TRUNCATED}};
+    for (const auto &[in, code] : bad) {
+        int rc = 0;
+        xlate(false, in, &rc);
+        EXPECT_EQ(rc, code) << in;
+    }
 }
 
 TEST_F(Charset, SwitchesChooseTheCodePageAndTheMeaningOfByte5C)
@@ -157,43 +155,30 @@ TEST_F(Charset, Ucs2GoesIntoTheCallersBufferAndEachFailureHasItsCode)
     EXPECT_EQ(ldap_xlate_ucs2_to_local("\x20\xAC", 2, back, 16, &n), LDAP_XLATE_NO_MAPPING);
 }
 
-TEST_F(Charset, SequencesThatCannotBeConvertedFail)
-{
-    use("ISO-8859-1");
-    int rc = 0;
-    xlate(false, "a\xC3\x28", &rc); // not UTF-8
-    EXPECT_EQ(rc, LDAP_XLATE_BAD_CHARACTER);
-    xlate(false, "\xE2\x82\xAC", &rc); // the euro sign has no Latin-1 byte
-    EXPECT_EQ(rc, LDAP_XLATE_NO_MAPPING);
-    xlate(false, "ab\xC3", &rc); // cut inside a character
-    EXPECT_EQ(rc, LDAP_XLATE_INPUT_TRUNCATED);
-}
-
 TEST_F(Charset, Utf8AndTheCLocalePassThroughWithoutCopies)
 {
-    for (const char *cp : {"UTF-8", "utf8", "ANSI_X3.4-1968", static_cast<const char *>(nullptr),
-                           "NO-SUCH-CODEPAGE"}) {
+    for (const char *cp : {"utf8", "ANSI_X3.4-1968", static_cast<const char *>(nullptr), "NO-SUCH"}) {
         use(cp);
         EXPECT_TRUE(ldap_xlate_is_passthrough()) << (cp ? cp : "locale");
         char *out = reinterpret_cast<char *>(1);
         size_t outlen = 0;
-        std::string bin("\xFF\xFE\x00\xC3", 4);
         long calls = lber_alloc_calls();
-        EXPECT_EQ(ldap_xlate_utf8_to_local(bin.data(), bin.size(), &out, &outlen), 0);
+        EXPECT_EQ(ldap_xlate_utf8_to_local("\xFF\xFE\x00\xC3", 4, &out, &outlen), 0);
         EXPECT_EQ(out, nullptr);
         EXPECT_EQ(lber_alloc_calls(), calls);
     }
 }
 
+// Translation needs version 3 and no UTF-8 word; raw and plain printfs never translate, the
+// plain element's xlate branch does; the legacy switch (traced once per side) turns it off.
 TEST_F(Charset, EncoderTranslatesOnlyAtVersionThreeWithoutTheUtf8Word)
 {
     use("ISO-8859-1");
-    struct Case {
-        int version;
-        int utf8;
+    const struct {
+        int version, utf8;
         bool translated;
     } cases[] = {{3, 0, true}, {2, 0, false}, {3, 1, false}};
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         BerElement *ber = handle_fber(c.version, c.utf8);
         char *vals[] = {const_cast<char *>(LATIN1.c_str()), nullptr};
         struct berval bv = {LATIN1.size(), const_cast<char *>(LATIN1.data())};
@@ -201,35 +186,41 @@ TEST_F(Charset, EncoderTranslatesOnlyAtVersionThreeWithoutTheUtf8Word)
         ASSERT_EQ(fber_printf(ber, "sovVs", LATIN1.c_str(), LATIN1.data(),
                               static_cast<int>(LATIN1.size()), vals, bvs, ""),
                   0);
-        const std::string &v = c.translated ? UTF8 : LATIN1;
-        EXPECT_EQ(written(ber), octets(v) + octets(v) + octets(v) + octets(v) + octets(""))
-            << c.version << "/" << c.utf8;
+        const std::string v = octets(c.translated ? UTF8 : LATIN1);
+        EXPECT_EQ(written(ber), v + v + v + v + octets("")) << c.version << "/" << c.utf8;
         fber_free(ber);
     }
-    // No version word: unchanged.
-    BerElement *bare = fber_alloc();
-    ASSERT_EQ(fber_printf(bare, "s", LATIN1.c_str()), 0);
-    EXPECT_EQ(written(bare), octets(LATIN1));
-    fber_free(bare);
-}
-
-TEST_F(Charset, RawAndPlainPrintfsDoNotTranslateButThePlainXlateBranchDoes)
-{
-    use("ISO-8859-1");
     BerElement *f = handle_fber(3, 0);
     ASSERT_EQ(fber_printf_raw(f, "s", LATIN1.c_str()), 0);
     ASSERT_EQ(ber_printf(f, "s", LATIN1.c_str()), 0);
     ASSERT_EQ(ber_printf_xlate(f, "s", LATIN1.c_str()), 0);
     EXPECT_EQ(written(f), octets(LATIN1) + octets(LATIN1) + octets(LATIN1));
     fber_free(f);
-
-    BerElement *p = ber_alloc();
+    wzrtest::Plain p(ber_alloc());
     int32_t version = 3;
     p->ber_version = &version;
-    ASSERT_NE(ber_printf(p, "s", LATIN1.c_str()), -1);
-    ASSERT_NE(ber_printf_xlate(p, "s", LATIN1.c_str()), -1);
-    EXPECT_EQ(written(p), octets(LATIN1) + octets(UTF8));
-    ber_free(p, 1);
+    ASSERT_NE(ber_printf(p.get(), "s", LATIN1.c_str()), -1);
+    ASSERT_NE(ber_printf_xlate(p.get(), "s", LATIN1.c_str()), -1);
+    EXPECT_EQ(written(p.get()), octets(LATIN1) + octets(UTF8));
+    p->ber_version = nullptr;
+    wzrtest::Fber bare(fber_alloc()); // no version word: unchanged
+    ASSERT_EQ(fber_printf(bare.get(), "s", LATIN1.c_str()), 0);
+    EXPECT_EQ(written(bare.get()), octets(LATIN1));
+
+    wzrtest::TraceFile trace;
+    legacy_.emplace("LDAP_LEGACY_UTF8_XLATE_MODE", "");
+    ber_xlate_reset_for_tests();
+    for (int round = 0; round < 2; ++round) {
+        wzrtest::Fber out(handle_fber(3, 0));
+        ASSERT_EQ(fber_printf(out.get(), "s", LATIN1.c_str()), 0);
+        EXPECT_EQ(written(out.get()), octets(LATIN1));
+        wzrtest::Fber in(received(octets(UTF8)));
+        char *s = nullptr;
+        EXPECT_EQ(fber_scanf(in.get(), "a", &s), 0x04u);
+        EXPECT_EQ(std::string(s), UTF8);
+        lber_free(s);
+    }
+    EXPECT_EQ(trace.count("LDAP_LEGACY_UTF8_XLATE_MODE = true\n"), 2) << trace.text();
 }
 
 TEST_F(Charset, DecoderTranslatesStringLettersButNotRawOctets)
@@ -239,7 +230,7 @@ TEST_F(Charset, DecoderTranslatesStringLettersButNotRawOctets)
                        static_cast<char>(6 * 9 + 2 * 2) + octets(UTF8) + octets(UTF8) +
                        octets(UTF8) + octets(UTF8) + "\x31\x09" + octets(UTF8) + "\x31\x09" +
                        octets(UTF8);
-    BerElement *ber = received(wire, 3, 0);
+    wzrtest::Fber ber(received(wire));
     char *a = nullptr;
     char buf[8];
     ber_len_t len = sizeof buf;
@@ -247,7 +238,7 @@ TEST_F(Charset, DecoderTranslatesStringLettersButNotRawOctets)
     struct berval o = {0, nullptr};
     char **v = nullptr;
     struct berval **V = nullptr;
-    EXPECT_EQ(fber_scanf(ber, "{asOo{v}[V]}", &a, buf, &len, &O, &o, &v, &V), 0x31u);
+    EXPECT_EQ(fber_scanf(ber.get(), "{asOo{v}[V]}", &a, buf, &len, &O, &o, &v, &V), 0x31u);
     EXPECT_EQ(std::string(a), LATIN1);
     EXPECT_EQ(std::string(buf, len), LATIN1);
     EXPECT_EQ(std::string(O->bv_val, O->bv_len), LATIN1);
@@ -261,17 +252,23 @@ TEST_F(Charset, DecoderTranslatesStringLettersButNotRawOctets)
     lber_free(v);
     ber_bvfree(V[0]);
     lber_free(V);
-    fber_free(ber);
 
     // The UTF-8 word, or version 2, leave the bytes as they came.
     for (auto [version, utf8] : {std::pair{3, 1}, std::pair{2, 0}}) {
-        BerElement *raw = received(octets(UTF8), version, utf8);
+        wzrtest::Fber raw(received(octets(UTF8), version, utf8));
         char *s = nullptr;
-        EXPECT_EQ(fber_scanf(raw, "a", &s), 0x04u);
+        EXPECT_EQ(fber_scanf(raw.get(), "a", &s), 0x04u);
         EXPECT_EQ(std::string(s), UTF8);
         lber_free(s);
-        fber_free(raw);
     }
+    // The converted value must fit the caller's buffer: 7 would hold the wire bytes only.
+    wzrtest::Fber fit(received(octets(UTF8)));
+    len = 7;
+    EXPECT_EQ(fber_scanf(fit.get(), "s", buf, &len), LBER_ERROR);
+    len = 8;
+    EXPECT_EQ(fber_scanf(fit.get(), "s", buf, &len), 0x04u);
+    EXPECT_EQ(len, 6u);
+    EXPECT_STREQ(buf, LATIN1.c_str());
 }
 
 TEST_F(Charset, AnInvalidSequenceFromTheWireFailsTheElementCleanly)
@@ -283,7 +280,7 @@ TEST_F(Charset, AnInvalidSequenceFromTheWireFailsTheElementCleanly)
         std::string set = octets("fine") + bad;
         std::string wire =
             letter == 'v' ? "\x31" + std::string(1, static_cast<char>(set.size())) + set : bad;
-        BerElement *ber = received(wire, 3, 0);
+        BerElement *ber = received(wire);
         long before = lber_live_blocks();
         char *a = reinterpret_cast<char *>(1);
         struct berval *O = reinterpret_cast<struct berval *>(1);
@@ -302,42 +299,18 @@ TEST_F(Charset, AnInvalidSequenceFromTheWireFailsTheElementCleanly)
         fber_free(ber);
     }
     EXPECT_EQ(lber_live_blocks(), live);
+    // A value set in one block fails whole and leaves the read position alone.
+    BerElement *set = received("\x31\x09" + octets("ok") + octets("\xE2\x82\xAC"));
+    unsigned char *at = set->ber_ptr;
+    struct berval **v = nullptr;
+    EXPECT_EQ(fber_get_berval_block(set, true, &v), FberList::Error); // no Latin-1 euro sign
+    EXPECT_EQ(v, nullptr);
+    EXPECT_EQ(set->ber_ptr, at);
+    fber_free(set);
 }
 
-TEST_F(Charset, ConvertedValueMustFitTheCallersBuffer)
-{
-    use("ISO-8859-1");
-    BerElement *ber = received(octets(UTF8), 3, 0);
-    char buf[8];
-    ber_len_t len = 7; // the 7 wire bytes would not fit with their NUL
-    EXPECT_EQ(fber_scanf(ber, "s", buf, &len), LBER_ERROR);
-    len = 8;
-    EXPECT_EQ(fber_scanf(ber, "s", buf, &len), 0x04u);
-    EXPECT_EQ(len, 6u);
-    EXPECT_STREQ(buf, LATIN1.c_str());
-    fber_free(ber);
-}
-
-TEST_F(Charset, LegacyModeSwitchesTranslationOffAndIsTraced)
-{
-    use("ISO-8859-1");
-    wzrtest::TraceFile trace;
-    legacy_.emplace("LDAP_LEGACY_UTF8_XLATE_MODE", "");
-    ber_xlate_reset_for_tests();
-    BerElement *ber = handle_fber(3, 0);
-    ASSERT_EQ(fber_printf(ber, "s", LATIN1.c_str()), 0);
-    EXPECT_EQ(written(ber), octets(LATIN1));
-    fber_free(ber);
-    BerElement *in = received(octets(UTF8), 3, 0);
-    char *s = nullptr;
-    EXPECT_EQ(fber_scanf(in, "a", &s), 0x04u);
-    EXPECT_EQ(std::string(s), UTF8);
-    lber_free(s);
-    fber_free(in);
-    // Once for the encoder, once for the decoder, and no more.
-    EXPECT_EQ(trace.count("LDAP_LEGACY_UTF8_XLATE_MODE = true\n"), 2) << trace.text();
-}
-
+// Encoding, decoding and the one-block value set (each value with its translated length and
+// NUL) through every failed allocation leave nothing behind.
 TEST_F(Charset, TranslationAllocationFailuresLeaveNothingBehind)
 {
     use("ISO-8859-1");
@@ -345,7 +318,7 @@ TEST_F(Charset, TranslationAllocationFailuresLeaveNothingBehind)
     std::string wire = "\x30\x0F" + octets(UTF8) + "\x31\x04" + octets("\xC3\xA4");
     wzrtest::walk_alloc_failures([&] {
         BerElement *out = handle_fber(3, 0);
-        BerElement *in = received(wire, 3, 0);
+        BerElement *in = received(wire);
         char *a = nullptr;
         char **v = nullptr;
         bool ok = out != nullptr && in != nullptr && fber_printf(out, "s", LATIN1.c_str()) == 0 &&
@@ -359,25 +332,14 @@ TEST_F(Charset, TranslationAllocationFailuresLeaveNothingBehind)
         fber_free(in);
         return ok;
     });
-}
-
-// A translated value set in one block: each value has its translated length and its NUL; a
-// value that cannot be translated fails the whole set, leaves the read position alone, and a
-// failed allocation anywhere leaves nothing behind.
-TEST_F(Charset, TranslatedBervalBlockHoldsTheConvertedValues)
-{
-    use("ISO-8859-1");
-    (void)ldap_xlate_is_passthrough(); // settle the code page outside the walk
     std::string set = "\x31\x0F" + octets(UTF8) + octets("") + octets("\xC3\xA4");
     wzrtest::walk_alloc_failures([&] {
-        BerElement *in = received(set, 3, 0);
+        BerElement *in = received(set);
         struct berval **v = nullptr;
         bool ok = in != nullptr && fber_get_berval_block(in, true, &v) == FberList::Members;
         if (ok) {
-            EXPECT_EQ(std::string(v[0]->bv_val, v[0]->bv_len), LATIN1);
-            EXPECT_EQ(v[0]->bv_val[v[0]->bv_len], '\0');
-            EXPECT_EQ(v[1]->bv_len, 0u);
-            EXPECT_EQ(v[1]->bv_val[0], '\0');
+            EXPECT_EQ(std::string(v[0]->bv_val, v[0]->bv_len + 1), LATIN1 + '\0');
+            EXPECT_EQ(std::string(v[1]->bv_val, v[1]->bv_len + 1), std::string(1, '\0'));
             EXPECT_STREQ(v[2]->bv_val, "\xE4");
             EXPECT_EQ(v[3], nullptr);
         }
@@ -385,14 +347,6 @@ TEST_F(Charset, TranslatedBervalBlockHoldsTheConvertedValues)
         fber_free(in);
         return ok;
     });
-    BerElement *bad = received("\x31\x09" + octets("ok") + octets("\xE2\x82\xAC"), 3, 0);
-    ASSERT_NE(bad, nullptr);
-    unsigned char *at = bad->ber_ptr;
-    struct berval **v = nullptr;
-    EXPECT_EQ(fber_get_berval_block(bad, true, &v), FberList::Error); // no Latin-1 euro sign
-    EXPECT_EQ(v, nullptr);
-    EXPECT_EQ(bad->ber_ptr, at);
-    fber_free(bad);
 }
 
 TEST(CharsetThreads, ConcurrentConversionsShareTheDescriptors)
@@ -401,7 +355,7 @@ TEST(CharsetThreads, ConcurrentConversionsShareTheDescriptors)
     ldap_charset_reset_for_tests();
     std::vector<std::thread> threads;
     std::vector<int> failures(4, 0);
-    for (int t = 0; t < 4; ++t) {
+    for (int t = 0; t < 4; ++t)
         threads.emplace_back([t, &failures] {
             for (int i = 0; i < 2000; ++i) {
                 bool forward = (i + t) % 2 == 0;
@@ -409,11 +363,9 @@ TEST(CharsetThreads, ConcurrentConversionsShareTheDescriptors)
                     ++failures[static_cast<size_t>(t)];
             }
         });
-    }
     for (auto &th : threads)
         th.join();
-    for (int f : failures)
-        EXPECT_EQ(f, 0);
+    EXPECT_EQ(failures, std::vector<int>(4, 0));
     ldap_charset_reset_for_tests();
 }
 

@@ -252,9 +252,7 @@ TEST(DnTrace, StateMachinesTraceTheirTransitions)
     std::string log = wzrtest::read_file(path);
     for (const char *line :
          {"Start in state B4TYPE.\n", "State tx B4TYPE -> INIDENT.\n",
-          "State tx INIDENT -> TYPEDONE.\n", "Start in state B4Value.\n",
-          "End of DN component, found ,.\n", "Parsed DN element 0.\n",
-          "Found bad type spec, bad oid . not digit.\n", "BAD RDN type, code=7.\n"})
+          "End of DN component, found ,.\n", "BAD RDN type, code=7.\n"})
         EXPECT_NE(log.find(line), std::string::npos) << line;
     EXPECT_EQ(log.find("ldap_"), std::string::npos) << "only DN lines at this mask";
 }

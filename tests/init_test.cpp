@@ -4,21 +4,16 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
 #include <optional>
 #include <string>
 #include <unistd.h>
-#include <utility>
 #include <vector>
 
 #include "libldap/ldap_free.h"
-#include "libldap/ldap_init.h"
 #include "libldap/ldap_options.h"
 #include "libldap/ldap_table.h"
-#include "libldap/ldap_unbind.h"
+#include "support/handle_util.h"
 #include "support/loopback_listener.h"
 #include "support/test_util.h"
 
@@ -59,74 +54,26 @@ std::string this_host()
     return name;
 }
 
-std::vector<std::pair<std::string, int>> split_hosts(const char *list, int defport)
-{
-    std::string copy = list;
-    char *cursor = copy.data();
-    int seen_ipv6 = 0;
-    LDAPHostEntry entry;
-    std::vector<std::pair<std::string, int>> out;
-    while (ldap_next_host_entry(&cursor, &seen_ipv6, defport, &entry))
-        out.emplace_back(entry.host, entry.port);
-    return out;
-}
-
 // A port on which nothing listens (a listener's, closed again).
-int dead_port()
-{
-    wzrtest::LoopbackListener gone;
-    return gone.port();
-}
-
-bool ipv6_loopback_available()
-{
-    wzrtest::LoopbackListener probe(true);
-    return probe.ok();
-}
+int dead_port() { return wzrtest::LoopbackListener().port(); }
 
 } // namespace
 
-TEST(InitHost, NullHostIsThisMachineOnPort389)
-{
-    LDAP *ld = ldap_init(nullptr, 0);
-    ASSERT_NE(ld, nullptr);
-    EXPECT_EQ(memcmp(ld->ld_eyecatcher, "LDAP HDL", 8), 0);
-    EXPECT_EQ(ld->ld_defhost, this_host());
-    EXPECT_EQ(ld->ld_defport, 389);
-    ASSERT_NE(ld->ld_defconn, nullptr);
-    EXPECT_EQ(ld->ld_servers, ld->ld_defconn);
-    EXPECT_EQ(ld->ld_defconn->ld, ld);
-    EXPECT_EQ(ld->ld_defconn->host, this_host());
-    EXPECT_NE(ld->ld_defconn->host, ld->ld_defhost) << "each owns its copy";
-    EXPECT_EQ(ld->ld_defconn->port, 389);
-    EXPECT_EQ(ld->ld_defconn->connected, 0) << "ldap_init does not connect";
-    EXPECT_EQ(ld->ld_defconn->sb.sb_sd, -1);
-    EXPECT_EQ(ld->ld_defconn->table->owner, ld->ld_defconn);
-    EXPECT_EQ(ld->ld_defconn->table->row_count, LDAP_TABLE_INITIAL_ROWS);
-    EXPECT_EQ(ld->ld_version, 3);
-    EXPECT_EQ(ld->ld_referrals, 1);
-    EXPECT_EQ(ld->ld_hoplimit, 10);
-    EXPECT_EQ(ld->ld_bind_flag, 1);
-    EXPECT_EQ(ld->ld_unbind_started, 0);
-    EXPECT_EQ(ldap_operations_in_progress(ld), 0u);
-    EXPECT_EQ(ldap_unbind(ld), 0);
-}
-
 // A URL (its scheme in any case) gives host and port, its default port winning over the
-// argument; a host list is kept as given; bad arguments give no handle.
+// argument; a host list is kept as given; no host is this machine; bad arguments give none.
 TEST(InitHost, HostArgumentForms)
 {
     const struct {
         const char *host;
         int port;
-        const char *defhost; // null: refused
+        std::optional<std::string> defhost; // nullopt: refused
         int defport;
     } cases[] = {
-        {"", 389, nullptr, 0},
-        {"localhost", -1, nullptr, 0},
-        {nullptr, -389, nullptr, 0},
-        {"ldap:///dc=example,dc=com", 0, nullptr, 0}, // would need DNS server location
-        {"ldap://host:12x/", 0, nullptr, 0},          // the URL does not parse
+        {"", 389, std::nullopt, 0},
+        {"localhost", -1, std::nullopt, 0},
+        {"ldap:///dc=example,dc=com", 0, std::nullopt, 0}, // would need DNS server location
+        {"ldap://host:12x/", 0, std::nullopt, 0},          // the URL does not parse
+        {nullptr, 0, this_host(), 389},
         {"somehost", 2389, "somehost", 2389},
         {"LDAPS://h:1636", 0, "h", 1636},
         {"ldap://server.example/dc=example", 2000, "server.example", 389},
@@ -135,102 +82,110 @@ TEST(InitHost, HostArgumentForms)
     for (const auto &c : cases) {
         SCOPED_TRACE(c.host != nullptr ? c.host : "(null)");
         LDAP *ld = ldap_init(c.host, c.port);
-        if (c.defhost == nullptr) {
-            EXPECT_EQ(ld, nullptr);
+        ASSERT_EQ(ld != nullptr, c.defhost.has_value());
+        if (ld == nullptr)
             continue;
-        }
-        ASSERT_NE(ld, nullptr);
-        EXPECT_STREQ(ld->ld_defhost, c.defhost);
+        EXPECT_EQ(memcmp(ld->ld_eyecatcher, "LDAP HDL", 8), 0);
+        EXPECT_EQ(ld->ld_defhost, *c.defhost);
         EXPECT_EQ(ld->ld_defport, c.defport);
-        EXPECT_STREQ(ld->ld_defconn->host, c.defhost);
+        ASSERT_NE(ld->ld_defconn, nullptr);
+        EXPECT_EQ(ld->ld_servers, ld->ld_defconn);
+        EXPECT_EQ(ld->ld_defconn->ld, ld);
+        EXPECT_EQ(ld->ld_defconn->host, *c.defhost);
+        EXPECT_NE(ld->ld_defconn->host, ld->ld_defhost) << "each owns its copy";
         EXPECT_EQ(ld->ld_defconn->port, c.defport);
+        EXPECT_EQ(ld->ld_defconn->connected, 0) << "ldap_init does not connect";
+        EXPECT_EQ(ld->ld_defconn->table->row_count, LDAP_TABLE_INITIAL_ROWS);
+        EXPECT_EQ(ld->ld_version, 3);
+        EXPECT_EQ(ld->ld_bind_flag, 1);
         EXPECT_EQ(ldap_unbind(ld), 0);
     }
 }
 
-TEST(HostEntries, SplitsAsTheOpenerSeesThem)
+TEST(InitHost, HostListSplitsAsTheOpenerSeesIt)
 {
     using Entries = std::vector<std::pair<std::string, int>>;
-    EXPECT_EQ(split_hosts("a b:1389 [::1]:1390", 389),
-              (Entries{{"a", 389}, {"b", 1389}, {"::1", 389}}));
-    EXPECT_EQ(split_hosts("   x    y:7  ", 389), (Entries{{"x", 389}, {"y", 7}}));
+    auto split = [](const char *list, int defport) {
+        std::string copy = list;
+        char *cursor = copy.data();
+        int seen_ipv6 = 0;
+        LDAPHostEntry entry;
+        Entries out;
+        while (ldap_next_host_entry(&cursor, &seen_ipv6, defport, &entry))
+            out.emplace_back(entry.host, entry.port);
+        return out;
+    };
+    EXPECT_EQ(split("   a b:1389 [::1]:1390 ", 389), (Entries{{"a", 389}, {"b", 1389}, {"::1", 389}}));
     // After an IPv6 entry no entry is split at ':' any more.
-    EXPECT_EQ(split_hosts("[fe80::1%eth0]:1390 c:5", 636),
-              (Entries{{"fe80::1%eth0", 636}, {"c:5", 636}}));
-    EXPECT_EQ(split_hosts("::1 [::2]", 10), (Entries{{"::1", 10}, {"::2", 10}}));
-    EXPECT_EQ(split_hosts("h:abc", 389), (Entries{{"h", 0}})) << "atoi decides";
-    EXPECT_EQ(split_hosts("", 389), Entries{});
-    EXPECT_EQ(split_hosts("    ", 389), Entries{});
+    EXPECT_EQ(split("[fe80::1%eth0]:1390 c:5", 636), (Entries{{"fe80::1%eth0", 636}, {"c:5", 636}}));
+    EXPECT_EQ(split("::1 [::2]", 10), (Entries{{"::1", 10}, {"::2", 10}}));
+    EXPECT_EQ(split("h:abc", 389), (Entries{{"h", 0}})) << "atoi decides";
+    EXPECT_EQ(split("    ", 389), Entries{});
 }
 
 // Each case runs in a child process: the library hands its NLXDIR string to the environment
 // for good, and the test must not leave that behind in (or take it out of) this process.
-void expect_nlxdir_after_init(const char *nlxdir, const char *home, const char *expected)
-{
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(
-        {
-            nlxdir != nullptr ? setenv("NLXDIR", nlxdir, 1) : unsetenv("NLXDIR");
-            home != nullptr ? setenv("OPX_LDAP_HOME", home, 1) : unsetenv("OPX_LDAP_HOME");
-            LDAP *ld = ldap_init("localhost", 0);
-            const char *now = getenv("NLXDIR");
-            bool ok = ld != nullptr && now != nullptr && strcmp(now, expected) == 0;
-            if (!ok)
-                fprintf(stderr, "NLXDIR=%s\n", now != nullptr ? now : "(unset)");
-            (void)ldap_unbind(ld);
-            _exit(ok ? 0 : 1);
-        },
-        testing::ExitedWithCode(0), "");
-}
-
 TEST(InitEnvironmentDeathTest, NlxdirIsSetOnlyWhenMissing)
 {
-    expect_nlxdir_after_init(nullptr, "/srv/ldap-home", "/srv/ldap-home");
-    expect_nlxdir_after_init(nullptr, nullptr, "/opt/qrv/ldap/V6.3.1");
-    expect_nlxdir_after_init(nullptr, "", "/opt/qrv/ldap/V6.3.1");
-    expect_nlxdir_after_init("/mine", "/srv/other", "/mine");
-    expect_nlxdir_after_init("", "/srv/other", "");
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const char *cases[][3] = {{nullptr, "/srv/ldap-home", "/srv/ldap-home"},
+                              {nullptr, nullptr, "/opt/qrv/ldap/V6.3.1"},
+                              {nullptr, "", "/opt/qrv/ldap/V6.3.1"},
+                              {"", "/srv/other", ""}};
+    for (const auto &[nlxdir, home, expected] : cases)
+        EXPECT_EXIT(
+            {
+                nlxdir != nullptr ? setenv("NLXDIR", nlxdir, 1) : unsetenv("NLXDIR");
+                home != nullptr ? setenv("OPX_LDAP_HOME", home, 1) : unsetenv("OPX_LDAP_HOME");
+                LDAP *ld = ldap_init("localhost", 0);
+                const char *now = getenv("NLXDIR");
+                bool ok = ld != nullptr && now != nullptr && strcmp(now, expected) == 0;
+                (void)ldap_unbind(ld);
+                _exit(ok ? 0 : 1);
+            },
+            testing::ExitedWithCode(0), "")
+            << expected;
 }
 
 TEST(InitAllocation, EveryFailureGivesNoHandleAndLeaksNothing)
 {
     // One-time work (trace set-up, NLXDIR handed to the environment) happens outside the walk.
-    LDAP *warm = ldap_init("warm", 0);
-    ASSERT_NE(warm, nullptr);
-    ASSERT_EQ(ldap_unbind(warm), 0);
+    ASSERT_EQ(ldap_unbind(ldap_init("warm", 0)), 0);
+    for (const char *host : {"h1 h2:1389 [::1]:1390", "LDAP://urlhost:4389/dc=x"}) {
+        int walked = wzrtest::walk_alloc_failures([host] {
+            LDAP *ld = ldap_init(host, 0);
+            return ld != nullptr && ldap_unbind(ld) == 0;
+        });
+        EXPECT_GE(walked, 5);
+    }
     int walked = wzrtest::walk_alloc_failures([] {
-        LDAP *ld = ldap_init("h1 h2:1389 [::1]:1390", 0);
-        if (ld == nullptr)
-            return false;
-        EXPECT_EQ(ldap_unbind(ld), 0);
-        return true;
+        LDAPConn *made = ldap_lc_init("a b", 389, 256);
+        ldap_lc_free(made);
+        return made != nullptr;
     });
-    EXPECT_GE(walked, 5);
-    walked = wzrtest::walk_alloc_failures([] {
-        LDAP *ld = ldap_init("LDAP://urlhost:4389/dc=x", 0);
-        if (ld == nullptr)
-            return false;
-        EXPECT_STREQ(ld->ld_defhost, "urlhost");
-        EXPECT_EQ(ldap_unbind(ld), 0);
-        return true;
-    });
-    EXPECT_GE(walked, 6);
+    EXPECT_GE(walked, 3);
+    LDAPConn *lc = ldap_lc_init(nullptr, 636, 256);
+    ASSERT_NE(lc, nullptr);
+    EXPECT_STREQ(lc->host, "localhost");
+    EXPECT_EQ(lc->port, 636);
+    EXPECT_EQ(lc->sb.sb_sd, -1);
+    EXPECT_EQ(lc->table->owner, lc);
+    ldap_lc_free(lc);
 }
 
+// Only LDAP_VERSION exactly "3" asks ldap_open for version 3; ldap_init keeps 3 always.
 TEST(OpenConnection, LdapOpenGivesVersion2UnlessAskedFor3)
 {
     wzrtest::LoopbackListener server;
     ASSERT_TRUE(server.ok());
-    const struct {
-        std::optional<std::string> env;
-        int version;
-    } cases[] = {{std::nullopt, 2}, {"3", 3}, {"3.0", 2}}; // only exactly "3" asks for 3
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.env.value_or("(unset)"));
-        wzrtest::ScopedEnv version("LDAP_VERSION", c.env);
+    const std::pair<std::optional<std::string>, int> cases[] = {
+        {std::nullopt, 2}, {"3", 3}, {"3.0", 2}};
+    for (const auto &[env, version] : cases) {
+        SCOPED_TRACE(env.value_or("(unset)"));
+        wzrtest::ScopedEnv var("LDAP_VERSION", env);
         LDAP *ld = ldap_open("127.0.0.1", server.port());
         ASSERT_NE(ld, nullptr);
-        EXPECT_EQ(ld->ld_version, c.version);
+        EXPECT_EQ(ld->ld_version, version);
         EXPECT_EQ(ld->ld_defconn->connected, 1);
         int sd = -2;
         ASSERT_EQ(ldap_get_option(ld, LDAP_OPT_DESC, &sd), 0);
@@ -239,10 +194,8 @@ TEST(OpenConnection, LdapOpenGivesVersion2UnlessAskedFor3)
         EXPECT_EQ(ldap_unbind(ld), 0);
     }
     EXPECT_TRUE(server.wait_accepted(3));
-    LDAP *ld = ldap_init("127.0.0.1", server.port());
-    ASSERT_NE(ld, nullptr);
-    EXPECT_EQ(ld->ld_version, 3) << "ldap_init keeps version 3";
-    EXPECT_EQ(ldap_unbind(ld), 0);
+    wzrtest::Handle h;
+    EXPECT_EQ(h.ld->ld_version, 3);
 }
 
 TEST(OpenConnection, WalksTheHostListToTheFirstServerThatAnswers)
@@ -257,64 +210,49 @@ TEST(OpenConnection, WalksTheHostListToTheFirstServerThatAnswers)
     EXPECT_STREQ(ld->ld_defconn->resolved, "127.0.0.1");
     EXPECT_EQ(ldap_unbind(ld), 0);
     EXPECT_TRUE(server.wait_closed(1)) << "unbind closes the socket";
-
     EXPECT_EQ(ldap_open("127.0.0.1", dead_port()), nullptr) << "nobody answers";
-}
 
-TEST(OpenConnection, BracketedIpv6EntryUsesTheDefaultPort)
-{
-    if (!ipv6_loopback_available())
-        GTEST_SKIP() << "no IPv6 loopback here";
-    wzrtest::LoopbackListener server(true);
-    ASSERT_TRUE(server.ok());
+    wzrtest::LoopbackListener server6(true);
+    if (!server6.ok())
+        return; // no IPv6 loopback here
     // The port after the bracket is not used: the connection goes to the default port.
-    std::string list = "[::1]:" + std::to_string(dead_port());
-    LDAP *ld = ldap_open(list.c_str(), server.port());
+    list = "[::1]:" + std::to_string(dead_port());
+    ld = ldap_open(list.c_str(), server6.port());
     ASSERT_NE(ld, nullptr);
-    EXPECT_TRUE(server.wait_accepted(1));
+    EXPECT_TRUE(server6.wait_accepted(1));
     EXPECT_STREQ(ld->ld_defconn->resolved, "::1");
     EXPECT_EQ(ldap_unbind(ld), 0);
 }
 
-TEST(OpenConnection, SecureHandleFailsWith118AndClosesTheSocket)
+// A connect time-out is used as a copy; a secure handle without a toolkit fails with 118
+// after opening the plain socket, and closes it.
+TEST(OpenConnection, TimeoutIsACopyAndASecureHandleFailsWith118)
 {
-    wzrtest::LoopbackListener server;
-    ASSERT_TRUE(server.ok());
-    LDAP *ld = ldap_init("127.0.0.1", server.port());
-    ASSERT_NE(ld, nullptr);
-    ld->ld_ssl_in_use = 1;
-    LDAPConn *lc = ld->ld_defconn;
-    pthread_mutex_lock(&lc->write_lock);
-    EXPECT_EQ(open_ldap_connection(ld, lc), LDAP_SSL_NOT_AVAILABLE);
-    pthread_mutex_unlock(&lc->write_lock);
-    EXPECT_EQ(lc->connected, 0);
-    EXPECT_EQ(lc->sb.sb_sd, -1);
-    EXPECT_TRUE(server.wait_closed(1)) << "the plain socket was opened, then closed";
-    EXPECT_EQ(server.bytes_received(), 0);
-    EXPECT_EQ(ldap_unbind(ld), 0);
-}
-
-TEST(OpenConnection, ConnectTimeoutIsHonouredAsACopy)
-{
-    wzrtest::LoopbackListener server;
-    ASSERT_TRUE(server.ok());
-    LDAP *ld = ldap_init("127.0.0.1", server.port());
-    ASSERT_NE(ld, nullptr);
-    struct timeval tv = {5, 0};
-    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_CONNECT_TIMEOUT, &tv), 0);
-    LDAPConn *lc = ld->ld_defconn;
-    pthread_mutex_lock(&lc->write_lock);
-    EXPECT_EQ(open_ldap_connection(ld, lc), 0);
-    pthread_mutex_unlock(&lc->write_lock);
-    EXPECT_EQ(lc->connected, 1);
-    EXPECT_EQ(ld->ld_connect_timeout->tv_sec, 5) << "the handle's setting is left alone";
-    EXPECT_EQ(ldap_unbind(ld), 0);
+    for (int secure : {0, 1}) {
+        wzrtest::LoopbackListener server;
+        ASSERT_TRUE(server.ok());
+        LDAP *ld = ldap_init("127.0.0.1", server.port());
+        ASSERT_NE(ld, nullptr);
+        struct timeval tv = {5, 0};
+        ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_CONNECT_TIMEOUT, &tv), 0);
+        ld->ld_ssl_in_use = secure;
+        LDAPConn *lc = ld->ld_defconn;
+        pthread_mutex_lock(&lc->write_lock);
+        EXPECT_EQ(open_ldap_connection(ld, lc), secure ? LDAP_SSL_NOT_AVAILABLE : 0);
+        pthread_mutex_unlock(&lc->write_lock);
+        EXPECT_EQ(lc->connected, !secure);
+        EXPECT_EQ(lc->sb.sb_sd == -1, secure == 1);
+        EXPECT_EQ(ld->ld_connect_timeout->tv_sec, 5) << "the handle's setting is left alone";
+        EXPECT_TRUE(secure ? server.wait_closed(1) : server.wait_accepted(1));
+        EXPECT_EQ(server.bytes_received(), 0);
+        EXPECT_EQ(ldap_unbind(ld), 0);
+    }
 }
 
 TEST(OperationBracket, CountsAndRefusals)
 {
-    LDAP *ld = ldap_init("localhost", 0);
-    ASSERT_NE(ld, nullptr);
+    wzrtest::Handle h;
+    LDAP *ld = h.ld;
     EXPECT_EQ(ldap_start_operation(nullptr), LDAP_PARAM_ERROR);
     ASSERT_EQ(ldap_start_operation(ld), 0);
     ASSERT_EQ(ldap_start_operation(ld), 0);
@@ -329,7 +267,6 @@ TEST(OperationBracket, CountsAndRefusals)
     ldap_end_operation(ld);
     ldap_end_operation(ld); // never below zero
     EXPECT_EQ(ldap_operations_in_progress(ld), 0u);
-
     ld->ld_unbind_started = 1;
     {
         OperationBracket op(ld);
@@ -337,32 +274,25 @@ TEST(OperationBracket, CountsAndRefusals)
     }
     EXPECT_EQ(ldap_operations_in_progress(ld), 0u) << "a refused bracket ends nothing";
     ld->ld_unbind_started = 0;
-    EXPECT_EQ(ldap_unbind(ld), 0);
 }
 
 TEST(HandleValidity, WrongEyecatcherIsInvalid)
 {
     wzrtest::ScopedEnv level("QRVLDAP_HANDLE_INVALID_LEVEL", std::nullopt);
-    LDAP fake{};
-    memcpy(fake.ld_eyecatcher, "LDAP HDX", 8);
+    wzrtest::BareHandle fake("LDAP HDX");
     EXPECT_EQ(ldap_ld_valid(nullptr), 0);
-    EXPECT_EQ(ldap_ld_valid(&fake), 0);
-    ldap_ld_free(&fake); // refused without touching it
-    EXPECT_EQ(memcmp(fake.ld_eyecatcher, "LDAP HDX", 8), 0);
-    EXPECT_EQ(ldap_unbind(&fake), LDAP_PARAM_ERROR);
+    EXPECT_EQ(ldap_ld_valid(&fake.ld), 0);
+    ldap_ld_free(&fake.ld); // refused without touching it
+    EXPECT_EQ(memcmp(fake.ld.ld_eyecatcher, "LDAP HDX", 8), 0);
+    EXPECT_EQ(ldap_unbind(&fake.ld), LDAP_PARAM_ERROR);
 }
 
 TEST(HandleValidityDeathTest, PositiveInvalidLevelAborts)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe"); // a fresh process reads the level anew
     wzrtest::ScopedEnv level("QRVLDAP_HANDLE_INVALID_LEVEL", std::string("1"));
-    EXPECT_DEATH(
-        {
-            LDAP fake{};
-            memcpy(fake.ld_eyecatcher, "EYEDEADL", 8);
-            (void)ldap_unbind(&fake);
-        },
-        "");
+    wzrtest::BareHandle fake("EYEDEADL");
+    EXPECT_DEATH((void)ldap_unbind(&fake.ld), "");
 }
 
 TEST(HandleFree, FreedHandleReadsEyedeadWithItsEighthByteLeft)
@@ -377,10 +307,7 @@ TEST(HandleFree, FreedHandleReadsEyedeadWithItsEighthByteLeft)
     ldap_ld_free(ld);
     kept_block.store(nullptr);
     EXPECT_EQ(kept_frees.load(), 1) << "the handle itself was released";
-    char first8[8];
-    memcpy(first8, ld, sizeof first8);
-    EXPECT_EQ(std::string(first8, 7), "EYEDEAD");
-    EXPECT_EQ(first8[7], 'L');
+    EXPECT_EQ(std::string(reinterpret_cast<char *>(ld), 8), "EYEDEADL");
     // What is left is an invalid handle to everyone.
     EXPECT_EQ(ldap_ld_valid(ld), 0);
     EXPECT_EQ(ldap_start_operation(ld), LDAP_PARAM_ERROR);
@@ -389,53 +316,27 @@ TEST(HandleFree, FreedHandleReadsEyedeadWithItsEighthByteLeft)
 #endif
 }
 
-TEST(ConnectionRecord, DefaultsAndAllocationFailures)
+TEST(HandleFber, CarriesACopyOfTheHandlesVersionAndUtf8Setting)
 {
-    LDAPConn *lc = ldap_lc_init(nullptr, 636, 256);
-    ASSERT_NE(lc, nullptr);
-    EXPECT_STREQ(lc->host, "localhost");
-    EXPECT_EQ(lc->port, 636);
-    EXPECT_EQ(lc->dead, 0);
-    EXPECT_EQ(lc->connected, 0);
-    EXPECT_EQ(lc->sb.sb_sd, -1);
-    ASSERT_NE(lc->table, nullptr);
-    EXPECT_EQ(lc->table->owner, lc);
-    ldap_lc_free(lc);
-
-    int walked = wzrtest::walk_alloc_failures([] {
-        LDAPConn *made = ldap_lc_init("a b", 389, 256);
-        ldap_lc_free(made);
-        return made != nullptr;
-    });
-    EXPECT_GE(walked, 3);
-}
-
-TEST(HandleFber, CarriesTheHandlesVersionAndUtf8Setting)
-{
-    LDAP *ld = ldap_init("localhost", 0);
-    ASSERT_NE(ld, nullptr);
-    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_UTF8_IO, LDAP_OPT_ON), 0);
-    int two = 2;
-    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &two), 0);
+    wzrtest::Handle h;
+    ASSERT_EQ(ldap_set_option(h.ld, LDAP_OPT_UTF8_IO, LDAP_OPT_ON), 0);
+    h.ld->ld_version = 2;
     for (int small : {0, 1}) {
-        BerElement *ber = ldap_alloc_fber(ld, small);
+        BerElement *ber = ldap_alloc_fber(h.ld, small);
         ASSERT_NE(ber, nullptr);
         EXPECT_TRUE(ber_is_fber(ber));
         EXPECT_EQ(ber->ber_inline_size, small ? 0 : FBER_DEFAULT_SIZE);
-        ASSERT_NE(ber->ber_version, nullptr);
-        ASSERT_NE(ber->ber_utf8_flag, nullptr);
         EXPECT_EQ(*ber->ber_version, 2);
         EXPECT_EQ(*ber->ber_utf8_flag, 1);
-        ld->ld_version = 3; // a copy, not a view
+        h.ld->ld_version = 3; // a copy, not a view
         EXPECT_EQ(*ber->ber_version, 2);
-        ld->ld_version = 2;
+        h.ld->ld_version = 2;
         fber_free(ber);
     }
-    int walked = wzrtest::walk_alloc_failures([ld] {
-        BerElement *ber = ldap_alloc_fber(ld, 0);
+    int walked = wzrtest::walk_alloc_failures([&h] {
+        BerElement *ber = ldap_alloc_fber(h.ld, 0);
         fber_free(ber);
         return ber != nullptr;
     });
     EXPECT_EQ(walked, 1); // the record; its two words live inside it
-    EXPECT_EQ(ldap_unbind(ld), 0);
 }

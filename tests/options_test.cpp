@@ -2,22 +2,14 @@
 // options, copies of control lists and strings, and the global default handle.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 
 #include "libldap/ldap_controls.h"
-#include "libldap/ldap_error.h"
-#include "libldap/ldap_init.h"
 #include "libldap/ldap_options.h"
-#include "libldap/ldap_unbind.h"
+#include "support/handle_util.h"
 #include "support/test_util.h"
 
 namespace {
-
-struct Handle {
-    LDAP *ld = ldap_init("localhost", 0);
-    ~Handle() { (void)ldap_unbind(ld); }
-};
 
 int set_int(LDAP *ld, int option, int value) { return ldap_set_option(ld, option, &value); }
 
@@ -30,11 +22,11 @@ int get_int(LDAP *ld, int option)
 
 const void *as_value(intptr_t v) { return reinterpret_cast<const void *>(v); }
 
-// Owns a control list built from {oid, value, critical} triples.
+// A list of two controls, the second critical if asked.
 struct ControlList {
-    LDAPControl storage[3]{};
-    LDAPControl *list[4]{};
-    ControlList(bool critical_second)
+    LDAPControl storage[2]{};
+    LDAPControl *list[3]{};
+    explicit ControlList(bool critical_second)
     {
         static char oid1[] = "1.2.3.4";
         static char oid2[] = "2.16.840.1.113730.3.4.2";
@@ -46,36 +38,34 @@ struct ControlList {
     }
 };
 
-// Each test gets a fresh handle on localhost.
-class HandleTest : public ::testing::Test {
+// The caller's copy of a control list option: its first OID, or "" for none.
+std::string first_control(LDAP *ld, int option)
+{
+    LDAPControl **got = nullptr;
+    EXPECT_EQ(ldap_get_option(ld, option, &got), 0);
+    std::string oid = got != nullptr ? got[0]->ldctl_oid : "";
+    ldap_controls_free(got);
+    return oid;
+}
+
+class Options : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_NE(h.ld, nullptr); }
-    Handle h;
+    wzrtest::Handle h;
 };
-class OptionRanges : public HandleTest {};
-class OptionVersions : public HandleTest {};
-class OptionReads : public HandleTest {};
-class OptionCopies : public HandleTest {};
 
 } // namespace
 
-TEST_F(OptionRanges, EveryIntegerOptionChecksItsRange)
+TEST_F(Options, EveryIntegerOptionChecksItsRange)
 {
-    struct Range {
-        int option;
-        int low;
-        int high; // INT32_MAX: no upper bound
-    };
-    const Range ranges[] = {{LDAP_OPT_SIZELIMIT, 0, INT32_MAX},
-                            {LDAP_OPT_TIMELIMIT, 0, INT32_MAX},
-                            {LDAP_OPT_DEREF, 0, 3},
-                            {LDAP_OPT_RESTART, 0, 1},
-                            {LDAP_OPT_REFHOPLIMIT, 0, INT32_MAX},
-                            {LDAP_OPT_SSL_TIMEOUT, 0, 86400},
-                            {LDAP_OPT_REFERRAL_HOP_LIMIT, 0, INT32_MAX},
-                            {LDAP_OPT_SASL_KRB_VERSION, 2, 3},
-                            {LDAP_OPT_PROTOCOL_VERSION, 2, 3}};
-    for (const Range &r : ranges) {
+    const struct {
+        int option, low, high; // high INT32_MAX: no upper bound
+    } ranges[] = {{LDAP_OPT_SIZELIMIT, 0, INT32_MAX},          {LDAP_OPT_TIMELIMIT, 0, INT32_MAX},
+                  {LDAP_OPT_DEREF, 0, 3},                      {LDAP_OPT_RESTART, 0, 1},
+                  {LDAP_OPT_REFHOPLIMIT, 0, INT32_MAX},        {LDAP_OPT_SSL_TIMEOUT, 0, 86400},
+                  {LDAP_OPT_REFERRAL_HOP_LIMIT, 0, INT32_MAX}, {LDAP_OPT_SASL_KRB_VERSION, 2, 3},
+                  {LDAP_OPT_PROTOCOL_VERSION, 2, 3}};
+    for (const auto &r : ranges) {
         SCOPED_TRACE(r.option);
         EXPECT_EQ(set_int(h.ld, r.option, r.low - 1), LDAP_PARAM_ERROR);
         EXPECT_EQ(ldap_get_errno(h.ld), LDAP_PARAM_ERROR) << "a refusal is recorded";
@@ -89,27 +79,18 @@ TEST_F(OptionRanges, EveryIntegerOptionChecksItsRange)
         EXPECT_EQ(set_int(h.ld, r.option, r.high), 0);
         EXPECT_EQ(get_int(h.ld, r.option), r.high);
     }
-    // Options 5 and 53 are one field.
-    EXPECT_EQ(set_int(h.ld, LDAP_OPT_REFHOPLIMIT, 7), 0);
+    EXPECT_EQ(set_int(h.ld, LDAP_OPT_REFHOPLIMIT, 7), 0); // options 5 and 53 are one field
     EXPECT_EQ(get_int(h.ld, LDAP_OPT_REFERRAL_HOP_LIMIT), 7);
-    EXPECT_EQ(set_int(h.ld, LDAP_OPT_SSL_TIMEOUT, 86401), LDAP_PARAM_ERROR);
-}
-
-TEST_F(OptionRanges, FlagsTakeTheirValueInThePointer)
-{
+    // Flags take their value in the pointer itself.
     for (int option : {LDAP_OPT_REFERRALS, LDAP_OPT_UTF8_IO, LDAP_OPT_BIND_FLAG}) {
         SCOPED_TRACE(option);
         EXPECT_EQ(ldap_set_option(h.ld, option, LDAP_OPT_OFF), 0);
         EXPECT_EQ(get_int(h.ld, option), 0);
         EXPECT_EQ(ldap_set_option(h.ld, option, LDAP_OPT_ON), 0);
-        EXPECT_EQ(get_int(h.ld, option), 1);
         EXPECT_EQ(ldap_set_option(h.ld, option, as_value(2)), LDAP_PARAM_ERROR);
         EXPECT_EQ(get_int(h.ld, option), 1);
     }
-}
-
-TEST_F(OptionRanges, DebugMaskIsProcessWideAndBounded)
-{
+    // The trace mask is process-wide and 16 bits wide.
     unsigned before = ldap_debug_enabled();
     EXPECT_EQ(set_int(h.ld, LDAP_OPT_DEBUG, 0x10000), LDAP_PARAM_ERROR);
     EXPECT_EQ(set_int(h.ld, LDAP_OPT_DEBUG, -1), LDAP_PARAM_ERROR);
@@ -120,7 +101,7 @@ TEST_F(OptionRanges, DebugMaskIsProcessWideAndBounded)
     ldap_set_debug_mask(before);
 }
 
-TEST_F(OptionRanges, ReadOnlyAndUnknownOptionsAreRefused)
+TEST_F(Options, ReadOnlyAndUnknownOptionsAndBadHandlesAreRefused)
 {
     int value = 1;
     for (int option : {10, 11, 20, 21, 48, 49, 50, 51, 12, 16, 55, 999, -3}) {
@@ -131,13 +112,13 @@ TEST_F(OptionRanges, ReadOnlyAndUnknownOptionsAreRefused)
     EXPECT_EQ(ldap_set_option(h.ld, -3, nullptr), LDAP_PARAM_ERROR);
     EXPECT_EQ(ldap_get_option(h.ld, 999, &value), LDAP_PARAM_ERROR);
     EXPECT_EQ(ldap_get_option(h.ld, LDAP_OPT_SIZELIMIT, nullptr), LDAP_PARAM_ERROR);
-    LDAP fake{}; // an invalid handle
-    memcpy(fake.ld_eyecatcher, "EYEDEADL", 8);
-    EXPECT_EQ(ldap_set_option(&fake, LDAP_OPT_SIZELIMIT, &value), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_get_option(&fake, LDAP_OPT_SIZELIMIT, &value), LDAP_PARAM_ERROR);
+    EXPECT_EQ(ldap_get_option(h.ld, LDAP_OPT_ERROR_STRING, nullptr), LDAP_PARAM_ERROR);
+    wzrtest::BareHandle bad("EYEDEADL");
+    EXPECT_EQ(ldap_set_option(&bad.ld, LDAP_OPT_SIZELIMIT, &value), LDAP_PARAM_ERROR);
+    EXPECT_EQ(ldap_get_option(&bad.ld, LDAP_OPT_SIZELIMIT, &value), LDAP_PARAM_ERROR);
 }
 
-TEST_F(OptionVersions, NullIsRefusedAtVersion3AndTakenAsZeroAtVersion2)
+TEST_F(Options, NullIsRefusedAtVersion3AndTakenAsZeroAtVersion2)
 {
     ASSERT_EQ(get_int(h.ld, LDAP_OPT_PROTOCOL_VERSION), 3);
     ASSERT_EQ(set_int(h.ld, LDAP_OPT_SIZELIMIT, 50), 0);
@@ -159,7 +140,7 @@ TEST_F(OptionVersions, NullIsRefusedAtVersion3AndTakenAsZeroAtVersion2)
     EXPECT_EQ(get_int(h.ld, LDAP_OPT_PROTOCOL_VERSION), 2);
 }
 
-TEST_F(OptionReads, ApiAndFeatureInfo)
+TEST_F(Options, ApiFeatureConnectionAndErrorRecordReads)
 {
     LDAPAPIInfo info{};
     info.ldapai_info_version = 99;
@@ -173,17 +154,7 @@ TEST_F(OptionReads, ApiAndFeatureInfo)
     EXPECT_STREQ(info.ldapai_extensions[0], "VIRTUAL_LIST_VIEW");
     EXPECT_EQ(info.ldapai_extensions[1], nullptr);
     ldap_api_info_free(&info);
-
-    LDAPAPIFeatureInfo feature{LDAP_FEATURE_INFO_VERSION, "VIRTUAL_LIST_VIEW", 0};
-    EXPECT_EQ(ldap_get_option(h.ld, LDAP_OPT_API_FEATURE_INFO, &feature), 0);
-    EXPECT_EQ(feature.ldapaif_version, LDAP_API_FEATURE_VIRTUAL_LIST_VIEW);
-    feature.ldapaif_name = "TIME_TRAVEL";
-    EXPECT_EQ(ldap_get_option(h.ld, LDAP_OPT_API_FEATURE_INFO, &feature), LDAP_PARAM_ERROR);
-    EXPECT_EQ(feature.ldapaif_version, 0);
-
     EXPECT_EQ(ldap_set_option(h.ld, LDAP_OPT_API_INFO, &info), LDAP_PARAM_ERROR);
-
-    // Every allocation of the info record can fail without a leak.
     wzrtest::walk_alloc_failures([&] {
         LDAPAPIInfo walked{};
         walked.ldapai_info_version = LDAP_API_INFO_VERSION;
@@ -191,31 +162,31 @@ TEST_F(OptionReads, ApiAndFeatureInfo)
         ldap_api_info_free(&walked);
         return rc == 0;
     });
-}
+    LDAPAPIFeatureInfo feature{LDAP_FEATURE_INFO_VERSION, "VIRTUAL_LIST_VIEW", 0};
+    EXPECT_EQ(ldap_get_option(h.ld, LDAP_OPT_API_FEATURE_INFO, &feature), 0);
+    EXPECT_EQ(feature.ldapaif_version, LDAP_API_FEATURE_VIRTUAL_LIST_VIEW);
+    feature.ldapaif_name = "TIME_TRAVEL";
+    EXPECT_EQ(ldap_get_option(h.ld, LDAP_OPT_API_FEATURE_INFO, &feature), LDAP_PARAM_ERROR);
+    EXPECT_EQ(feature.ldapaif_version, 0);
 
-TEST_F(OptionReads, ConnectionAndErrorRecordOptions)
-{
     EXPECT_EQ(get_int(h.ld, LDAP_OPT_DESC), -1) << "not connected yet";
     EXPECT_EQ(get_int(h.ld, LDAP_OPT_PORT), 389);
-    char *host = nullptr;
-    ASSERT_EQ(ldap_get_option(h.ld, LDAP_OPT_HOST_NAME, &host), 0);
-    EXPECT_STREQ(host, "localhost");
-    EXPECT_NE(host, h.ld->ld_defconn->host);
-    lber_free(host);
-
+    char *text = nullptr;
+    ASSERT_EQ(ldap_get_option(h.ld, LDAP_OPT_HOST_NAME, &text), 0);
+    EXPECT_STREQ(text, "localhost");
+    EXPECT_NE(text, h.ld->ld_defconn->host);
+    lber_free(text);
     ASSERT_EQ(ldap_set_lderrno_direct(h.ld, 32, "dc=m", "not there"), 0);
     ASSERT_EQ(ldap_set_ext_error(h.ld, 406), 0);
     EXPECT_EQ(get_int(h.ld, LDAP_OPT_ERROR_NUMBER), 32);
     EXPECT_EQ(get_int(h.ld, LDAP_OPT_ERROR_NUMBER), 32) << "reading leaves the record alone";
-    char *msg = nullptr;
-    ASSERT_EQ(ldap_get_option(h.ld, LDAP_OPT_ERROR_STRING, &msg), 0);
-    EXPECT_STREQ(msg, "not there");
-    lber_free(msg);
+    ASSERT_EQ(ldap_get_option(h.ld, LDAP_OPT_ERROR_STRING, &text), 0);
+    EXPECT_STREQ(text, "not there");
+    lber_free(text);
     EXPECT_EQ(get_int(h.ld, LDAP_OPT_EXT_ERROR), 406);
-    EXPECT_EQ(ldap_get_option(h.ld, LDAP_OPT_ERROR_STRING, nullptr), LDAP_PARAM_ERROR);
 }
 
-TEST_F(OptionCopies, StringsAndTimeoutAreCopiedAndNullClears)
+TEST_F(Options, StringsAndTimeoutAreCopiedAndNullClears)
 {
     for (int option : {LDAP_OPT_SSL_KEYRING, LDAP_OPT_SSL_CERT_LABEL}) {
         char given[] = "TLSv1.2";
@@ -229,7 +200,6 @@ TEST_F(OptionCopies, StringsAndTimeoutAreCopiedAndNullClears)
         ASSERT_EQ(ldap_get_option(h.ld, option, &got), 0);
         EXPECT_EQ(got, nullptr);
     }
-
     struct timeval tv = {3, 500};
     ASSERT_EQ(ldap_set_option(h.ld, LDAP_OPT_CONNECT_TIMEOUT, &tv), 0);
     tv.tv_sec = 99;
@@ -245,7 +215,6 @@ TEST_F(OptionCopies, StringsAndTimeoutAreCopiedAndNullClears)
     ASSERT_EQ(ldap_get_option(h.ld, LDAP_OPT_CONNECT_TIMEOUT, &got), 0);
     EXPECT_EQ(got, nullptr);
     EXPECT_EQ(h.ld->ld_connect_timeout, nullptr);
-
     int marker = 0;
     ASSERT_EQ(ldap_set_option(h.ld, LDAP_OPT_REBIND_FN, &marker), 0);
     void *proc = nullptr;
@@ -253,21 +222,19 @@ TEST_F(OptionCopies, StringsAndTimeoutAreCopiedAndNullClears)
     EXPECT_EQ(proc, &marker);
 }
 
-TEST_F(OptionCopies, ControlListsAreCopiedBothWays)
+TEST_F(Options, ControlListsAreCopiedBothWays)
 {
     ControlList given(false);
     ASSERT_EQ(ldap_set_option(h.ld, LDAP_OPT_SERVER_CONTROLS, given.list), 0);
     ASSERT_NE(h.ld->ld_sctrls, nullptr);
     EXPECT_NE(h.ld->ld_sctrls, given.list);
     EXPECT_NE(h.ld->ld_sctrls[0]->ldctl_oid, given.storage[0].ldctl_oid);
-
     LDAPControl **got = nullptr;
     ASSERT_EQ(ldap_get_option(h.ld, LDAP_OPT_SERVER_CONTROLS, &got), 0);
     ASSERT_NE(got, nullptr);
     EXPECT_NE(got, h.ld->ld_sctrls) << "the caller's own copy";
     EXPECT_STREQ(got[0]->ldctl_oid, "1.2.3.4");
-    EXPECT_EQ(got[0]->ldctl_value.bv_len, 5u);
-    EXPECT_EQ(memcmp(got[0]->ldctl_value.bv_val, "\x04\x03" "abc", 5), 0);
+    EXPECT_EQ(std::string(got[0]->ldctl_value.bv_val, got[0]->ldctl_value.bv_len), "\x04\x03" "abc");
     EXPECT_STREQ(got[1]->ldctl_oid, "2.16.840.1.113730.3.4.2");
     EXPECT_EQ(got[2], nullptr);
     ldap_controls_free(got);
@@ -279,21 +246,15 @@ TEST_F(OptionCopies, ControlListsAreCopiedBothWays)
               LDAP_UNAVAILABLE_CRITICAL_EXTENSION);
     EXPECT_EQ(ldap_get_errno(h.ld), LDAP_UNAVAILABLE_CRITICAL_EXTENSION);
     ASSERT_EQ(ldap_get_option(h.ld, LDAP_OPT_CLIENT_CONTROLS, &got), 0);
-    ASSERT_NE(got, nullptr);
     EXPECT_EQ(got[1]->ldctl_iscritical, 0);
     ldap_controls_free(got);
     EXPECT_EQ(ldap_set_option(h.ld, LDAP_OPT_SERVER_CONTROLS, critical.list), 0)
         << "server controls may be critical";
-
     ASSERT_EQ(ldap_set_option(h.ld, LDAP_OPT_SERVER_CONTROLS, nullptr), 0);
     EXPECT_EQ(h.ld->ld_sctrls, nullptr);
-    ASSERT_EQ(ldap_get_option(h.ld, LDAP_OPT_SERVER_CONTROLS, &got), 0);
-    EXPECT_EQ(got, nullptr);
-}
+    EXPECT_EQ(first_control(h.ld, LDAP_OPT_SERVER_CONTROLS), "");
 
-TEST_F(OptionCopies, SettingControlsSurvivesEveryAllocationFailure)
-{
-    ControlList given(false);
+    // Every allocation of a new list can fail; the list held before stays whole.
     for (int option : {LDAP_OPT_SERVER_CONTROLS, LDAP_OPT_CLIENT_CONTROLS}) {
         SCOPED_TRACE(option);
         ASSERT_EQ(ldap_set_option(h.ld, option, given.list), 0);
@@ -302,17 +263,11 @@ TEST_F(OptionCopies, SettingControlsSurvivesEveryAllocationFailure)
             if (rc != 0) {
                 EXPECT_EQ(rc, LDAP_NO_MEMORY);
                 EXPECT_EQ(ldap_get_errno(h.ld), LDAP_NO_MEMORY);
-                return false;
+                EXPECT_EQ(first_control(h.ld, option), "1.2.3.4");
             }
-            return true;
+            return rc == 0;
         });
         EXPECT_GT(walked, 3);
-        // The list held before each failure is still whole.
-        LDAPControl **got = nullptr;
-        ASSERT_EQ(ldap_get_option(h.ld, option, &got), 0);
-        ASSERT_NE(got, nullptr);
-        EXPECT_STREQ(got[0]->ldctl_oid, "1.2.3.4");
-        ldap_controls_free(got);
         ASSERT_EQ(ldap_set_option(h.ld, option, nullptr), 0);
     }
 }
@@ -322,23 +277,16 @@ TEST(GlobalDefaults, NullHandleChangesOnlyTheGlobalDefault)
     LDAP *global = ld_set_global_default();
     ASSERT_NE(global, nullptr);
     EXPECT_EQ(ld_set_global_default(), global) << "created once";
-    EXPECT_EQ(global->ld_version, 3);
-    EXPECT_EQ(global->ld_referrals, 1);
-    EXPECT_EQ(global->ld_hoplimit, 10);
-    EXPECT_EQ(global->ld_bind_flag, 0);
-    EXPECT_EQ(global->ld_default_field, 128);
-
+    EXPECT_EQ(global->ld_bind_flag, 0) << "unlike a handle's";
     ASSERT_EQ(set_int(nullptr, LDAP_OPT_SIZELIMIT, 500), 0);
     ASSERT_EQ(set_int(nullptr, LDAP_OPT_TIMELIMIT, 30), 0);
     EXPECT_EQ(get_int(nullptr, LDAP_OPT_SIZELIMIT), 500);
     EXPECT_EQ(set_int(nullptr, LDAP_OPT_DEREF, 9), LDAP_PARAM_ERROR);
-
-    Handle h;
+    wzrtest::Handle h;
     ASSERT_NE(h.ld, nullptr);
     EXPECT_EQ(get_int(h.ld, LDAP_OPT_SIZELIMIT), 0) << "new handles start from their own values";
     EXPECT_EQ(get_int(h.ld, LDAP_OPT_TIMELIMIT), 0);
     EXPECT_EQ(get_int(h.ld, LDAP_OPT_BIND_FLAG), 1);
-
     ASSERT_EQ(set_int(nullptr, LDAP_OPT_SIZELIMIT, 0), 0);
     ASSERT_EQ(set_int(nullptr, LDAP_OPT_TIMELIMIT, 0), 0);
 }
