@@ -34,10 +34,10 @@ TEST(TxnSlapd, CommitAppliesEveryUpdateAbortNoneAndASpoiledCommitNamesItsUpdate)
             return n;
         };
         struct berval *txnid = nullptr;
-        LDAPControl *spec = nullptr;
+        LDAPControl *in_txn = nullptr;
         ASSERT_EQ(ldap_txn_start_s(ld, nullptr, nullptr, &txnid), 0);
-        ASSERT_EQ(ldap_create_txn_spec_control(ld, txnid, &spec), 0);
-        LDAPControl *ctrls[] = {spec, nullptr};
+        ASSERT_EQ(ldap_create_txn_spec_control(ld, txnid, &in_txn), 0);
+        LDAPControl *ctrls[] = {in_txn, nullptr};
         int msgid = -1;
         for (const std::string &cn : c.cn) {
             v[0] = const_cast<char *>(cn.c_str());
@@ -53,7 +53,7 @@ TEST(TxnSlapd, CommitAppliesEveryUpdateAbortNoneAndASpoiledCommitNamesItsUpdate)
         EXPECT_EQ(seen(), c.applied) << c.cn[0];
         for (int i = 0; i < c.applied; ++i) // the shared server as it was
             (void)ldap_delete_s(ld, dn(c.cn[i]).c_str());
-        ldap_control_free(spec);
+        ldap_control_free(in_txn);
         ber_bvfree(txnid);
     }
     ldap_unbind(ld);
