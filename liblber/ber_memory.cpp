@@ -38,6 +38,8 @@ void *counted(void *p)
 
 void *lber_malloc(size_t size)
 {
+    if (!accounting.load(std::memory_order_relaxed))
+        return std::malloc(size == 0 ? 1 : size); // the production path: a call straight through
     if (hook_fails())
         return nullptr;
     return counted(std::malloc(size == 0 ? 1 : size));

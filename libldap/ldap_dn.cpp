@@ -727,7 +727,7 @@ char *ldap_get_dn(LDAP *ld, LDAPMessage *entry)
     OperationBracket op(ld);
     if (op.rc() != 0)
         return nullptr;
-    (void)ldap_set_lderrno_direct(ld, 0, nullptr, nullptr); // a fresh start for this thread
+    ldap_clear_lderrno(ld);
     if (entry == nullptr || entry->lm_ber == nullptr) {
         (void)ldap_fail(ld, LDAP_PARAM_ERROR);
         return nullptr;

@@ -4,21 +4,15 @@
 // on a copy that shares its buffer.
 #include "ldap_entry.h"
 
-#include <atomic>
 #include <cstdint>
 #include <cstring>
 
 #include "../liblber/ber_int.h"
+#include "ldap_attr_index.h"
 #include "ldap_error.h"
 #include "ldap_init.h"
 
 namespace {
-// Public operations start with a clean slate for the calling thread.
-void clear_error(LDAP *ld)
-{
-    (void)ldap_set_lderrno_direct(ld, 0, nullptr, nullptr); // nothing to undo if it fails
-}
-
 LDAPMessage *first_of_type(LDAPMessage *m, int type)
 {
     while (m != nullptr && m->lm_msgtype != type)
@@ -44,7 +38,7 @@ LDAPMessage *find_traced(const char *fn, LDAP *ld, LDAPMessage *from, bool after
     OperationBracket op(ld);
     if (op.rc() != 0)
         return nullptr;
-    clear_error(ld);
+    ldap_clear_lderrno(ld);
     LDAPMessage *start = from != nullptr && after ? ldap_chain_next(from) : from;
     LDAPMessage *found = first_of_type(start, type);
     LDAP_TRACE(LDAP_TRC_API, "%s: returning (%p)\n", fn, static_cast<void *>(found));
@@ -58,31 +52,11 @@ int count_traced(const char *fn, LDAP *ld, LDAPMessage *chain, int type)
     OperationBracket op(ld);
     if (op.rc() != 0)
         return -1;
-    clear_error(ld);
+    ldap_clear_lderrno(ld);
     int n = count_of_type(chain, type);
     LDAP_TRACE(LDAP_TRC_API, "%s: returning (%d)\n", fn, n);
     return n;
 }
-
-//   SearchResultEntry ::= [APPLICATION 4] SEQUENCE { objectName LDAPDN,
-//                           attributes SEQUENCE OF SEQUENCE { type, vals SET OF value } }
-// "{x{": enters the entry, skips the name and enters the attribute list. The caller has begun
-// the scan (fber_scan_begin) with the format it stands for.
-bool enter_attribute_list(BerElement *c)
-{
-    ber_len_t len;
-    return fber_skip_tag(c, &len) != LBER_ERROR && fber_skip_contents(c) != LBER_ERROR &&
-           fber_skip_tag(c, &len) != LBER_ERROR;
-}
-
-/* ---- the remembered attribute ----
- * Callers read an entry as "next_attribute, then the values of the type it returned". Each
- * successful read through a cursor of the entry remembers where that attribute begins, so that
- * the lookup by name can start there instead of scanning from the top of the entry. Only a
- * position a cursor of this entry reached is remembered: one of the attribute boundaries the
- * scan passes, in the same order, with every type before it readable. Taking the attribute there
- * gives what the scan gives when its type is the wanted one and no earlier type compares equal,
- * which the entry's distinct types (worked out once) guarantee. */
 
 // Whether `cursor` reads the entry's own bytes (it was handed out for this entry).
 bool reads_entry(const BerElement *cursor, const LDAPMessage *entry)
@@ -91,12 +65,29 @@ bool reads_entry(const BerElement *cursor, const LDAPMessage *entry)
     return e != nullptr && cursor->ber_buf == e->ber_buf && cursor->ber_end == e->ber_end;
 }
 
-void remember_attribute(LDAPMessage *entry, const BerElement *cursor, const unsigned char *at)
+// The index serves untranslated names only (they are handed out and compared as they lie), and
+// not while tracing, so that a trace always shows the decoding.
+LDAPAttrIndex *usable_index(LDAPMessage *entry, bool xlate)
 {
-    size_t offset = static_cast<size_t>(at - cursor->ber_buf);
-    if (reads_entry(cursor, entry) && offset < UINT32_MAX)
-        std::atomic_ref<uint32_t>(entry->lm_attr_hint)
-            .store(static_cast<uint32_t>(offset + 1), std::memory_order_relaxed);
+    return xlate || ldap_debug_enabled() ? nullptr : ldap_attr_index(entry);
+}
+
+// The type of the indexed attribute the cursor stands on, copied into a fresh 401-byte buffer;
+// the cursor moves to where reading the attribute leaves it.
+char *take_indexed_name(const LDAPAttrIndex *index, int k, BerElement *cursor, int *code)
+{
+    auto name = static_cast<char *>(lber_malloc(LDAP_ATTR_NAME_BUF));
+    if (name == nullptr) {
+        *code = LDAP_NO_MEMORY;
+        return nullptr;
+    }
+    const LDAPAttrSlot &slot = index->slot[k];
+    memcpy(name, cursor->ber_buf + slot.type, slot.type_len);
+    name[slot.type_len] = '\0';
+    cursor->ber_nomem = false;
+    cursor->ber_ptr = cursor->ber_buf +
+                      (static_cast<uint32_t>(k) + 1 < index->count ? index->slot[k + 1].at : index->end);
+    return name;
 }
 
 // The next attribute's type from the cursor into a fresh 401-byte buffer, skipping its values:
@@ -105,6 +96,14 @@ void remember_attribute(LDAPMessage *entry, const BerElement *cursor, const unsi
 char *read_attribute_name(LDAPMessage *entry, BerElement *cursor, int *code)
 {
     *code = 0;
+    bool xlate = fber_xlate_wanted(cursor);
+    LDAPAttrIndex *index;
+    if (reads_entry(cursor, entry) && cursor->ber_ptr >= cursor->ber_buf &&
+        (index = usable_index(entry, xlate)) != nullptr) {
+        int k = ldap_attr_index_find(index, static_cast<size_t>(cursor->ber_ptr - cursor->ber_buf));
+        if (k >= 0)
+            return take_indexed_name(index, k, cursor, code);
+    }
     ber_len_t len;
     if (cursor->ber_ptr >= cursor->ber_end || fber_peek_tag(cursor, &len) == LDAP_TAG_CONTROLS)
         return nullptr;
@@ -113,8 +112,6 @@ char *read_attribute_name(LDAPMessage *entry, BerElement *cursor, int *code)
         *code = LDAP_NO_MEMORY;
         return nullptr;
     }
-    bool xlate = fber_xlate_wanted(cursor);
-    const unsigned char *at = cursor->ber_ptr;
     ber_len_t name_len = LDAP_ATTR_NAME_BUF;
     if (!fber_scan_begin(cursor, "{sx}") || fber_skip_tag(cursor, &len) == LBER_ERROR ||
         fber_get_stringb_as(cursor, xlate, name, &name_len) == LBER_ERROR ||
@@ -123,7 +120,6 @@ char *read_attribute_name(LDAPMessage *entry, BerElement *cursor, int *code)
         *code = ldap_ber_failure(cursor, LDAP_DECODING_ERROR);
         return nullptr;
     }
-    remember_attribute(entry, cursor, at);
     return name;
 }
 
@@ -133,9 +129,14 @@ unsigned char ascii_fold(unsigned char ch) { return ch >= 'A' && ch <= 'Z' ? ch 
 // `len`) matches only when its string length is that of `type`, an embedded NUL included.
 // Compared from the end, where types sharing a long prefix (numeric or language suffixes)
 // differ first.
+[[gnu::always_inline]] inline bool same_length(const char *name, size_t len, size_t type_len)
+{
+    return len == type_len || (len > type_len && name[type_len] == '\0');
+}
+
 bool same_type(const char *name, size_t len, const char *type, size_t type_len)
 {
-    if (len != type_len && !(len > type_len && name[type_len] == '\0'))
+    if (!same_length(name, len, type_len))
         return false;
     if (memcmp(name, type, type_len) == 0)
         return true; // the usual case: the caller asks by the name it was handed
@@ -174,13 +175,13 @@ NameRead read_and_match_name(BerElement *c, const WantedType &want)
     return same_type(name, len, want.type, want.len) ? NameRead::Match : NameRead::Other;
 }
 
-// Positions `c` (a copy of the entry's element) at the value set of the first attribute named
-// `want`: "{x{{s", then "x}{s" past each attribute of another name. Running off the list, and
-// any type that cannot be read on the way, is a decoding failure (an absent attribute too).
-bool seek_attribute(BerElement *c, const WantedType &want)
+// From `c` standing on an attribute's SEQUENCE: "{s", then "x}{s" past each attribute of another
+// name, leaving `c` at the value set of the first attribute named `want`. Running off the list,
+// and any type that cannot be read on the way, is a decoding failure (an absent attribute too).
+bool scan_for_attribute(BerElement *c, const WantedType &want)
 {
     ber_len_t len;
-    if (!fber_scan_begin(c, "{x{{s") || !enter_attribute_list(c) || fber_skip_tag(c, &len) == LBER_ERROR)
+    if (fber_skip_tag(c, &len) == LBER_ERROR)
         return false;
     for (;;) {
         NameRead r = read_and_match_name(c, want);
@@ -191,79 +192,24 @@ bool seek_attribute(BerElement *c, const WantedType &want)
     }
 }
 
-// Entries with more types than this are never judged distinct: they are always scanned.
-constexpr int MAX_DISTINCT_TYPES = 64;
-
-struct TypeView {
-    const char *name;
-    ber_len_t len;
-};
-
-bool types_distinct(const TypeView *types, int n)
+// Positions `c` (a copy of the entry's element) at the value set of the first attribute named
+// `want`, as the scan "{x{{s" would: through the index where the entry has one, comparing the
+// indexed types in order and going on with the scan where the index stops.
+bool seek_attribute(LDAPMessage *entry, BerElement *c, const WantedType &want)
 {
-    for (int i = 0; i < n; ++i) {
-        if (memchr(types[i].name, '\0', types[i].len) != nullptr)
-            return false; // compares as a shorter string: not worth judging
-        for (int j = 0; j < i; ++j) {
-            if (types[j].len == types[i].len &&
-                same_type(types[j].name, types[j].len, types[i].name, types[i].len))
-                return false;
+    const LDAPAttrIndex *index = usable_index(entry, want.xlate);
+    if (index == nullptr)
+        return fber_scan_begin(c, "{x{{s") && ldap_enter_attribute_list(c) && scan_for_attribute(c, want);
+    for (uint32_t k = 0; k < index->count; ++k) {
+        const LDAPAttrSlot &slot = index->slot[k];
+        const char *name = reinterpret_cast<const char *>(c->ber_buf + slot.type);
+        if (same_length(name, slot.type_len, want.len) && same_type(name, slot.type_len, want.type, want.len)) {
+            c->ber_ptr = c->ber_buf + slot.type + slot.type_len;
+            return true;
         }
     }
-    return true;
-}
-
-// Reads every type of the entry the way a cursor walks them from `c` (a fresh copy of the
-// entry's element) and judges whether they are all distinct. Only an entry whose every type
-// reads cleanly is judged at all, so the shortcut never passes over a type the scan would stop at.
-bool walk_types_distinct(BerElement c)
-{
-    TypeView types[MAX_DISTINCT_TYPES];
-    int n = 0;
-    ber_len_t len;
-    if (!enter_attribute_list(&c))
-        return false;
-    while (c.ber_ptr < c.ber_end && fber_peek_tag(&c, &len) != LDAP_TAG_CONTROLS) {
-        TypeView t;
-        if (n == MAX_DISTINCT_TYPES || fber_skip_tag(&c, &len) == LBER_ERROR ||
-            fber_get_string_view(&c, &t.name, &t.len) == LBER_ERROR ||
-            t.len >= LDAP_ATTR_NAME_BUF || fber_skip_contents(&c) == LBER_ERROR)
-            return false;
-        types[n++] = t;
-    }
-    return types_distinct(types, n);
-}
-
-bool entry_types_distinct(LDAPMessage *entry, const BerElement &c)
-{
-    std::atomic_ref<int32_t> known(entry->lm_attr_unique);
-    int32_t v = known.load(std::memory_order_relaxed);
-    if (v == 0) {
-        v = walk_types_distinct(c) ? 1 : -1;
-        known.store(v, std::memory_order_relaxed);
-    }
-    return v > 0;
-}
-
-// Positions `c` (a fresh copy of the entry's element) at the value set of the remembered
-// attribute when that is where the scan would stop. Untranslated names only (they are compared
-// where they lie), and not while tracing, so that a trace always shows the scan.
-bool seek_remembered(LDAPMessage *entry, BerElement *c, const WantedType &want)
-{
-    uint32_t hint = std::atomic_ref<uint32_t>(entry->lm_attr_hint).load(std::memory_order_relaxed);
-    size_t from = static_cast<size_t>(c->ber_ptr - c->ber_buf);
-    size_t end = static_cast<size_t>(c->ber_end - c->ber_buf);
-    if (hint == 0 || want.xlate || ldap_debug_enabled() || !ber_is_fber(c) || hint - 1 < from ||
-        hint - 1 >= end)
-        return false;
-    BerElement at = *c;
-    at.ber_ptr = c->ber_buf + (hint - 1);
-    ber_len_t len;
-    if (fber_skip_tag(&at, &len) == LBER_ERROR || read_and_match_name(&at, want) != NameRead::Match ||
-        !entry_types_distinct(entry, *c))
-        return false;
-    *c = at;
-    return true;
+    c->ber_ptr = c->ber_buf + index->end;
+    return scan_for_attribute(c, want);
 }
 
 // The value set as strings ("[v]"), or as bervals ("[V]") in one block: a caller walks and
@@ -286,7 +232,7 @@ Value **get_values(LDAP *ld, LDAPMessage *entry, const char *type)
     OperationBracket op(ld);
     if (op.rc() != 0)
         return nullptr;
-    clear_error(ld);
+    ldap_clear_lderrno(ld);
     if (entry == nullptr || type == nullptr || entry->lm_ber == nullptr) {
         (void)ldap_fail(ld, LDAP_PARAM_ERROR);
         return nullptr;
@@ -295,14 +241,20 @@ Value **get_values(LDAP *ld, LDAPMessage *entry, const char *type)
     bool xlate = fber_xlate_wanted(&c);
     WantedType want{type, strlen(type), xlate};
     Value **values = nullptr;
-    bool found = seek_remembered(entry, &c, want) || seek_attribute(&c, want);
-    if (!found || read_value_set(&c, xlate, &values) == FberList::Error) {
+    if (!seek_attribute(entry, &c, want) || read_value_set(&c, xlate, &values) == FberList::Error) {
         (void)ldap_fail(ld, LDAP_DECODING_ERROR, &c);
         return nullptr;
     }
     return values;
 }
 } // namespace
+
+bool ldap_enter_attribute_list(BerElement *c)
+{
+    ber_len_t len;
+    return fber_skip_tag(c, &len) != LBER_ERROR && fber_skip_contents(c) != LBER_ERROR &&
+           fber_skip_tag(c, &len) != LBER_ERROR;
+}
 
 LDAPMessage *ldap_first_entry(LDAP *ld, LDAPMessage *chain)
 {
@@ -343,14 +295,14 @@ int ldap_count_attributes(LDAP *ld, LDAPMessage *entry)
     OperationBracket op(ld);
     if (op.rc() != 0)
         return -1;
-    clear_error(ld);
+    ldap_clear_lderrno(ld);
     if (entry == nullptr || entry->lm_ber == nullptr) {
         (void)ldap_fail(ld, LDAP_PARAM_ERROR);
         return 0;
     }
     BerElement c = ldap_read_cursor(entry->lm_ber);
     int n = 0;
-    if (!fber_scan_begin(&c, "{x{") || !enter_attribute_list(&c)) {
+    if (!fber_scan_begin(&c, "{x{") || !ldap_enter_attribute_list(&c)) {
         (void)ldap_fail(ld, LDAP_DECODING_ERROR);
     } else {
         ber_len_t len;
@@ -368,7 +320,7 @@ char *ldap_first_attribute(LDAP *ld, LDAPMessage *entry, BerElement **cursor)
     OperationBracket op(ld);
     if (op.rc() != 0)
         return nullptr;
-    clear_error(ld);
+    ldap_clear_lderrno(ld);
     if (cursor != nullptr)
         *cursor = nullptr;
     if (entry == nullptr || cursor == nullptr || entry->lm_ber == nullptr) {
@@ -382,7 +334,7 @@ char *ldap_first_attribute(LDAP *ld, LDAPMessage *entry, BerElement **cursor)
     }
     char *name = nullptr;
     int code = LDAP_DECODING_ERROR;
-    if (fber_scan_begin(c, "{x{") && enter_attribute_list(c))
+    if (fber_scan_begin(c, "{x{") && ldap_enter_attribute_list(c))
         name = read_attribute_name(entry, c, &code);
     if (name == nullptr && code != 0) {
         (void)ldap_fail(ld, code);
@@ -402,7 +354,7 @@ char *ldap_next_attribute(LDAP *ld, LDAPMessage *entry, BerElement *cursor)
     OperationBracket op(ld);
     if (op.rc() != 0)
         return nullptr;
-    clear_error(ld);
+    ldap_clear_lderrno(ld);
     if (cursor == nullptr || entry == nullptr) {
         (void)ldap_fail(ld, LDAP_PARAM_ERROR);
         return nullptr;

@@ -18,6 +18,12 @@ inline BerElement ldap_read_cursor(const BerElement *ber)
     return c;
 }
 
+//   SearchResultEntry ::= [APPLICATION 4] SEQUENCE { objectName LDAPDN,
+//                           attributes SEQUENCE OF SEQUENCE { type, vals SET OF value } }
+// "{x{": enters the entry, skips the name and enters the attribute list. The caller has begun
+// the scan (fber_scan_begin) with the format it stands for, where a trace should show it.
+[[nodiscard]] bool ldap_enter_attribute_list(BerElement *c);
+
 // The next record of a response chain. A record that ldap_result handed out alone stays linked
 // into its row, so its links are not the caller's to follow.
 inline LDAPMessage *ldap_chain_next(const LDAPMessage *m)

@@ -206,6 +206,8 @@ int copy_pair(const char *matched, const char *errmsg, char **matched_copy, char
 
 } // namespace
 
+bool ldap_lderrno_is_clear(LDAP *ld) { return already_clear(ld, 0, nullptr, nullptr); }
+
 int ldap_read_error_record(LDAP *ld, int *code, int *ext, char **matched, char **errmsg)
 {
     if (matched != nullptr)
@@ -448,11 +450,11 @@ int decode_result(LDAPMessage *msg, int *code, char **matched, char **errmsg)
     return 0;
 }
 
-int record_result(LDAP *ld, LDAPMessage *res)
+int record_result(LDAP *ld, LDAPMessage *res, LDAPMessage *last)
 {
-    LDAPMessage *last = res;
-    while (last->lm_chain != nullptr)
-        last = last->lm_chain;
+    if (last == nullptr)
+        for (last = res; last->lm_chain != nullptr;)
+            last = last->lm_chain;
     if (last->lm_msgtype == LDAP_RES_SEARCH_ENTRY || last->lm_msgtype == LDAP_RES_SEARCH_REFERENCE)
         return ldap_fail(ld, LDAP_PARAM_ERROR); // entries and references carry no result
 
@@ -473,6 +475,11 @@ int record_result(LDAP *ld, LDAPMessage *res)
 
 int ldap_result2error(LDAP *ld, LDAPMessage *res, int freeit)
 {
+    return ldap_result2error_at(ld, res, nullptr, freeit);
+}
+
+int ldap_result2error_at(LDAP *ld, LDAPMessage *res, LDAPMessage *last, int freeit)
+{
     LDAP_TRACE(LDAP_TRC_API, "ldap_result2error: ld(%p) res(%p) freeit(%d)\n",
                static_cast<void *>(ld), static_cast<void *>(res), freeit);
     if (res == nullptr) {
@@ -483,7 +490,7 @@ int ldap_result2error(LDAP *ld, LDAPMessage *res, int freeit)
     OperationBracket op(ld);
     if (op.rc() != 0)
         return LDAP_PARAM_ERROR;
-    int code = record_result(ld, res);
+    int code = record_result(ld, res, last);
     if (freeit)
         (void)ldap_msgfree(res); // returns the freed type, not a code
     return code;

@@ -19,12 +19,27 @@ int ldap_get_lderrno_direct(LDAP *ld, char **matched, char **errmsg);
 int ldap_get_lderrno(LDAP *ld, char **matched, char **errmsg);
 void ldap_perror(LDAP *ld, const char *prefix);
 int ldap_result2error(LDAP *ld, LDAPMessage *res, int freeit);
+// ldap_result2error for a chain whose final result the caller holds already (`last`; null: it
+// is found by walking the chain).
+int ldap_result2error_at(LDAP *ld, LDAPMessage *res, LDAPMessage *last, int freeit);
 void ldap_free_error_records(LDAPErrorRec *head);
 
 // The calling thread's record without judging it: its code and ext error (0 without a record)
 // and copies of its strings for each non-null out pointer. Returns 0, 89 (null handle),
 // 90 (nothing handed out) or 129.
 int ldap_read_error_record(LDAP *ld, int *code, int *ext, char **matched, char **errmsg);
+
+// Whether the calling thread's record of `ld` holds no code and no strings. Read without the
+// error lock: a record's code and strings are written only by its own thread.
+bool ldap_lderrno_is_clear(LDAP *ld);
+
+// A clean slate for the calling thread, as every public call starts with; the record is
+// nearly always clear already, which costs only the look.
+inline void ldap_clear_lderrno(LDAP *ld)
+{
+    if (ld != nullptr && !ldap_lderrno_is_clear(ld))
+        (void)ldap_set_lderrno_direct(ld, 0, nullptr, nullptr); // nothing to undo if it fails
+}
 
 // Records code (no matched DN, no message) and returns it: `return ldap_fail(ld, 89);`
 inline int ldap_fail(LDAP *ld, int code)

@@ -473,33 +473,23 @@ void release_hold(LDAP *ld)
 }
 } // namespace
 
-int ldap_start_operation(LDAP *ld)
+int ldap_start_refused(LDAP *ld)
 {
-    if (ld == nullptr || memcmp(ld->ld_eyecatcher, LDAP_EYE_HANDLE, sizeof LDAP_EYE_HANDLE) != 0) {
+    if (!ldap_handle_alive(ld)) {
         LDAP_TRACE(LDAP_TRC_ERROR, "Invalid ld in ldap_start_operation\n");
         return LDAP_PARAM_ERROR;
     }
-    // The hold is taken before the unbind flag is read, and unbind sets the flag before it
-    // looks for holds (after a barrier every thread passes, or in one total order with the
-    // count): either this operation sees the flag and leaves, or the unbind sees the hold and
-    // waits for it.
-    if (!ldap_inflight_enter(ld))
-        __atomic_add_fetch(&ld->ld_opcount, 1, __ATOMIC_SEQ_CST);
-    if (__atomic_load_n(&ld->ld_unbind_started, __ATOMIC_SEQ_CST) != 0) {
-        ldap_end_operation(ld);
-        LDAP_TRACE(LDAP_TRC_API, "ldap_start_operation: unbind started\n");
-        return LDAP_PARAM_ERROR;
-    }
-    return 0;
+    ldap_end_operation(ld);
+    LDAP_TRACE(LDAP_TRC_API, "ldap_start_operation: unbind started\n");
+    return LDAP_PARAM_ERROR;
 }
 
-void ldap_end_operation(LDAP *ld)
+void ldap_end_operation_slow(LDAP *ld)
 {
-    if (ld == nullptr || memcmp(ld->ld_eyecatcher, LDAP_EYE_HANDLE, sizeof LDAP_EYE_HANDLE) != 0) {
+    if (!ldap_handle_alive(ld)) {
         LDAP_TRACE(LDAP_TRC_ERROR, "Invalid ld in ldap_start_operation\n");
         return;
     }
-    // Once the hold is given up an unbind may free the handle, so the flag is read first.
     // When an unbind waits, the hold is given up under the handle mutex, which the unbind
     // needs before it can free anything, and it is woken. One that starts just after this
     // look finds the hold gone on its own (it looks again every millisecond).

@@ -3,7 +3,10 @@
 #ifndef WZR_LIBLDAP_LDAP_INIT_H
 #define WZR_LIBLDAP_LDAP_INIT_H
 
+#include <cstring>
+
 #include "ldap_deadline.h"
+#include "ldap_inflight.h"
 #include "ldap_int.h"
 
 LDAP *ldap_init(const char *host, int port);
@@ -12,8 +15,40 @@ LDAPConn *ldap_lc_init(const char *host, int port, unsigned table_rows);
 // Write lock of lc held. Keeps to the connect time-out (option 70) and to `until`.
 [[nodiscard]] int open_ldap_connection(LDAP *ld, LDAPConn *lc, const LDAPDeadline &until = {});
 
-[[nodiscard]] int ldap_start_operation(LDAP *ld); // 0, 89 or 129
-void ldap_end_operation(LDAP *ld);
+// The operation bracket: every public call on a handle runs inside one, so that an unbind never
+// frees the handle under it. Inline, because a walk over one entry makes dozens of calls; the
+// slow sides (an invalid handle, an unbind under way, a hold counted on the handle) are not.
+inline bool ldap_handle_alive(const LDAP *ld)
+{
+    return ld != nullptr && memcmp(ld->ld_eyecatcher, LDAP_EYE_HANDLE, sizeof LDAP_EYE_HANDLE) == 0;
+}
+[[nodiscard]] int ldap_start_refused(LDAP *ld); // 89, with the hold taken back
+void ldap_end_operation_slow(LDAP *ld);
+
+// 0, or 89 for an invalid handle or one being unbound.
+[[nodiscard]] inline int ldap_start_operation(LDAP *ld)
+{
+    if (!ldap_handle_alive(ld))
+        return ldap_start_refused(ld);
+    // The hold is taken before the unbind flag is read, and unbind sets the flag before it
+    // looks for holds (after a barrier every thread passes, or in one total order with the
+    // count): either this operation sees the flag and leaves, or the unbind sees the hold and
+    // waits for it.
+    if (!ldap_inflight_enter(ld))
+        __atomic_add_fetch(&ld->ld_opcount, 1, __ATOMIC_SEQ_CST);
+    if (__atomic_load_n(&ld->ld_unbind_started, __ATOMIC_SEQ_CST) != 0)
+        return ldap_start_refused(ld);
+    return 0;
+}
+
+inline void ldap_end_operation(LDAP *ld)
+{
+    // Once the hold is given up an unbind may free the handle, so the flag is read first.
+    if (ldap_handle_alive(ld) && __atomic_load_n(&ld->ld_unbind_started, __ATOMIC_ACQUIRE) == 0 &&
+        ldap_inflight_leave(ld))
+        return;
+    ldap_end_operation_slow(ld);
+}
 // Operations now bracketed on the handle, by every thread.
 uint32_t ldap_operations_in_progress(const LDAP *ld);
 int ldap_ld_valid(LDAP *ld); // 1 when the eyecatcher reads "LDAP HDL"

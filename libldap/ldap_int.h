@@ -15,6 +15,7 @@
 
 struct LDAPConn;
 struct LDAPMsgTable;
+struct LDAPAttrIndex;
 
 // A control: OID, value, criticality. Lists are null-terminated arrays of pointers.
 struct LDAPControl {
@@ -49,11 +50,9 @@ struct ldapmsg {
     LDAPConn *lm_conn;
     ldapmsg *lm_chain; // next in the row's chain, also the queue link
     ldapmsg *lm_prev;
-    // Entries only, for the attribute walk (ldap_entry.cpp). Read and written through
-    // std::atomic_ref, relaxed: threads may read one entry at once, and each value is a hint that
-    // every use checks against the entry's bytes, so a stale one only costs a scan.
-    uint32_t lm_attr_hint;   // 1 + offset from ber_buf of the attribute a cursor last read; 0 none
-    int32_t lm_attr_unique;  // 1: the types a cursor can read are all distinct; -1 not; 0 unknown
+    // Entries only: the attribute index (ldap_attr_index.cpp), built on first use by whichever
+    // thread walks the entry first and published once; read and written through std::atomic_ref.
+    LDAPAttrIndex *lm_attr_index;
     char lm_eyecatcher[8]; // "EYEALIVE" while alive
 };
 inline constexpr uint32_t LDAP_MSG_SINGLE = 2;

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "../trace/ldap_env.h"
+#include "ldap_attr_index.h"
 #include "ldap_error.h"
 #include "ldap_init.h"
 #include "ldap_lock.h"
@@ -30,6 +31,7 @@ void free_one(LDAPMessage *msg)
 {
     if (msg->lm_ber != nullptr)
         ber_free(msg->lm_ber, 1);
+    ldap_attr_index_free(msg);
     memcpy(msg->lm_eyecatcher, LDAP_EYE_DEAD, sizeof LDAP_EYE_DEAD);
     lber_free(msg);
 }
@@ -137,7 +139,7 @@ LDAPMessage *ldap_first_message(LDAP *ld, LDAPMessage *res)
     OperationBracket op(ld);
     if (op.rc() != 0)
         return nullptr;
-    (void)ldap_set_lderrno_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
+    ldap_clear_lderrno(ld);
     return res;
 }
 
@@ -153,7 +155,7 @@ LDAPMessage *ldap_next_message(LDAP *ld, LDAPMessage *msg)
     OperationBracket op(ld);
     if (op.rc() != 0)
         return nullptr;
-    (void)ldap_set_lderrno_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
+    ldap_clear_lderrno(ld);
     if (!ldap_msg_valid(msg)) {
         LDAP_TRACE(LDAP_TRC_ERROR, "INVALID: ldap_next_message invalid parm: %p\n",
                    static_cast<void *>(msg));

@@ -146,7 +146,8 @@ int ldap_op_ext_s(LDAP *ld, const OpSyncTraces &traces, struct timeval *timeout,
         return rc;
     }
     LDAPMessage *result = nullptr;
-    int type = ldap_result_until(ld, msgid, LDAP_MSG_ALL, until, &result);
+    LDAPMessage *last = nullptr;
+    int type = ldap_result_until(ld, msgid, LDAP_MSG_ALL, until, &result, &last);
     if (type == 0) {
         abandon_timed_out(ld, msgid);
         return recorded_failure(ld);
@@ -161,7 +162,7 @@ int ldap_op_ext_s(LDAP *ld, const OpSyncTraces &traces, struct timeval *timeout,
         return rc;
     }
     if (res == nullptr)
-        return ldap_result2error(ld, result, 1);
+        return ldap_result2error_at(ld, result, last, 1);
     *res = result;
-    return ldap_result2error(ld, result, 0);
+    return ldap_result2error_at(ld, result, last, 0);
 }

@@ -320,7 +320,8 @@ namespace {
 // `on_error(took_some)` runs when a take fails; what was taken is freed.
 template <typename Take, typename Done, typename OnError>
 int collect_row(LDAP *ld, LDAPMsgTable *table, int msgid, const LDAPDeadline &until,
-                LDAPMessage **result, Take take, Done done, OnError on_error)
+                LDAPMessage **result, Take take, Done done, OnError on_error,
+                LDAPMessage **final = nullptr)
 {
     *result = nullptr;
     LDAPMessage *head = nullptr;
@@ -352,20 +353,22 @@ int collect_row(LDAP *ld, LDAPMsgTable *table, int msgid, const LDAPDeadline &un
         last = msg;
         if (done(msg)) {
             *result = head;
+            if (final != nullptr)
+                *final = msg;
             return msg->lm_msgtype;
         }
     }
 }
 
 int ldap_return_all_msgs(LDAP *ld, int msgid, const LDAPDeadline &until, LDAPMessage **result,
-                         LDAPMsgTable *table, int chase, int hops)
+                         LDAPMsgTable *table, int chase, int hops, LDAPMessage **last)
 {
     auto take = [&](const LDAPDeadline &d, LDAPMessage **msg) {
         return ldap_return_one_msg(ld, msgid, d, msg, table, chase, hops);
     };
     auto done = [](LDAPMessage *msg) { return is_last_msg(msg) != 0; };
     auto on_error = [&](bool) { ldap_msg_table_release_child(ld, table, msgid); };
-    return collect_row(ld, table, msgid, until, result, take, done, on_error);
+    return collect_row(ld, table, msgid, until, result, take, done, on_error, last);
 }
 
 // The row's referral policy is decided by its first retrieval and kept for its life.
@@ -422,7 +425,7 @@ int ldap_result(LDAP *ld, int msgid, int all, struct timeval *timeout, LDAPMessa
 }
 
 int ldap_result_until(LDAP *ld, int msgid, int all, const LDAPDeadline &until,
-                      LDAPMessage **result)
+                      LDAPMessage **result, LDAPMessage **last)
 {
     OperationBracket op(ld);
     if (op.rc() != 0)
@@ -453,7 +456,7 @@ int ldap_result_until(LDAP *ld, int msgid, int all, const LDAPDeadline &until,
         if (type > 0)
             (*result)->lm_flags |= LDAP_MSG_SINGLE;
     } else {
-        type = ldap_return_all_msgs(ld, id, until, result, table, chase, hops);
+        type = ldap_return_all_msgs(ld, id, until, result, table, chase, hops, last);
     }
     if (type == 0)
         (void)ldap_set_lderrno_direct(ld, LDAP_TIMEOUT, nullptr, nullptr);
@@ -531,7 +534,7 @@ namespace {
 // taken. Short results and single responses never pause, bytes already read are never held
 // back, and a wait with less time left than the pause does not pause.
 constexpr int32_t STREAM_RUN_TO_COALESCE = 8;
-constexpr int64_t STREAM_BATCH = 32;
+constexpr int64_t STREAM_BATCH = 128;
 constexpr int64_t STREAM_PAUSE_MIN_NS = 20'000;
 constexpr int64_t STREAM_PAUSE_MAX_NS = 2'000'000;
 

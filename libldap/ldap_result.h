@@ -6,9 +6,10 @@
 #include "ldap_int.h"
 
 int ldap_result(LDAP *ld, int msgid, int all, struct timeval *timeout, LDAPMessage **result);
-// ldap_result within a deadline set by the caller's own entry point.
+// ldap_result within a deadline set by the caller's own entry point. In all-mode, *last (when
+// asked for) receives the chain's final result, which a long chain would be walked to find.
 int ldap_result_until(LDAP *ld, int msgid, int all, const LDAPDeadline &until,
-                      LDAPMessage **result);
+                      LDAPMessage **result, LDAPMessage **last = nullptr);
 int ldap_get_result(LDAP *ld, int msgid, int all, const LDAPDeadline &until,
                     LDAPMessage **result, LDAPMsgTable *table);
 // One message of the row in one-message mode, with the row's referral policy: chasing on,

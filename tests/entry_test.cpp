@@ -1,5 +1,5 @@
 // Walking results: entries and references along a chain, counting, the attribute cursor, values
-// by name (strings and bervals), the remembered attribute position, the 401-byte name limit and
+// by name (strings and bervals), the attribute index, the 401-byte name limit and
 // the release functions.
 #include <gtest/gtest.h>
 
@@ -17,6 +17,7 @@
 #include "libldap/ldap_init.h"
 #include "libldap/ldap_unbind.h"
 #include "support/msg_builder.h"
+#include "trace/ldap_trace.h"
 #include "support/test_util.h"
 
 namespace {
@@ -256,6 +257,7 @@ TEST(EntryValues, BervalValuesAreOneBlockOfTerminatedCopies)
     wzrtest::free_msgs(e);
 
     e = person();
+    ldap_value_free_len(ldap_get_values_len(h.ld, e, "cn")); // builds the entry's index
     EXPECT_EQ(wzrtest::walk_alloc_failures([&] {
                   bool ok = true;
                   BerElement *cursor = nullptr;
@@ -342,7 +344,7 @@ size_t attribute_offset(LDAPMessage *e, const std::string &type)
 // A cursor of one entry passed along with another entry must leave nothing behind in the
 // other: here the position it reads in its own entry falls, in the other, on a value whose
 // bytes look like an attribute of the same type.
-TEST(EntryValues, ACursorOfAnotherEntryLeavesNoRememberedPosition)
+TEST(EntryValues, ACursorOfAnotherEntryReadsWhereItStands)
 {
     Handle h;
     const std::string fake_attr = std::string("\x30\x0B\x04\x02sn\x31\x05\x04\x03", 10) + "bad";
@@ -371,34 +373,77 @@ TEST(EntryValues, ACursorOfAnotherEntryLeavesNoRememberedPosition)
     wzrtest::free_msgs(victim);
 }
 
-// Whatever position an entry remembers, a lookup by name gives what the scan from the top gives:
-// positions past the data, inside headers, inside values, on other attributes; and a forged
-// position beyond a type the lookup cannot read does not skip that failure.
-TEST(EntryValues, ARememberedPositionOnGarbageFallsBackToTheScan)
+// What a cursor read or a lookup by name gives: the name or values, the code, where the cursor
+// stands.
+struct Outcome {
+    std::string got;
+    int code;
+    long at;
+    bool operator==(const Outcome &) const = default;
+};
+
+Outcome next_from(LDAP *ld, LDAPMessage *e, long offset)
+{
+    BerElement *cursor = nullptr;
+    ldap_memfree(ldap_first_attribute(ld, e, &cursor));
+    if (cursor == nullptr)
+        return {"no cursor", ldap_get_errno(ld), 0};
+    cursor->ber_ptr = cursor->ber_buf + offset;
+    char *a = ldap_next_attribute(ld, e, cursor);
+    Outcome o{a != nullptr ? a : "(null)", ldap_get_errno(ld), cursor->ber_ptr - cursor->ber_buf};
+    ldap_memfree(a);
+    ldap_ber_free(cursor, 0);
+    return o;
+}
+
+Outcome lookup(LDAP *ld, LDAPMessage *e, const std::string &type)
+{
+    std::string got;
+    for (const std::string &v : values_of(ld, e, type.c_str()))
+        got += v + "|";
+    return {got, ldap_get_errno(ld), 0};
+}
+
+// The attribute index must change no result. While tracing, every read decodes the entry's
+// bytes, so the same reads with and without tracing must agree: cursors standing anywhere
+// (attribute boundaries, inside headers and values, past the end), and lookups of present,
+// repeated, absent and unreadable types, on entries whose list ends in controls or in an
+// attribute the walkers refuse (a type longer than 400 bytes).
+TEST(EntryValues, TheAttributeIndexChangesNoResult)
 {
     Handle h;
-    LDAPMessage *e = person();
-    size_t size = static_cast<size_t>(e->lm_ber->ber_end - e->lm_ber->ber_buf);
-    for (uint32_t hint = 1; hint < size + 8; ++hint) {
-        e->lm_attr_hint = hint;
-        e->lm_attr_unique = 0;
-        EXPECT_EQ(values_of(h.ld, e, "cn"), (Values{"Ann", "Annie"})) << hint;
-        EXPECT_EQ(ldap_get_errno(h.ld), 0);
-        EXPECT_EQ(values_of(h.ld, e, "jpegPhoto").size(), 1u) << hint;
-        EXPECT_TRUE(values_of(h.ld, e, "mail").empty());
-        EXPECT_EQ(ldap_get_errno(h.ld), LDAP_DECODING_ERROR) << hint;
+    LDAPControl ctrl{const_cast<char *>("1.2.3"), {2, const_cast<char *>("\x30\x00")}, 0};
+    LDAPControl *ctrls[] = {&ctrl, &ctrl, nullptr};
+    const std::string long_type(401, 'b');
+    const std::vector<std::string> types = {"cn", "CN", "sn", "mail", "jpegphoto", "absent", long_type};
+    std::vector<LDAPMessage *> entries = {
+        person(),
+        entry("cn=x", {{"cn", {"first"}}, {"sn", {"s"}}, {"CN", {"second"}}, {"mail", {}}}),
+        make_msg(wzrtest::entry_pdu("cn=c", {{"cn", {"c"}}, {"sn", {"t"}}}, 1, ctrls)),
+        entry("cn=l", {{"sn", {"s"}}, {long_type, {"v"}}, {"cn", {"x"}}}),
+    };
+    for (LDAPMessage *e : entries) {
+        long size = e->lm_ber->ber_end - e->lm_ber->ber_buf;
+        std::vector<Outcome> fast;
+        for (long at = 0; at < size + 2; ++at)
+            fast.push_back(next_from(h.ld, e, at));
+        for (const std::string &t : types)
+            fast.push_back(lookup(h.ld, e, t));
+        ldap_debug_init();
+        ASSERT_EQ(ldap_set_debug_file("/dev/null"), 0);
+        ldap_set_debug_mask(0xffff); // from here every read decodes
+        std::vector<Outcome> decoded;
+        for (long at = 0; at < size + 2; ++at)
+            decoded.push_back(next_from(h.ld, e, at));
+        for (const std::string &t : types)
+            decoded.push_back(lookup(h.ld, e, t));
+        ldap_set_debug_mask(0);
+        (void)ldap_set_debug_file("stderr");
+        ASSERT_EQ(fast.size(), decoded.size());
+        for (size_t i = 0; i < fast.size(); ++i)
+            EXPECT_EQ(fast[i], decoded[i]) << "entry of " << size << " bytes, case " << i;
+        wzrtest::free_msgs(e);
     }
-    e->lm_attr_hint = 0xFFFFFFFFu;
-    EXPECT_EQ(values_of(h.ld, e, "objectClass"), (Values{"top", "person"}));
-    wzrtest::free_msgs(e);
-
-    e = entry("cn=x", {{std::string(401, 'b'), {"v"}}, {"cn", {"x"}}});
-    size_t cn_at = attribute_offset(e, "cn");
-    ASSERT_NE(cn_at, std::string::npos);
-    e->lm_attr_hint = static_cast<uint32_t>(cn_at + 1);
-    EXPECT_TRUE(values_of(h.ld, e, "cn").empty());
-    EXPECT_EQ(ldap_get_errno(h.ld), LDAP_DECODING_ERROR);
-    wzrtest::free_msgs(e);
 }
 
 // Each walking call starts with a clean record: a code, a matched DN or a message left by an
@@ -468,7 +513,7 @@ TEST(EntryErrorThreads, NewThreadsRecordWhileOthersClear)
     wzrtest::free_msgs(e);
 }
 
-// Threads walk their own entries and one shared entry (sharing its remembered position)
+// Threads walk their own entries and one shared entry (sharing its attribute index)
 // through one handle; each sees only its own codes and the values of the type it asked for.
 TEST(EntryWalkThreads, ThreadsWalkTheirOwnAndOneSharedEntryThroughOneHandle)
 {
