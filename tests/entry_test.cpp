@@ -13,26 +13,19 @@
 #include "libldap/ldap_controls.h"
 #include "libldap/ldap_dn.h"
 #include "libldap/ldap_entry.h"
-#include "libldap/ldap_error.h"
-#include "libldap/ldap_init.h"
-#include "libldap/ldap_unbind.h"
+#include "support/handle_util.h"
 #include "support/msg_builder.h"
 #include "support/test_util.h"
 
 namespace {
 
+using wzrtest::free_msgs;
 using wzrtest::make_msg;
 using Values = std::vector<std::string>;
 
-struct Handle {
-    LDAP *ld = ldap_init("localhost", 0);
+// The thread's error record exists from the start, so allocation walks count the walk's own.
+struct Handle : wzrtest::Handle {
     Handle() { (void)ldap_set_lderrno(ld, 0, nullptr, nullptr); }
-    ~Handle() { (void)ldap_unbind(ld); }
-};
-
-struct InvalidHandle {
-    LDAP ld{};
-    InvalidHandle() { memcpy(ld.ld_eyecatcher, "NOT HDL!", 8); }
 };
 
 LDAPMessage *entry(const std::string &dn, const std::vector<wzrtest::Attr> &attrs)
@@ -99,23 +92,25 @@ TEST(EntryChain, WalksAndCountsSkipOtherTypes)
     EXPECT_EQ(ldap_next_reference(h.ld, r1), r1); // starts at the record given: callers advance
     EXPECT_EQ(ldap_next_reference(h.ld, r1->lm_chain), r2);
     EXPECT_EQ(ldap_next_reference(h.ld, done), nullptr);
-    EXPECT_EQ(ldap_count_entries(h.ld, nullptr), 0);
-    EXPECT_EQ(ldap_count_references(h.ld, nullptr), 0);
+    EXPECT_EQ(ldap_count_entries(h.ld, nullptr) + ldap_count_references(h.ld, nullptr), 0);
     EXPECT_EQ(ldap_first_entry(h.ld, nullptr), nullptr);
     EXPECT_EQ(ldap_next_entry(h.ld, nullptr), nullptr);
     e1->lm_flags |= LDAP_MSG_SINGLE; // a record handed out alone has no successors
     EXPECT_EQ(ldap_next_entry(h.ld, e1), nullptr);
     EXPECT_EQ(ldap_count_entries(h.ld, e1), 1);
     e1->lm_flags = 0;
-    InvalidHandle bad;
+    wzrtest::BareHandle bad("NOT HDL!");
     EXPECT_EQ(ldap_count_entries(&bad.ld, nullptr), -1);
     EXPECT_EQ(ldap_count_references(&bad.ld, chain), -1);
     EXPECT_EQ(ldap_count_attributes(&bad.ld, e1), -1);
     EXPECT_EQ(ldap_first_entry(&bad.ld, chain), nullptr);
     EXPECT_EQ(ldap_next_reference(&bad.ld, r1), nullptr);
-    wzrtest::free_msgs(chain);
+    EXPECT_EQ(ldap_get_values(&bad.ld, e1, "cn"), nullptr);
+    free_msgs(chain);
 }
 
+// The cursor walks the types in order, ends with code 0 (also when asked again past the end)
+// and never moves the entry's own element; entry controls end the list.
 TEST(EntryAttributes, CursorWalksTypesInOrderAndEndsWithCode0)
 {
     Handle h;
@@ -128,18 +123,18 @@ TEST(EntryAttributes, CursorWalksTypesInOrderAndEndsWithCode0)
          a = ldap_next_attribute(h.ld, e, cursor))
         ldap_memfree(a);
     (void)ldap_set_lderrno(h.ld, LDAP_BUSY, nullptr, nullptr);
-    EXPECT_EQ(ldap_next_attribute(h.ld, e, cursor), nullptr); // past the end, again
+    EXPECT_EQ(ldap_next_attribute(h.ld, e, cursor), nullptr);
     EXPECT_EQ(ldap_get_errno(h.ld), 0);
     ldap_ber_free(cursor, 1);
     EXPECT_EQ(e->lm_ber->ber_ptr, pos) << "the entry's own element moved";
-    wzrtest::free_msgs(e);
+    free_msgs(e);
 
     LDAPControl **ctrls = wzrtest::make_control_list({wzrtest::make_control("1.2.3", false)});
     e = make_msg(wzrtest::entry_pdu("cn=a", {{"cn", {"a"}}, {"sn", {"b"}}}, 1, ctrls));
     ldap_controls_free(ctrls);
-    EXPECT_EQ(attribute_names(h.ld, e), (Values{"cn", "sn"})); // entry controls end the list
+    EXPECT_EQ(attribute_names(h.ld, e), (Values{"cn", "sn"}));
     EXPECT_EQ(ldap_count_attributes(h.ld, e), 2);
-    wzrtest::free_msgs(e);
+    free_msgs(e);
 
     e = entry("cn=empty", {}); // no attributes: no name, code 0, a cursor all the same
     EXPECT_EQ(ldap_first_attribute(h.ld, e, &cursor), nullptr);
@@ -147,8 +142,7 @@ TEST(EntryAttributes, CursorWalksTypesInOrderAndEndsWithCode0)
     EXPECT_NE(cursor, nullptr);
     ldap_ber_free(cursor, 1);
     EXPECT_EQ(ldap_count_attributes(h.ld, e), 0);
-    EXPECT_EQ(ldap_get_errno(h.ld), 0);
-    wzrtest::free_msgs(e);
+    free_msgs(e);
 }
 
 TEST(EntryAttributes, BadArgumentsBrokenEntriesAndTypesOver400Characters)
@@ -159,13 +153,16 @@ TEST(EntryAttributes, BadArgumentsBrokenEntriesAndTypesOver400Characters)
     EXPECT_EQ(ldap_first_attribute(h.ld, nullptr, &cursor), nullptr);
     EXPECT_EQ(ldap_get_errno(h.ld), LDAP_PARAM_ERROR);
     EXPECT_EQ(cursor, nullptr);
-    EXPECT_EQ(ldap_first_attribute(h.ld, e, nullptr), nullptr);
-    EXPECT_EQ(ldap_get_errno(h.ld), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_next_attribute(h.ld, e, nullptr), nullptr);
-    EXPECT_EQ(ldap_get_errno(h.ld), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_count_attributes(h.ld, nullptr), 0);
-    EXPECT_EQ(ldap_get_errno(h.ld), LDAP_PARAM_ERROR);
-    wzrtest::free_msgs(e);
+    for (const std::function<void()> &call : std::initializer_list<std::function<void()>>{
+             [&] { EXPECT_EQ(ldap_first_attribute(h.ld, e, nullptr), nullptr); },
+             [&] { EXPECT_EQ(ldap_next_attribute(h.ld, e, nullptr), nullptr); },
+             [&] { EXPECT_EQ(ldap_count_attributes(h.ld, nullptr), 0); },
+             [&] { EXPECT_EQ(ldap_get_values(h.ld, e, nullptr), nullptr); },
+             [&] { EXPECT_EQ(ldap_get_values_len(h.ld, nullptr, "cn"), nullptr); }}) {
+        call();
+        EXPECT_EQ(ldap_get_errno(h.ld), LDAP_PARAM_ERROR);
+    }
+    free_msgs(e);
 
     wzrtest::PduBuilder b(1); // an attribute list that cannot be entered
     b.add("t{s}", static_cast<ber_tag_t>(LDAP_RES_SEARCH_ENTRY), "cn=x");
@@ -184,13 +181,13 @@ TEST(EntryAttributes, BadArgumentsBrokenEntriesAndTypesOver400Characters)
     EXPECT_EQ(ldap_get_errno(h.ld), LDAP_DECODING_ERROR);
     EXPECT_EQ(ldap_get_values(h.ld, broken, "cn"), nullptr);
     EXPECT_EQ(ldap_get_errno(h.ld), LDAP_DECODING_ERROR);
-    wzrtest::free_msgs(broken);
-    wzrtest::free_msgs(too_long);
+    free_msgs(broken);
+    free_msgs(too_long);
 
     LDAPMessage *fits = entry("cn=x", {{t400, {"v"}}});
     EXPECT_EQ(attribute_names(h.ld, fits), Values{t400});
     EXPECT_EQ(string_values(h.ld, fits, t400.c_str()), Values{"v"});
-    wzrtest::free_msgs(fits);
+    free_msgs(fits);
 }
 
 TEST(EntryValues, NamesCompareCaseInsensitivelyAndAbsentIs84)
@@ -204,12 +201,6 @@ TEST(EntryValues, NamesCompareCaseInsensitivelyAndAbsentIs84)
     EXPECT_EQ(ldap_get_errno(h.ld), LDAP_DECODING_ERROR);
     EXPECT_EQ(ldap_get_values_len(h.ld, e, "c"), nullptr); // a prefix is not a match
     EXPECT_EQ(ldap_get_errno(h.ld), LDAP_DECODING_ERROR);
-    EXPECT_EQ(ldap_get_values(h.ld, e, nullptr), nullptr);
-    EXPECT_EQ(ldap_get_errno(h.ld), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_get_values_len(h.ld, nullptr, "cn"), nullptr);
-    EXPECT_EQ(ldap_get_errno(h.ld), LDAP_PARAM_ERROR);
-    InvalidHandle bad;
-    EXPECT_EQ(ldap_get_values(&bad.ld, e, "cn"), nullptr);
     // Freeing the cursor (its flag ignored: the buffer is the entry's) leaves the entry readable.
     BerElement *cursor = nullptr;
     ldap_memfree(ldap_first_attribute(h.ld, e, &cursor));
@@ -219,7 +210,7 @@ TEST(EntryValues, NamesCompareCaseInsensitivelyAndAbsentIs84)
     ldap_memfree(nullptr);
     ldap_value_free(nullptr);
     ldap_value_free_len(nullptr);
-    wzrtest::free_msgs(e);
+    free_msgs(e);
 }
 
 // The berval values come as one block: array, records, then the values, each NUL-terminated,
@@ -245,15 +236,7 @@ TEST(EntryValues, BervalValuesAreOneBlockOfTerminatedCopies)
     }
     EXPECT_EQ(v[want.size()], nullptr);
     ldap_value_free_len(v);
-    EXPECT_EQ(wzrtest::walk_alloc_failures([&] {
-                  struct berval **one = ldap_get_values_len(h.ld, e, "DATA");
-                  bool ok = one != nullptr && ldap_get_errno(h.ld) == 0;
-                  EXPECT_TRUE(ok || ldap_get_errno(h.ld) == LDAP_NO_MEMORY);
-                  ldap_value_free_len(one);
-                  return ok;
-              }),
-              1); // the whole set is one allocation
-    wzrtest::free_msgs(e);
+    free_msgs(e);
 
     e = person();
     EXPECT_EQ(wzrtest::walk_alloc_failures([&] {
@@ -272,12 +255,13 @@ TEST(EntryValues, BervalValuesAreOneBlockOfTerminatedCopies)
                   ldap_ber_free(cursor, 0);
                   return ok && seen == 3 && code == 0;
               }),
-              7); // the cursor, three names, three value blocks
-    wzrtest::free_msgs(e);
+              7); // the cursor, three names, three value blocks (each set one allocation)
+    free_msgs(e);
 }
 
-// ---- values by name after a cursor read: the remembered attribute must never change a result ----
-
+// Values by name read right behind the cursor, as callers do, or after the cursor is gone:
+// the remembered attribute never changes a result, and a later "CN" or "cn" still names the
+// first attribute of that type.
 TEST(EntryValues, RepeatedTypesAlwaysGiveTheFirstAttributeOfThatName)
 {
     Handle h;
@@ -288,8 +272,6 @@ TEST(EntryValues, RepeatedTypesAlwaysGiveTheFirstAttributeOfThatName)
     for (char *a = ldap_first_attribute(h.ld, e, &cursor); a != nullptr;
          a = ldap_next_attribute(h.ld, e, cursor)) {
         seen.emplace_back(a);
-        // Read right behind the cursor, as callers do: the later "CN" and "cn" still name the
-        // first attribute of that type.
         EXPECT_EQ(values_of(h.ld, e, a), strcasecmp(a, "cn") == 0 ? Values{"first"} : Values{"s"})
             << a;
         EXPECT_EQ(ldap_get_errno(h.ld), 0);
@@ -297,33 +279,27 @@ TEST(EntryValues, RepeatedTypesAlwaysGiveTheFirstAttributeOfThatName)
     }
     ldap_ber_free(cursor, 0);
     EXPECT_EQ(seen, (Values{"cn", "sn", "CN", "cn"}));
-    wzrtest::free_msgs(e);
+    free_msgs(e);
 
-    e = person(); // the cursor freed before the lookups
+    e = person();
     char *first = ldap_first_attribute(h.ld, e, &cursor);
     char *second = ldap_next_attribute(h.ld, e, cursor);
     ldap_ber_free(cursor, 0);
     EXPECT_EQ(values_of(h.ld, e, second), (Values{"Ann", "Annie"}));
     EXPECT_EQ(values_of(h.ld, e, first), (Values{"top", "person"}));
-    EXPECT_EQ(ldap_get_errno(h.ld), 0);
     ldap_memfree(first);
     ldap_memfree(second);
-    wzrtest::free_msgs(e);
+    free_msgs(e);
 }
 
-// Where `pattern` starts in the entry's bytes, as an offset from ber_buf.
-size_t offset_of(LDAPMessage *e, const std::string &pattern)
-{
-    return std::string(reinterpret_cast<char *>(e->lm_ber->ber_buf),
-                       static_cast<size_t>(e->lm_ber->ber_end - e->lm_ber->ber_buf))
-        .find(pattern);
-}
-
-// Where the attribute of type `type` begins, as an offset from ber_buf; read without the
-// 401-byte limit of the walking functions.
-size_t attribute_offset(LDAPMessage *e, const std::string &type)
+// Where the attribute of type `type` (or the bytes `pattern`, when `type` is empty) begins,
+// as an offset from ber_buf; read without the 401-byte limit of the walking functions.
+size_t offset_of(LDAPMessage *e, const std::string &type, const std::string &pattern = "")
 {
     BerElement c = *e->lm_ber;
+    if (!pattern.empty())
+        return std::string(reinterpret_cast<char *>(c.ber_buf),
+                           static_cast<size_t>(c.ber_end - c.ber_buf)).find(pattern);
     if (fber_scanf(&c, "{x{") == LBER_ERROR)
         return std::string::npos;
     while (c.ber_ptr < c.ber_end) {
@@ -347,15 +323,15 @@ TEST(EntryValues, ACursorOfAnotherEntryLeavesNoRememberedPosition)
     Handle h;
     const std::string fake_attr = std::string("\x30\x0B\x04\x02sn\x31\x05\x04\x03", 10) + "bad";
     LDAPMessage *victim = entry("cn=v", {{"description", {fake_attr}}, {"sn", {"real"}}});
-    size_t fake_at = offset_of(victim, fake_attr);
+    size_t fake_at = offset_of(victim, "", fake_attr);
     ASSERT_NE(fake_at, std::string::npos);
     LDAPMessage *other = nullptr; // its DN padded until its own "sn" begins at the same offset
     for (size_t pad = 0; pad < 64 && other == nullptr; ++pad) {
         LDAPMessage *m = entry("cn=" + std::string(pad, 'p'), {{"cn", {"o"}}, {"sn", {"o"}}});
-        if (attribute_offset(m, "sn") == fake_at)
+        if (offset_of(m, "sn") == fake_at)
             other = m;
         else
-            wzrtest::free_msgs(m);
+            free_msgs(m);
     }
     ASSERT_NE(other, nullptr);
     BerElement *cursor = nullptr;
@@ -367,8 +343,8 @@ TEST(EntryValues, ACursorOfAnotherEntryLeavesNoRememberedPosition)
     ldap_memfree(a);
     ldap_memfree(b);
     ldap_ber_free(cursor, 0);
-    wzrtest::free_msgs(other);
-    wzrtest::free_msgs(victim);
+    free_msgs(other);
+    free_msgs(victim);
 }
 
 // Whatever position an entry remembers, a lookup by name gives what the scan from the top gives:
@@ -390,15 +366,15 @@ TEST(EntryValues, ARememberedPositionOnGarbageFallsBackToTheScan)
     }
     e->lm_attr_hint = 0xFFFFFFFFu;
     EXPECT_EQ(values_of(h.ld, e, "objectClass"), (Values{"top", "person"}));
-    wzrtest::free_msgs(e);
+    free_msgs(e);
 
     e = entry("cn=x", {{std::string(401, 'b'), {"v"}}, {"cn", {"x"}}});
-    size_t cn_at = attribute_offset(e, "cn");
+    size_t cn_at = offset_of(e, "cn");
     ASSERT_NE(cn_at, std::string::npos);
     e->lm_attr_hint = static_cast<uint32_t>(cn_at + 1);
     EXPECT_TRUE(values_of(h.ld, e, "cn").empty());
     EXPECT_EQ(ldap_get_errno(h.ld), LDAP_DECODING_ERROR);
-    wzrtest::free_msgs(e);
+    free_msgs(e);
 }
 
 // Each walking call starts with a clean record: a code, a matched DN or a message left by an
@@ -433,20 +409,19 @@ TEST(EntryErrors, EveryCallClearsWhatTheLastOneRecorded)
     for (char *p : {dn, a, b})
         ldap_memfree(p);
     ldap_ber_free(cursor, 0);
-    wzrtest::free_msgs(e);
+    free_msgs(e);
 }
 
-// Runs `body(t)` on `threads` threads at once; `body` returns its count of failures.
-void expect_no_failures(int threads, const std::function<int(int)> &body)
+// Runs `body(t)` on four threads at once; `body` returns its count of failures.
+void expect_no_failures(const std::function<int(int)> &body)
 {
-    std::vector<int> failures(threads, 0);
+    std::vector<int> failures(4, 0);
     std::vector<std::thread> running;
-    for (int t = 0; t < threads; ++t)
+    for (int t = 0; t < 4; ++t)
         running.emplace_back([&, t] { failures[t] = body(t); });
     for (std::thread &th : running)
         th.join();
-    for (int t = 0; t < threads; ++t)
-        EXPECT_EQ(failures[t], 0) << "thread " << t;
+    EXPECT_EQ(failures, std::vector<int>(4, 0));
 }
 
 // A thread's first call on a handle creates its record while other threads clear theirs
@@ -456,7 +431,7 @@ TEST(EntryErrorThreads, NewThreadsRecordWhileOthersClear)
     Handle h;
     LDAPMessage *e = person();
     for (int round = 0; round < 20; ++round)
-        expect_no_failures(4, [&](int t) {
+        expect_no_failures([&](int t) {
             int failed = 0;
             for (int i = 0; i < 50; ++i) {
                 (void)ldap_set_lderrno(h.ld, 10 + t, nullptr, nullptr);
@@ -465,7 +440,7 @@ TEST(EntryErrorThreads, NewThreadsRecordWhileOthersClear)
             }
             return failed;
         });
-    wzrtest::free_msgs(e);
+    free_msgs(e);
 }
 
 // Threads walk their own entries and one shared entry (sharing its remembered position)
@@ -477,7 +452,7 @@ TEST(EntryWalkThreads, ThreadsWalkTheirOwnAndOneSharedEntryThroughOneHandle)
     for (int i = 0; i < 12; ++i)
         attrs.push_back({"type" + std::to_string(i), {"value" + std::to_string(i)}});
     LDAPMessage *shared = entry("cn=shared", attrs);
-    expect_no_failures(4, [&](int t) {
+    expect_no_failures([&](int t) {
         int failed = 0;
         LDAPMessage *e = person();
         for (int i = 0; i < 200; ++i) {
@@ -495,10 +470,10 @@ TEST(EntryWalkThreads, ThreadsWalkTheirOwnAndOneSharedEntryThroughOneHandle)
             }
             ldap_ber_free(cursor, 0);
         }
-        wzrtest::free_msgs(e);
+        free_msgs(e);
         return failed;
     });
-    wzrtest::free_msgs(shared);
+    free_msgs(shared);
 }
 
 } // namespace
