@@ -19,7 +19,7 @@ namespace {
 
 // A received message whose element holds `pdu` (positioned at the protocolOp, as the reader
 // leaves it), filed under no row of the handle's default connection.
-LDAPMessage *make_message(LDAP *ld, const std::vector<unsigned char> &pdu, int type)
+LDAPMessage *make_message(LDAP *ld, const std::string &pdu, int type)
 {
     LDAPMessage *msg = ldap_msginit(ld->ld_defconn);
     auto *bytes = static_cast<char *>(lber_malloc(pdu.size()));
@@ -31,20 +31,11 @@ LDAPMessage *make_message(LDAP *ld, const std::vector<unsigned char> &pdu, int t
     return msg;
 }
 
-// searchResDone { resultCode 32, matchedDN "dc=x", diagnosticMessage "gone" }; `cut` makes
-// the last string claim one byte more than it has and drops its last two.
-std::vector<unsigned char> no_such_object_done(bool cut = false)
-{
-    std::vector<unsigned char> pdu = {0x65, 0x0d, 0x0a, 0x01, 0x20, 0x04, 0x04, 'd', 'c',
-                                      '=',  'x',  0x04, 0x04, 'g',  'o',  'n',  'e'};
-    if (cut) {
-        pdu[12] = 0x05;
-        pdu.resize(15);
-    }
-    return pdu;
-}
-// searchResEntry { "cn=a", {} }
-const std::vector<unsigned char> ENTRY = {0x64, 0x08, 0x04, 0x04, 'c', 'n', '=', 'a', 0x30, 0x00};
+// searchResDone { resultCode 32, matchedDN "dc=x", diagnosticMessage "gone" }; the cut one's
+// last string claims one byte more than it has and lacks its last two.
+const std::string NO_SUCH_OBJECT_DONE("\x65\x0d\x0a\x01\x20\x04\x04" "dc=x\x04\x04gone", 17);
+const std::string CUT_DONE("\x65\x0d\x0a\x01\x20\x04\x04" "dc=x\x04\x05go", 15);
+const std::string ENTRY("\x64\x08\x04\x04" "cn=a\x30\x00", 10); // searchResEntry { "cn=a", {} }
 
 std::string perror_text(LDAP *ld)
 {
@@ -80,12 +71,13 @@ TEST(ErrorTexts, ResultCodeTableHasExactAndDistinctTexts)
     EXPECT_STREQ(ldap_pwdpolicy_err2string(-1), "Unknown error");
 }
 
+// Copies handed out; a later record replaces both strings, null included, and keeps the
+// extended error, which a record without a thread cannot give.
 TEST(ErrorRecords, RecordAndReadBackWithCopies)
 {
     BareHandle h;
     EXPECT_EQ(ldap_get_errno_direct(&h.ld), 0) << "no record reads as success";
-    char *matched = reinterpret_cast<char *>(1);
-    char *msg = reinterpret_cast<char *>(1);
+    char *matched = reinterpret_cast<char *>(1), *msg = reinterpret_cast<char *>(1);
     EXPECT_EQ(ldap_get_lderrno_direct(&h.ld, &matched, &msg), 0);
     EXPECT_EQ(matched, nullptr);
     EXPECT_EQ(msg, nullptr);
@@ -97,8 +89,6 @@ TEST(ErrorRecords, RecordAndReadBackWithCopies)
     ASSERT_NE(matched, h.ld.ld_errors->matched) << "the caller gets a copy";
     lber_free(matched);
     lber_free(msg);
-
-    // A later record replaces both strings, null included; ext error survives it.
     ASSERT_EQ(ldap_set_ext_error(&h.ld, 406), 0);
     ASSERT_EQ(ldap_set_lderrno_direct(&h.ld, 49, nullptr, "bad password"), 0);
     EXPECT_EQ(ldap_get_lderrno_direct(&h.ld, &matched, &msg), 49);
@@ -108,18 +98,11 @@ TEST(ErrorRecords, RecordAndReadBackWithCopies)
     EXPECT_EQ(ldap_get_ext_error_direct(&h.ld), 406);
     EXPECT_EQ(ldap_get_ext_error(&h.ld), 406);
     EXPECT_EQ(h.ld.ld_errors->next, nullptr) << "one thread, one record";
-}
-
-TEST(ErrorRecords, ExtendedErrorBeforeAnyCodeIsNotReadable)
-{
-    BareHandle h;
-    ASSERT_EQ(ldap_set_ext_error(&h.ld, 7), 0);
-    ASSERT_NE(h.ld.ld_errors, nullptr);
-    EXPECT_EQ(ldap_get_ext_error_direct(&h.ld), 0) << "the record has no thread";
-    ASSERT_EQ(ldap_set_lderrno_direct(&h.ld, 1, nullptr, nullptr), 0);
-    EXPECT_EQ(ldap_get_ext_error_direct(&h.ld), 0);
-    ASSERT_EQ(ldap_set_ext_error(&h.ld, 8), 0);
-    EXPECT_EQ(ldap_get_ext_error_direct(&h.ld), 8);
+    BareHandle early;
+    ASSERT_EQ(ldap_set_ext_error(&early.ld, 7), 0);
+    EXPECT_EQ(ldap_get_ext_error_direct(&early.ld), 0) << "the record has no thread";
+    ASSERT_EQ(ldap_set_lderrno_direct(&early.ld, 1, nullptr, nullptr), 0);
+    EXPECT_EQ(ldap_get_ext_error_direct(&early.ld), 0);
 }
 
 TEST(ErrorRecords, ValidatingFormsRefuseABadHandle)
@@ -169,8 +152,7 @@ TEST(ErrorRecordThreads, EachThreadReadsBackItsOwnRecord)
     Handle h;
     ASSERT_NE(h.ld, nullptr);
     constexpr int THREADS = 8;
-    std::atomic<int> ready{0};
-    std::atomic<int> mismatches{0};
+    std::atomic<int> ready{0}, mismatches{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < THREADS; ++t) {
         threads.emplace_back([&, t] {
@@ -196,7 +178,10 @@ TEST(ErrorRecordThreads, EachThreadReadsBackItsOwnRecord)
     EXPECT_EQ(mismatches.load(), 0);
 }
 
-TEST(ResultToError, DecodesAndRecordsTheFinalResult)
+// The final result is decoded and recorded (the message itself not moved, so a second reading
+// gives the same); an entry or reference last is refused (and still freed with freeit); a cut
+// result fails to decode after its code and matched DN were read and leaves no partial string.
+TEST(ResultToError, DecodesAndRecordsTheFinalResultAndRefusesTheRest)
 {
     Handle h;
     ASSERT_NE(h.ld, nullptr);
@@ -207,11 +192,10 @@ TEST(ResultToError, DecodesAndRecordsTheFinalResult)
 
     long live = lber_live_blocks();
     LDAPMessage *entry = make_message(h.ld, ENTRY, LDAP_RES_SEARCH_ENTRY);
-    LDAPMessage *done = make_message(h.ld, no_such_object_done(), LDAP_RES_SEARCH_RESULT);
+    LDAPMessage *done = make_message(h.ld, NO_SUCH_OBJECT_DONE, LDAP_RES_SEARCH_RESULT);
     entry->lm_chain = done;
     EXPECT_EQ(ldap_result2error(h.ld, entry, 0), LDAP_NO_SUCH_OBJECT);
-    char *matched = nullptr;
-    char *msg = nullptr;
+    char *matched = nullptr, *msg = nullptr;
     EXPECT_EQ(ldap_get_lderrno(h.ld, &matched, &msg), LDAP_NO_SUCH_OBJECT);
     EXPECT_STREQ(matched, "dc=x");
     EXPECT_STREQ(msg, "gone");
@@ -219,34 +203,20 @@ TEST(ResultToError, DecodesAndRecordsTheFinalResult)
     lber_free(msg);
     EXPECT_EQ(perror_text(h.ld), "search: No such object\nsearch: matched: dc=x\n"
                                  "search: additional info: gone\n");
-
-    // The message itself was not moved: a second reading gives the same.
     EXPECT_EQ(ldap_result2error(h.ld, done, 1), LDAP_NO_SUCH_OBJECT);
     entry->lm_chain = nullptr;
-    EXPECT_EQ(ldap_msgfree(entry), LDAP_RES_SEARCH_ENTRY);
+    EXPECT_EQ(ldap_result2error(h.ld, entry, 1), LDAP_PARAM_ERROR);
+    EXPECT_EQ(ldap_get_errno(h.ld), LDAP_PARAM_ERROR);
     ASSERT_EQ(ldap_set_lderrno_direct(h.ld, 0, nullptr, nullptr), 0); // drop the strings
-    EXPECT_EQ(lber_live_blocks(), live) << "freeit released the chain";
+    EXPECT_EQ(lber_live_blocks(), live) << "freeit released the messages";
     ASSERT_EQ(ldap_set_lderrno_direct(h.ld, 32, "", ""), 0);
     EXPECT_EQ(perror_text(h.ld), "search: No such object\n") << "empty strings print nothing";
-}
 
-// An entry or reference last is refused (and still freed); a cut result fails to decode
-// after its code and matched DN were read, and leaves no partial string behind.
-TEST(ResultToError, WrongOrTruncatedLastMessageIsRefused)
-{
-    Handle h;
-    ASSERT_NE(h.ld, nullptr);
-    long live = lber_live_blocks();
-    EXPECT_EQ(ldap_result2error(h.ld, make_message(h.ld, ENTRY, LDAP_RES_SEARCH_ENTRY), 1),
-              LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_get_errno(h.ld), LDAP_PARAM_ERROR);
-    EXPECT_EQ(lber_live_blocks(), live);
-
-    LDAPMessage *ref = make_message(h.ld, {0x73, 0x02, 0x04, 0x00}, LDAP_RES_SEARCH_REFERENCE);
+    LDAPMessage *ref =
+        make_message(h.ld, std::string("\x73\x02\x04\x00", 4), LDAP_RES_SEARCH_REFERENCE);
     EXPECT_EQ(ldap_result2error(h.ld, ref, 0), LDAP_PARAM_ERROR);
     EXPECT_EQ(ldap_msgfree(ref), LDAP_RES_SEARCH_REFERENCE);
-
-    LDAPMessage *done = make_message(h.ld, no_such_object_done(true), LDAP_RES_SEARCH_RESULT);
+    done = make_message(h.ld, CUT_DONE, LDAP_RES_SEARCH_RESULT);
     live = lber_live_blocks();
     EXPECT_EQ(ldap_result2error(h.ld, done, 0), LDAP_DECODING_ERROR);
     EXPECT_EQ(ldap_get_errno(h.ld), LDAP_DECODING_ERROR);
