@@ -198,7 +198,19 @@ TEST(EntryAttributes, BadArgumentsBrokenEntriesAndTypesOver400Characters)
     free_msgs(broken);
     free_msgs(too_long);
 
-    LDAPMessage *fits = entry("cn=x", {{t400, {"v"}}});
+    wzrtest::PduBuilder empty(1); // an entry without even its DN
+    empty.add("t{}", static_cast<ber_tag_t>(LDAP_RES_SEARCH_ENTRY));
+    broken = make_msg(empty.bytes());
+    EXPECT_EQ(ldap_get_dn(h.ld, broken), nullptr);
+    EXPECT_EQ(ldap_get_errno(h.ld), LDAP_DECODING_ERROR);
+    EXPECT_EQ(ldap_get_dn(h.ld, nullptr), nullptr);
+    EXPECT_EQ(ldap_get_errno(h.ld), LDAP_PARAM_ERROR);
+    free_msgs(broken);
+
+    LDAPMessage *fits = entry("CN=Ann , O=Acme", {{t400, {"v"}}});
+    char *dn = ldap_get_dn(h.ld, fits);
+    EXPECT_STREQ(dn, "CN=Ann , O=Acme") << "as the server sent it";
+    ldap_memfree(dn);
     EXPECT_EQ(attribute_names(h.ld, fits), Values{t400});
     EXPECT_EQ(string_values(h.ld, fits, t400.c_str()), Values{"v"});
     free_msgs(fits);
