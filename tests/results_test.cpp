@@ -808,6 +808,23 @@ std::string describe(LDAPControl **list)
     return out;
 }
 
+// Walks every failed allocation of `make`, which hands out a list: a failure is 90 with no
+// list. Returns the allocations walked.
+int walk_list(const std::function<int(LDAPControl ***)> &make,
+              void (*release)(LDAPControl **) = ldap_controls_free)
+{
+    return wzrtest::walk_alloc_failures([&] {
+        LDAPControl **got = nullptr;
+        int rc = make(&got);
+        if (rc != 0) {
+            EXPECT_EQ(rc, LDAP_NO_MEMORY);
+            EXPECT_EQ(got, nullptr);
+        }
+        release(got);
+        return rc == 0;
+    });
+}
+
 TEST(ControlEncoding, ListsAreWrittenInOrderWithCriticalityAndValue)
 {
     LDAPControl **one = make_control_list({make_control("1.2.3", false)});
@@ -881,16 +898,7 @@ TEST(ControlDecoding, ListsAreReadWholeOrNotAtAll)
         lber_free(before);
     }
     EXPECT_EQ(decode(full, nullptr), 0);
-    EXPECT_GT(wzrtest::walk_alloc_failures([&] {
-        LDAPControl **got = nullptr;
-        int rc = decode(full, &got);
-        if (rc != 0) {
-            EXPECT_EQ(rc, LDAP_NO_MEMORY);
-            EXPECT_EQ(got, nullptr);
-        }
-        ldap_controls_free(got);
-        return rc == 0;
-    }), 4);
+    EXPECT_GT(walk_list([&](LDAPControl ***got) { return decode(full, got); }), 4);
 }
 
 TEST(ControlCopy, CopiesAreDeepAndBadControlsAre89)
@@ -924,16 +932,8 @@ TEST(ControlCopy, CopiesAreDeepAndBadControlsAre89)
 
     from = make_control_list(
         {make_control("1.1", true, "xyz", 3), make_control("1.2", false), make_control("1.3", 0)});
-    EXPECT_EQ(wzrtest::walk_alloc_failures([&] {
-        LDAPControl **copy = nullptr;
-        int rc = ldap_copy_controls(&copy, from);
-        if (rc != 0) {
-            EXPECT_EQ(rc, LDAP_NO_MEMORY);
-            EXPECT_EQ(copy, nullptr);
-        }
-        ldap_controls_free(copy);
-        return rc == 0;
-    }), 1 + 3 + 3 + 1); // array, three records, three OIDs, one value
+    EXPECT_EQ(walk_list([&](LDAPControl ***copy) { return ldap_copy_controls(copy, from); }),
+              1 + 3 + 3 + 1); // array, three records, three OIDs, one value
     ldap_controls_free(from);
 }
 
@@ -1016,16 +1016,9 @@ TEST(DefaultControls, CallersFirstThenCopiesOfTheHandleDefaults)
     LDAPControl **saved = ld->ld_sctrls;
     ld->ld_sctrls = defaults;
     EXPECT_EQ(merge(given), "given 1 -|default.1 0 -|default.2 0 -");
-    EXPECT_GT(wzrtest::walk_alloc_failures([&] {
-        LDAPControl **m = nullptr;
-        int rc = ldap_merge_default_controls(ld, given, &m);
-        if (rc != 0) {
-            EXPECT_EQ(rc, LDAP_NO_MEMORY);
-            EXPECT_EQ(m, nullptr);
-        }
-        ldap_free_merged_controls(m);
-        return rc == 0;
-    }), 6);
+    EXPECT_GT(walk_list([&](LDAPControl ***m) { return ldap_merge_default_controls(ld, given, m); },
+                        ldap_free_merged_controls),
+              6);
     ld->ld_sctrls = saved;
     EXPECT_EQ(ldap_check_client_controls(nullptr), 0);
     EXPECT_EQ(ldap_check_client_controls(defaults), 0);
