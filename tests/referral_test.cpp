@@ -419,10 +419,9 @@ TEST(ReferralFake, ReencodedSearchCarriesTheUrlsScopeAndFilterAndDropsThePagedCo
 
 /* ---- extended operations ---- */
 
-TEST(Extended, WhoAmIGivesTheBoundIdentityAndAnUnknownOidTheServersError)
+TEST_F(Referrals, WhoAmIGivesTheBoundIdentityAndAnUnknownOidTheServersError)
 {
-    SlapdFixture &slapd = shared_slapd();
-    WZR_REQUIRE_SLAPD(slapd);
+    const SlapdFixture &slapd = first();
     Handle h(slapd.port());
     ASSERT_EQ(ldap_simple_bind_s(h.ld, slapd.user_dn().c_str(), slapd.user_pw().c_str()), 0);
     struct berval *data = nullptr;
@@ -441,17 +440,12 @@ TEST(Extended, WhoAmIGivesTheBoundIdentityAndAnUnknownOidTheServersError)
     lber_free(text);
 }
 
-void answer_extended(FakeServer &s, const std::string &value)
-{
-    s.on_request([value](const ReceivedRequest &r, FakeConnection &c) {
-        c.send(extended_response_pdu(r.msgid, 0, "", "", "", &value));
-    });
-}
-
 TEST(Extended, RequestValuesBackupResultAndTransactionId)
 {
     FakeServer server;
-    answer_extended(server, f::seq(f::integer(7)));
+    server.on_request([value = f::seq(f::integer(7))](const ReceivedRequest &r, FakeConnection &c) {
+        c.send(extended_response_pdu(r.msgid, 0, "", "", "", &value));
+    });
     Handle h(server.port());
     int result = -1;
     EXPECT_EQ(ldap_backup(h.ld, &result), 0);
