@@ -110,60 +110,56 @@ TEST(LdifWriter, EncodesOnlyWhatIsNotASafeStringAndFoldsAtTheWrapColumn)
     EXPECT_EQ(format_line("cn", std::string(500, 'z'), 0).size(), 505u); // 0: never folded
 }
 
+// A record as one line: "<line> <change> <dn>", "!" when the changetype was written, then each
+// modification as "<op><type>=<values>" and for a rename "-> <newrdn> <deleteoldrdn>".
+std::string text(const std::vector<Record> &records)
+{
+    std::string out;
+    for (const Record &r : records) {
+        out += std::to_string(r.line) + " " + "ADMR"[static_cast<int>(r.change)] +
+               (r.explicit_change ? "! " : " ") + r.dn;
+        for (const Modification &m : r.mods) {
+            out += std::string(" ") + "+-="[static_cast<int>(m.op)] + m.type + "=";
+            for (const std::string &v : m.values)
+                out += v + (&v == &m.values.back() ? "" : ",");
+        }
+        if (r.change == ChangeType::ModRdn)
+            out += " -> " + r.newrdn + " " + std::to_string(r.deleteoldrdn);
+        out += "\n";
+    }
+    return out;
+}
+
 TEST(LdifReader, ReadsEveryKindOfChangeRecord)
 {
     wzrtest::TempDir tmp;
     wzrtest::write_file(tmp.file("photo.bin"), std::string("\x00\x01\xff", 3));
-    std::vector<Record> records = parsed(
-        "version: 1\r\n# a comment\r\n continued on a second line\r\n"
-        "dn: cn=new,dc=example,dc=com\r\nchangetype: add\r\nobjectClass: top\r\n"
-        "objectClass: device\r\nCN: new\r\ncn: nouveau\r\ndescription: folded\r\n  value\r\n"
-        "photo:< file://" + tmp.file("photo.bin") + "\r\n\r\n"
-        "dn:: Y249SsO8cmdlbiBNw7xsbGVyLGRjPWV4YW1wbGUsZGM9Y29t\nchangetype: modify\nadd: mail\n"
-        "mail: a@example.com\nmail:: YkBleGFtcGxlLmNvbQ==\n-\ndelete: telephoneNumber\n-\n"
-        "replace: description\ndescription: one\n\n"
-        "dn: cn=old,dc=example,dc=com\nchangetype: delete\n\n\n"
-        "dn: cn=a,dc=example,dc=com\nchangetype: moddn\nnewrdn: cn=b\ndeleteoldrdn: 1\n");
-    ASSERT_EQ(records.size(), 4u);
-    const Record &add = records[0];
-    EXPECT_EQ(add.line, 4);
-    EXPECT_EQ(add.change, ChangeType::Add);
-    EXPECT_TRUE(add.explicit_change);
-    EXPECT_EQ(add.dn, "cn=new,dc=example,dc=com");
-    ASSERT_EQ(add.mods.size(), 4u);
-    EXPECT_EQ(add.mods[0].values, (Values{"top", "device"}));
-    EXPECT_EQ(add.mods[1].type, "CN"); // attribute types merge regardless of case
-    EXPECT_EQ(add.mods[1].values, (Values{"new", "nouveau"}));
-    EXPECT_EQ(add.mods[2].values, (Values{"folded value"}));
-    EXPECT_EQ(add.mods[3].values, (Values{std::string("\x00\x01\xff", 3)}));
-    const Record &mod = records[1];
-    EXPECT_EQ(mod.dn, "cn=J\xc3\xbcrgen M\xc3\xbcller,dc=example,dc=com");
-    EXPECT_EQ(mod.change, ChangeType::Modify);
-    ASSERT_EQ(mod.mods.size(), 3u);
-    EXPECT_EQ(mod.mods[0].op, ModOp::Add);
-    EXPECT_EQ(mod.mods[0].values, (Values{"a@example.com", "b@example.com"}));
-    EXPECT_EQ(mod.mods[1].op, ModOp::Delete);
-    EXPECT_EQ(mod.mods[1].type, "telephoneNumber");
-    EXPECT_TRUE(mod.mods[1].values.empty());
-    EXPECT_EQ(mod.mods[2].op, ModOp::Replace); // the last "-" may be left out
-    EXPECT_EQ(mod.mods[2].values, (Values{"one"}));
-    EXPECT_EQ(records[2].change, ChangeType::Delete);
-    EXPECT_EQ(records[2].line, 25);
-    EXPECT_EQ(records[3].change, ChangeType::ModRdn);
-    EXPECT_EQ(records[3].newrdn, "cn=b");
-    EXPECT_TRUE(records[3].deleteoldrdn);
-
+    // CRLF and LF line ends, comments with continuations, folded values, base64 and file values;
+    // attribute types merge regardless of case; the last "-" of a modify may be left out.
+    EXPECT_EQ(text(parsed(
+                  "version: 1\r\n# a comment\r\n continued on a second line\r\n"
+                  "dn: cn=new,dc=example,dc=com\r\nchangetype: add\r\nobjectClass: top\r\n"
+                  "objectClass: device\r\nCN: new\r\ncn: nouveau\r\ndescription: folded\r\n"
+                  "  value\r\nphoto:< file://" + tmp.file("photo.bin") + "\r\n\r\n"
+                  "dn:: Y249SsO8cmdlbiBNw7xsbGVyLGRjPWV4YW1wbGUsZGM9Y29t\nchangetype: modify\n"
+                  "add: mail\nmail: a@example.com\nmail:: YkBleGFtcGxlLmNvbQ==\n-\n"
+                  "delete: telephoneNumber\n-\nreplace: description\ndescription: one\n\n"
+                  "dn: cn=old,dc=example,dc=com\nchangetype: delete\n\n\n"
+                  "dn: cn=a,dc=example,dc=com\nchangetype: moddn\nnewrdn: cn=b\ndeleteoldrdn: 1\n")),
+              "4 A! cn=new,dc=example,dc=com +objectClass=top,device +CN=new,nouveau "
+              "+description=folded value +photo=" + std::string("\x00\x01\xff", 3) + "\n"
+              "14 M! cn=J\xc3\xbcrgen M\xc3\xbcller,dc=example,dc=com +mail=a@example.com,"
+              "b@example.com -telephoneNumber= =description=one\n"
+              "25 D! cn=old,dc=example,dc=com\n"
+              "29 R! cn=a,dc=example,dc=com -> cn=b 1\n");
     // Records without a changetype take the command's default.
-    records = parsed("dn: cn=a,dc=x\n\ndn: cn=b,dc=x\n", ChangeType::Delete);
-    ASSERT_EQ(records.size(), 2u);
-    EXPECT_EQ(records[1].change, ChangeType::Delete);
-    EXPECT_FALSE(records[1].explicit_change);
-    records = parsed("dn: cn=a,dc=x\nnewrdn: cn=c\ndeleteoldrdn: 0\n", ChangeType::ModRdn);
-    EXPECT_EQ(records.at(0).newrdn, "cn=c");
-    EXPECT_FALSE(records.at(0).deleteoldrdn);
-    records = parsed("dn: cn=a,dc=x\ncn: a\n\ndn: cn=b,dc=x\nchangetype: delete\n", ChangeType::Add);
-    EXPECT_EQ(records.at(0).change, ChangeType::Add);
-    EXPECT_EQ(records.at(1).change, ChangeType::Delete);
+    EXPECT_EQ(text(parsed("dn: cn=a,dc=x\n\ndn: cn=b,dc=x\n", ChangeType::Delete)),
+              "1 D cn=a,dc=x\n3 D cn=b,dc=x\n");
+    EXPECT_EQ(text(parsed("dn: cn=a,dc=x\nnewrdn: cn=c\ndeleteoldrdn: 0\n", ChangeType::ModRdn)),
+              "1 R cn=a,dc=x -> cn=c 0\n");
+    EXPECT_EQ(text(parsed("dn: cn=a,dc=x\ncn: a\n\ndn: cn=b,dc=x\nchangetype: delete\n",
+                          ChangeType::Add)),
+              "1 A cn=a,dc=x +cn=a\n4 D! cn=b,dc=x\n");
     EXPECT_TRUE(parsed("").empty()); // nothing to do is not an error
     EXPECT_EQ(parsed("version: 1\n\ndn: cn=a,dc=x\n", ChangeType::Delete).size(), 1u);
 }

@@ -7,6 +7,7 @@
 #include "libldap/ldap_controls.h"
 #include "libldap/ldap_options.h"
 #include "support/handle_util.h"
+#include "support/ops_client.h"
 #include "support/test_util.h"
 
 namespace {
@@ -21,22 +22,6 @@ int get_int(LDAP *ld, int option)
 }
 
 const void *as_value(intptr_t v) { return reinterpret_cast<const void *>(v); }
-
-// A list of two controls, the second critical if asked.
-struct ControlList {
-    LDAPControl storage[2]{};
-    LDAPControl *list[3]{};
-    explicit ControlList(bool critical_second)
-    {
-        static char oid1[] = "1.2.3.4";
-        static char oid2[] = "2.16.840.1.113730.3.4.2";
-        static char val1[] = "\x04\x03" "abc";
-        storage[0] = {oid1, {5, val1}, 0};
-        storage[1] = {oid2, {0, nullptr}, static_cast<char>(critical_second ? 1 : 0)};
-        list[0] = &storage[0];
-        list[1] = &storage[1];
-    }
-};
 
 // The caller's copy of a control list option: its first OID, or "" for none.
 std::string first_control(LDAP *ld, int option)
@@ -224,11 +209,13 @@ TEST_F(Options, StringsAndTimeoutAreCopiedAndNullClears)
 
 TEST_F(Options, ControlListsAreCopiedBothWays)
 {
-    ControlList given(false);
-    ASSERT_EQ(ldap_set_option(h.ld, LDAP_OPT_SERVER_CONTROLS, given.list), 0);
+    LDAPControl **given = wzrtest::control_list({{"1.2.3.4", false, "\x04\x03" "abc"},
+                                                 {"2.16.840.1.113730.3.4.2", false}});
+    LDAPControl **critical = wzrtest::control_list({{"1.2.3.4", false}, {"2.16.840.1", true}});
+    ASSERT_EQ(ldap_set_option(h.ld, LDAP_OPT_SERVER_CONTROLS, given), 0);
     ASSERT_NE(h.ld->ld_sctrls, nullptr);
-    EXPECT_NE(h.ld->ld_sctrls, given.list);
-    EXPECT_NE(h.ld->ld_sctrls[0]->ldctl_oid, given.storage[0].ldctl_oid);
+    EXPECT_NE(h.ld->ld_sctrls, given);
+    EXPECT_NE(h.ld->ld_sctrls[0]->ldctl_oid, given[0]->ldctl_oid);
     LDAPControl **got = nullptr;
     ASSERT_EQ(ldap_get_option(h.ld, LDAP_OPT_SERVER_CONTROLS, &got), 0);
     ASSERT_NE(got, nullptr);
@@ -240,15 +227,14 @@ TEST_F(Options, ControlListsAreCopiedBothWays)
     ldap_controls_free(got);
 
     // Client controls: a critical one cannot be honoured and is refused; the old list stays.
-    ASSERT_EQ(ldap_set_option(h.ld, LDAP_OPT_CLIENT_CONTROLS, given.list), 0);
-    ControlList critical(true);
-    EXPECT_EQ(ldap_set_option(h.ld, LDAP_OPT_CLIENT_CONTROLS, critical.list),
+    ASSERT_EQ(ldap_set_option(h.ld, LDAP_OPT_CLIENT_CONTROLS, given), 0);
+    EXPECT_EQ(ldap_set_option(h.ld, LDAP_OPT_CLIENT_CONTROLS, critical),
               LDAP_UNAVAILABLE_CRITICAL_EXTENSION);
     EXPECT_EQ(ldap_get_errno(h.ld), LDAP_UNAVAILABLE_CRITICAL_EXTENSION);
     ASSERT_EQ(ldap_get_option(h.ld, LDAP_OPT_CLIENT_CONTROLS, &got), 0);
     EXPECT_EQ(got[1]->ldctl_iscritical, 0);
     ldap_controls_free(got);
-    EXPECT_EQ(ldap_set_option(h.ld, LDAP_OPT_SERVER_CONTROLS, critical.list), 0)
+    EXPECT_EQ(ldap_set_option(h.ld, LDAP_OPT_SERVER_CONTROLS, critical), 0)
         << "server controls may be critical";
     ASSERT_EQ(ldap_set_option(h.ld, LDAP_OPT_SERVER_CONTROLS, nullptr), 0);
     EXPECT_EQ(h.ld->ld_sctrls, nullptr);
@@ -257,9 +243,9 @@ TEST_F(Options, ControlListsAreCopiedBothWays)
     // Every allocation of a new list can fail; the list held before stays whole.
     for (int option : {LDAP_OPT_SERVER_CONTROLS, LDAP_OPT_CLIENT_CONTROLS}) {
         SCOPED_TRACE(option);
-        ASSERT_EQ(ldap_set_option(h.ld, option, given.list), 0);
+        ASSERT_EQ(ldap_set_option(h.ld, option, given), 0);
         int walked = wzrtest::walk_alloc_failures([&] {
-            int rc = ldap_set_option(h.ld, option, given.list);
+            int rc = ldap_set_option(h.ld, option, given);
             if (rc != 0) {
                 EXPECT_EQ(rc, LDAP_NO_MEMORY);
                 EXPECT_EQ(ldap_get_errno(h.ld), LDAP_NO_MEMORY);
@@ -270,6 +256,8 @@ TEST_F(Options, ControlListsAreCopiedBothWays)
         EXPECT_GT(walked, 3);
         ASSERT_EQ(ldap_set_option(h.ld, option, nullptr), 0);
     }
+    ldap_controls_free(given);
+    ldap_controls_free(critical);
 }
 
 TEST(GlobalDefaults, NullHandleChangesOnlyTheGlobalDefault)

@@ -1,6 +1,8 @@
 // Referral chasing and URL search, against two slapd servers (the first refers ou=partners and
 // foreign DNs to the second) and against scripted servers (version 2 texts, hostile referrals,
-// a referred server dying or silent, the bytes of the re-encoded request).
+// a referred server dying or silent, the bytes of the re-encoded request); extended operations:
+// Who-am-I and an unknown OID against slapd, the request encoding, the backup value and its
+// decoded result, and the transaction values against a scripted server.
 #include <gtest/gtest.h>
 
 #include <set>
@@ -13,6 +15,7 @@
 #include "libldap/ldap_dn.h"
 #include "libldap/ldap_entry.h"
 #include "libldap/ldap_error.h"
+#include "libldap/ldap_extended.h"
 #include "libldap/ldap_init.h"
 #include "libldap/ldap_message.h"
 #include "libldap/ldap_options.h"
@@ -28,6 +31,7 @@
 #include "support/slapd_fixture.h"
 
 using namespace wzrtest;
+namespace f = wzrtest::fber;
 
 namespace {
 
@@ -404,7 +408,6 @@ TEST(ReferralFake, ReencodedSearchCarriesTheUrlsScopeAndFilterAndDropsThePagedCo
     LDAPControl *ctrls[] = {&paged, &other, nullptr};
     EXPECT_EQ(search_fake(first, LDAP_VERSION3, nullptr, ctrls).dns.size(), 1u);
     ASSERT_TRUE(second.wait_for_requests(1));
-    namespace f = wzrtest::fber;
     const std::string op =
         f::cons(0x63, f::str("ou=far") + f::enumerated(1) + f::enumerated(0) + f::integer(0) +
                           f::integer(0) + f::boolean(false) +
@@ -412,6 +415,60 @@ TEST(ReferralFake, ReencodedSearchCarriesTheUrlsScopeAndFilterAndDropsThePagedCo
     const std::string ctrl = f::cons(0xa0, f::seq(f::str("1.2.3") + f::boolean(true)));
     EXPECT_EQ(f::hex(second.requests()[0].bytes),
               f::hex(f::message(second.requests()[0].msgid, op, ctrl)));
+}
+
+/* ---- extended operations ---- */
+
+TEST_F(Referrals, WhoAmIGivesTheBoundIdentityAndAnUnknownOidTheServersError)
+{
+    const SlapdFixture &slapd = first();
+    Handle h(slapd.port());
+    ASSERT_EQ(ldap_simple_bind_s(h.ld, slapd.user_dn().c_str(), slapd.user_pw().c_str()), 0);
+    struct berval *data = nullptr;
+    ASSERT_EQ(ldap_extended_operation_s(h.ld, "1.3.6.1.4.1.4203.1.11.3", nullptr, nullptr,
+                                        nullptr, nullptr, &data),
+              0);
+    ASSERT_NE(data, nullptr);
+    EXPECT_EQ(std::string(data->bv_val, data->bv_len), "dn:" + slapd.user_dn());
+    ber_bvfree(data);
+    EXPECT_EQ(ldap_extended_operation_s(h.ld, "1.2.3.4.5.6.7", nullptr, nullptr, nullptr, nullptr,
+                                        &data),
+              LDAP_PROTOCOL_ERROR);
+    char *text = nullptr;
+    EXPECT_EQ(ldap_get_lderrno(h.ld, nullptr, &text), LDAP_PROTOCOL_ERROR);
+    EXPECT_NE(std::string(text != nullptr ? text : ""), ""); // the server's own words
+    lber_free(text);
+}
+
+TEST(Extended, RequestValuesBackupResultAndTransactionId)
+{
+    FakeServer server;
+    server.on_request([value = f::seq(f::integer(7))](const ReceivedRequest &r, FakeConnection &c) {
+        c.send(extended_response_pdu(r.msgid, 0, "", "", "", &value));
+    });
+    Handle h(server.port());
+    int result = -1;
+    EXPECT_EQ(ldap_backup(h.ld, &result), 0);
+    EXPECT_EQ(result, 7);
+    EXPECT_EQ(ldap_extended_operation_s(h.ld, "1.2.3", nullptr, nullptr, nullptr, nullptr,
+                                        nullptr),
+              0);
+    struct berval *id = nullptr; // the transaction id is the whole response value
+    ASSERT_EQ(ldap_start_transaction_s(h.ld, &id), 0);
+    EXPECT_EQ(ldap_end_transaction_s(h.ld, nullptr, 1), LDAP_PARAM_ERROR); // nothing sent
+    EXPECT_EQ(ldap_end_transaction_s(h.ld, id, 1), 0);
+    ber_bvfree(id);
+    ASSERT_TRUE(server.wait_for_requests(4));
+    auto sent = server.requests();
+    EXPECT_EQ(f::hex(sent[0].bytes),
+              f::hex(f::message(sent[0].msgid,
+                                f::cons(0x77, f::prim(0x80, LDAP_BACKUP_RESTORE_OID) +
+                                                  f::prim(0x81, f::seq(f::enumerated(1)))))));
+    EXPECT_EQ(f::hex(sent[1].bytes),
+              f::hex(f::message(sent[1].msgid, f::cons(0x77, f::prim(0x80, "1.2.3")))));
+    // The end value: the commit byte, then the id's bytes.
+    const std::string end = std::string("\x01", 1) + f::seq(f::integer(7));
+    EXPECT_NE(sent[3].bytes.find(f::prim(0x81, end)), std::string::npos);
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "libldap/ldap_controls.h"
+#include "libldap/ldap_entry.h"
 #include "libldap/ldap_message.h"
 
 namespace wzrtest {
@@ -29,7 +30,7 @@ PduBuilder &PduBuilder::raw(const std::string &bytes)
 
 PduBuilder &PduBuilder::controls(LDAPControl **ctrls)
 {
-    if (ber_ == nullptr || put_ctrls_into_ber(ber_, ctrls) != 0)
+    if (ctrls != nullptr && (ber_ == nullptr || put_ctrls_into_ber(ber_, ctrls) != 0))
         failed_ = true;
     return *this;
 }
@@ -59,9 +60,7 @@ std::string entry_pdu(const std::string &dn, const std::vector<Attr> &attrs, int
         b.add("]}");
     }
     b.add("}}");
-    if (ctrls != nullptr)
-        b.controls(ctrls);
-    return b.bytes();
+    return b.controls(ctrls).bytes();
 }
 
 //   LDAPResult ::= SEQUENCE { resultCode, matchedDN, diagnosticMessage, referral [3] OPT }
@@ -78,9 +77,7 @@ std::string result_pdu(ber_tag_t type, int code, const std::string &matched,
         b.add("}");
     }
     b.add("}");
-    if (ctrls != nullptr)
-        b.controls(ctrls);
-    return b.bytes();
+    return b.controls(ctrls).bytes();
 }
 
 std::string reference_pdu(const std::vector<std::string> &urls, LDAPControl **ctrls, int msgid)
@@ -90,9 +87,7 @@ std::string reference_pdu(const std::vector<std::string> &urls, LDAPControl **ct
     for (const std::string &u : urls)
         b.add("s", u.c_str());
     b.add("}");
-    if (ctrls != nullptr)
-        b.controls(ctrls);
-    return b.bytes();
+    return b.controls(ctrls).bytes();
 }
 
 std::string extended_pdu(int code, const std::string &name, const std::string &value,
@@ -105,9 +100,7 @@ std::string extended_pdu(int code, const std::string &name, const std::string &v
     if (!value.empty())
         b.add("to", LDAP_TAG_EXOP_RES_VALUE, value.data(), static_cast<int>(value.size()));
     b.add("}");
-    if (ctrls != nullptr)
-        b.controls(ctrls);
-    return b.bytes();
+    return b.controls(ctrls).bytes();
 }
 
 std::string bind_pdu(int code, bool with_creds, const std::string &creds, LDAPControl **ctrls,
@@ -118,16 +111,12 @@ std::string bind_pdu(int code, bool with_creds, const std::string &creds, LDAPCo
     if (with_creds)
         b.add("to", LDAP_TAG_SASL_RES_CREDS, creds.data(), static_cast<int>(creds.size()));
     b.add("}");
-    if (ctrls != nullptr)
-        b.controls(ctrls);
-    return b.bytes();
+    return b.controls(ctrls).bytes();
 }
 
 LDAPMessage *make_msg(const std::string &pdu)
 {
-    struct berval bv;
-    bv.bv_len = pdu.size();
-    bv.bv_val = const_cast<char *>(pdu.data());
+    struct berval bv = {pdu.size(), const_cast<char *>(pdu.data())};
     BerElement *ber = fber_init(&bv);
     if (ber == nullptr)
         return nullptr;
@@ -152,17 +141,14 @@ LDAPMessage *make_msg(const std::string &pdu)
 
 LDAPMessage *chain_msgs(std::initializer_list<LDAPMessage *> msgs)
 {
-    LDAPMessage *first = nullptr;
     LDAPMessage *prev = nullptr;
     for (LDAPMessage *m : msgs) {
-        if (prev == nullptr)
-            first = m;
-        else
+        if (prev != nullptr)
             prev->lm_chain = m;
         m->lm_prev = prev;
         prev = m;
     }
-    return first;
+    return msgs.size() != 0 ? *msgs.begin() : nullptr;
 }
 
 void free_msgs(LDAPMessage *first) { free_msg(first, 1); }
@@ -187,6 +173,29 @@ LDAPControl **make_control_list(std::initializer_list<LDAPControl *> ctrls)
     for (LDAPControl *c : ctrls)
         list[i++] = c;
     return list;
+}
+
+Controls one_control(const char *oid, bool critical, const char *value)
+{
+    return Controls{make_control_list({make_control(oid, critical, value, value ? strlen(value) : 0)})};
+}
+
+std::vector<std::string> take_strings(char **array)
+{
+    std::vector<std::string> out;
+    for (char **p = array; p != nullptr && *p != nullptr; ++p)
+        out.emplace_back(*p);
+    ldap_value_free(array);
+    return out;
+}
+
+std::string take_oids(LDAPControl **list)
+{
+    std::string out = list == nullptr ? "null" : "";
+    for (LDAPControl **c = list; c != nullptr && *c != nullptr; ++c)
+        out += (c == list ? "" : ",") + std::string((*c)->ldctl_oid);
+    ldap_controls_free(list);
+    return out;
 }
 
 } // namespace wzrtest

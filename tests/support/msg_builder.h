@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "libldap/ldap_controls.h"
 #include "libldap/ldap_int.h"
 
 namespace wzrtest {
@@ -29,7 +30,7 @@ public:
         return *this;
     }
     PduBuilder &raw(const std::string &bytes); // appended as they are
-    PduBuilder &controls(LDAPControl **ctrls);
+    PduBuilder &controls(LDAPControl **ctrls); // none when null
     std::string bytes(); // closes the LDAPMessage sequence; empty when any step failed
 
 private:
@@ -67,6 +68,19 @@ LDAPControl *make_control(const char *oid, bool critical, const char *value = nu
                           size_t value_len = 0);
 // A null-terminated list of them.
 LDAPControl **make_control_list(std::initializer_list<LDAPControl *> ctrls);
+
+// A control list freed when it goes out of scope (a temporary: at the end of the statement).
+struct Controls {
+    LDAPControl **list;
+    ~Controls() { ldap_controls_free(list); }
+    operator LDAPControl **() const { return list; }
+};
+// A list of one control; the value, when given, is NUL-terminated.
+Controls one_control(const char *oid, bool critical = false, const char *value = nullptr);
+// Take a list handed out by the library, free it, and give its strings (the OIDs joined by
+// ",", "null" for no list).
+std::vector<std::string> take_strings(char **array);
+std::string take_oids(LDAPControl **list);
 
 } // namespace wzrtest
 
