@@ -306,9 +306,6 @@ TEST(TableSend, SendingFilesTheRequestAndAFailedSendKeepsItUntilTheIdIsReleased)
 TEST_F(Rows, FreshRecordIsAliveAndFreedRecordIsRefused)
 {
     LDAPMessage *m = ldap_msginit(lc_);
-    ASSERT_NE(m, nullptr);
-    EXPECT_EQ(m->lm_msgtype, 48);
-    EXPECT_EQ(m->lm_msgid, 0);
     EXPECT_EQ(m->lm_conn, lc_);
     EXPECT_EQ(memcmp(m->lm_eyecatcher, "EYEALIVE", 8), 0);
     EXPECT_EQ(ldap_msg_valid(m), 1);
