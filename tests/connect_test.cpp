@@ -7,17 +7,15 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <net/if.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <string>
-#include <thread>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -28,21 +26,19 @@
 #include "libldap/ldap_unbind.h"
 #include "support/engine_client.h"
 #include "support/loopback_listener.h"
-#include "support/test_util.h"
 
 namespace {
 
-using wzrtest::TraceCapture;
+using wzrtest::TraceFile;
 
 int open_fd_count()
 {
     int n = 0;
     DIR *d = opendir("/proc/self/fd");
-    if (d == nullptr)
-        return -1;
-    while (readdir(d) != nullptr)
+    while (d != nullptr && readdir(d) != nullptr)
         ++n;
-    closedir(d);
+    if (d != nullptr)
+        closedir(d);
     return n;
 }
 
@@ -57,52 +53,21 @@ sockaddr_in loopback4(int port)
     return a;
 }
 
-// A socket bound to a loopback port and not listening: connects to it are refused.
-struct RefusingPort {
+// A loopback port bound and, unless `refusing`, listened on with nobody accepting: connects
+// complete in its queue (or are refused) and no accepted descriptor appears in this process,
+// so descriptor counts stay exact.
+struct Port {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
     int port = 0;
-    RefusingPort()
+    explicit Port(bool refusing = false, int backlog = 8)
     {
         sockaddr_in a = loopback4(0);
         socklen_t len = sizeof a;
-        if (bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0 &&
+        if (bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0 && (refusing || listen(fd, backlog) == 0) &&
             getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len) == 0)
             port = ntohs(a.sin_port);
     }
-    ~RefusingPort() { close(fd); }
-};
-
-// A listening socket nobody accepts on: connects complete in its queue and no accepted
-// descriptor appears in this process, so descriptor counts stay exact.
-struct QuietListener {
-    int fd = -1;
-    int port = 0;
-    explicit QuietListener(int family = AF_INET)
-    {
-        fd = socket(family, SOCK_STREAM, 0);
-        sockaddr_storage ss{};
-        socklen_t len;
-        if (family == AF_INET6) {
-            auto *a6 = reinterpret_cast<sockaddr_in6 *>(&ss);
-            a6->sin6_family = AF_INET6;
-            a6->sin6_addr = in6addr_loopback;
-            len = sizeof *a6;
-        } else {
-            *reinterpret_cast<sockaddr_in *>(&ss) = loopback4(0);
-            len = sizeof(sockaddr_in);
-        }
-        if (fd < 0 || bind(fd, reinterpret_cast<sockaddr *>(&ss), len) != 0 || listen(fd, 8) != 0 ||
-            getsockname(fd, reinterpret_cast<sockaddr *>(&ss), &len) != 0)
-            return;
-        port = ntohs(family == AF_INET6 ? reinterpret_cast<sockaddr_in6 *>(&ss)->sin6_port
-                                        : reinterpret_cast<sockaddr_in *>(&ss)->sin_port);
-    }
-    ~QuietListener()
-    {
-        if (fd >= 0)
-            close(fd);
-    }
-    bool ok() const { return port > 0; }
+    ~Port() { close(fd); }
 };
 
 int peer_port(int sd)
@@ -111,34 +76,23 @@ int peer_port(int sd)
     socklen_t len = sizeof ss;
     if (getpeername(sd, reinterpret_cast<sockaddr *>(&ss), &len) != 0)
         return -1;
-    if (ss.ss_family == AF_INET6)
-        return ntohs(reinterpret_cast<sockaddr_in6 *>(&ss)->sin6_port);
-    return ntohs(reinterpret_cast<sockaddr_in *>(&ss)->sin_port);
+    return ntohs(ss.ss_family == AF_INET6 ? reinterpret_cast<sockaddr_in6 *>(&ss)->sin6_port
+                                          : reinterpret_cast<sockaddr_in *>(&ss)->sin_port);
 }
 
 // A hand-built address list, so that the walk's order is the test's choice.
 struct AddressList {
     std::vector<sockaddr_in> addrs;
     std::vector<addrinfo> infos;
-    explicit AddressList(const std::vector<int> &ports, int bad_family_first = 0)
+    explicit AddressList(const std::vector<int> &ports, bool bad_family_first = false)
     {
         addrs.reserve(ports.size());
-        infos.reserve(ports.size() + 1);
-        if (bad_family_first) {
-            addrinfo bad{};
-            bad.ai_family = 12345; // no such family: socket() fails
-            bad.ai_socktype = SOCK_STREAM;
-            infos.push_back(bad);
-        }
+        if (bad_family_first)
+            infos.push_back({0, 12345, SOCK_STREAM, 0, 0, nullptr, nullptr, nullptr}); // socket() fails
         for (int p : ports) {
             addrs.push_back(loopback4(p));
-            addrinfo ai{};
-            ai.ai_family = AF_INET;
-            ai.ai_socktype = SOCK_STREAM;
-            ai.ai_protocol = IPPROTO_TCP;
-            ai.ai_addr = reinterpret_cast<sockaddr *>(&addrs.back());
-            ai.ai_addrlen = sizeof(sockaddr_in);
-            infos.push_back(ai);
+            infos.push_back({0, AF_INET, SOCK_STREAM, IPPROTO_TCP, sizeof(sockaddr_in),
+                             reinterpret_cast<sockaddr *>(&addrs.back()), nullptr, nullptr});
         }
         for (size_t i = 0; i + 1 < infos.size(); ++i)
             infos[i].ai_next = &infos[i + 1];
@@ -148,57 +102,41 @@ struct AddressList {
 
 /* ---- resolution ---- */
 
-TEST(Resolver, ResolvesNumericHostsAndKeepsThePortInNetworkOrder)
+TEST(Resolver, ResolvesNumericAndScopedHostsAndRefusesUnknownOnes)
 {
     addrinfo *res = nullptr;
     ASSERT_EQ(opx_getaddrinfo("127.0.0.1", net(389), &res), 0);
-    ASSERT_NE(res, nullptr);
     EXPECT_EQ(res->ai_family, AF_INET);
     EXPECT_EQ(reinterpret_cast<sockaddr_in *>(res->ai_addr)->sin_port, htons(389));
     EXPECT_EQ(res->ai_socktype, SOCK_STREAM);
     freeaddrinfo(res);
-
-    res = nullptr;
     ASSERT_EQ(opx_getaddrinfo(nullptr, net(1389), &res), 0) << "no host: the loopback address";
     freeaddrinfo(res);
-}
-
-TEST(Resolver, UnknownHostIsServerDownWithHostUnreachable)
-{
-    TraceCapture trace;
-    addrinfo *res = nullptr;
-    errno = 0;
-    EXPECT_EQ(opx_getaddrinfo("no-such-host.invalid", net(389), &res), LDAP_SERVER_DOWN);
-    EXPECT_EQ(errno, EHOSTUNREACH);
-    EXPECT_EQ(res, nullptr);
-    EXPECT_TRUE(trace.contains("getaddrinfo failed. \n"));
-    EXPECT_TRUE(trace.contains("opx_getaddrinfo: host(no-such-host.invalid), port(389), res("));
-
-    // A name beyond 511 bytes is cut, not overrun.
-    std::string longname(600, 'a');
-    EXPECT_EQ(opx_getaddrinfo(longname.c_str(), net(389), &res), LDAP_SERVER_DOWN);
-}
-
-TEST(Resolver, ScopedIpv6AddressResolvesWithItsInterface)
-{
     unsigned lo = if_nametoindex("lo");
-    if (lo == 0)
-        GTEST_SKIP() << "no loopback interface index";
-    addrinfo *res = nullptr;
-    int rc = opx_getaddrinfo("fe80::1%lo", net(389), &res);
-    if (rc != 0)
-        GTEST_SKIP() << "IPv6 not configured here";
-    ASSERT_NE(res, nullptr);
-    ASSERT_EQ(res->ai_family, AF_INET6);
-    EXPECT_EQ(reinterpret_cast<sockaddr_in6 *>(res->ai_addr)->sin6_scope_id, lo);
-    freeaddrinfo(res);
+    if (lo != 0 && opx_getaddrinfo("fe80::1%lo", net(389), &res) == 0) {
+        EXPECT_EQ(reinterpret_cast<sockaddr_in6 *>(res->ai_addr)->sin6_scope_id, lo);
+        freeaddrinfo(res);
+    }
+
+    {
+        TraceFile trace;
+        res = nullptr;
+        errno = 0;
+        EXPECT_EQ(opx_getaddrinfo("no-such-host.invalid", net(389), &res), LDAP_SERVER_DOWN);
+        EXPECT_EQ(errno, EHOSTUNREACH);
+        EXPECT_EQ(res, nullptr);
+        EXPECT_TRUE(trace.contains("getaddrinfo failed. \n"));
+        EXPECT_TRUE(trace.contains("opx_getaddrinfo: host(no-such-host.invalid), port(389), res("));
+    }
+    // A name beyond 511 bytes is cut, not overrun.
+    EXPECT_EQ(opx_getaddrinfo(std::string(600, 'a').c_str(), net(389), &res), LDAP_SERVER_DOWN);
 }
 
 /* ---- connecting ---- */
 
 TEST(OpenConnection, ConnectsToALoopbackListenerWithKeepAlive)
 {
-    TraceCapture trace;
+    TraceFile trace;
     for (bool ipv6 : {false, true}) {
         wzrtest::LoopbackListener listener(ipv6);
         if (!listener.ok()) {
@@ -208,10 +146,7 @@ TEST(OpenConnection, ConnectsToALoopbackListenerWithKeepAlive)
         struct timeval limit = {5, 0};
         for (struct timeval *timeout : {static_cast<struct timeval *>(nullptr), &limit}) {
             Sockbuf sb = {-1, nullptr, 0, 0, -1};
-            ASSERT_EQ(open_connection(&sb, ipv6 ? "::1" : "127.0.0.1", net(listener.port()),
-                                      nullptr, 0, timeout),
-                      0);
-            ASSERT_GE(sb.sb_sd, 0);
+            ASSERT_EQ(open_connection(&sb, ipv6 ? "::1" : "127.0.0.1", net(listener.port()), nullptr, 0, timeout), 0);
             EXPECT_EQ(peer_port(sb.sb_sd), listener.port());
             int keepalive = 0;
             socklen_t len = sizeof keepalive;
@@ -227,84 +162,48 @@ TEST(OpenConnection, ConnectsToALoopbackListenerWithKeepAlive)
     EXPECT_TRUE(trace.contains(", port="));
 }
 
-TEST(OpenConnection, FirstAddressRefusesSecondAcceptsAndTheFirstSocketIsClosed)
+// The walk takes the first address that accepts, closing every socket that failed; when all
+// fail, the last failure counts.
+TEST(OpenConnection, AddressWalkClosesFailedSocketsAndGivesTheLastFailure)
 {
-    TraceCapture trace;
-    RefusingPort refusing;
-    QuietListener listener;
-    ASSERT_TRUE(listener.ok());
-    ASSERT_GT(refusing.port, 0);
-    AddressList list({refusing.port, listener.port});
+    Port refusing(true), other_refusing(true), listener;
+    ASSERT_GT(listener.port, 0);
     int before = open_fd_count();
     int sd = -1;
-    ASSERT_EQ(connect_first_address(list.head(), nullptr, &sd), 0);
-    EXPECT_EQ(peer_port(sd), listener.port);
-    EXPECT_EQ(open_fd_count(), before + 1) << "the refused socket was closed";
-    EXPECT_TRUE(trace.contains("open_connection: [2]connect failed 111\n"));
-    close(sd);
-}
+    {
+        TraceFile trace;
+        int traced = open_fd_count();
+        ASSERT_EQ(connect_first_address(AddressList({refusing.port, listener.port}).head(), nullptr, &sd), 0);
+        EXPECT_EQ(peer_port(sd), listener.port);
+        EXPECT_EQ(open_fd_count(), traced + 1) << "the refused socket was closed";
+        EXPECT_TRUE(trace.contains("open_connection: [2]connect failed 111\n"));
+        close(sd);
+    }
 
-// The same through the resolver, when "localhost" has two addresses of which the first
-// refuses.
-TEST(OpenConnection, LocalhostWithTwoAddressesConnectsToTheOneListening)
-{
-    addrinfo hints{};
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo *res = nullptr;
-    if (getaddrinfo("localhost", "389", &hints, &res) != 0)
-        GTEST_SKIP() << "localhost does not resolve";
-    bool two = res->ai_next != nullptr && res->ai_family != res->ai_next->ai_family;
-    int second_family = two ? res->ai_next->ai_family : 0;
-    freeaddrinfo(res);
-    if (!two)
-        GTEST_SKIP() << "localhost has a single address family here";
-    QuietListener listener(second_family);
-    ASSERT_TRUE(listener.ok());
-    Sockbuf sb = {-1, nullptr, 0, 0, -1};
-    int before = open_fd_count();
-    ASSERT_EQ(open_connection(&sb, "localhost", net(listener.port), nullptr, 0, nullptr), 0);
-    EXPECT_EQ(peer_port(sb.sb_sd), listener.port);
-    EXPECT_EQ(open_fd_count(), before + 1);
-    close(sb.sb_sd);
-}
-
-TEST(OpenConnection, EveryAddressFailingGivesTheLastFailure)
-{
-    RefusingPort a, b;
-    int before = open_fd_count();
-    int sd = 7;
-    EXPECT_EQ(connect_first_address(AddressList({a.port, b.port}).head(), nullptr, &sd),
+    sd = 7;
+    EXPECT_EQ(connect_first_address(AddressList({refusing.port, other_refusing.port}).head(), nullptr, &sd),
               LDAP_SERVER_DOWN);
     EXPECT_EQ(sd, -1);
     EXPECT_EQ(connect_first_address(nullptr, nullptr, &sd), LDAP_SERVER_DOWN) << "empty list";
-    EXPECT_EQ(connect_first_address(AddressList({}, 1).head(), nullptr, &sd), LDAP_CONNECT_ERROR)
+    EXPECT_EQ(connect_first_address(AddressList({}, true).head(), nullptr, &sd), LDAP_CONNECT_ERROR)
         << "no socket for the only address";
-    EXPECT_EQ(connect_first_address(AddressList({a.port}, 1).head(), nullptr, &sd),
-              LDAP_SERVER_DOWN)
+    EXPECT_EQ(connect_first_address(AddressList({refusing.port}, true).head(), nullptr, &sd), LDAP_SERVER_DOWN)
         << "the last failure counts";
     EXPECT_EQ(open_fd_count(), before) << "every failed socket closed";
 
     Sockbuf sb = {-1, nullptr, 0, 0, -1};
-    EXPECT_EQ(open_connection(&sb, "127.0.0.1", net(a.port), nullptr, 0, nullptr),
-              LDAP_SERVER_DOWN);
+    EXPECT_EQ(open_connection(&sb, "127.0.0.1", net(refusing.port), nullptr, 0, nullptr), LDAP_SERVER_DOWN);
     EXPECT_EQ(sb.sb_sd, -1);
     EXPECT_EQ(open_connection(&sb, nullptr, net(389), nullptr, 0, nullptr), LDAP_SERVER_DOWN);
-    EXPECT_EQ(open_connection(&sb, "no-such-host.invalid", net(389), nullptr, 0, nullptr),
-              LDAP_SERVER_DOWN);
+    EXPECT_EQ(open_connection(&sb, "no-such-host.invalid", net(389), nullptr, 0, nullptr), LDAP_SERVER_DOWN);
 }
 
 // A listener with backlog 0 whose queue is already full drops further SYNs, so a connect to
 // it neither succeeds nor fails until the time-out.
 TEST(OpenConnection, ConnectTimesOutAgainstAPeerThatNeverAccepts)
 {
-    int lfd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a = loopback4(0);
-    socklen_t len = sizeof a;
-    ASSERT_EQ(bind(lfd, reinterpret_cast<sockaddr *>(&a), sizeof a), 0);
-    ASSERT_EQ(listen(lfd, 0), 0);
-    ASSERT_EQ(getsockname(lfd, reinterpret_cast<sockaddr *>(&a), &len), 0);
-    int port = ntohs(a.sin_port);
-
+    Port full_queue(false, 0);
+    sockaddr_in a = loopback4(full_queue.port);
     std::vector<int> fillers;
     bool full = false;
     for (int i = 0; i < 16 && !full; ++i) {
@@ -316,50 +215,23 @@ TEST(OpenConnection, ConnectTimesOutAgainstAPeerThatNeverAccepts)
         pollfd p = {c, POLLOUT, 0};
         full = poll(&p, 1, i == 0 ? 2000 : 500) == 0 && i > 0;
     }
-    if (!full) {
-        for (int c : fillers)
-            close(c);
-        close(lfd);
-        GTEST_SKIP() << "this system accepts every connection into the queue";
+    if (full) {
+        TraceFile trace;
+        int sd = socket(AF_INET, SOCK_STREAM, 0);
+        struct timeval short_limit = {0, 300000};
+        EXPECT_EQ(rqx_connect(sd, reinterpret_cast<sockaddr *>(&a), sizeof a, &short_limit), -1);
+        EXPECT_EQ(get_socket_flags_sd(sd) & O_NONBLOCK, 0) << "set back to blocking";
+        close(sd);
+        EXPECT_TRUE(trace.contains("rqx_connect: select timed out\n"));
+        Sockbuf sb = {-1, nullptr, 0, 0, -1};
+        struct timeval one_second = {1, 0};
+        EXPECT_EQ(open_connection(&sb, "127.0.0.1", net(full_queue.port), nullptr, 0, &one_second), LDAP_SERVER_DOWN);
+        EXPECT_EQ(sb.sb_sd, -1);
     }
-
-    TraceCapture trace;
-    int sd = socket(AF_INET, SOCK_STREAM, 0);
-    struct timeval short_limit = {0, 300000};
-    EXPECT_EQ(rqx_connect(sd, reinterpret_cast<sockaddr *>(&a), sizeof a, &short_limit), -1);
-    EXPECT_EQ(get_socket_flags_sd(sd) & O_NONBLOCK, 0) << "set back to blocking";
-    close(sd);
-    EXPECT_TRUE(trace.contains("rqx_connect: select timed out\n"));
-
-    Sockbuf sb = {-1, nullptr, 0, 0, -1};
-    struct timeval one_second = {1, 0};
-    auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(open_connection(&sb, "127.0.0.1", net(port), nullptr, 0, &one_second),
-              LDAP_SERVER_DOWN);
-    auto waited = std::chrono::steady_clock::now() - start;
-    EXPECT_EQ(sb.sb_sd, -1);
-    std::printf("connect time-out of 1 s ended after %lld ms\n",
-                static_cast<long long>(
-                    std::chrono::duration_cast<std::chrono::milliseconds>(waited).count()));
     for (int c : fillers)
         close(c);
-    close(lfd);
-}
-
-TEST(OpenConnection, RefusedConnectWithATimeOutFailsAtOnce)
-{
-    RefusingPort refusing;
-    sockaddr_in a = loopback4(refusing.port);
-    int sd = socket(AF_INET, SOCK_STREAM, 0);
-    struct timeval limit = {5, 0};
-    auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(rqx_connect(sd, reinterpret_cast<sockaddr *>(&a), sizeof a, &limit), -1);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));
-    close(sd);
-    sd = socket(AF_INET, SOCK_STREAM, 0);
-    EXPECT_EQ(rqx_connect(sd, reinterpret_cast<sockaddr *>(&a), sizeof a, nullptr), -1);
-    EXPECT_EQ(errno, ECONNREFUSED);
-    close(sd);
+    if (!full)
+        GTEST_SKIP() << "this system accepts every connection into the queue";
 }
 
 TEST(OpenConnection, LocalDomainPathConnectsAndAMissingPathIsConnectError)
@@ -372,24 +244,19 @@ TEST(OpenConnection, LocalDomainPathConnectsAndAMissingPathIsConnectError)
     std::strncpy(un.sun_path, path.c_str(), sizeof un.sun_path - 1);
     ASSERT_EQ(bind(lfd, reinterpret_cast<sockaddr *>(&un), sizeof un), 0);
     ASSERT_EQ(listen(lfd, 4), 0);
-
     struct timeval limit = {2, 0};
     for (struct timeval *timeout : {static_cast<struct timeval *>(nullptr), &limit}) {
         Sockbuf sb = {-1, nullptr, 0, 0, -1};
         ASSERT_EQ(open_connection(&sb, path.c_str(), 0, nullptr, 0, timeout), 0);
-        ASSERT_GE(sb.sb_sd, 0);
         int peer = accept(lfd, nullptr, nullptr);
-        ASSERT_GE(peer, 0);
         ASSERT_EQ(write(sb.sb_sd, "ok", 2), 2);
         char got[2];
         EXPECT_EQ(read(peer, got, 2), 2);
         close(peer);
         close(sb.sb_sd);
     }
-
     Sockbuf sb = {-1, nullptr, 0, 0, -1};
-    EXPECT_EQ(open_connection(&sb, dir.file("missing.sock").c_str(), 0, nullptr, 0, nullptr),
-              LDAP_CONNECT_ERROR);
+    EXPECT_EQ(open_connection(&sb, dir.file("missing.sock").c_str(), 0, nullptr, 0, nullptr), LDAP_CONNECT_ERROR);
     EXPECT_EQ(sb.sb_sd, -1) << "a failed local connect stores nothing";
     std::string too_long = "/" + std::string(200, 'p');
     EXPECT_EQ(open_connection(&sb, too_long.c_str(), 0, nullptr, 0, nullptr), LDAP_CONNECT_ERROR);
@@ -399,7 +266,7 @@ TEST(OpenConnection, LocalDomainPathConnectsAndAMissingPathIsConnectError)
 
 TEST(SocketMode, HelpersSetAndClearNonBlockingAndReportErrno)
 {
-    TraceCapture trace;
+    TraceFile trace;
     int sv[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
     EXPECT_EQ(set_socket_nb_sd(sv[0]), 0);
@@ -409,7 +276,6 @@ TEST(SocketMode, HelpersSetAndClearNonBlockingAndReportErrno)
     EXPECT_NE(get_socket_flags_sd(sv[0]) & O_RDWR, 0);
     close(sv[0]);
     close(sv[1]);
-
     EXPECT_EQ(set_socket_nb_sd(-1), EBADF);
     EXPECT_EQ(set_socket_blocking_sd(-1), EBADF);
     EXPECT_EQ(get_socket_flags_sd(-1), 0);
@@ -421,36 +287,27 @@ TEST(SocketMode, HelpersSetAndClearNonBlockingAndReportErrno)
 /* ---- connection lookup ---- */
 
 struct Handle {
-    LDAP *ld;
-    explicit Handle(const char *host, int port) : ld(ldap_init(host, port)) {}
-    ~Handle()
+    LDAP *ld = ldap_init("127.0.0.1", 389);
+    ~Handle() { (void)ldap_unbind(ld); }
+    int chain_length() const
     {
-        if (ld != nullptr)
-            (void)ldap_unbind(ld);
+        int n = 0;
+        for (LDAPConn *lc = ld->ld_servers; lc != nullptr; lc = lc->next)
+            ++n;
+        return n;
     }
 };
-
-int chain_length(LDAP *ld)
-{
-    int n = 0;
-    for (LDAPConn *lc = ld->ld_servers; lc != nullptr; lc = lc->next)
-        ++n;
-    return n;
-}
 
 TEST(FindConn, FindsOrCreatesConnectionsByHostIgnoringCaseAndByPortAndRecordsAFailedOpen)
 {
     wzrtest::LoopbackListener listener;
     ASSERT_TRUE(listener.ok());
-    Handle h("127.0.0.1", 389);
-    ASSERT_NE(h.ld, nullptr);
+    Handle h;
     LDAP *ld = h.ld;
     int rc = -1;
-
     EXPECT_EQ(ldap_find_conn(ld, nullptr, 0, 0, &rc, 0), ld->ld_defconn);
     EXPECT_EQ(get_default_connection(ld), ld->ld_defconn);
-    EXPECT_EQ(ldap_find_conn(ld, "127.0.0.1", 389, 0, &rc, 0), nullptr)
-        << "scope 0 looks only at the extra connections";
+    EXPECT_EQ(ldap_find_conn(ld, "127.0.0.1", 389, 0, &rc, 0), nullptr) << "scope 0: extra connections only";
     EXPECT_EQ(rc, 0);
     EXPECT_EQ(ldap_find_conn(ld, "127.0.0.1", 389, 0, &rc, 1), ld->ld_defconn);
     EXPECT_EQ(ldap_find_conn(ld, "127.0.0.1", -1, 0, &rc, 1), ld->ld_defconn) << "-1 is 389";
@@ -461,30 +318,26 @@ TEST(FindConn, FindsOrCreatesConnectionsByHostIgnoringCaseAndByPortAndRecordsAFa
     EXPECT_EQ(rc, 0);
     EXPECT_EQ(made->ld, ld);
     EXPECT_EQ(made->connected, 1);
-    EXPECT_GE(made->sb.sb_sd, 0);
     EXPECT_EQ(ld->ld_defconn->next, made) << "appended behind the default connection";
     EXPECT_TRUE(listener.wait_accepted(1));
-
     EXPECT_EQ(ldap_find_conn(ld, "LocalHost", listener.port(), 1, &rc, 0), made);
     EXPECT_EQ(ldap_find_conn(ld, "LOCALHOST", listener.port(), 0, &rc, 1), made);
     EXPECT_EQ(ldap_find_conn(ld, "localhost", listener.port() + 1, 0, &rc, 0), nullptr);
-    EXPECT_EQ(chain_length(ld), 2);
+    EXPECT_EQ(h.chain_length(), 2);
     EXPECT_EQ(listener.accepted(), 1) << "a found connection is not opened again";
-
     LDAPConn *second = ldap_find_conn(ld, "127.0.0.1", listener.port(), 1, &rc, 0);
     ASSERT_NE(second, nullptr);
     EXPECT_EQ(made->next, second) << "appended at the end of the chain";
-
     ld->ld_ssl_in_use = 1;
     EXPECT_EQ(ldap_find_conn(ld, "127.0.0.1", -1, 0, &rc, 1), nullptr) << "-1 is 636 when secure";
     ld->ld_ssl_in_use = 0;
 
     // A failed open is recorded and leaves the chain alone.
-    RefusingPort refusing;
+    Port refusing(true);
     EXPECT_EQ(ldap_find_conn(ld, "127.0.0.1", refusing.port, 1, &rc, 0), nullptr);
     EXPECT_EQ(rc, LDAP_SERVER_DOWN);
     EXPECT_EQ(ldap_get_errno_direct(ld), LDAP_SERVER_DOWN);
-    EXPECT_EQ(chain_length(ld), 3);
+    EXPECT_EQ(h.chain_length(), 3);
     EXPECT_EQ(ldap_find_conn(nullptr, "127.0.0.1", 389, 1, &rc, 0), nullptr);
     EXPECT_EQ(rc, LDAP_PARAM_ERROR);
 }
@@ -493,23 +346,22 @@ TEST(FindConn, EveryFailedAllocationWhileCreatingIsReportedAndLeaksNothing)
 {
     wzrtest::LoopbackListener listener;
     ASSERT_TRUE(listener.ok());
-    Handle h("127.0.0.1", 389);
-    ASSERT_NE(h.ld, nullptr);
+    Handle h;
     LDAP *ld = h.ld;
     (void)ldap_set_lderrno_direct(ld, 0, nullptr, nullptr); // this thread's record exists
-    int walked = wzrtest::walk_alloc_failures([&] {
-        int rc = -1;
-        LDAPConn *lc = ldap_find_conn(ld, "127.0.0.1", listener.port(), 1, &rc, 0);
-        if (lc == nullptr) {
-            EXPECT_EQ(rc, LDAP_NO_MEMORY);
-            EXPECT_EQ(ldap_get_errno_direct(ld), LDAP_NO_MEMORY);
-            return false;
-        }
-        ld->ld_defconn->next = nullptr; // take it out again so the walk starts afresh
-        ldap_lc_free(lc);
-        return true;
-    });
-    EXPECT_GT(walked, 1);
+    EXPECT_GT(wzrtest::walk_alloc_failures([&] {
+                  int rc = -1;
+                  LDAPConn *lc = ldap_find_conn(ld, "127.0.0.1", listener.port(), 1, &rc, 0);
+                  if (lc == nullptr) {
+                      EXPECT_EQ(rc, LDAP_NO_MEMORY);
+                      EXPECT_EQ(ldap_get_errno_direct(ld), LDAP_NO_MEMORY);
+                      return false;
+                  }
+                  ld->ld_defconn->next = nullptr; // take it out again so the walk starts afresh
+                  ldap_lc_free(lc);
+                  return true;
+              }),
+              1);
 }
 
 // The connection lock is held while a connection is created and opened, so threads that ask
@@ -518,8 +370,7 @@ TEST(FindConnThreads, ConcurrentLookupsOfANewServerCreateOneConnection)
 {
     wzrtest::LoopbackListener listener;
     ASSERT_TRUE(listener.ok());
-    Handle h("127.0.0.1", 389);
-    ASSERT_NE(h.ld, nullptr);
+    Handle h;
     constexpr int THREADS = 8;
     LDAPConn *found[THREADS] = {};
     int codes[THREADS] = {};
@@ -537,10 +388,10 @@ TEST(FindConnThreads, ConcurrentLookupsOfANewServerCreateOneConnection)
         t.join();
     for (int i = 0; i < THREADS; ++i) {
         EXPECT_EQ(codes[i], 0);
-        EXPECT_NE(found[i], nullptr);
         EXPECT_EQ(found[i], found[0]);
     }
-    EXPECT_EQ(chain_length(h.ld), 2);
+    EXPECT_NE(found[0], nullptr);
+    EXPECT_EQ(h.chain_length(), 2);
 }
 
 } // namespace

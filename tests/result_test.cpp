@@ -1,14 +1,18 @@
-// Result retrieval against the fake server: filing out of order, entries then the final
-// result, the two modes and their time-outs, partial PDUs, the notice of disconnection,
-// broken streams, unreachable servers and the write time-out choice.
+// Result retrieval, abandon and unbind against the fake server: filing out of order, entries
+// then the final result, the two modes and their time-outs, partial PDUs, the notice of
+// disconnection, broken streams, unreachable servers, the write time-out choice; abandon's
+// refusals, its request and what it discards; unbind's refusals, its wait for the operation in
+// progress and its silence on the wire.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <thread>
 
+#include "libldap/ldap_abandon.h"
 #include "libldap/ldap_error.h"
 #include "libldap/ldap_init.h"
 #include "libldap/ldap_message.h"
@@ -19,6 +23,8 @@
 #include "libldap/ldap_unbind.h"
 #include "support/engine_client.h"
 #include "support/fake_server.h"
+#include "support/fber_bytes.h"
+#include "support/loopback_listener.h"
 
 using namespace wzrtest;
 using namespace std::chrono_literals;
@@ -26,37 +32,20 @@ using namespace std::chrono_literals;
 namespace {
 
 using Result = EngineTest;
+using Abandon = EngineTest;
 
-struct timeval tv(long sec, long usec = 0) { return {sec, usec}; }
+// The DN of a search entry record, read through a cursor.
+std::string entry_dn(LDAPMessage *m)
+{
+    char *dn = nullptr;
+    BerElement *cur = ber_dup(m->lm_ber);
+    std::string out = fber_scanf(cur, "{a", &dn) != LBER_ERROR ? dn : "(undecodable)";
+    lber_free(dn);
+    ber_free(cur, 0);
+    return out;
+}
 
 } // namespace
-
-// The turn that reads the first response also files the two that came with it in the same
-// segment, before the waiting threads are woken: no further read is needed for them.
-TEST_F(Result, OneTurnFilesEveryResponseThatArrivedTogether)
-{
-    std::vector<int> ids = {send(), send(), send()};
-    ASSERT_TRUE(server_.wait_for_requests(3));
-    std::string together;
-    for (int id : ids)
-        together += extended_response_pdu(id, 0, "", "answer " + std::to_string(id));
-    server_.connection(0)->send(together);
-    LDAPMessage *res = nullptr;
-    ASSERT_EQ(ldap_result(ld_, ids[0], LDAP_MSG_ONE, nullptr, &res), LDAP_RES_EXTENDED);
-    EXPECT_EQ(ldap_msgfree(res), LDAP_RES_EXTENDED);
-
-    pthread_mutex_lock(&table_->table_lock);
-    bool filed = table_->rows[ids[1]].first != nullptr && table_->rows[ids[2]].first != nullptr;
-    pthread_mutex_unlock(&table_->table_lock);
-    EXPECT_TRUE(filed);
-    EXPECT_EQ(sockbuf_buffered(&ld_->ld_defconn->sb), 0);
-    for (int id : {ids[1], ids[2]}) {
-        struct timeval none = tv(0);
-        ASSERT_EQ(ldap_result(ld_, id, LDAP_MSG_ONE, &none, &res), LDAP_RES_EXTENDED);
-        EXPECT_EQ(ldap_msgid(res), id);
-        EXPECT_EQ(ldap_msgfree(res), LDAP_RES_EXTENDED);
-    }
-}
 
 // A broken PDU behind good ones in the same segment: the good ones are still delivered, then
 // the connection is dead.
@@ -64,12 +53,12 @@ TEST_F(Result, ResponsesBeforeABrokenPduInTheSameSegmentAreDelivered)
 {
     std::vector<int> ids = {send(), send()};
     ASSERT_TRUE(server_.wait_for_requests(2));
-    std::string together = extended_response_pdu(ids[0], 0, "", "") +
-                           extended_response_pdu(ids[1], 0, "", "") + std::string("\x30\x00", 2);
-    server_.connection(0)->send(together);
+    server_.connection(0)->send(extended_response_pdu(ids[0], 0, "", "") + extended_response_pdu(ids[1], 0, "", "") +
+                                std::string("\x30\x00", 2));
     for (int id : ids) {
         LDAPMessage *res = nullptr;
         ASSERT_EQ(ldap_result(ld_, id, LDAP_MSG_ONE, nullptr, &res), LDAP_RES_EXTENDED) << id;
+        EXPECT_EQ(ldap_msgid(res), id);
         EXPECT_EQ(ldap_msgfree(res), LDAP_RES_EXTENDED);
     }
     EXPECT_TRUE(ldap_conn_is_dead(ld_->ld_defconn));
@@ -97,14 +86,8 @@ TEST_F(Result, EntriesStreamingInOneByOneAllArriveAndShortTimeOutsStillEnd)
     ASSERT_EQ(ldap_count_messages(ld_, res), ENTRIES + 1);
     int i = 0;
     for (LDAPMessage *m = res; m != nullptr && ldap_msgtype(m) == LDAP_RES_SEARCH_ENTRY;
-         m = ldap_next_message(ld_, m), ++i) {
-        char *dn = nullptr;
-        BerElement *cur = ber_dup(m->lm_ber);
-        ASSERT_NE(fber_scanf(cur, "{a", &dn), LBER_ERROR);
-        EXPECT_EQ(std::string(dn), "cn=e" + std::to_string(i));
-        lber_free(dn);
-        ber_free(cur, 0);
-    }
+         m = ldap_next_message(ld_, m), ++i)
+        EXPECT_EQ(entry_dn(m), "cn=e" + std::to_string(i));
     EXPECT_EQ(i, ENTRIES);
     EXPECT_EQ(ldap_msgfree(res), LDAP_RES_SEARCH_RESULT);
 
@@ -120,7 +103,7 @@ TEST_F(Result, EntriesStreamingInOneByOneAllArriveAndShortTimeOutsStillEnd)
         ldap_msgfree(res);
     }
     EXPECT_GE(ld_->ld_defconn->stream_run, 10);
-    for (struct timeval wait : {tv(0, 50), tv(0, 20000)}) {
+    for (struct timeval wait : {timeval{0, 50}, timeval{0, 20000}}) {
         EXPECT_EQ(ldap_result(ld_, id, LDAP_MSG_ONE, &wait, &res), 0);
         EXPECT_EQ(thread_error(ld_), LDAP_TIMEOUT);
     }
@@ -134,18 +117,14 @@ TEST_F(Result, AllModeReturnsTheWholeChainAndAnyNonZeroModeActsLikeIt)
 {
     for (int mode : {1, 2, 7}) {
         int id = send();
-        ASSERT_GT(id, 0);
         server_.wait_for_requests(static_cast<size_t>(mode == 1 ? 1 : mode == 2 ? 2 : 3));
-        server_.connection(0)->send(search_entry_pdu(id, "cn=a", {}) +
-                                    search_entry_pdu(id, "cn=b", {}) +
+        server_.connection(0)->send(search_entry_pdu(id, "cn=a", {}) + search_entry_pdu(id, "cn=b", {}) +
                                     ldap_result_pdu(id, 0x65, 0));
         LDAPMessage *res = nullptr;
         ASSERT_EQ(ldap_result(ld_, id, mode, nullptr, &res), LDAP_RES_SEARCH_RESULT) << mode;
         EXPECT_EQ(ldap_count_messages(ld_, res), 3);
         EXPECT_EQ(ldap_msgtype(res), LDAP_RES_SEARCH_ENTRY);
-        LDAPMessage *second = ldap_next_message(ld_, res);
-        ASSERT_NE(second, nullptr);
-        EXPECT_EQ(ldap_msgtype(ldap_next_message(ld_, second)), LDAP_RES_SEARCH_RESULT);
+        EXPECT_EQ(ldap_msgtype(ldap_next_message(ld_, ldap_next_message(ld_, res))), LDAP_RES_SEARCH_RESULT);
         EXPECT_EQ(ldap_msgfree(res), LDAP_RES_SEARCH_RESULT); // the chain's final type
         EXPECT_EQ(free_rows(), 256);
     }
@@ -155,26 +134,21 @@ TEST_F(Result, TimeOutsRecord85AndTheAllModeLosesNothing)
 {
     int id = send();
     LDAPMessage *res = nullptr;
-    struct timeval zero = tv(0);
+    struct timeval zero = {0, 0};
     EXPECT_EQ(ldap_result(ld_, id, LDAP_MSG_ONE, &zero, &res), 0);
     EXPECT_EQ(res, nullptr);
     EXPECT_EQ(thread_error(ld_), LDAP_TIMEOUT);
     server_.wait_for_requests(1);
     FakeConnection *c = server_.connection(0);
     c->send(search_entry_pdu(id, "cn=a", {}) + search_entry_pdu(id, "cn=b", {}));
-    struct timeval wait = tv(0, 200000);
+    struct timeval wait = {0, 200000};
     EXPECT_EQ(ldap_result(ld_, id, LDAP_MSG_ALL, &wait, &res), 0);
     EXPECT_EQ(res, nullptr);
     EXPECT_EQ(thread_error(ld_), LDAP_TIMEOUT);
     c->send(ldap_result_pdu(id, 0x65, 0));
     ASSERT_EQ(ldap_result(ld_, id, LDAP_MSG_ALL, nullptr, &res), LDAP_RES_SEARCH_RESULT);
     ASSERT_EQ(ldap_count_messages(ld_, res), 3); // starts again from the first entry
-    char *dn = nullptr;
-    BerElement *cur = ber_dup(res->lm_ber);
-    ASSERT_NE(fber_scanf(cur, "{a", &dn), LBER_ERROR);
-    EXPECT_STREQ(dn, "cn=a");
-    lber_free(dn);
-    ber_free(cur, 0);
+    EXPECT_EQ(entry_dn(res), "cn=a");
     EXPECT_EQ(ldap_msgfree(res), LDAP_RES_SEARCH_RESULT);
 }
 
@@ -187,7 +161,7 @@ TEST_F(Result, PduInPiecesWithPausesAndAStallContinueTheSameMessage)
     // First a stall in the middle: the wait times out and the partial PDU is kept.
     c->send(pdu.substr(0, 7));
     LDAPMessage *res = nullptr;
-    struct timeval wait = tv(0, 150000);
+    struct timeval wait = {0, 150000};
     EXPECT_EQ(ldap_result(ld_, id, LDAP_MSG_ONE, &wait, &res), 0);
     EXPECT_NE(table_->read_state, nullptr);
     // Then the rest in pieces, cut inside the length and the contents, with pauses.
@@ -217,57 +191,58 @@ TEST_F(Result, NoticeOfDisconnectionFailsTheWaitWithTheServersText)
     EXPECT_EQ(thread_error(ld_), LDAP_SERVER_DOWN);
 }
 
+// Garbage, or a well-framed message that does not decode, kills the connection: everything
+// after answers 81 and nothing more is written.
 TEST_F(Result, GarbageKillsTheConnectionAndEverythingAfterAnswers81)
 {
-    int id = send();
-    server_.wait_for_requests(1);
-    server_.connection(0)->send(std::string("\x1f\xff\x00\x01", 4));
+    for (const std::string &garbage : {std::string("\x1f\xff\x00\x01", 4), ber_seq(ber_str("not an id") + ber_seq("", 0x65))}) {
+        EngineTest::TearDown();
+        EngineTest::SetUp();
+        int id = send();
+        server_.wait_for_requests(garbage.size() == 4 ? 1 : 2);
+        server_.connection(garbage.size() == 4 ? 0 : 1)->send(garbage);
+        LDAPMessage *res = nullptr;
+        EXPECT_EQ(ldap_result(ld_, id, LDAP_MSG_ONE, nullptr, &res), -1);
+        EXPECT_EQ(thread_error(ld_), LDAP_SERVER_DOWN);
+        EXPECT_NE(ld_->ld_defconn->dead, 0);
+    }
     LDAPMessage *res = nullptr;
-    EXPECT_EQ(ldap_result(ld_, id, LDAP_MSG_ONE, nullptr, &res), -1);
-    EXPECT_EQ(thread_error(ld_), LDAP_SERVER_DOWN);
-    EXPECT_NE(ld_->ld_defconn->dead, 0);
-    EXPECT_EQ(ldap_result(ld_, id, LDAP_MSG_ONE, nullptr, &res), -1);
+    EXPECT_EQ(ldap_result(ld_, 1, LDAP_MSG_ONE, nullptr, &res), -1);
     EXPECT_EQ(thread_error(ld_), LDAP_SERVER_DOWN);
     int rc = 0;
     EXPECT_EQ(send_extended(ld_, WHOAMI_OID, &rc), -1);
     EXPECT_EQ(rc, LDAP_SERVER_DOWN);
-    EXPECT_EQ(server_.request_count(), 1u); // nothing more was written
-}
-
-TEST_F(Result, WellFramedButUndecodableMessageKillsTheConnection)
-{
-    int id = send();
-    server_.wait_for_requests(1);
-    server_.connection(0)->send(ber_seq(ber_str("not an id") + ber_seq("", 0x65)));
-    LDAPMessage *res = nullptr;
-    EXPECT_EQ(ldap_result(ld_, id, LDAP_MSG_ONE, nullptr, &res), -1);
-    EXPECT_EQ(thread_error(ld_), LDAP_SERVER_DOWN);
+    EXPECT_EQ(server_.request_count(), 2u); // nothing more was written
 }
 
 TEST_F(Result, ArgumentAndOwnershipChecks)
 {
     LDAPMessage *res = nullptr;
-    EXPECT_EQ(ldap_result(ld_, 256, LDAP_MSG_ONE, nullptr, &res), -1); // >= row count
-    EXPECT_EQ(thread_error(ld_), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_result(ld_, 0, LDAP_MSG_ALL, nullptr, &res), -1);
-    EXPECT_EQ(thread_error(ld_), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_result(ld_, -2, LDAP_MSG_ONE, nullptr, &res), -1);
-    EXPECT_EQ(ldap_result(ld_, 1, LDAP_MSG_ONE, nullptr, nullptr), -1);
-    EXPECT_EQ(ldap_result(nullptr, 1, LDAP_MSG_ONE, nullptr, &res), -1);
-    EXPECT_EQ(ldap_result(ld_, 9, LDAP_MSG_ONE, nullptr, &res), -1); // never sent
-    EXPECT_EQ(thread_error(ld_), LDAP_PARAM_ERROR);
-
+    const struct {
+        LDAP *ld;
+        int id, mode;
+        LDAPMessage **res;
+    } refused[] = {{ld_, 256, LDAP_MSG_ONE, &res}, // >= row count
+                   {ld_, 0, LDAP_MSG_ALL, &res},
+                   {ld_, -2, LDAP_MSG_ONE, &res},
+                   {ld_, 1, LDAP_MSG_ONE, nullptr},
+                   {nullptr, 1, LDAP_MSG_ONE, &res},
+                   {ld_, 9, LDAP_MSG_ONE, &res}}; // never sent
+    for (const auto &r : refused) {
+        EXPECT_EQ(ldap_result(r.ld, r.id, r.mode, nullptr, r.res), -1) << r.id;
+        if (r.ld != nullptr && r.res != nullptr && r.id != -2) {
+            EXPECT_EQ(thread_error(ld_), LDAP_PARAM_ERROR) << r.id;
+        }
+    }
     int id = send();
-    struct timeval zero = tv(0);
+    struct timeval zero = {0, 0};
     EXPECT_EQ(ldap_result(ld_, id, LDAP_MSG_ONE, &zero, &res), 0); // this thread owns it now
-    int other_rc = 0;
-    int other_err = 0;
-    std::thread other([&] {
+    int other_rc = 0, other_err = 0;
+    std::thread([&] {
         LDAPMessage *r = nullptr;
         other_rc = ldap_result(ld_, id, LDAP_MSG_ONE, &zero, &r);
         other_err = thread_error(ld_);
-    });
-    other.join();
+    }).join();
     EXPECT_EQ(other_rc, -1);
     EXPECT_EQ(other_err, LDAP_LOCAL_ERROR);
     EXPECT_EQ(ldap_get_result(ld_, send(), 5, {}, &res, table_), -1); // mode neither 0 nor 1
@@ -276,13 +251,12 @@ TEST_F(Result, ArgumentAndOwnershipChecks)
 TEST(ResultUnreachable, FirstSendFailsToConnectAndTheSecondFailsAtOnce)
 {
     LDAP *ld = ldap_init("127.0.0.1:9", 0); // nothing listens
-    ASSERT_NE(ld, nullptr);
     int rc = 0;
     EXPECT_EQ(send_extended(ld, WHOAMI_OID, &rc), -1);
     EXPECT_TRUE(rc == LDAP_CONNECT_ERROR || rc == LDAP_SERVER_DOWN) << rc;
     EXPECT_EQ(ld->ld_defconn->table->free_rows, 256); // the failed request's id went back
     {
-        TraceCapture trace;
+        TraceFile trace;
         EXPECT_EQ(send_extended(ld, WHOAMI_OID, &rc), -1);
         EXPECT_EQ(rc, LDAP_SERVER_DOWN);
         EXPECT_TRUE(trace.contains("ldap_write_msg: Socket connection was closed earlier\n"));
@@ -293,29 +267,18 @@ TEST(ResultUnreachable, FirstSendFailsToConnectAndTheSecondFailsAtOnce)
     EXPECT_EQ(ldap_unbind(ld), 0);
 }
 
+// The setting overrides the caller, only positive values count, and it is read once per process.
 TEST(WriteTimeout, TheSettingOverridesTheCallerAndOnlyPositiveValuesCount)
 {
     EXPECT_EQ(ldap_parse_write_timeout("5"), 5);
-    EXPECT_EQ(ldap_parse_write_timeout("0"), -1);
-    EXPECT_EQ(ldap_parse_write_timeout("-3"), -1);
-    EXPECT_EQ(ldap_parse_write_timeout("soon"), -1);
-    EXPECT_EQ(ldap_parse_write_timeout(nullptr), -1);
-
+    for (const char *ignored : {"0", "-3", "soon", static_cast<const char *>(nullptr)})
+        EXPECT_EQ(ldap_parse_write_timeout(ignored), -1) << (ignored != nullptr ? ignored : "(null)");
     struct timeval caller = {60, 0};
     struct timeval buffer = {};
-    struct timeval *chosen = ldap_write_wait_timeout(5, &caller, &buffer);
-    ASSERT_NE(chosen, nullptr);
-    EXPECT_EQ(chosen->tv_sec, 5);
-    EXPECT_EQ(chosen->tv_usec, 0);
-    chosen = ldap_write_wait_timeout(-1, &caller, &buffer);
-    ASSERT_NE(chosen, nullptr);
-    EXPECT_EQ(chosen->tv_sec, 60);
+    EXPECT_EQ(ldap_write_wait_timeout(5, &caller, &buffer)->tv_sec, 5);
+    EXPECT_EQ(ldap_write_wait_timeout(-1, &caller, &buffer)->tv_sec, 60);
     EXPECT_EQ(ldap_write_wait_timeout(-1, nullptr, &buffer), nullptr); // unlimited
     EXPECT_EQ(ldap_write_wait_timeout(5, nullptr, &buffer)->tv_sec, 5);
-}
-
-TEST(WriteTimeout, ReadOncePerProcess)
-{
     ScopedEnv first("LDAP_LIB_WRITE_TIMEOUT", std::string("7"));
     int seen = ldap_get_write_timeout();
     ScopedEnv later("LDAP_LIB_WRITE_TIMEOUT", std::string("9"));
@@ -327,13 +290,126 @@ TEST(WaitOnSocket, LargeDescriptorsAreSupported)
     int sv[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
     int high = fcntl(sv[0], F_DUPFD, 1500); // beyond the standard descriptor set
-    if (high < 0)
-        GTEST_SKIP() << "descriptor limit too low";
     struct timeval wait = {1, 0};
-    EXPECT_EQ(waitOnSocket(high, &wait), 1);
+    if (high >= 0) {
+        EXPECT_EQ(waitOnSocket(high, &wait), 1);
+    }
     EXPECT_EQ(waitOnSocket(70000, &wait), -1);
-    close(high);
-    close(sv[0]);
-    close(sv[1]);
+    for (int fd : {high, sv[0], sv[1]})
+        close(fd);
 }
 
+/* ---- abandon ---- */
+
+TEST_F(Abandon, BadIdsAreRefusedWithoutTouchingTheTable)
+{
+    int before = free_rows();
+    for (int bad : {0, -1, -40}) {
+        EXPECT_EQ(ldap_abandon(ld_, bad), -1);
+        EXPECT_EQ(thread_error(ld_), LDAP_PARAM_ERROR);
+        EXPECT_EQ(ldap_abandon_ext(ld_, bad, nullptr, nullptr), LDAP_PARAM_ERROR);
+    }
+    EXPECT_EQ(free_rows(), before);
+    EXPECT_EQ(table_->last_msgid, 0);
+    EXPECT_EQ(ldap_abandon_ext(ld_, 999, nullptr, nullptr), LDAP_PARAM_ERROR); // beyond the rows
+    EXPECT_EQ(ldap_abandon_ext(ld_, 12, nullptr, nullptr), LDAP_PARAM_ERROR);  // not outstanding
+    EXPECT_EQ(ldap_abandon(nullptr, 3), -1);
+}
+
+// Both ids go back at once: the abandon's, and the abandoned operation's, without waiting for
+// a response the server need not send.
+TEST_F(Abandon, TheRequestGoesOutByteForByteAndItsOwnIdIsReleased)
+{
+    int id = send();
+    ASSERT_EQ(id, 1);
+    int before = free_rows();
+    ASSERT_EQ(ldap_abandon(ld_, id), 0);
+    ASSERT_TRUE(server_.wait_for_requests(2));
+    ReceivedRequest req = server_.requests()[1];
+    EXPECT_EQ(req.op, 0x50u);
+    EXPECT_EQ(fber::hex(req.bytes), fber::hex(fber::message(2, fber::prim(0x50, "\x01"))));
+    EXPECT_EQ(free_rows(), before + 1);
+    EXPECT_EQ(table_->rows[id].flags, 0u);
+    TraceFile trace;
+    EXPECT_EQ(ldap_abandon(ld_, id), -1);
+    EXPECT_EQ(thread_error(ld_), LDAP_PARAM_ERROR);
+    EXPECT_TRUE(trace.contains("abandon_table_row: No outstanding request for given msgid=1\n"));
+}
+
+TEST_F(Abandon, WaiterOnAnAbandonedIdIsReleased)
+{
+    int id = send();
+    server_.wait_for_requests(1);
+    std::atomic<int> type{-2}, err{0};
+    std::thread waiter([&] {
+        LDAPMessage *res = nullptr;
+        struct timeval wait = {10, 0};
+        type = ldap_result(ld_, id, LDAP_MSG_ONE, &wait, &res);
+        err = thread_error(ld_);
+    });
+    std::this_thread::sleep_for(100ms);
+    ASSERT_EQ(ldap_abandon(ld_, id), 0);
+    server_.wait_for_requests(2);
+    // Whatever the server sends now wakes the waiter, which finds its row abandoned.
+    server_.connection(0)->send(ldap_result_pdu(id, 0x65, 0));
+    waiter.join();
+    EXPECT_EQ(type.load(), -1);
+    EXPECT_EQ(err.load(), LDAP_PARAM_ERROR);
+}
+
+/* ---- unbind ---- */
+
+// All three names free the handle completely, refuse a missing one and write nothing.
+TEST(Unbind, AliasesFreeTheHandleWriteNothingAndRefuseAMissingOne)
+{
+    for (auto unbind : {ldap_unbind, ldap_unbind_ext, ldap_unbind_s})
+        EXPECT_EQ(unbind(nullptr), LDAP_PARAM_ERROR);
+    // The first handle of a process hands NLXDIR to the environment for good.
+    ASSERT_EQ(ldap_unbind(ldap_init("warm", 0)), 0);
+    long live = lber_live_blocks();
+    EXPECT_EQ(ldap_unbind_ext(ldap_init("localhost", 0)), 0);
+    EXPECT_EQ(ldap_unbind_s(ldap_init("localhost", 0)), 0);
+    EXPECT_EQ(lber_live_blocks(), live);
+
+    LoopbackListener server;
+    LDAP *ld = ldap_open("127.0.0.1", server.port());
+    ASSERT_NE(ld, nullptr);
+    ASSERT_TRUE(server.wait_accepted(1));
+    EXPECT_EQ(ldap_unbind(ld), 0);
+    ASSERT_TRUE(server.wait_closed(1)) << "the socket is closed by unbind";
+    EXPECT_EQ(server.bytes_received(), 0);
+}
+
+// Several threads: EngineThreads.WaitsTimeOutsAndAbandonsMixedOnSixtyFourThreads.
+TEST(UnbindThreads, WaitsForTheOperationInProgressAndRefusesNewOnes)
+{
+    TraceFile trace(0x0001); // the API-flow class alone
+    LDAP *ld = ldap_init("localhost", 0);
+    ASSERT_EQ(ldap_start_operation(ld), 0); // an operation in progress on this thread
+    std::atomic<bool> released{false}, unbound{false}, released_before_return{false};
+    int unbind_rc = -1;
+    std::thread unbinder([&] {
+        unbind_rc = ldap_unbind(ld);
+        released_before_return = released.load();
+        unbound = true;
+    });
+    for (bool started = false; !started; std::this_thread::sleep_for(1ms)) {
+        pthread_mutex_lock(&ld->ld_mutex);
+        started = ld->ld_unbind_started != 0;
+        pthread_mutex_unlock(&ld->ld_mutex);
+    }
+    // New operations are refused from now on, on any thread.
+    EXPECT_EQ(ldap_start_operation(ld), LDAP_PARAM_ERROR);
+    int other_rc = 0;
+    std::thread([&] { other_rc = ldap_start_operation(ld); }).join();
+    EXPECT_EQ(other_rc, LDAP_PARAM_ERROR);
+    std::this_thread::sleep_for(200ms);
+    EXPECT_FALSE(unbound.load()) << "unbind must wait for the operation to end";
+    released = true;
+    ldap_end_operation(ld); // after this the handle belongs to the unbinder
+    unbinder.join();
+    EXPECT_EQ(unbind_rc, 0);
+    EXPECT_TRUE(released_before_return.load());
+    EXPECT_TRUE(trace.contains("ldap_start_operation: unbind started\n")) << trace.text();
+    EXPECT_TRUE(trace.contains("ldap_unbind: ld("));
+}

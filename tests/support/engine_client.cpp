@@ -52,21 +52,6 @@ std::string thread_error_text(LDAP *ld)
     return out;
 }
 
-TraceCapture::TraceCapture(unsigned mask) : path_(dir_.file("trace.log"))
-{
-    ldap_debug_init();
-    (void)ldap_set_debug_file(path_.c_str());
-    ldap_set_debug_mask(mask);
-}
-
-TraceCapture::~TraceCapture()
-{
-    ldap_set_debug_mask(0);
-    (void)ldap_set_debug_file("stderr");
-}
-
-std::string TraceCapture::text() const { return read_file(path_); }
-
 void EngineTest::SetUp()
 {
     ld_ = ldap_init(server_.host_port().c_str(), 0);
@@ -88,15 +73,6 @@ int EngineTest::free_rows()
     int n = table_->free_rows;
     pthread_mutex_unlock(&table_->table_lock);
     return n;
-}
-
-int EngineTest::outstanding()
-{
-    int id = ldap_msg_table_get_next_msgid(table_);
-    LDAPMessage *req = ldap_msginit(lc_);
-    req->lm_msgid = id;
-    table_->rows[id & LDAP_MSGID_ROW_MASK].request = req;
-    return id;
 }
 
 } // namespace wzrtest

@@ -1,6 +1,6 @@
 // Client-side helpers of the message-engine tests: a fixture holding a handle on a fake
-// server, sending a small request through the common send path, reading the calling thread's
-// error, and capturing the trace into a file.
+// server, sending a small request through the common send path, and reading the calling
+// thread's error.
 #ifndef WZR_TESTS_SUPPORT_ENGINE_CLIENT_H
 #define WZR_TESTS_SUPPORT_ENGINE_CLIENT_H
 
@@ -10,6 +10,7 @@
 
 #include "libldap/ldap_int.h"
 #include "support/fake_server.h"
+#include "support/lber_test.h"
 #include "support/test_util.h"
 
 namespace wzrtest {
@@ -25,21 +26,6 @@ int send_extended(LDAP *ld, const char *oid = WHOAMI_OID, int *rc = nullptr);
 int thread_error(LDAP *ld);
 std::string thread_error_text(LDAP *ld);
 
-// Traces the given classes (all by default) into a temporary file while alive.
-class TraceCapture {
-public:
-    explicit TraceCapture(unsigned mask = 0xffff);
-    ~TraceCapture();
-    TraceCapture(const TraceCapture &) = delete;
-    TraceCapture &operator=(const TraceCapture &) = delete;
-    std::string text() const;
-    bool contains(const std::string &needle) const { return text().find(needle) != std::string::npos; }
-
-private:
-    TempDir dir_;
-    std::string path_;
-};
-
 // A handle on a fake server that answers nothing unless told to (it connects on first send),
 // with its default connection and message table at hand.
 class EngineTest : public ::testing::Test {
@@ -48,8 +34,6 @@ protected:
     void TearDown() override;
     int send() { return send_extended(ld_); }
     int free_rows(); // read under the table lock
-    // Takes an id and files a request record in its row, as sending does.
-    int outstanding();
 
     FakeServer server_;
     LDAP *ld_ = nullptr;

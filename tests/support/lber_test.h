@@ -41,14 +41,15 @@ inline Plain plain_of(const Bytes &b)
 // What an encoder has written so far.
 inline Bytes written(const BerElement *ber) { return Bytes(ber->ber_buf, ber->ber_ptr); }
 
-// Routes the trace (every class) to a file while it lives and silences it afterwards.
+// Routes the trace (every class, or those of `mask`) to a file while it lives and silences it
+// afterwards.
 class TraceFile {
   public:
-    TraceFile()
+    explicit TraceFile(unsigned mask = 0xffff)
     {
         ldap_debug_init();
         (void)ldap_set_debug_file(path_.c_str());
-        ldap_set_debug_mask(0xffff);
+        ldap_set_debug_mask(mask);
     }
     ~TraceFile()
     {
@@ -58,6 +59,7 @@ class TraceFile {
     TraceFile(const TraceFile &) = delete;
     TraceFile &operator=(const TraceFile &) = delete;
     std::string text() const { return read_file(path_); }
+    bool contains(const std::string &needle) const { return text().find(needle) != std::string::npos; }
     int count(const std::string &needle) const
     {
         std::string t = text();

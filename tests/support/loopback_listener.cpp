@@ -105,22 +105,14 @@ int LoopbackListener::accepted() const
     return accepted_;
 }
 
-int LoopbackListener::closed() const
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    return closed_;
-}
-
-bool LoopbackListener::wait_accepted(int n, std::chrono::milliseconds limit)
+bool LoopbackListener::wait_until(const int &count, int n, std::chrono::milliseconds limit)
 {
     std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, limit, [&] { return accepted_ >= n; });
+    return changed_.wait_for(lock, limit, [&] { return count >= n; });
 }
 
-bool LoopbackListener::wait_closed(int n, std::chrono::milliseconds limit)
-{
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, limit, [&] { return closed_ >= n; });
-}
+bool LoopbackListener::wait_accepted(int n, std::chrono::milliseconds limit) { return wait_until(accepted_, n, limit); }
+
+bool LoopbackListener::wait_closed(int n, std::chrono::milliseconds limit) { return wait_until(closed_, n, limit); }
 
 } // namespace wzrtest

@@ -23,7 +23,6 @@ public:
     int port() const { return port_; }
     long bytes_received() const;
     int accepted() const;
-    int closed() const; // clients whose end of the connection has been seen
 
     // Wait until at least n clients were accepted / have closed; false on time-out.
     bool wait_accepted(int n, std::chrono::milliseconds limit = std::chrono::seconds(10));
@@ -31,6 +30,7 @@ public:
 
 private:
     void run();
+    bool wait_until(const int &count, int n, std::chrono::milliseconds limit);
 
     int listen_fd_ = -1;
     int stop_pipe_[2] = {-1, -1};
