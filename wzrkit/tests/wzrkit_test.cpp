@@ -38,6 +38,7 @@ TEST(WzrkitEnvironment, RefusesWrongHandlesAttributesValuesAndSuites)
     // Suite names map to OpenSSL's; unknown ones are skipped, and none left is an error.
     EXPECT_EQ(wzrkit_cipher_list("2F", "", "TLS_NO_SUCH_SUITE,TLS_RSA_WITH_AES_256_GCM_SHA384"),
               "AES256-GCM-SHA384:AES128-SHA");
+    EXPECT_EQ(wzrkit_cipher_list("zz", "", "TLS_NO_SUCH_SUITE"), "");
     EXPECT_EQ(env.set(WZR_TLS12_CIPHER_SPECS, "TLS_NO_SUCH_SUITE"), WZR_OK);
     EXPECT_EQ(wzr_environment_init(env.h), WZR_ERR_NO_CIPHERS);
 }
