@@ -1,19 +1,160 @@
-// Server location end to end against the test DNS responder (in private namespaces, see
-// tests/support/dns_sandbox.sh), and the DNS answer parser on hostile bytes.
+// Server location end to end against a DNS responder of the test's own (in private namespaces,
+// see tests/support/dns_sandbox.sh), and the DNS answer parser on hostile bytes.
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <atomic>
+#include <map>
 #include <memory>
+#include <mutex>
+#include <poll.h>
 #include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
 
 #include "liblber/ber_memory.h"
 #include "libldap/ldap_dns.h"
 #include "libldap/ldap_locate.h"
-#include "support/dns_responder.h"
 #include "support/slapd_fixture.h"
 #include "support/test_util.h"
 #include "wzrldap.h"
 
 namespace {
+
+// A small DNS server: answers questions from records the test sets (a name's records of the
+// asked type and its CNAMEs; NXDOMAIN for a name without any; names compare exactly, and the
+// library asks in lower case), over UDP and TCP on 127.0.0.1 port 53 (the namespace's own),
+// truncated when asked. One thread polls both sockets.
+class DnsResponder {
+public:
+    DnsResponder() : udp_(bound(SOCK_DGRAM)), tcp_(bound(SOCK_STREAM))
+    {
+        if (udp_ >= 0 && tcp_ >= 0 && pipe(wake_) == 0)
+            thread_ = std::thread([this] { serve(); });
+    }
+    ~DnsResponder()
+    {
+        if (thread_.joinable()) {
+            (void)!write(wake_[1], "x", 1);
+            thread_.join();
+        }
+        for (int fd : {udp_, tcp_, wake_[0], wake_[1]})
+            if (fd >= 0)
+                close(fd);
+    }
+    bool ok() const { return thread_.joinable(); }
+    void srv(const std::string &name, int prio, int weight, int port, const std::string &target,
+             uint32_t ttl = 300)
+    {
+        add(name, 33, ttl, u16(prio) + u16(weight) + u16(port) + encode_name(target));
+    }
+    void txt(const std::string &name, const std::string &text)
+    {
+        add(name, 16, 300, static_cast<char>(text.size()) + text);
+    }
+    void cname(const std::string &name, const std::string &target) { add(name, 5, 300, encode_name(target)); }
+    void truncate(const std::string &name) // its answers carry TC
+    {
+        std::lock_guard<std::mutex> hold(mutex_);
+        names_[name].truncated = true;
+    }
+    int questions() const { return questions_; }
+    static std::string encode_name(const std::string &name)
+    {
+        std::string out;
+        for (size_t start = 0, dot; start < name.size(); start = dot + 1) {
+            dot = std::min(name.find('.', start), name.size());
+            out += static_cast<char>(dot - start) + name.substr(start, dot - start);
+        }
+        return out + '\0';
+    }
+    static std::string u16(unsigned v) { return {char(v >> 8), char(v & 0xFF)}; }
+
+private:
+    struct Name {
+        std::string rrs[256]; // encoded records by type (below 256 only)
+        unsigned count[256] = {};
+        bool truncated = false;
+    };
+    static int bound(int type)
+    {
+        int fd = socket(AF_INET, type | SOCK_CLOEXEC, 0), one = 1;
+        setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+        sockaddr_in a{AF_INET, htons(53), {htonl(INADDR_LOOPBACK)}, {}};
+        if (bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0 &&
+            (type == SOCK_DGRAM || listen(fd, 8) == 0))
+            return fd;
+        close(fd);
+        return -1;
+    }
+    // Owner: a pointer to the question's name; class IN.
+    void add(const std::string &name, uint16_t type, uint32_t ttl, const std::string &rdata)
+    {
+        std::lock_guard<std::mutex> hold(mutex_);
+        Name &n = names_[name];
+        n.rrs[type] += u16(0xC00C) + u16(type) + u16(1) + u16(ttl >> 16) + u16(ttl & 0xFFFF) +
+                       u16(static_cast<unsigned>(rdata.size())) + rdata;
+        ++n.count[type];
+    }
+    // Header and question copied from the query, then the records.
+    std::string answer(const std::string &query)
+    {
+        ++questions_;
+        std::string name;
+        size_t end = 12;
+        for (size_t n; end < query.size() && (n = static_cast<unsigned char>(query[end])) != 0; end += n + 1)
+            name += (name.empty() ? "" : ".") + query.substr(end + 1, n);
+        if (end + 5 > query.size())
+            return {};
+        unsigned type = static_cast<unsigned char>(query[end + 2]);
+        std::lock_guard<std::mutex> hold(mutex_);
+        auto it = names_.find(name);
+        Name none;
+        const Name &n = it != names_.end() ? it->second : none;
+        unsigned count = n.count[type] + (type != 5 ? n.count[5] : 0);
+        std::string body = n.rrs[type] + (type != 5 ? n.rrs[5] : "");
+        unsigned flags = 0x8180 | (n.truncated ? 0x0200 : 0) | (it == names_.end() ? 3 : 0);
+        return query.substr(0, 2) + u16(flags) + u16(1) + u16(count) + u16(0) + u16(0) +
+               query.substr(12, end + 5 - 12) + body;
+    }
+    void serve_tcp()
+    {
+        int fd = accept4(tcp_, nullptr, nullptr, SOCK_CLOEXEC);
+        unsigned char len[2];
+        std::string q(65535, '\0');
+        if (fd >= 0 && recv(fd, len, 2, MSG_WAITALL) == 2 &&
+            recv(fd, q.data(), len[0] << 8 | len[1], MSG_WAITALL) == (len[0] << 8 | len[1])) {
+            std::string a = answer(q.substr(0, len[0] << 8 | len[1]));
+            a = u16(static_cast<unsigned>(a.size())) + a;
+            (void)!send(fd, a.data(), a.size(), MSG_NOSIGNAL);
+        }
+        if (fd >= 0)
+            close(fd);
+    }
+    void serve()
+    {
+        pollfd fds[3] = {{udp_, POLLIN, 0}, {tcp_, POLLIN, 0}, {wake_[0], POLLIN, 0}};
+        std::string buf(65535, '\0');
+        while (poll(fds, 3, -1) >= 0 && fds[2].revents == 0) {
+            sockaddr_storage from{};
+            socklen_t fl = sizeof from;
+            ssize_t n = fds[0].revents == 0 ? 0
+                                            : recvfrom(udp_, buf.data(), buf.size(), 0,
+                                                       reinterpret_cast<sockaddr *>(&from), &fl);
+            std::string a = n > 0 ? answer(buf.substr(0, static_cast<size_t>(n))) : "";
+            if (!a.empty())
+                sendto(udp_, a.data(), a.size(), 0, reinterpret_cast<sockaddr *>(&from), fl);
+            if (fds[1].revents != 0)
+                serve_tcp();
+        }
+    }
+
+    int udp_ = -1, tcp_ = -1, wake_[2] = {-1, -1};
+    std::mutex mutex_;
+    std::map<std::string, Name> names_;
+    std::atomic<int> questions_{0};
+    std::thread thread_;
+};
 
 class Locate : public ::testing::Test {
 protected:
@@ -33,7 +174,7 @@ protected:
     wzrtest::TempDir cache;
     wzrtest::ScopedEnv cache_env{"XDG_CACHE_HOME", cache.path()};
     wzrtest::ScopedEnv local{"LOCALDOMAIN", std::nullopt};
-    wzrtest::DnsResponder dns;
+    DnsResponder dns;
 };
 
 TEST_F(Locate, UrlWithoutHostReachesSlapdThroughItsSrvRecord)
@@ -130,7 +271,7 @@ TEST_F(Locate, CacheFileAnswersUntilItExpiresAndDamageOnlyCostsAQuery)
 std::string message(unsigned count, const std::string &rrs)
 {
     return std::string("\x12\x34\x81\x80\0\x01", 6) + char(count >> 8) + char(count & 0xFF) +
-           std::string(4, '\0') + wzrtest::DnsResponder::encode_name("a.example") +
+           std::string(4, '\0') + DnsResponder::encode_name("a.example") +
            std::string("\0\x21\0\x01", 4) + rrs;
 }
 

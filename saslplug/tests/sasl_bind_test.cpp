@@ -1,5 +1,6 @@
 // The Cyrus SASL plug-in against a real slapd (password mechanisms, GSSAPI with a throwaway
-// KDC, refusals and their texts), against hostile challenges, and through the tool.
+// KDC, refusals and their texts, a referral chased with the same mechanism), against hostile
+// challenges, and through the tool.
 #include <gtest/gtest.h>
 
 #include <sasl/sasl.h>
@@ -8,9 +9,14 @@
 
 #include "libldap/ldap_bind.h"
 #include "libldap/ldap_config.h"
+#include "libldap/ldap_entry.h"
 #include "libldap/ldap_error.h"
 #include "libldap/ldap_init.h"
+#include "libldap/ldap_message.h"
+#include "libldap/ldap_options.h"
 #include "libldap/ldap_plugin.h"
+#include "libldap/ldap_referrals.h"
+#include "libldap/ldap_search.h"
 #include "libldap/ldap_unbind.h"
 #include "support/fake_server.h"
 #include "support/slapd_fixture.h"
@@ -157,6 +163,32 @@ TEST(SaslIdentity, UnknownOrOverlongWordsAreRefused)
     EXPECT_EQ(wzrsasl_bind_identity("nonsense", nullptr, &id), LDAP_PARAM_ERROR);
     std::string too_long = "authcid=" + std::string(300, 'x');
     EXPECT_EQ(wzrsasl_bind_identity(nullptr, too_long.c_str(), &id), LDAP_PARAM_ERROR);
+}
+
+// Bound with SCRAM-SHA-256 through the plug-in, a handle chases a referral to a second slapd
+// and is bound there as the same user: it reads alice's password, which only she may read (an
+// anonymous chase, all a rebind was before, does not).
+TEST_F(SaslBindTest, ChasedReferralIsBoundWithTheHandlesSaslMechanismAndCredentials)
+{
+    wzrtest::SlapdFixture &second = sasl_slapd(), first; // ou=partners: the second's people
+    wzrtest::SlapdOptions opts;
+    opts.extra_ldif = "dn: ou=partners,dc=example,dc=com\nobjectClass: referral\nobjectClass: "
+                      "extensibleObject\nou: partners\nref: " + second.uri() + "/ou=people,dc=example,dc=com\n";
+    ASSERT_TRUE(first.start(opts)) << first.error();
+    ASSERT_EQ(bind(first.host_port(), "alice", "SCRAM-SHA-256", first.user_pw().c_str()), 0);
+    // The procedure only consents: it names no one, and the handle's SASL bind is repeated.
+    LDAPRebindProc consent = [](LDAP *, char **, char **, int *method, int) {
+        return *method = LDAP_AUTH_SASL, 0;
+    };
+    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_REBIND_FN, reinterpret_cast<void *>(consent)), 0);
+    char *attrs[] = {const_cast<char *>("userPassword"), nullptr};
+    LDAPMessage *res = nullptr;
+    ASSERT_EQ(ldap_search_ext_s(ld, "ou=partners,dc=example,dc=com", LDAP_SCOPE_SUBTREE,
+                                "(uid=alice)", attrs, 0, nullptr, nullptr, nullptr, 0, &res), 0);
+    char **vals = ldap_get_values(ld, ldap_first_entry(ld, res), attrs[0]);
+    EXPECT_EQ(vals != nullptr ? vals[0] : "(not shown)", second.user_pw());
+    ldap_value_free(vals);
+    ldap_msgfree(res);
 }
 
 } // namespace

@@ -16,21 +16,12 @@ namespace wzrtest {
 
 // attribute type (lower case) -> values in the order they came
 using EntryAttrs = std::map<std::string, std::vector<std::string>>;
-// canonical DN (see canonical_dn) -> attributes
+// DN as the server sent it -> attributes
 using EntryMap = std::map<std::string, EntryAttrs>;
 
-// A DN in a form where equal meanings compare equal: RDNs split at unescaped "," and "+",
-// types lower-cased, values unescaped (\XX and \c) and lower-cased, multi-valued RDNs sorted.
-std::string canonical_dn(const std::string &dn);
-
 // Every entry of a result chain, read with the entry walk (first/next entry and attribute,
-// get_values_len); the DNs as the server sent them go to *raw_dns when given.
+// get_values_len); the DNs in their order of arrival go to *raw_dns when given.
 EntryMap read_entries(LDAP *ld, LDAPMessage *chain, std::vector<std::string> *raw_dns = nullptr);
-
-// Parses LDIF as ldapsearch -LLL -o ldif-wrap=no writes it (base64 values included).
-EntryMap parse_ldif(const std::string &ldif);
-
-std::string base64_decode(const std::string &text);
 
 // A control list allocated through the library's allocator (ldap_controls_free releases it).
 struct ControlDef {

@@ -1,11 +1,9 @@
-// The toolkit on its own: environments from PEM and PKCS#12 key databases, attribute checks,
-// suite lists, labels, and a secure socket to slapd's LDAPS port carrying one LDAP exchange.
+// The toolkit on its own: attribute checks, suite lists, labels from PEM and PKCS#12 key
+// databases, and a secure socket to slapd's LDAPS port carrying one LDAP exchange.
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
-#include <netinet/in.h>
 #include <string>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include "support/slapd_fixture.h"
@@ -14,10 +12,6 @@
 
 namespace {
 
-using wzrtest::SlapdFixture;
-using wzrtest::tls_slapd;
-
-
 struct Env {
     wzr_handle h = nullptr;
     Env() { EXPECT_EQ(wzr_environment_open(&h), WZR_OK); }
@@ -25,26 +19,11 @@ struct Env {
     int set(int attr, const std::string &v) { return wzr_attribute_set_buffer(h, attr, v.c_str(), 0); }
 };
 
-int connect_loopback(int port)
-{
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in sa{};
-    sa.sin_family = AF_INET;
-    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    sa.sin_port = htons(static_cast<uint16_t>(port));
-    if (connect(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
-}
-
-TEST(WzrkitEnvironment, RefusesWrongHandlesAttributesAndValues)
+TEST(WzrkitEnvironment, RefusesWrongHandlesAttributesValuesAndSuites)
 {
     Env env;
-    int value = 0;
+    int value = 0, len = 0, dummy = 0;
     const char *buf = nullptr;
-    int len = 0;
     EXPECT_EQ(wzr_attribute_set_enum(env.h, WZR_TLSV10, 12345), WZR_ERR_INVALID_ENUM);
     EXPECT_EQ(wzr_attribute_set_enum(env.h, 9999, 1), WZR_ERR_INVALID_ENUM);
     EXPECT_EQ(wzr_attribute_set_buffer(env.h, 9999, "x", 0), WZR_ERR_INVALID_ATTRIBUTE);
@@ -52,29 +31,23 @@ TEST(WzrkitEnvironment, RefusesWrongHandlesAttributesAndValues)
     EXPECT_EQ(env.set(WZR_KEYRING_PW, "secret"), WZR_OK);
     EXPECT_EQ(wzr_attribute_get_buffer(env.h, WZR_KEYRING_PW, &buf, &len),
               WZR_ERR_INVALID_ATTRIBUTE) << "a password is never read back";
-    int dummy = 0;
     EXPECT_EQ(wzr_attribute_get_enum(&dummy, WZR_TLSV12, &value), WZR_ERR_INVALID_HANDLE);
     wzr_handle soc = nullptr;
     EXPECT_EQ(wzr_secure_soc_open(env.h, &soc), WZR_ERR_INVALID_STATE) << "not initialised";
     EXPECT_STREQ(wzr_strerror(WZR_ERR_BAD_PEER), "Bad peer");
-}
-
-TEST(WzrkitCiphers, NamesMapToOpenSslAndUnknownOnesAreSkipped)
-{
+    // Suite names map to OpenSSL's; unknown ones are skipped, and none left is an error.
     EXPECT_EQ(wzrkit_cipher_list("2F", "", "TLS_NO_SUCH_SUITE,TLS_RSA_WITH_AES_256_GCM_SHA384"),
               "AES256-GCM-SHA384:AES128-SHA");
     EXPECT_EQ(wzrkit_cipher_list("zz", "", "TLS_NO_SUCH_SUITE"), "");
-
-    Env env;
     EXPECT_EQ(env.set(WZR_TLS12_CIPHER_SPECS, "TLS_NO_SUCH_SUITE"), WZR_OK);
     EXPECT_EQ(wzr_environment_init(env.h), WZR_ERR_NO_CIPHERS);
 }
 
 TEST(WzrkitKeyDatabase, LabelsComeFromPkcs12AndPemKeepsTrustOnly)
 {
-    SlapdFixture &s = tls_slapd();
+    wzrtest::SlapdFixture &s = wzrtest::tls_slapd();
     WZR_REQUIRE_SLAPD(s);
-    Env p12;
+    Env p12, pem;
     ASSERT_EQ(p12.set(WZR_KEYRING_FILE, s.tls_dir() + "/client.p12"), WZR_OK);
     ASSERT_EQ(p12.set(WZR_KEYRING_STASH_FILE, s.tls_dir() + "/client.sth"), WZR_OK);
     ASSERT_EQ(wzr_environment_init(p12.h), WZR_OK);
@@ -82,8 +55,6 @@ TEST(WzrkitKeyDatabase, LabelsComeFromPkcs12AndPemKeepsTrustOnly)
     ASSERT_EQ(wzr_get_cert_by_label(p12.h, "operator", &subject), WZR_OK);
     EXPECT_STREQ(subject, "UID=operator,OU=people,DC=example,DC=com");
     EXPECT_EQ(wzr_get_cert_by_label(p12.h, "ca", nullptr), WZR_ERR_LABEL_NOT_FOUND);
-
-    Env pem;
     ASSERT_EQ(pem.set(WZR_KEYRING_FILE, s.tls_dir() + "/ca.pem"), WZR_OK);
     ASSERT_EQ(wzr_environment_init(pem.h), WZR_OK);
     EXPECT_EQ(wzr_get_cert_by_label(pem.h, "wzrldap sandbox CA", nullptr), WZR_ERR_LABEL_NOT_FOUND);
@@ -92,33 +63,32 @@ TEST(WzrkitKeyDatabase, LabelsComeFromPkcs12AndPemKeepsTrustOnly)
 // Raw descriptor I/O (no callbacks installed): an anonymous bind and its response.
 TEST(WzrkitSocket, CarriesAnLdapExchangeAndReportsThePeer)
 {
-    SlapdFixture &s = tls_slapd();
+    wzrtest::SlapdFixture &s = wzrtest::tls_slapd();
     WZR_REQUIRE_SLAPD(s);
     Env env;
     ASSERT_EQ(env.set(WZR_KEYRING_FILE, s.tls_dir() + "/ca.pem"), WZR_OK);
     ASSERT_EQ(wzr_environment_init(env.h), WZR_OK);
     wzr_handle soc = nullptr;
     ASSERT_EQ(wzr_secure_soc_open(env.h, &soc), WZR_OK);
-    int fd = connect_loopback(s.ldaps_port());
-    ASSERT_GE(fd, 0);
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in sa{AF_INET, htons(static_cast<uint16_t>(s.ldaps_port())), {htonl(INADDR_LOOPBACK)}, {}};
+    ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa), 0);
     ASSERT_EQ(wzr_attribute_set_numeric_value(soc, WZR_FD, fd), WZR_OK);
     ASSERT_EQ(wzr_attribute_set_buffer(soc, WZR_PEER_NAME, "localhost", 0), WZR_OK);
     ASSERT_EQ(wzr_secure_soc_init(soc), WZR_OK);
-
-    const char *names = nullptr, *cipher = nullptr;
+    const char *names = nullptr, *protocol = nullptr;
     int len = 0;
     ASSERT_EQ(wzr_attribute_get_cert_info(soc, WZR_PEER_ALT_NAMES, &names), WZR_OK);
     EXPECT_STREQ(names, "DNS:localhost,IP:127.0.0.1");
-    ASSERT_EQ(wzr_attribute_get_buffer(soc, WZR_NEGOTIATED_PROTOCOL, &cipher, &len), WZR_OK);
-    EXPECT_TRUE(std::string(cipher) == "TLSv1.3" || std::string(cipher) == "TLSv1.2") << cipher;
+    ASSERT_EQ(wzr_attribute_get_buffer(soc, WZR_NEGOTIATED_PROTOCOL, &protocol, &len), WZR_OK);
+    EXPECT_TRUE(std::string(protocol) == "TLSv1.3" || std::string(protocol) == "TLSv1.2") << protocol;
 
     const unsigned char bind[] = {0x30, 0x0c, 0x02, 0x01, 0x01, 0x60, 0x07, 0x02,
                                   0x01, 0x03, 0x04, 0x00, 0x80, 0x00};
-    int count = 0;
+    int count = 0, rc;
     ASSERT_EQ(wzr_secure_soc_write(soc, bind, sizeof bind, &count), WZR_OK);
     EXPECT_EQ(count, static_cast<int>(sizeof bind));
     unsigned char reply[64];
-    int rc;
     do
         rc = wzr_secure_soc_read(soc, reply, sizeof reply, &count);
     while (rc == WZR_ERR_WOULD_BLOCK); // after a TLS 1.3 ticket, which carries no data
