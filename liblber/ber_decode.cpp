@@ -105,7 +105,7 @@ inline size_t remaining(const BerElement *ber)
 }
 
 // SEQUENCE/SET header; its end goes to *last. The contents must be in the data.
-FberList open_set(BerElement *ber, bool fber, ber_tag_t *tag, ber_len_t *len, unsigned char **last)
+[[gnu::always_inline]] inline FberList open_set(BerElement *ber, bool fber, ber_tag_t *tag, ber_len_t *len, unsigned char **last)
 {
     if ((*tag = read_contents_header(ber, fber, len)) == LBER_ERROR)
         return FberList::Error;
@@ -304,7 +304,7 @@ void release_item(struct berval *bv) { ber_bvfree(bv); }
 // that a list which cannot decode fails before anything is allocated. 0: it cannot decode.
 // *bytes: the contents bytes of the members plus one per member (a NUL each). No overflow:
 // every member lies in the buffer.
-size_t count_members(BerElement *ber, bool fber, const unsigned char *last, size_t *bytes)
+[[gnu::always_inline]] inline size_t count_members(BerElement *ber, bool fber, const unsigned char *last, size_t *bytes)
 {
     unsigned char *start = ber->ber_ptr;
     size_t count = 0;
@@ -378,7 +378,7 @@ struct BlockValue {
 };
 
 // The next member (its header already checked by count_members), translated when asked.
-bool read_block_value(BerElement *ber, bool xlate, BlockValue *v)
+[[gnu::always_inline]] inline bool read_block_value(BerElement *ber, bool xlate, BlockValue *v)
 {
     *v = {};
     ber_len_t len;
@@ -420,7 +420,7 @@ size_t translated_bytes(BerElement *ber, size_t count)
 // Fills a block laid out as [count + 1 pointers][count bervals][the values, NUL-terminated],
 // `room` bytes for the values. A translation longer than when it was measured fails the set
 // rather than overrun the block.
-bool fill_block(BerElement *ber, bool xlate, size_t count, struct berval **items, size_t room)
+[[gnu::always_inline]] inline bool fill_block(BerElement *ber, bool xlate, size_t count, struct berval **items, size_t room)
 {
     auto *records = reinterpret_cast<struct berval *>(items + count + 1);
     char *bytes = reinterpret_cast<char *>(records + count);
