@@ -11,15 +11,22 @@
 
 namespace {
 std::atomic<const BerTranslator *> installed{nullptr};
+// The installed translator's answer to "pass-through?" once it has given one (-1: not yet). The
+// code page is settled once per process, and every walking call asks.
+std::atomic<int> passthrough_answer{-1};
 }
 
 void ber_set_translator(const BerTranslator *translator)
 {
     // Called for every element a handle makes: a store only when it changes keeps the cache
     // line shared between the threads.
-    if (installed.load(std::memory_order_relaxed) != translator)
+    if (installed.load(std::memory_order_relaxed) != translator) {
         installed.store(translator, std::memory_order_release);
+        ber_xlate_forget();
+    }
 }
+
+void ber_xlate_forget() { passthrough_answer.store(-1, std::memory_order_relaxed); }
 
 int ber_xlate_to_wire(const char *in, size_t inlen, char **out, size_t *outlen)
 {
@@ -39,8 +46,15 @@ int ber_xlate_from_wire(const char *in, size_t inlen, char **out, size_t *outlen
 
 bool ber_xlate_passthrough()
 {
+    int known = passthrough_answer.load(std::memory_order_relaxed);
+    if (known >= 0)
+        return known == 1;
     const BerTranslator *t = installed.load(std::memory_order_acquire);
-    return t == nullptr || t->passthrough();
+    if (t == nullptr)
+        return true;
+    bool answer = t->passthrough();
+    passthrough_answer.store(answer ? 1 : 0, std::memory_order_relaxed);
+    return answer;
 }
 
 LegacyXlateMode ber_encoder_legacy;

@@ -24,5 +24,7 @@ void ber_set_translator(const BerTranslator *translator);
 [[nodiscard]] int ber_xlate_to_wire(const char *in, size_t inlen, char **out, size_t *outlen);
 [[nodiscard]] int ber_xlate_from_wire(const char *in, size_t inlen, char **out, size_t *outlen);
 bool ber_xlate_passthrough();
+// Forgets the translator's remembered answer: its code page is about to be settled afresh.
+void ber_xlate_forget();
 
 #endif

@@ -400,5 +400,6 @@ void ldap_charset_reset_for_tests()
     close_descriptors(to_utf8, from_utf8);
     backslash_as[0] = '\0';
     mode.store(UNSETTLED);
+    ber_xlate_forget();
     ldap_unlock_charset();
 }
