@@ -14,6 +14,15 @@
 
 namespace {
 
+// The header readers and the value-set steps are inlined into each reader in optimised builds,
+// where the hot walkers spend their time in them. A debug build keeps each one a function of its
+// own, so that coverage counts each of their branches once rather than once per caller.
+#ifdef NDEBUG
+#define WZR_HOT [[gnu::always_inline]] inline
+#else
+#define WZR_HOT inline
+#endif
+
 constexpr ber_len_t MAX_CONTENTS = 0x7FFFFFEF;
 
 // A reader's failure for want of memory, marked on the element (ber_out_of_memory).
@@ -41,7 +50,7 @@ inline size_t remaining(const BerElement *ber)
 // Header of the next element: the tag, then the length (short form, or 0x80|n and n <= 8
 // big-endian bytes). Leaves ber_ptr at the contents; moves nothing on failure. Inlined so that
 // each reader gets the variant for its kind, with the high-tag branch gone from FBER readers.
-[[gnu::always_inline]] inline ber_tag_t read_header(BerElement *ber, bool fber, ber_len_t *len)
+WZR_HOT ber_tag_t read_header(BerElement *ber, bool fber, ber_len_t *len)
 {
     size_t left = remaining(ber);
     if (left < 2)
@@ -85,7 +94,7 @@ inline size_t remaining(const BerElement *ber)
 }
 
 // A header whose contents the caller is about to take: they must be in the data.
-[[gnu::always_inline]] inline ber_tag_t read_contents_header(BerElement *ber, bool fber, ber_len_t *len)
+WZR_HOT ber_tag_t read_contents_header(BerElement *ber, bool fber, ber_len_t *len)
 {
     unsigned char *start = ber->ber_ptr;
     ber_tag_t tag = read_header(ber, fber, len);
@@ -96,7 +105,7 @@ inline size_t remaining(const BerElement *ber)
     return tag;
 }
 
-[[gnu::always_inline]] inline ber_tag_t peek_tag(BerElement *ber, bool fber, ber_len_t *len)
+WZR_HOT ber_tag_t peek_tag(BerElement *ber, bool fber, ber_len_t *len)
 {
     unsigned char *start = ber->ber_ptr;
     ber_tag_t tag = read_header(ber, fber, len);
@@ -105,7 +114,7 @@ inline size_t remaining(const BerElement *ber)
 }
 
 // SEQUENCE/SET header; its end goes to *last. The contents must be in the data.
-[[gnu::always_inline]] inline FberList open_set(BerElement *ber, bool fber, ber_tag_t *tag, ber_len_t *len, unsigned char **last)
+WZR_HOT FberList open_set(BerElement *ber, bool fber, ber_tag_t *tag, ber_len_t *len, unsigned char **last)
 {
     if ((*tag = read_contents_header(ber, fber, len)) == LBER_ERROR)
         return FberList::Error;
@@ -304,7 +313,7 @@ void release_item(struct berval *bv) { ber_bvfree(bv); }
 // that a list which cannot decode fails before anything is allocated. 0: it cannot decode.
 // *bytes: the contents bytes of the members plus one per member (a NUL each). No overflow:
 // every member lies in the buffer.
-[[gnu::always_inline]] inline size_t count_members(BerElement *ber, bool fber, const unsigned char *last, size_t *bytes)
+WZR_HOT size_t count_members(BerElement *ber, bool fber, const unsigned char *last, size_t *bytes)
 {
     unsigned char *start = ber->ber_ptr;
     size_t count = 0;
@@ -378,7 +387,7 @@ struct BlockValue {
 };
 
 // The next member (its header already checked by count_members), translated when asked.
-[[gnu::always_inline]] inline bool read_block_value(BerElement *ber, bool xlate, BlockValue *v)
+WZR_HOT bool read_block_value(BerElement *ber, bool xlate, BlockValue *v)
 {
     *v = {};
     ber_len_t len;
@@ -420,7 +429,7 @@ size_t translated_bytes(BerElement *ber, size_t count)
 // Fills a block laid out as [count + 1 pointers][count bervals][the values, NUL-terminated],
 // `room` bytes for the values. A translation longer than when it was measured fails the set
 // rather than overrun the block.
-[[gnu::always_inline]] inline bool fill_block(BerElement *ber, bool xlate, size_t count, struct berval **items, size_t room)
+WZR_HOT bool fill_block(BerElement *ber, bool xlate, size_t count, struct berval **items, size_t room)
 {
     auto *records = reinterpret_cast<struct berval *>(items + count + 1);
     char *bytes = reinterpret_cast<char *>(records + count);
