@@ -123,17 +123,18 @@ char *read_attribute_name(LDAPMessage *entry, BerElement *cursor, int *code)
     return name;
 }
 
-unsigned char ascii_fold(unsigned char ch) { return ch >= 'A' && ch <= 'Z' ? ch + ('a' - 'A') : ch; }
-
-// Attribute types compare as strcasecmp does in ASCII, as C strings: `name` (decoded length
-// `len`) matches only when its string length is that of `type`, an embedded NUL included.
-// Compared from the end, where types sharing a long prefix (numeric or language suffixes)
-// differ first.
+// Whether `name` (decoded length `len`) is, as a C string, as long as a type of `type_len` bytes.
 [[gnu::always_inline]] inline bool same_length(const char *name, size_t len, size_t type_len)
 {
     return len == type_len || (len > type_len && name[type_len] == '\0');
 }
 
+unsigned char ascii_fold(unsigned char ch) { return ch >= 'A' && ch <= 'Z' ? ch + ('a' - 'A') : ch; }
+
+// Attribute types compare as strcasecmp does in ASCII, as C strings: `name` (decoded length
+// `len`) matches only when its string length is that of `type`, an embedded NUL included.
+// Compared from the end, where types sharing a long prefix (numeric or language suffixes)
+// differ first. same_length is the cheap first test, which most types of an entry fail.
 bool same_type(const char *name, size_t len, const char *type, size_t type_len)
 {
     if (!same_length(name, len, type_len))
