@@ -13,19 +13,14 @@ constexpr uint32_t FIRST_CAPACITY = 16;
 
 size_t element_size(const BerElement *ber) { return static_cast<size_t>(ber->ber_end - ber->ber_buf); }
 
-LDAPAttrIndex *allocate(uint32_t capacity)
-{
-    size_t bytes = sizeof(LDAPAttrIndex) + (capacity - 1) * sizeof(LDAPAttrSlot);
-    return static_cast<LDAPAttrIndex *>(lber_malloc(bytes));
-}
+size_t index_bytes(uint32_t capacity) { return sizeof(LDAPAttrIndex) + (capacity - 1) * sizeof(LDAPAttrSlot); }
 
 // Room for one more slot; false (the index freed) when there is no memory for it.
 bool make_room(LDAPAttrIndex **index, uint32_t *capacity)
 {
     if ((*index)->count < *capacity)
         return true;
-    size_t bytes = sizeof(LDAPAttrIndex) + (2 * *capacity - 1) * sizeof(LDAPAttrSlot);
-    auto *grown = static_cast<LDAPAttrIndex *>(lber_realloc(*index, bytes));
+    auto *grown = static_cast<LDAPAttrIndex *>(lber_realloc(*index, index_bytes(2 * *capacity)));
     if (grown == nullptr) {
         lber_free(*index);
         return false;
@@ -45,7 +40,7 @@ LDAPAttrIndex *build(const BerElement *ber)
     if (!ber_is_fber(&c) || element_size(ber) >= UINT32_MAX || !ldap_enter_attribute_list(&c))
         return nullptr;
     uint32_t capacity = FIRST_CAPACITY;
-    LDAPAttrIndex *index = allocate(capacity);
+    auto *index = static_cast<LDAPAttrIndex *>(lber_malloc(index_bytes(capacity)));
     if (index == nullptr)
         return nullptr;
     index->buf = ber->ber_buf;

@@ -123,30 +123,30 @@ char *read_attribute_name(LDAPMessage *entry, BerElement *cursor, int *code)
     return name;
 }
 
-// Whether `name` (decoded length `len`) is, as a C string, as long as a type of `type_len` bytes.
-[[gnu::always_inline]] inline bool same_length(const char *name, size_t len, size_t type_len)
-{
-    return len == type_len || (len > type_len && name[type_len] == '\0');
-}
-
 unsigned char ascii_fold(unsigned char ch) { return ch >= 'A' && ch <= 'Z' ? ch + ('a' - 'A') : ch; }
 
-// Attribute types compare as strcasecmp does in ASCII, as C strings: `name` (decoded length
-// `len`) matches only when its string length is that of `type`, an embedded NUL included.
-// Compared from the end, where types sharing a long prefix (numeric or language suffixes)
-// differ first. same_length is the cheap first test, which most types of an entry fail.
-bool same_type(const char *name, size_t len, const char *type, size_t type_len)
+// The first `len` bytes of both, compared as strcasecmp does in ASCII. Compared from the end,
+// where types sharing a long prefix (numeric or language suffixes) differ first.
+bool same_letters(const char *name, const char *type, size_t len)
 {
-    if (!same_length(name, len, type_len))
-        return false;
-    if (memcmp(name, type, type_len) == 0)
+    if (memcmp(name, type, len) == 0)
         return true; // the usual case: the caller asks by the name it was handed
-    for (size_t i = type_len; i-- > 0;) {
+    for (size_t i = len; i-- > 0;) {
         if (ascii_fold(static_cast<unsigned char>(name[i])) !=
             ascii_fold(static_cast<unsigned char>(type[i])))
             return false;
     }
     return true;
+}
+
+// Attribute types compare as C strings: `name` (decoded length `len`) matches only when its
+// string length is that of `type`, an embedded NUL included. The length test, which most types
+// of an entry fail, is inline in every lookup.
+[[gnu::always_inline]] inline bool same_type(const char *name, size_t len, const char *type,
+                                             size_t type_len)
+{
+    return (len == type_len || (len > type_len && name[type_len] == '\0')) &&
+           same_letters(name, type, type_len);
 }
 
 // The type a lookup by name asks for.
@@ -204,7 +204,7 @@ bool seek_attribute(LDAPMessage *entry, BerElement *c, const WantedType &want)
     for (uint32_t k = 0; k < index->count; ++k) {
         const LDAPAttrSlot &slot = index->slot[k];
         const char *name = reinterpret_cast<const char *>(c->ber_buf + slot.type);
-        if (same_length(name, slot.type_len, want.len) && same_type(name, slot.type_len, want.type, want.len)) {
+        if (same_type(name, slot.type_len, want.type, want.len)) {
             c->ber_ptr = c->ber_buf + slot.type + slot.type_len;
             return true;
         }
