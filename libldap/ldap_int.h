@@ -4,6 +4,7 @@
 #ifndef WZR_LIBLDAP_LDAP_INT_H
 #define WZR_LIBLDAP_LDAP_INT_H
 
+#include <atomic>
 #include <cstdint>
 #include <pthread.h>
 #include <sys/time.h>
@@ -11,6 +12,7 @@
 #include "../liblber/ber_memory.h"
 #include "../liblber/lber.h"
 #include "../trace/ldap_trace.h"
+#include "ldap_lock.h"
 #include "wzrldap.h"
 
 struct LDAPConn;
@@ -109,7 +111,7 @@ inline constexpr uint32_t LDAP_MAX_TBL_SIZE = 65536;
 // offered to it, or everything must look again (an abandon, a dead connection). Each thread
 // has one, made on its first wait.
 struct LDAPWaiter {
-    pthread_cond_t cv;  // waited on with the table lock, on the monotonic clock
+    LDAPEvent event;    // slept on with the table lock released
     int32_t msgid;      // table_lock: the id whose responses it waits for
     int32_t woken;      // table_lock
     LDAPWaiter *prev;   // table_lock

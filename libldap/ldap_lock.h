@@ -22,9 +22,34 @@
 #ifndef WZR_LIBLDAP_LDAP_LOCK_H
 #define WZR_LIBLDAP_LDAP_LOCK_H
 
+#include <atomic>
 #include <pthread.h>
 
 #include "ldap_deadline.h"
+
+// A wake-up for one sleeping thread that needs no mutex of its own: the sleeper drops the
+// lock it holds, sleeps on the event and takes the lock again as anyone would. (A condition
+// variable retakes its mutex marked as contended, and every later unlock of it is a futex call.)
+struct LDAPEvent {
+    std::atomic<int> state;           // 0 quiet, 1 posted, 2 its thread sleeps on it
+    std::atomic<int> posts_in_flight; // posts raised and not yet delivered
+};
+void ldap_event_reset(LDAPEvent *e); // before sleeping, under the lock that guards the sleep
+// Sleeps until the event is posted or the deadline passes: 0, or ETIMEDOUT.
+int ldap_event_wait(LDAPEvent *e, const LDAPDeadline &until);
+// Posted when this thread releases `lock` (or before it sleeps itself): woken at once, the
+// sleeper would find the poster still holding the lock and sleep again on the mutex. A thread
+// defers posts for one lock at a time.
+void ldap_event_post_after_unlock(LDAPEvent *e, const pthread_mutex_t *lock);
+void ldap_event_retire(LDAPEvent *e); // waits until no post is on its way to it
+void ldap_deliver_posts_slow();
+extern constinit thread_local const pthread_mutex_t *ldap_posts_wait_for
+    __attribute__((tls_model("initial-exec")));
+inline void ldap_deliver_posts_on_unlock(const pthread_mutex_t *unlocked)
+{
+    if (ldap_posts_wait_for == unlocked)
+        ldap_deliver_posts_slow();
+}
 
 // Locks on construction; a failed lock is traced with module and line and remembered, and
 // the destructor then does not unlock. Unlock failures are traced only.

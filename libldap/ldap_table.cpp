@@ -120,33 +120,22 @@ LDAPMsgRow *my_row(LDAPMsgTable *table, int id)
     return row != nullptr && (id == 0 || owned_by_me(*row)) ? row : nullptr;
 }
 
-// This thread's wait record, made on its first wait; null if its condition cannot be made.
+// This thread's wait record. A post may still be on its way to it when the thread ends.
 LDAPWaiter *this_thread_waiter()
 {
     struct Holder {
         LDAPWaiter waiter{};
-        int state = 0; // 0 not tried, 1 made, -1 failed
-        ~Holder()
-        {
-            if (state > 0)
-                pthread_cond_destroy(&waiter.cv);
-        }
+        ~Holder() { ldap_event_retire(&waiter.event); }
     };
     thread_local Holder holder;
-    if (holder.state == 0) {
-        pthread_condattr_t attr;
-        pthread_condattr_init(&attr);
-        pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
-        holder.state = pthread_cond_init(&holder.waiter.cv, &attr) == 0 ? 1 : -1;
-        pthread_condattr_destroy(&attr);
-    }
-    return holder.state > 0 ? &holder.waiter : nullptr;
+    return &holder.waiter;
 }
 
-void wake(LDAPWaiter *w)
+// The post goes out when the waker releases the table lock, which the sleeper needs first.
+void wake(LDAPMsgTable *table, LDAPWaiter *w)
 {
     w->woken = 1;
-    pthread_cond_signal(&w->cv);
+    ldap_event_post_after_unlock(&w->event, &table->table_lock);
 }
 
 void link_waiter(LDAPMsgTable *table, LDAPWaiter *w)
@@ -170,27 +159,28 @@ void unlink_waiter(LDAPMsgTable *table, LDAPWaiter *w)
 }
 
 // Sleeps (table lock held, and held again on return) until this thread is woken or the
-// deadline passes. A thread whose record could not be made looks again a little later.
-void sleep_on_table(LDAPMsgTable *table, int id, const LDAPDeadline &until)
+// deadline passes: 0, or 129 when the lock cannot be taken again. A post that comes late, for
+// an earlier sleep, finds `woken` still 0 and the thread sleeps on.
+[[nodiscard]] int sleep_on_table(LDAPMsgTable *table, LockGuard &guard, int id,
+                                 const LDAPDeadline &until)
 {
     LDAPWaiter *me = this_thread_waiter();
-    if (me == nullptr) {
-        pthread_mutex_unlock(&table->table_lock);
-        struct timespec pause = {0, 1'000'000};
-        nanosleep(&pause, nullptr);
-        pthread_mutex_lock(&table->table_lock);
-        return;
-    }
     me->msgid = id;
     me->woken = 0;
+    ldap_event_reset(&me->event);
     link_waiter(table, me);
     while (me->woken == 0) {
-        int err = until.limited ? pthread_cond_timedwait(&me->cv, &table->table_lock, &until.at)
-                                : pthread_cond_wait(&me->cv, &table->table_lock);
+        guard.unlock(); // also delivers what this thread posted
+        int err = ldap_event_wait(&me->event, until);
+        if (guard.relock() != 0)
+            return LDAP_LOCK_ERROR; // a broken table lock: the record stays linked
         if (err == ETIMEDOUT)
             break;
+        if (me->woken == 0)
+            ldap_event_reset(&me->event);
     }
     unlink_waiter(table, me);
+    return 0;
 }
 
 // Offers the reading turn to the oldest sleeper still waiting for its responses, unless a
@@ -202,7 +192,7 @@ void offer_turn(LDAPMsgTable *table)
     for (LDAPWaiter *w = table->waiters; w != nullptr; w = w->next) {
         if (w->woken == 0) {
             table->heir = w;
-            wake(w);
+            wake(table, w);
             return;
         }
     }
@@ -279,14 +269,14 @@ void ldap_msg_table_wake_row(LDAPMsgTable *table, int msgid)
 {
     for (LDAPWaiter *w = table->waiters; w != nullptr; w = w->next)
         if (w->msgid == msgid && w->woken == 0)
-            wake(w);
+            wake(table, w);
 }
 
 void ldap_msg_table_wake_waiters(LDAPMsgTable *table)
 {
     for (LDAPWaiter *w = table->waiters; w != nullptr; w = w->next)
         if (w->woken == 0)
-            wake(w);
+            wake(table, w);
     if (table->reader_active && table->wake_fd >= 0) {
         uint64_t one = 1;
         ssize_t n = write(table->wake_fd, &one, sizeof one);
@@ -313,7 +303,13 @@ LDAPMsgTable *ldap_msg_table_init(unsigned count)
     table->free_rows = static_cast<int32_t>(count);
     table->row_count = count;
 
-    int err = pthread_mutex_init(&table->table_lock, nullptr);
+    // Held for a few hundred instructions by many threads: a short spin before sleeping
+    // saves a futex call whenever the holder runs on another core.
+    pthread_mutexattr_t spin;
+    pthread_mutexattr_init(&spin);
+    pthread_mutexattr_settype(&spin, PTHREAD_MUTEX_ADAPTIVE_NP);
+    int err = pthread_mutex_init(&table->table_lock, &spin);
+    pthread_mutexattr_destroy(&spin);
     if (err != 0) {
         LDAP_TRACE(LDAP_TRC_ERROR,
                    "ldap_msg_table_init: pthread_mutex_init failed for table lock, errno %d\n", err);
@@ -463,8 +459,9 @@ int ldap_msg_table_get_message(LDAP *ld, LDAPMsgTable *table, int *msgid,
         if (until.limited && !ldap_time_left(until, &left) && looked)
             return 0;
         if (table->reader_active) {
-            sleep_on_table(table, id, until); // then a look at what the reader filed
-            continue;
+            if (sleep_on_table(table, guard, id, until) != 0)
+                return ldap_fail_minus_one(ld, LDAP_LOCK_ERROR);
+            continue; // and a look at what the reader filed
         }
         int rc = read_one_turn(ld, table, guard, until);
         if (!guard.locked())
