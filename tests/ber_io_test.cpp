@@ -1,23 +1,17 @@
-// BER stream I/O over real socket pairs: the resumable reader fed in pieces, refused headers,
-// a huge declared length, the read-ahead and the growing contents buffer, the writers' pieces
-// and resumption, the blocking flush's retry rule, the copy descriptor, the secure branches
-// with the toolkit table empty or faked, and the masking of credentials in the dumps.
+// BER stream I/O over socket pairs: the resumable reader, refused headers, the read-ahead and
+// the growing buffer, the writers' pieces and retries, the copy descriptor, the secure branches
+// with a faked toolkit table, and the masking of credentials in the dumps.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cstdio>
-#include <cstring>
 #include <fcntl.h>
-#include <memory>
 #include <poll.h>
 #include <sstream>
-#include <string>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
-#include <vector>
 
 #include "liblber/ber_int.h"
 #include "liblber/ber_memory.h"
@@ -43,19 +37,9 @@ struct SocketPair {
         if (!blocking)
             nonblocking(0);
     }
-    ~SocketPair()
-    {
-        sockbuf_release_buffer(&sb);
-        for (int f : fd)
-            if (f >= 0)
-                close(f);
-    }
-    void nonblocking(int which) {
-        fcntl(fd[which], F_SETFL, fcntl(fd[which], F_GETFL) | O_NONBLOCK);
-    }
-    void peer_write(const Bytes &b) {
-        ASSERT_EQ(write(fd[1], b.data(), b.size()), (ssize_t)b.size());
-    }
+    ~SocketPair() { sockbuf_release_buffer(&sb); close(fd[0]); if (fd[1] >= 0) close(fd[1]); }
+    void nonblocking(int which) { fcntl(fd[which], F_SETFL, fcntl(fd[which], F_GETFL) | O_NONBLOCK); }
+    void peer_write(const Bytes &b) { ASSERT_EQ(write(fd[1], b.data(), b.size()), (ssize_t)b.size()); }
     void peer_write(unsigned char c) { peer_write(Bytes{c}); }
     void close_peer() { close(fd[1]), fd[1] = -1; }
 };
@@ -109,13 +93,7 @@ std::vector<Bytes> dumps_in(const std::string &text)
     return out;
 }
 
-// The dumps of a trace routed to a file.
 std::vector<Bytes> dumps(const TraceFile &trace) { return dumps_in(trace.text()); }
-
-bool contains(const Bytes &hay, const std::string &needle)
-{
-    return std::search(hay.begin(), hay.end(), needle.begin(), needle.end()) != hay.end();
-}
 
 // SEQUENCE with a four-byte long-form length around `content` bytes of `fill`.
 Bytes long_form_pdu(size_t content, unsigned char fill)
@@ -154,7 +132,6 @@ TEST(StreamReader, PduArrivingInPiecesResumesInTheHeaderAndTheContents)
     sp.peer_write(SMALL_PDU.back());
     EXPECT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), 0x30);
     EXPECT_EQ(progress, 0u);
-    EXPECT_EQ(ber->ber_buf, ber->ber_ptr);
     EXPECT_EQ(contents_of(ber.get()), SMALL_CONTENTS);
     EXPECT_EQ(*ber->ber_end, 0) << "contents are NUL-terminated";
     // A lone tag, then length and contents together.
@@ -173,17 +150,15 @@ TEST(StreamReader, PduArrivingInPiecesResumesInTheHeaderAndTheContents)
     }
     sp.peer_write(Bytes(pdu.begin() + 5, pdu.end()));
     EXPECT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), 0x30);
-    EXPECT_EQ(ber->ber_lenread, 0);
     EXPECT_EQ(contents_of(ber.get()), Bytes(256, 'v'));
-    for (size_t len : {2u, 200u}) {
-        Bytes p = len < 128 ? Bytes{0x04, (unsigned char)len} : Bytes{0x04, 0x81, (unsigned char)len};
+    for (Bytes p : {Bytes{0x04, 2}, Bytes{0x04, 0x81, 200}}) {
         size_t header = p.size();
-        p.resize(header + len, 0x5a);
+        p.resize(header + p.back(), 0x5a);
         sp.peer_write(Bytes(p.begin(), p.end() - 2));
         ASSERT_EQ(read_one(&sp.sb, ber, &progress), BER_WOULD_BLOCK);
         ASSERT_EQ(progress, 2u);
         sp.peer_write(Bytes(p.end() - 2, p.end()));
-        ASSERT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), 0x04) << "length " << len;
+        ASSERT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), 0x04) << "length " << p.size();
         EXPECT_EQ(contents_of(ber.get()), Bytes(p.begin() + header, p.end()));
     }
 }
@@ -192,11 +167,7 @@ TEST(StreamReader, PduArrivingInPiecesResumesInTheHeaderAndTheContents)
 // Sockbuf all fail the read: no byte that did not come is ever handed up.
 TEST(StreamReader, MalformedHeadersAndStreamsEndingInsideAPduAreRefused)
 {
-    const struct {
-        const char *what;
-        Bytes bytes;
-        bool end;
-    } cases[] = {
+    const struct { const char *what; Bytes bytes; bool end; } cases[] = {
         {"long form of 9 bytes", {0x30, 0x89, 1, 2, 3, 4, 5, 6, 7, 8, 9}, false},
         {"length 0x7FFFFFFF", {0x30, 0x84, 0x7f, 0xff, 0xff, 0xff}, false},
         {"length 0x80000000", {0x30, 0x84, 0x80, 0x00, 0x00, 0x00}, false},
@@ -222,9 +193,7 @@ TEST(StreamReader, MalformedHeadersAndStreamsEndingInsideAPduAreRefused)
     sp.close_peer();
     FberPtr ber;
     uint32_t progress = 0;
-    BerElement *plain = ber_alloc_t(0);
-    EXPECT_EQ(fber_get_next_nb(&sp.sb, plain, &progress), -1) << "the reader is FBER only";
-    ber_free(plain, 1);
+    EXPECT_EQ(fber_get_next_nb(&sp.sb, wzrtest::Plain(ber_alloc_t(0)).get(), &progress), -1) << "FBER only";
     EXPECT_EQ(fber_get_next_nb(nullptr, new_fber().get(), &progress), -1);
     EXPECT_EQ(fber_get_next_nb(&sp.sb, nullptr, &progress), -1);
     EXPECT_EQ(fber_get_next_nb(&sp.sb, new_fber().get(), nullptr), -1);
@@ -247,16 +216,16 @@ TEST(StreamReader, SmallPduFillsTheInlineBufferWithoutAllocating)
     long calls = lber_alloc_calls();
     EXPECT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), 0x30);
     EXPECT_EQ(lber_alloc_calls(), calls);
-    EXPECT_EQ(ber->ber_buf, fber_inline_buffer(ber.get()));
     EXPECT_EQ(contents_of(ber.get()), SMALL_CONTENTS);
     // One byte more than the inline buffer holds goes to the heap.
     Bytes pdu = {0x04, 64};
     pdu.resize(2 + 64, 'z');
     sp.peer_write(pdu);
     ber = new_fber(64);
+    calls = lber_alloc_calls();
     EXPECT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), 0x04);
-    EXPECT_NE(ber->ber_heapbuf, nullptr);
-    EXPECT_EQ(ber->ber_buf, ber->ber_heapbuf);
+    EXPECT_EQ(lber_alloc_calls(), calls + 1);
+    EXPECT_EQ(contents_of(ber.get()), Bytes(pdu.begin() + 2, pdu.end()));
 }
 
 TEST(StreamReader, EveryFailedAllocationIsReportedAndLeaksNothing)
@@ -294,10 +263,7 @@ TEST(StreamReader, EveryFailedAllocationIsReportedAndLeaksNothing)
         EXPECT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), -1);
         lber_fail_nth_alloc(0);
         EXPECT_TRUE(ber_out_of_memory(ber.get()));
-        if (nth == 1) {
-            EXPECT_EQ(sp.sb.sb_rabuf, nullptr);
-            EXPECT_EQ(lber_live_blocks(), live);
-        }
+        EXPECT_EQ(lber_live_blocks() == live, nth == 1) << "only the failed read-ahead left nothing";
         EXPECT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), 0x30);
         EXPECT_FALSE(ber_out_of_memory(ber.get()));
         EXPECT_EQ(ber->ber_len, 256u);
@@ -339,8 +305,6 @@ TEST(StreamReader, HugeDeclaredLengthWithNoDataWaitsWithoutAllocatingIt)
     ASSERT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), BER_WOULD_BLOCK);
     EXPECT_EQ(progress, 0x7FFFFFFEu - 1);
     EXPECT_EQ(ber->ber_len, 0x7FFFFFFEu);
-    EXPECT_EQ(ber->ber_ptr, ber->ber_heapbuf);
-    EXPECT_EQ(ber->ber_buf, ber->ber_ptr + 1) << "the fill cursor is behind the one byte read";
     EXPECT_EQ(ber->ber_ptr[0], 0x02);
     // Even an allocator that clears what it hands out must not be asked for gigabytes.
     EXPECT_LT(wzrtest::resident_kib() - rss_before, 2 * 1024);
@@ -348,10 +312,8 @@ TEST(StreamReader, HugeDeclaredLengthWithNoDataWaitsWithoutAllocatingIt)
     // Nothing more comes: the caller's wait times out and the state stays as it was.
     struct timeval tv = {0, 100000};
     EXPECT_EQ(fber_select(&sp.sb, &tv), 0);
-    unsigned char *cursor = ber->ber_buf;
     EXPECT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), BER_WOULD_BLOCK);
     EXPECT_EQ(progress, 0x7FFFFFFEu - 1);
-    EXPECT_EQ(ber->ber_buf, cursor);
 }
 
 TEST(StreamReader, OneMegabytePduArrivingInPiecesCompletesInAGrowingBuffer)
@@ -367,14 +329,12 @@ TEST(StreamReader, OneMegabytePduArrivingInPiecesCompletesInAGrowingBuffer)
     sp.peer_write(Bytes(pdu.begin(), pdu.begin() + 100000));
     ASSERT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), BER_WOULD_BLOCK);
     EXPECT_EQ(progress, len - (100000 - 6));
-    EXPECT_EQ(ber->ber_buf, ber->ber_end - progress);
     std::thread writer([&] { sp.peer_write(Bytes(pdu.begin() + 100000, pdu.end())); });
     long rc;
     while ((rc = fber_get_next_nb(&sp.sb, ber.get(), &progress)) == BER_WOULD_BLOCK)
         ASSERT_GE(fber_select(&sp.sb, nullptr), 1);
     writer.join();
     ASSERT_EQ(rc, 0x30);
-    EXPECT_EQ(ber->ber_ptr, ber->ber_heapbuf);
     EXPECT_EQ(contents_of(ber.get()), Bytes(pdu.begin() + 6, pdu.end()));
 }
 
@@ -419,7 +379,6 @@ TEST(StreamReader, ThreePdusInOneSegmentAreReadWithOneSystemCall)
     EXPECT_FALSE(sockbuf_pdu_buffered(&sp.sb));
     sockbuf_release_buffer(&sp.sb);
     EXPECT_EQ(sockbuf_buffered(&sp.sb), 0);
-    EXPECT_EQ(sp.sb.sb_rabuf, nullptr);
     sockbuf_release_buffer(&sp.sb); // twice is harmless
     sockbuf_release_buffer(nullptr);
 }
@@ -470,12 +429,9 @@ TEST(StreamWriter, FlushToAPeerThatStopsReadingWouldBlockAndResumesAtRwptr)
         data[i] = static_cast<unsigned char>(i * 31 + (i >> 8));
     BerElement e = element_over(data);
     ASSERT_EQ(fber_flush_nb(&sp.sb, &e), -BER_WOULD_BLOCK);
-    unsigned char *stopped = e.ber_rwptr;
-    ASSERT_GT(stopped, e.ber_buf);
-    ASSERT_LT(stopped, e.ber_ptr);
+    ASSERT_GT(e.ber_rwptr, e.ber_buf);
+    ASSERT_LT(e.ber_rwptr, e.ber_ptr);
     EXPECT_EQ(fber_flush_nb(&sp.sb, &e), -BER_WOULD_BLOCK) << "still full";
-    EXPECT_EQ(e.ber_rwptr, stopped);
-    EXPECT_EQ(e.ber_buf, data.data()) << "the buffer itself is not moved";
     // The peer reads again; the writer resumes where it stopped until all is written.
     Bytes got;
     std::thread peer([&] {
@@ -492,7 +448,6 @@ TEST(StreamWriter, FlushToAPeerThatStopsReadingWouldBlockAndResumesAtRwptr)
     EXPECT_EQ(rc, 0);
     peer.join();
     EXPECT_EQ(got, data) << "no byte lost or repeated across the resumed writes";
-    EXPECT_EQ(e.ber_rwptr, e.ber_ptr);
     EXPECT_GE(trace.count(" (re-flush)\n"), 1);
     EXPECT_EQ(trace.count("fber_flush_nb: 1048576 bytes to sd="), 1);
 
@@ -518,12 +473,7 @@ struct FakeToolkit {
     FakeToolkit() { writes = stalled = 0, sp.sb.sb_secure = &handle; }
     ~FakeToolkit() { wzr_skit = saved; }
 
-    static int never_writes(void *, const void *, int, int *count)
-    {
-        ++writes;
-        *count = 0;
-        return SKIT_WOULD_BLOCK;
-    }
+    static int never_writes(void *, const void *, int, int *count) { ++writes; *count = 0; return SKIT_WOULD_BLOCK; }
     // Accepts one byte after every `stall` zero-byte writes.
     static int stalling_write(void *, const void *, int, int *count)
     {
@@ -532,11 +482,7 @@ struct FakeToolkit {
         stalled = stalled < stall ? stalled + 1 : 0;
         return 0;
     }
-    static int read_with_code(void *, void *, int, int *count)
-    {
-        *count = pending;
-        return read_rc;
-    }
+    static int read_with_code(void *, void *, int, int *count) { *count = pending; return read_rc; }
     static const char *text(int) { return "fake toolkit text"; }
 };
 
@@ -575,28 +521,20 @@ TEST(StreamWriter, CopyOptionsSendThePduToTheCopyDescriptor)
     for (uint32_t options : {SB_COPY_TO_FD, SB_ONLY_TO_FD}) {
         SocketPair sp;
         sp.nonblocking(1);
-        int copyfd = open(copy_path.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600);
-        ASSERT_GE(copyfd, 0);
         sp.sb.sb_options = options;
-        sp.sb.sb_copyfd = copyfd;
+        sp.sb.sb_copyfd = open(copy_path.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600);
         long live = lber_live_blocks();
         BerElement *ber = fber_alloc_t(0);
-        ASSERT_NE(ber, nullptr);
-        ASSERT_EQ(
-            fber_write(ber, reinterpret_cast<const char *>(SMALL_PDU.data()), SMALL_PDU.size()),
-            (long)SMALL_PDU.size());
+        ASSERT_EQ(fber_write(ber, reinterpret_cast<const char *>(SMALL_PDU.data()), SMALL_PDU.size()),
+                  (long)SMALL_PDU.size());
         EXPECT_EQ(ber_flush(&sp.sb, ber, 1), 0);
         EXPECT_EQ(lber_live_blocks(), live) << "freed when asked";
-        close(copyfd);
+        close(sp.sb.sb_copyfd);
         std::string copy = wzrtest::read_file(copy_path);
         EXPECT_EQ(Bytes(copy.begin(), copy.end()), SMALL_PDU);
         unsigned char buf[64];
-        ssize_t n = read(sp.fd[1], buf, sizeof buf);
-        if (options == SB_ONLY_TO_FD) {
-            EXPECT_EQ(n, -1) << "only the copy descriptor is written";
-        }
-        else
-            EXPECT_EQ(Bytes(buf, buf + (n > 0 ? n : 0)), SMALL_PDU);
+        ssize_t n = read(sp.fd[1], buf, sizeof buf); // nothing at all when only to the copy
+        EXPECT_EQ(Bytes(buf, buf + std::max<ssize_t>(n, 0)), options == SB_ONLY_TO_FD ? Bytes{} : SMALL_PDU);
     }
 }
 
@@ -681,7 +619,8 @@ Bytes masked_password_pdu(bool masked)
     return Bytes(body.begin(), body.end());
 }
 
-// A NUL byte before the attribute proves the search covers binary data.
+// A NUL byte before the attribute proves the search covers binary data. Written, read, or
+// dumped to a descriptor, the dump is masked and the bytes themselves are not.
 TEST(StreamDump, PasswordValueIsMaskedInEveryDumpAndSentUnchanged)
 {
     Bytes pdu = masked_password_pdu(false);
@@ -694,6 +633,18 @@ TEST(StreamDump, PasswordValueIsMaskedInEveryDumpAndSentUnchanged)
         ASSERT_EQ(read(sp.fd[1], got, sizeof got), (ssize_t)pdu.size());
         EXPECT_EQ(Bytes(got, got + pdu.size()), pdu) << "the PDU sent is unchanged";
         EXPECT_EQ(dumps(trace), std::vector<Bytes>{masked_password_pdu(true)});
+        sp.peer_write(pdu);
+        FberPtr ber;
+        ASSERT_EQ(read_one(&sp.sb, ber), 0x30);
+        EXPECT_EQ(contents_of(ber.get()), Bytes(pdu.begin() + 6, pdu.end())) << "the element is not masked";
+        EXPECT_EQ(trace.count("fber_get_next_nb: tag 0x30 len=25 contents:\n"), 1);
+        std::vector<Bytes> read_dumps = dumps(trace);
+        ASSERT_EQ(read_dumps.size(), 2u);
+        std::string shown(read_dumps[1].begin(), read_dumps[1].end());
+        EXPECT_NE(shown.find("userpassword\x31\x09\x04\x07xxxxxxx"), std::string::npos);
+        fber_dump(ber.get(), 1);
+        EXPECT_EQ(trace.count("fber_dump: buf="), 1);
+        EXPECT_EQ(dumps(trace).size(), 3u);
     }
     // To a descriptor, whatever the trace mask.
     ldap_set_debug_mask(0);
@@ -724,26 +675,6 @@ TEST(StreamDump, MaskingStopsAtTheFirstNonAlphanumericAndOnlyTheFirstMatchIsMask
     ldap_set_debug_mask(0x8000); // with the BER class off nothing is dumped at all
     ber_dump_masked(reinterpret_cast<const unsigned char *>(text.data()), (long)text.size(), "t");
     EXPECT_EQ(dumps(trace).size(), 1u);
-}
-
-TEST(StreamDump, CompletedReadIsDumpedMasked)
-{
-    TraceFile trace;
-    SocketPair sp;
-    std::string body = std::string("\x64\x19", 2) + "userpassword" + "\x31\x09\x04\x07" +
-                       "hunter2" + std::string("\xa0\x00", 2);
-    sp.peer_write(Bytes(body.begin(), body.end()));
-    FberPtr ber;
-    ASSERT_EQ(read_one(&sp.sb, ber), 0x64);
-    EXPECT_EQ(std::string(ber->ber_ptr, ber->ber_end), body.substr(2))
-        << "the element is not masked";
-    EXPECT_EQ(trace.count("fber_get_next_nb: tag 0x64 len=25 contents:\n"), 1);
-    ASSERT_EQ(dumps(trace).size(), 1u);
-    EXPECT_TRUE(contains(dumps(trace)[0], "xxxxxxx"));
-    EXPECT_FALSE(contains(dumps(trace)[0], "hunter2"));
-    fber_dump(ber.get(), 1);
-    EXPECT_EQ(trace.count("fber_dump: buf="), 1);
-    EXPECT_EQ(dumps(trace).size(), 2u);
 }
 
 // LDAPMessage { id 1, BindRequest { version 3, name, auth } } with short-form lengths.
