@@ -1,8 +1,6 @@
-// Result retrieval, abandon and unbind against the fake server: filing out of order, entries
-// then the final result, the two modes and their time-outs, partial PDUs, the notice of
-// disconnection, broken streams, unreachable servers, the write time-out choice; abandon's
-// refusals, its request and what it discards; unbind's refusals, its wait for the operation in
-// progress and its silence on the wire.
+// Result retrieval, abandon and unbind against the fake server: the two modes and their
+// time-outs, partial PDUs, disconnection notices, broken streams, unreachable servers, the write
+// time-out choice; abandon's refusals and request; unbind's wait and its silence on the wire.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -13,16 +11,13 @@
 #include <thread>
 
 #include "libldap/ldap_abandon.h"
-#include "libldap/ldap_error.h"
 #include "libldap/ldap_init.h"
 #include "libldap/ldap_message.h"
-#include "libldap/ldap_queue.h"
 #include "libldap/ldap_request.h"
 #include "libldap/ldap_result.h"
 #include "libldap/ldap_table.h"
 #include "libldap/ldap_unbind.h"
 #include "support/engine_client.h"
-#include "support/fake_server.h"
 #include "support/fber_bytes.h"
 #include "support/loopback_listener.h"
 
@@ -51,7 +46,7 @@ std::string entry_dn(LDAPMessage *m)
 // the connection is dead.
 TEST_F(Result, ResponsesBeforeABrokenPduInTheSameSegmentAreDelivered)
 {
-    std::vector<int> ids = {send(), send()};
+    int ids[] = {send(), send()};
     ASSERT_TRUE(server_.wait_for_requests(2));
     server_.connection(0)->send(extended_response_pdu(ids[0], 0, "", "") + extended_response_pdu(ids[1], 0, "", "") +
                                 std::string("\x30\x00", 2));

@@ -6,7 +6,6 @@
 #include <cstring>
 #include <thread>
 
-#include "libldap/ldap_error.h"
 #include "libldap/ldap_init.h"
 #include "libldap/ldap_message.h"
 #include "libldap/ldap_queue.h"
