@@ -32,8 +32,6 @@ template <class T> void free_array(T **v)
     lber_free(v);
 }
 
-/* ---- encoding ---- */
-
 TEST(PlainEncode, IntegersAreMinimalTwosComplement)
 {
     const struct {
@@ -338,8 +336,6 @@ TEST(BerEncodeAllocFailures, GrowthOfBothKindsAndFlatten)
         return ok;
     });
 }
-
-/* ---- decoding ---- */
 
 TEST(BerDecodeHeader, LengthLimitsPeekFirstNextAndSkip)
 {

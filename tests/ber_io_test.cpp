@@ -110,8 +110,6 @@ long kernel_queued(int fd)
     return ioctl(fd, FIONREAD, &n) == 0 ? n : -1;
 }
 
-/* ---- reading ---- */
-
 // The reader resumes wherever the bytes stop: after a lone tag (the next byte is a length, not
 // a tag), inside a long-form length (its bytes accumulate) and inside the contents, where the
 // progress is the number of contents bytes still missing. Progress 2 means "header read, no
@@ -328,8 +326,6 @@ TEST(StreamReader, HugeDeclaredLengthWaitsUnallocatedAndAMegabyteCompletesInAGro
     EXPECT_EQ(contents_of(ber.get()), Bytes(pdu.begin() + 6, pdu.end()));
 }
 
-/* ---- the read-ahead ---- */
-
 TEST(StreamReader, ThreePdusInOneSegmentAreReadWithOneSystemCall)
 {
     SocketPair sp;
@@ -372,8 +368,6 @@ TEST(StreamReader, ThreePdusInOneSegmentAreReadWithOneSystemCall)
     sockbuf_release_buffer(&sp.sb); // twice is harmless
     sockbuf_release_buffer(nullptr);
 }
-
-/* ---- writing ---- */
 
 // Each write() on a SOCK_SEQPACKET pair is one packet, so the peer sees the write sizes.
 std::vector<size_t> packet_sizes_of_flush(int (*flush)(Sockbuf *, BerElement *))
@@ -528,8 +522,6 @@ TEST(StreamWriter, CopyOptionsSendThePduToTheCopyDescriptor)
     }
 }
 
-/* ---- refusals and the secure branches ---- */
-
 // A closing Sockbuf, missing arguments and an empty toolkit table give errors, not crashes.
 TEST(SecureStreamIo, ClosingSockbufAndEmptyToolkitTableGiveErrorsAndNothingToWriteSucceeds)
 {
@@ -591,8 +583,6 @@ TEST(SecureStreamIo, ToolkitCodesMapToWouldBlockAndErrors)
     EXPECT_EQ(BerWrite_nb(sb, data.data(), 10), -BER_WOULD_BLOCK);
     EXPECT_EQ(BerWrite(sb, data.data(), 10), 0);
 }
-
-/* ---- dumps ---- */
 
 Bytes masked_password_pdu(bool masked)
 {

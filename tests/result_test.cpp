@@ -294,8 +294,6 @@ TEST(WaitOnSocket, LargeDescriptorsAreSupported)
         close(fd);
 }
 
-/* ---- abandon ---- */
-
 TEST_F(Abandon, BadIdsAreRefusedWithoutTouchingTheTable)
 {
     int before = free_rows();
@@ -351,8 +349,6 @@ TEST_F(Abandon, WaiterOnAnAbandonedIdIsReleased)
     EXPECT_EQ(type.load(), -1);
     EXPECT_EQ(err.load(), LDAP_PARAM_ERROR);
 }
-
-/* ---- unbind ---- */
 
 // All three names free the handle completely, refuse a missing one and write nothing.
 TEST(Unbind, AliasesFreeTheHandleWriteNothingAndRefuseAMissingOne)
