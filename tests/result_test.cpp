@@ -213,16 +213,13 @@ TEST_F(Result, GarbageKillsTheConnectionAndEverythingAfterAnswers81)
 TEST_F(Result, ArgumentAndOwnershipChecks)
 {
     LDAPMessage *res = nullptr;
-    const struct {
-        LDAP *ld;
-        int id, mode;
-        LDAPMessage **res;
-    } refused[] = {{ld_, 256, LDAP_MSG_ONE, &res}, // >= row count
-                   {ld_, 0, LDAP_MSG_ALL, &res},
-                   {ld_, -2, LDAP_MSG_ONE, &res},
-                   {ld_, 1, LDAP_MSG_ONE, nullptr},
-                   {nullptr, 1, LDAP_MSG_ONE, &res},
-                   {ld_, 9, LDAP_MSG_ONE, &res}}; // never sent
+    const struct { LDAP *ld; int id, mode; LDAPMessage **res; } refused[] = {
+        {ld_, 256, LDAP_MSG_ONE, &res}, // >= row count
+        {ld_, 0, LDAP_MSG_ALL, &res},
+        {ld_, -2, LDAP_MSG_ONE, &res},
+        {ld_, 1, LDAP_MSG_ONE, nullptr},
+        {nullptr, 1, LDAP_MSG_ONE, &res},
+        {ld_, 9, LDAP_MSG_ONE, &res}}; // never sent
     for (const auto &r : refused) {
         EXPECT_EQ(ldap_result(r.ld, r.id, r.mode, nullptr, r.res), -1) << r.id;
         if (r.ld != nullptr && r.res != nullptr && r.id != -2) {
