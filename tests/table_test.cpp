@@ -78,6 +78,7 @@ TEST(TableIds, WrapsToTheLowestFreeIdAndGrowsWhenFull)
     TablePtr t = make_table();
     for (int expect = 1; expect <= 255; ++expect)
         ASSERT_EQ(ldap_msg_table_get_next_msgid(t.get()), expect);
+    EXPECT_EQ(t->rows[255].hop_limit, -1);
     for (int id : {7, 3, 3}) // a second release of a free row changes nothing
         ldap_msg_table_release_msgid(t.get(), id);
     EXPECT_EQ(t->free_rows, 3); // row 0 counts as free
@@ -184,6 +185,7 @@ TEST_F(Rows, FilingRefusesWhatNobodyCanCollect)
     int before = table_->free_rows;
     EXPECT_EQ(file(unattended, LDAP_RES_SEARCH_RESULT), 0);
     EXPECT_EQ(table_->free_rows, before + 1);
+    EXPECT_EQ(table_->rows[unattended].flags, 0u);
 }
 
 TEST_F(Rows, ReleaseRulesAndLinks)
@@ -222,6 +224,7 @@ TEST_F(Rows, ReleaseRulesAndLinks)
     ldap_msg_table_release_child(ld_, table_, child);
     EXPECT_EQ(table_->free_rows, before + 1);
     EXPECT_EQ(table_->rows[parent].child, nullptr);
+    EXPECT_EQ(table_->rows[child].flags, 0u);
     EXPECT_EQ(thread_error(ld_), LDAP_SUCCESS);
 }
 
@@ -283,6 +286,7 @@ TEST_F(Rows, DeliveredRecordsLeaveTheRowAndTheFinalOneReleasesTheId)
         EXPECT_EQ(ldap_next_message(ld_, got), nullptr);
     }
     EXPECT_EQ(table_->free_rows, free_before + 1);
+    EXPECT_EQ(table_->rows[id].flags, 0u);
     EXPECT_EQ(ldap_msgfree(r[1]), LDAP_RES_SEARCH_ENTRY);
     EXPECT_EQ(ldap_msgfree(r[2]), LDAP_RES_SEARCH_RESULT);
     EXPECT_EQ(ldap_msgfree(r[0]), LDAP_RES_SEARCH_ENTRY);
