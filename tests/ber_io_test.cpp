@@ -446,10 +446,7 @@ TEST(StreamWriter, FlushToAPeerThatStopsReadingWouldBlockAndResumesAtRwptr)
 // Faked toolkit entries; the handle only has to be non-null.
 struct FakeToolkit {
     static inline std::atomic<int> writes{0};
-    static inline int stall = 0; // zero-byte writes before each byte accepted
-    static inline int stalled = 0;
-    static inline int read_rc = 0;
-    static inline int pending = 0;
+    static inline int stall = 0, stalled = 0, read_rc = 0, pending = 0; // stall: zero-byte writes per byte
     int handle = 0;
     SecureToolkit saved = wzr_skit;
     SocketPair sp;
