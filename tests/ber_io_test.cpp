@@ -232,13 +232,9 @@ TEST(StreamReader, EveryFailedAllocationIsReportedAndLeaksNothing)
     pdu.resize(4 + 256, 'q');
     int walked = wzrtest::walk_alloc_failures([&] {
         sp.peer_write(pdu);
-        BerElement *ber = fber_alloc_t(0);
-        bool ok = false;
-        if (ber != nullptr) {
-            uint32_t progress = 0;
-            ok = fber_get_next_nb(&sp.sb, ber, &progress) == 0x30;
-            fber_free(ber);
-        }
+        FberPtr ber = new_fber();
+        uint32_t progress = 0;
+        bool ok = ber != nullptr && fber_get_next_nb(&sp.sb, ber.get(), &progress) == 0x30;
         // Whatever the failed read left behind goes, in the kernel and in the read-ahead.
         unsigned char drain[512];
         while (read(sp.fd[0], drain, sizeof drain) > 0) {}
