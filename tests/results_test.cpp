@@ -207,7 +207,10 @@ TEST(EntryAttributes, BadArgumentsBrokenEntriesAndTypesOver400Characters)
     free_msgs(fits);
 }
 
-TEST(EntryValues, NamesCompareCaseInsensitivelyAndAbsentIs84)
+// Names compare without case, a prefix is no match, an absent type is 84; a repeated type gives
+// its first attribute, read right behind the cursor or after the cursor is gone (its free flag
+// ignored: the buffer is the entry's).
+TEST(EntryValues, NamesCompareCaseInsensitivelyAndRepeatedTypesGiveTheFirst)
 {
     Handle h;
     LDAPMessage *e = person();
@@ -216,17 +219,30 @@ TEST(EntryValues, NamesCompareCaseInsensitivelyAndAbsentIs84)
     EXPECT_EQ(values_of(h.ld, e, "JPEGphoto"), Values{std::string("\xFF\xD8\x00\x01", 4)});
     EXPECT_EQ(ldap_get_values(h.ld, e, "mail"), nullptr);
     EXPECT_EQ(ldap_get_errno(h.ld), LDAP_DECODING_ERROR);
-    EXPECT_EQ(ldap_get_values_len(h.ld, e, "c"), nullptr); // a prefix is not a match
+    EXPECT_EQ(ldap_get_values_len(h.ld, e, "c"), nullptr);
     EXPECT_EQ(ldap_get_errno(h.ld), LDAP_DECODING_ERROR);
-    // Freeing the cursor (its flag ignored: the buffer is the entry's) leaves the entry readable.
     BerElement *cursor = nullptr;
-    ldap_memfree(ldap_first_attribute(h.ld, e, &cursor));
+    char *first = ldap_first_attribute(h.ld, e, &cursor);
+    char *second = ldap_next_attribute(h.ld, e, cursor);
     ldap_ber_free(cursor, 1);
+    EXPECT_EQ(values_of(h.ld, e, second), (Values{"Ann", "Annie"}));
     EXPECT_EQ(string_values(h.ld, e, "objectclass"), (Values{"top", "person"}));
-    ldap_ber_free(nullptr, 1);
-    ldap_memfree(nullptr);
-    ldap_value_free(nullptr);
-    ldap_value_free_len(nullptr);
+    for (char *p : {first, second})
+        ldap_memfree(p);
+    free_msgs(e);
+
+    e = entry("cn=x", {{"cn", {"first"}}, {"sn", {"s"}}, {"CN", {"second"}}, {"cn", {"third"}}});
+    Values seen;
+    for (char *a = ldap_first_attribute(h.ld, e, &cursor); a != nullptr;
+         a = ldap_next_attribute(h.ld, e, cursor)) {
+        seen.emplace_back(a);
+        EXPECT_EQ(values_of(h.ld, e, a), strcasecmp(a, "cn") == 0 ? Values{"first"} : Values{"s"})
+            << a;
+        EXPECT_EQ(ldap_get_errno(h.ld), 0);
+        ldap_memfree(a);
+    }
+    ldap_ber_free(cursor, 0);
+    EXPECT_EQ(seen, (Values{"cn", "sn", "CN", "cn"}));
     free_msgs(e);
 }
 
@@ -274,39 +290,6 @@ TEST(EntryValues, BervalValuesAreOneBlockOfTerminatedCopies)
                   return ok && seen == 3 && code == 0;
               }),
               7); // the cursor, three names, three value blocks (each set one allocation)
-    free_msgs(e);
-}
-
-// Values by name read right behind the cursor, as callers do, or after the cursor is gone:
-// the attribute index never changes a result, and a later "CN" or "cn" still names the
-// first attribute of that type.
-TEST(EntryValues, RepeatedTypesAlwaysGiveTheFirstAttributeOfThatName)
-{
-    Handle h;
-    LDAPMessage *e = entry(
-        "cn=x", {{"cn", {"first"}}, {"sn", {"s"}}, {"CN", {"second"}}, {"cn", {"third"}}});
-    BerElement *cursor = nullptr;
-    Values seen;
-    for (char *a = ldap_first_attribute(h.ld, e, &cursor); a != nullptr;
-         a = ldap_next_attribute(h.ld, e, cursor)) {
-        seen.emplace_back(a);
-        EXPECT_EQ(values_of(h.ld, e, a), strcasecmp(a, "cn") == 0 ? Values{"first"} : Values{"s"})
-            << a;
-        EXPECT_EQ(ldap_get_errno(h.ld), 0);
-        ldap_memfree(a);
-    }
-    ldap_ber_free(cursor, 0);
-    EXPECT_EQ(seen, (Values{"cn", "sn", "CN", "cn"}));
-    free_msgs(e);
-
-    e = person();
-    char *first = ldap_first_attribute(h.ld, e, &cursor);
-    char *second = ldap_next_attribute(h.ld, e, cursor);
-    ldap_ber_free(cursor, 0);
-    EXPECT_EQ(values_of(h.ld, e, second), (Values{"Ann", "Annie"}));
-    EXPECT_EQ(values_of(h.ld, e, first), (Values{"top", "person"}));
-    ldap_memfree(first);
-    ldap_memfree(second);
     free_msgs(e);
 }
 

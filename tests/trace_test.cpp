@@ -1,7 +1,5 @@
-// The trace facility: the class table and the environment that sets the mask, the output
-// switch, the line prefix, every timestamp form with a fixed instant and zone, the hex dump.
-// Environment access: reads and checks, list-valued updates that fold case and slashes, the
-// once-read password-policy setting, the trace lines, and concurrent use.
+// The trace facility (class table, mask from the environment, output switch, line prefix, every
+// timestamp form, hex dump) and environment access (reads, list updates, traces, threads).
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -26,7 +24,6 @@
 #include "wzrldap.h"
 
 namespace {
-
 
 using Lines = std::vector<std::string>;
 using wzrtest::ScopedEnv;
@@ -175,10 +172,18 @@ TEST_F(Trace, LdapDebugVariableSetsTheMask)
     EXPECT_STREQ(ldap_get_debug_file(), "stdout");
 }
 
-// With no stream every trace call (print, dump, the environment functions) is silently a no-op.
-TEST_F(Trace, UnopenableFileSilencesTheTraceWithoutFailingCallers)
+// A switch closes the old file and appends to the new; with no stream every trace call (print,
+// dump, the environment functions) is silently a no-op.
+TEST_F(Trace, OutputSwitchAppendsAndAnUnopenableFileSilencesTheTrace)
 {
-    std::string missing = dir_.file("no/such/dir/trace.out");
+    std::string second = dir_.file("second.out"), missing = dir_.file("no/such/dir/trace.out");
+    wzrtest::write_file(second, "kept\n");
+    ldap_debug_print(LDAP_TRC_API, "%s", "first");
+    ASSERT_EQ(ldap_set_debug_file(second.c_str()), 0);
+    ldap_debug_print(LDAP_TRC_API, "%s", "second");
+    EXPECT_EQ(output(), "first");
+    EXPECT_EQ(wzrtest::read_file(second), "kept\nsecond");
+    EXPECT_STREQ(ldap_get_debug_file(), second.c_str());
     {
         ScopedEnv dbg("LDAP_DEBUG", std::string("65535"));
         ScopedEnv out("LDAP_DEBUG_FILE", missing);
@@ -199,20 +204,9 @@ TEST_F(Trace, UnopenableFileSilencesTheTraceWithoutFailingCallers)
     EXPECT_EQ(ldap_set_debug_file(nullptr), EINVAL);
     EXPECT_EQ(ldap_set_debug_file(""), EINVAL);
     EXPECT_EQ(ldap_get_debug_file(), nullptr);
-    EXPECT_EQ(output(), "");
-    EXPECT_NE(access(dir_.file("no").c_str(), F_OK), 0) << "nothing was created";
-}
-
-TEST_F(Trace, OutputSwitchClosesTheOldFileAndAppendsToTheNew)
-{
-    std::string second = dir_.file("second.out");
-    wzrtest::write_file(second, "kept\n");
-    ldap_debug_print(LDAP_TRC_API, "%s", "first");
-    ASSERT_EQ(ldap_set_debug_file(second.c_str()), 0);
-    ldap_debug_print(LDAP_TRC_API, "%s", "second");
     EXPECT_EQ(output(), "first");
     EXPECT_EQ(wzrtest::read_file(second), "kept\nsecond");
-    EXPECT_STREQ(ldap_get_debug_file(), second.c_str());
+    EXPECT_NE(access(dir_.file("no").c_str(), F_OK), 0) << "nothing was created";
 }
 
 // Only "FALSE" (in capitals) drops the timestamp, and nothing turns it back on.
@@ -335,12 +329,14 @@ TEST_F(Trace, PrefixUsesTheConfiguredTimestampForm)
     }
 }
 
-// Hex dump lines are "T<thread>:\t" and 59 characters of frame; each dump gets its own file.
-class HexDump : public Trace {
-protected:
-    Lines dump(const void *p, int length, const char *title)
-    {
-        to_new_file("dump" + std::to_string(++dumps_) + ".out");
+// Hex dump lines are "T<thread>:\t" and 59 characters of frame. Empty, null-address and
+// negative-length dumps stop after the heading, with no closing border; full and partial lines;
+// a title centred, and cut to the frame.
+TEST_F(Trace, HexDumpFramesFullAndPartialLinesAndTitles)
+{
+    int dumps = 0;
+    auto dump = [&](const void *p, int length, const char *title) {
+        to_new_file("dump" + std::to_string(++dumps) + ".out");
         ldap_debug_hexdump(p, length, title);
         Lines out;
         const std::string head = thread_tag() + ":\t";
@@ -350,22 +346,14 @@ protected:
             EXPECT_EQ(out.back().size(), 59u) << out.back();
         }
         return out;
-    }
-    static std::string heading(const void *p, int length)
-    {
+    };
+    auto heading = [](const void *p, int length) {
         char h[80];
         snprintf(h, sizeof h, "|OSet| Address = %08X  Length = %04X |     ASCII      |",
                  static_cast<unsigned>(reinterpret_cast<uintptr_t>(p)), length & 0xffff);
-        return h;
-    }
-    const std::string border = "+---------------------------------------------------------+";
-    int dumps_ = 0;
-};
-
-// Empty, null-address and negative-length dumps stop after the heading, with no closing
-// border; full and partial lines; a title centred, and cut to the frame.
-TEST_F(HexDump, FramesFullAndPartialLinesAndTitles)
-{
+        return std::string(h);
+    };
+    const std::string border = "+" + std::string(57, '-') + "+";
     unsigned char b[4] = {};
     EXPECT_EQ(dump(b, 0, nullptr), (Lines{border, heading(b, 0), border}));
     EXPECT_EQ(dump(nullptr, 5, ""), (Lines{border, heading(nullptr, 5), border}));
