@@ -381,9 +381,7 @@ TEST_F(Requests, AsynchronousFormsHandOutIdsInOrder)
     EXPECT_EQ(ldap_get_errno(ld), LDAP_PARAM_ERROR);
     int sasl_id = -5;
     ASSERT_EQ(ldap_sasl_bind(ld, nullptr, "X", nullptr, nullptr, nullptr, &sasl_id), 0);
-    const struct {
-        int id, type, code;
-    } sent[] = {{sasl_id, LDAP_RES_BIND, 0},
+    const struct { int id, type, code; } sent[] = {{sasl_id, LDAP_RES_BIND, 0},
                 {ldap_simple_bind(ld, "cn=a", "b"), LDAP_RES_BIND, 0},
                 {ldap_delete(ld, "cn=1"), LDAP_RES_DELETE, 0},
                 {ldap_compare(ld, "cn=2", "cn", "2"), LDAP_RES_COMPARE, LDAP_COMPARE_TRUE}};

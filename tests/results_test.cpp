@@ -833,11 +833,7 @@ TEST(ControlDecoding, ListsAreReadWholeOrNotAtAll)
                                                     fb::str("abc")) +
                                                 fb::seq(fb::str("1.3")) +
                                                 fb::seq(fb::str("1.4") + fb::str("")));
-    const struct {
-        std::string bytes;
-        int rc;
-        const char *want;
-    } cases[] = {
+    const struct { std::string bytes; int rc; const char *want; } cases[] = {
         {full, 0, "1.2.840.1 1 abc|1.3 0 -|1.4 0 "},
         {"", 0, "null"},                 // at the end of the data
         {unhex("04 01 78"), 0, "null"},  // something else follows
@@ -1095,10 +1091,7 @@ TEST(ControlValues, ParsersReadWhatServersSendAndRefuseTheRest)
     const char *page = LDAP_CONTROL_PAGEDRESULTS, *sort = LDAP_CONTROL_SORTRESPONSE,
                *vlv = LDAP_CONTROL_VLVRESPONSE, *deref = LDAP_CONTROL_DEREF,
                *pp = LDAP_CONTROL_PASSWORDPOLICY;
-    const struct {
-        ControlParser parse;
-        const char *oid, *value, *expected; // the value in hex
-    } cases[] = {
+    const struct { ControlParser parse; const char *oid, *value, *expected; } cases[] = { // hex
         {P::Page, page, "30 05 02 01 0a 04 02", "84"},
         {P::Page, "1.2.3", "30 05 02 01 00 04 00", "93"},
         {P::SortOrVlv, sort, "30 07 0a 01 10 80 02 63 6e", "0 16 cn"},

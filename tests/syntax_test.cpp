@@ -52,12 +52,8 @@ struct Parsed {
 // What each DN parses to: its first RDN's pairs and normalized form, or the parse's error code.
 TEST(DnParse, TypesValuesEscapesAndErrorCodes)
 {
-    const struct {
-        const char *dn;
-        int err;
-        Strings first_rdn;
-        const char *normalized = nullptr;
-    } cases[] = {
+    const struct { const char *dn; int err; Strings first_rdn; const char *normalized = nullptr; }
+        cases[] = {
         {"cn=John Smith, o=Acme", 0, {"cn=John Smith"}, "cn=John Smith,o=Acme"},
         // Blanks around types and "=", trailing blanks of values, ";" between RDNs.
         {"  cn = a  ;\tou=b \n", 0, {"cn=a"}, "cn=a,ou=b"},
@@ -125,11 +121,8 @@ TEST(DnParse, MultiValuedRdnsKeepTheirPairsSortedOnRequest)
 
 TEST(DnValues, RebuiltStringsEscapeWhatWouldNotReadBack)
 {
-    const struct {
-        const char *dn;
-        int mode; // 0/1: explode_dn with(out) types; 2/3: explode_rdn
-        Strings want;
-    } cases[] = {
+    // mode 0/1: explode_dn with(out) types; 2/3: explode_rdn
+    const struct { const char *dn; int mode; Strings want; } cases[] = {
         {"cn=John Smith, o=Acme", 0, {"cn=John Smith", "o=Acme"}},
         {"cn=John Smith, o=Acme", 1, {"John Smith", "Acme"}},
         {"cn=a+sn=b,o=c", 0, {"cn=a+sn=b", "o=c"}},
@@ -397,11 +390,7 @@ TEST(UrlParse, FormsDefaultsDecodingAndRefusals)
     const std::string dflt = "|-|0|(objectClass=*)"; // no attributes, base scope, default filter
     const std::string syntax = rc(LDAP_INVALID_SYNTAX), scope = rc(LDAP_URL_ERR_BADSCOPE),
                       notldap = rc(LDAP_URL_ERR_NOTLDAP);
-    const struct {
-        const char *url;
-        std::string want;
-        bool internal = false;
-    } cases[] = {
+    const struct { const char *url; std::string want; bool internal = false; } cases[] = {
         {"ldap://host", "ldap|host|389|-" + dflt},
         {"ldaps://host/", "ldaps|host|636|-" + dflt},
         {"LDAPS://host:1636/o=x?cn,sn?sub?(cn=a)", "LDAPS|host|1636|o=x|[cn,sn]|2|(cn=a)"},

@@ -139,12 +139,8 @@ TEST_F(Trace, LdapDebugVariableSetsTheMask)
     std::vector<unsigned> all;
     for (unsigned i = 0; i <= 18; ++i)
         all.push_back(i);
-    const struct {
-        const char *value;
-        unsigned mask;
-        int flag;
-        std::vector<unsigned> classes;
-    } cases[] = {
+    const struct { const char *value; unsigned mask; int flag; std::vector<unsigned> classes; }
+        cases[] = {
         {"32768", 0x8000, 1, {16, 17, 18}}, {"-1", 0xffffffffu, 1, all},
         {"0x8000", 0, 1, {}}, /* atoi */    {"abc", 0, 0, {}},     {"12a", 0, 0, {}},
         {"", 0, 1, {}},
@@ -255,13 +251,7 @@ TEST_F(Trace, EveryTimestampFormatOffsetAndDaylightSavingTime)
 {
     constexpr time_t JUL_01_163456 = 1719851696; // 2024-07-01 16:34:56 UTC
     const char *dst = "EST5EDT,M3.2.0,M11.1.0";
-    const struct {
-        const char *tz;
-        int format;
-        time_t secs;
-        long usec;
-        const char *want;
-    } cases[] = {
+    const struct { const char *tz; int format; time_t secs; long usec; const char *want; } cases[] = {
         {"EST5", 2, MAR_05_123456, 789012, "1709642096.789012"},
         {"EST5", 3, MAR_05_123456, 789012, "20240305123456.789012Z"},
         {"EST5", 4, MAR_05_123456, 789012, "2024-03-05T12:34:56.789012Z"},
@@ -504,12 +494,7 @@ TEST(EnvRead, GetenvCopiesChkenvCountsGetenvBufCuts)
 TEST(EnvWrite, ChangeEnvVarPrependsAppendsOrKeeps)
 {
     Assignments made;
-    const struct {
-        const char *before; // null: unset
-        int mode;
-        char sep;
-        const char *item, *after;
-    } cases[] = {
+    const struct { const char *before; int mode; char sep; const char *item, *after; } cases[] = {
         {"/B:/c", 0, ':', "/b", "/B:/c"},     {"/c", 0, ':', "/a", "/a:/c"},
         {"/c", 1, ':', "/a", "/c:/a"},        {"/c", 7, ';', "/a", "/a;/c"},
         {nullptr, 1, ':', "/opt/x", "/opt/x"}, {"", 0, ':', "/opt/x", "/opt/x"}, // no separator
@@ -547,11 +532,7 @@ TEST(EnvWrite, ChangeEnvVarPrependsAppendsOrKeeps)
 
 TEST(EnvContains, ElementsMatchWholeIgnoringCaseAndSlashDirection)
 {
-    const struct {
-        char sep;
-        const char *list, *item;
-        int want;
-    } cases[] = {
+    const struct { char sep; const char *list, *item; int want; } cases[] = {
         {':', "/a:/b:/c", "/b", 1},     {':', "/a:/b:/c", "/A", 1},     {':', "/ab:/c", "/a", 0},
         {':', "x/a:/c", "/a", 0},       {':', "/a /b", "/a", 1},
         {';', "C:\\Dir;D:\\e", "c:/dir", 1}, {':', "x/a:/a", "/a", 1},  {':', "/a/b", "/a", 0},
