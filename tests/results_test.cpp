@@ -28,6 +28,11 @@
 
 namespace {
 
+// The call's result, then the code it recorded on the handle `h`.
+#define EXPECT_EQ_CODE(call, result, code) \
+    do { EXPECT_EQ(call, result); EXPECT_EQ(ldap_get_errno(h.ld), code); } while (0)
+#define EXPECT_RECORDED(call, code) EXPECT_EQ_CODE(call, code, code)
+
 using wzrtest::free_msgs;
 using wzrtest::make_msg;
 using wzrtest::one_control;
@@ -130,8 +135,7 @@ TEST(EntryAttributes, CursorWalksTypesInOrderAndEndsWithCode0)
          a = ldap_next_attribute(h.ld, e, cursor))
         ldap_memfree(a);
     (void)ldap_set_lderrno(h.ld, LDAP_BUSY, nullptr, nullptr);
-    EXPECT_EQ(ldap_next_attribute(h.ld, e, cursor), nullptr);
-    EXPECT_EQ(ldap_get_errno(h.ld), 0);
+    EXPECT_EQ_CODE(ldap_next_attribute(h.ld, e, cursor), nullptr, 0);
     ldap_ber_free(cursor, 1);
     EXPECT_EQ(e->lm_ber->ber_ptr, pos) << "the entry's own element moved";
     free_msgs(e);
@@ -142,8 +146,7 @@ TEST(EntryAttributes, CursorWalksTypesInOrderAndEndsWithCode0)
     free_msgs(e);
 
     e = entry("cn=empty", {}); // no attributes: no name, code 0, a cursor all the same
-    EXPECT_EQ(ldap_first_attribute(h.ld, e, &cursor), nullptr);
-    EXPECT_EQ(ldap_get_errno(h.ld), 0);
+    EXPECT_EQ_CODE(ldap_first_attribute(h.ld, e, &cursor), nullptr, 0);
     EXPECT_NE(cursor, nullptr);
     ldap_ber_free(cursor, 1);
     EXPECT_EQ(ldap_count_attributes(h.ld, e), 0);
@@ -155,18 +158,13 @@ TEST(EntryAttributes, BadArgumentsBrokenEntriesAndTypesOver400Characters)
     Handle h;
     LDAPMessage *e = person();
     BerElement *cursor = reinterpret_cast<BerElement *>(0x1);
-    EXPECT_EQ(ldap_first_attribute(h.ld, nullptr, &cursor), nullptr);
-    EXPECT_EQ(ldap_get_errno(h.ld), LDAP_PARAM_ERROR);
+    EXPECT_EQ_CODE(ldap_first_attribute(h.ld, nullptr, &cursor), nullptr, LDAP_PARAM_ERROR);
     EXPECT_EQ(cursor, nullptr);
-    for (const std::function<void()> &call : std::initializer_list<std::function<void()>>{
-             [&] { EXPECT_EQ(ldap_first_attribute(h.ld, e, nullptr), nullptr); },
-             [&] { EXPECT_EQ(ldap_next_attribute(h.ld, e, nullptr), nullptr); },
-             [&] { EXPECT_EQ(ldap_count_attributes(h.ld, nullptr), 0); },
-             [&] { EXPECT_EQ(ldap_get_values(h.ld, e, nullptr), nullptr); },
-             [&] { EXPECT_EQ(ldap_get_values_len(h.ld, nullptr, "cn"), nullptr); }}) {
-        call();
-        EXPECT_EQ(ldap_get_errno(h.ld), LDAP_PARAM_ERROR);
-    }
+    EXPECT_EQ_CODE(ldap_first_attribute(h.ld, e, nullptr), nullptr, LDAP_PARAM_ERROR);
+    EXPECT_EQ_CODE(ldap_next_attribute(h.ld, e, nullptr), nullptr, LDAP_PARAM_ERROR);
+    EXPECT_EQ_CODE(ldap_count_attributes(h.ld, nullptr), 0, LDAP_PARAM_ERROR);
+    EXPECT_EQ_CODE(ldap_get_values(h.ld, e, nullptr), nullptr, LDAP_PARAM_ERROR);
+    EXPECT_EQ_CODE(ldap_get_values_len(h.ld, nullptr, "cn"), nullptr, LDAP_PARAM_ERROR);
     free_msgs(e);
 
     wzrtest::PduBuilder b(1); // an attribute list that cannot be entered
@@ -175,27 +173,22 @@ TEST(EntryAttributes, BadArgumentsBrokenEntriesAndTypesOver400Characters)
     const std::string t400(400, 'a'), t401(401, 'b');
     LDAPMessage *too_long = entry("cn=x", {{t401, {"v"}}, {"cn", {"x"}}});
     for (LDAPMessage *m : {broken, too_long}) {
-        EXPECT_EQ(ldap_first_attribute(h.ld, m, &cursor), nullptr);
-        EXPECT_EQ(ldap_get_errno(h.ld), LDAP_DECODING_ERROR);
+        EXPECT_EQ_CODE(ldap_first_attribute(h.ld, m, &cursor), nullptr, LDAP_DECODING_ERROR);
         EXPECT_EQ(cursor, nullptr);
         // The scan by name stops at what it cannot read, even for a later attribute.
         EXPECT_TRUE(values_of(h.ld, m, "cn").empty());
         EXPECT_EQ(ldap_get_errno(h.ld), LDAP_DECODING_ERROR);
     }
-    EXPECT_EQ(ldap_count_attributes(h.ld, broken), 0);
-    EXPECT_EQ(ldap_get_errno(h.ld), LDAP_DECODING_ERROR);
-    EXPECT_EQ(ldap_get_values(h.ld, broken, "cn"), nullptr);
-    EXPECT_EQ(ldap_get_errno(h.ld), LDAP_DECODING_ERROR);
+    EXPECT_EQ_CODE(ldap_count_attributes(h.ld, broken), 0, LDAP_DECODING_ERROR);
+    EXPECT_EQ_CODE(ldap_get_values(h.ld, broken, "cn"), nullptr, LDAP_DECODING_ERROR);
     free_msgs(broken);
     free_msgs(too_long);
 
     wzrtest::PduBuilder empty(1); // an entry without even its DN
     empty.add("t{}", static_cast<ber_tag_t>(LDAP_RES_SEARCH_ENTRY));
     broken = make_msg(empty.bytes());
-    EXPECT_EQ(ldap_get_dn(h.ld, broken), nullptr);
-    EXPECT_EQ(ldap_get_errno(h.ld), LDAP_DECODING_ERROR);
-    EXPECT_EQ(ldap_get_dn(h.ld, nullptr), nullptr);
-    EXPECT_EQ(ldap_get_errno(h.ld), LDAP_PARAM_ERROR);
+    EXPECT_EQ_CODE(ldap_get_dn(h.ld, broken), nullptr, LDAP_DECODING_ERROR);
+    EXPECT_EQ_CODE(ldap_get_dn(h.ld, nullptr), nullptr, LDAP_PARAM_ERROR);
     free_msgs(broken);
 
     LDAPMessage *fits = entry("CN=Ann , O=Acme", {{t400, {"v"}}});
@@ -214,13 +207,10 @@ TEST(EntryValues, NamesCompareCaseInsensitivelyAndRepeatedTypesGiveTheFirst)
 {
     Handle h;
     LDAPMessage *e = person();
-    EXPECT_EQ(string_values(h.ld, e, "CN"), (Values{"Ann", "Annie"}));
-    EXPECT_EQ(ldap_get_errno(h.ld), 0);
+    EXPECT_EQ_CODE(string_values(h.ld, e, "CN"), (Values{"Ann", "Annie"}), 0);
     EXPECT_EQ(values_of(h.ld, e, "JPEGphoto"), Values{std::string("\xFF\xD8\x00\x01", 4)});
-    EXPECT_EQ(ldap_get_values(h.ld, e, "mail"), nullptr);
-    EXPECT_EQ(ldap_get_errno(h.ld), LDAP_DECODING_ERROR);
-    EXPECT_EQ(ldap_get_values_len(h.ld, e, "c"), nullptr);
-    EXPECT_EQ(ldap_get_errno(h.ld), LDAP_DECODING_ERROR);
+    EXPECT_EQ_CODE(ldap_get_values(h.ld, e, "mail"), nullptr, LDAP_DECODING_ERROR);
+    EXPECT_EQ_CODE(ldap_get_values_len(h.ld, e, "c"), nullptr, LDAP_DECODING_ERROR);
     BerElement *cursor = nullptr;
     char *first = ldap_first_attribute(h.ld, e, &cursor);
     char *second = ldap_next_attribute(h.ld, e, cursor);
@@ -419,8 +409,7 @@ TEST(EntryErrors, EveryCallClearsWhatTheLastOneRecorded)
     for (int round = 0; round < 2; ++round) {
         EXPECT_TRUE(values_of(h.ld, e, "absent").empty());
         EXPECT_EQ(ldap_get_errno(h.ld), LDAP_DECODING_ERROR);
-        EXPECT_EQ(values_of(h.ld, e, a), (Values{"top", "person"}));
-        EXPECT_EQ(ldap_get_errno(h.ld), 0);
+        EXPECT_EQ_CODE(values_of(h.ld, e, a), (Values{"top", "person"}), 0);
     }
     (void)ldap_set_lderrno(h.ld, LDAP_NO_MEMORY, nullptr, nullptr);
     char *b = ldap_next_attribute(h.ld, e, cursor);
@@ -624,8 +613,7 @@ TEST(ParseExtended, NameValueControlsServerCodesAndFreeit)
     (void)ldap_set_lderrno(h.ld, LDAP_BUSY, nullptr, nullptr);
     LDAPMessage *res = search_done(0); // not an extended response: 89, the thread's code at 0
     char *oid = reinterpret_cast<char *>(0x1);
-    EXPECT_EQ(ldap_parse_extended_result(h.ld, res, &oid, nullptr, 0), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_get_errno(h.ld), 0);
+    EXPECT_EQ_CODE(ldap_parse_extended_result(h.ld, res, &oid, nullptr, 0), LDAP_PARAM_ERROR, 0);
     EXPECT_EQ(oid, nullptr);
     EXPECT_EQ(ldap_parse_extended_result(h.ld, nullptr, nullptr, nullptr, 0), LDAP_PARAM_ERROR);
     free_msgs(res);
@@ -649,13 +637,12 @@ TEST(ParseExtended, NameValueControlsServerCodesAndFreeit)
     ldap_memfree(oid);
     ber_bvfree(data);
     // The message's own element was read: a second parse finds nothing left to decode.
-    EXPECT_EQ(ldap_parse_extended_result(h.ld, res, nullptr, nullptr, 0), -1);
-    EXPECT_EQ(ldap_get_errno(h.ld), -1);
+    EXPECT_EQ_CODE(ldap_parse_extended_result(h.ld, res, nullptr, nullptr, 0), -1, -1);
     free_msgs(res);
 
     res = make_msg(wzrtest::extended_pdu(LDAP_UNWILLING_TO_PERFORM, "", ""));
-    EXPECT_EQ(ldap_parse_extended_result(h.ld, res, &oid, nullptr, 2), LDAP_UNWILLING_TO_PERFORM);
-    EXPECT_EQ(ldap_get_errno(h.ld), LDAP_UNWILLING_TO_PERFORM);
+    EXPECT_RECORDED(ldap_parse_extended_result(h.ld, res, &oid, nullptr, 2),
+                    LDAP_UNWILLING_TO_PERFORM);
     EXPECT_NE(lber_live_blocks(), live); // freeit 2 keeps the message
     free_msgs(res);
     EXPECT_EQ(ldap_parse_extended_result(h.ld, broken(LDAP_RES_EXTENDED), nullptr, nullptr, 1), -1);
@@ -673,13 +660,11 @@ TEST(ParseSaslBind, CredentialsCodesAndFreeit)
     EXPECT_EQ(res->lm_msgtype, LDAP_RES_BIND); // still alive
     EXPECT_EQ(ldap_parse_sasl_bind_result(h.ld, res, &cred, 1), 0);
     res = make_msg(wzrtest::bind_pdu(LDAP_INVALID_CREDENTIALS, false, ""));
-    EXPECT_EQ(ldap_parse_sasl_bind_result(h.ld, res, &cred, 1), LDAP_INVALID_CREDENTIALS);
-    EXPECT_EQ(ldap_get_errno(h.ld), LDAP_INVALID_CREDENTIALS);
+    EXPECT_RECORDED(ldap_parse_sasl_bind_result(h.ld, res, &cred, 1), LDAP_INVALID_CREDENTIALS);
     EXPECT_EQ(lber_live_blocks(), live);
 
     res = make_msg(wzrtest::bind_pdu(LDAP_SASL_BIND_IN_PROGRESS, true, "challenge"));
-    EXPECT_EQ(ldap_parse_sasl_bind_result(h.ld, res, &cred, 0), LDAP_SASL_BIND_IN_PROGRESS);
-    EXPECT_EQ(ldap_get_errno(h.ld), LDAP_SASL_BIND_IN_PROGRESS);
+    EXPECT_RECORDED(ldap_parse_sasl_bind_result(h.ld, res, &cred, 0), LDAP_SASL_BIND_IN_PROGRESS);
     ASSERT_NE(cred, nullptr);
     EXPECT_EQ(std::string(cred->bv_val, cred->bv_len), "challenge");
     ber_bvfree(cred);
@@ -688,13 +673,11 @@ TEST(ParseSaslBind, CredentialsCodesAndFreeit)
     free_msgs(res);
 
     res = search_done(0);
-    EXPECT_EQ(ldap_parse_sasl_bind_result(h.ld, res, nullptr, 0), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_get_errno(h.ld), LDAP_PARAM_ERROR);
+    EXPECT_RECORDED(ldap_parse_sasl_bind_result(h.ld, res, nullptr, 0), LDAP_PARAM_ERROR);
     EXPECT_EQ(ldap_parse_sasl_bind_result(h.ld, nullptr, nullptr, 0), LDAP_PARAM_ERROR);
     free_msgs(res);
     res = broken(LDAP_RES_BIND);
-    EXPECT_EQ(ldap_parse_sasl_bind_result(h.ld, res, &cred, 0), LDAP_DECODING_ERROR);
-    EXPECT_EQ(ldap_get_errno(h.ld), LDAP_DECODING_ERROR);
+    EXPECT_RECORDED(ldap_parse_sasl_bind_result(h.ld, res, &cred, 0), LDAP_DECODING_ERROR);
     EXPECT_EQ(cred, nullptr);
     free_msgs(res);
 }
@@ -722,8 +705,7 @@ TEST(ParseReference, UrlsAndControlsAreHandedOutAndWrongOrBrokenRecordsRefused)
     LDAPMessage *e = entry("cn=a");
     urls = reinterpret_cast<char **>(0x1);
     EXPECT_EQ(ldap_parse_reference(h.ld, e, &urls, nullptr, 0), LDAP_PARAM_ERROR);
-    EXPECT_EQ(urls, nullptr);
-    EXPECT_EQ(ldap_get_errno(h.ld), LDAP_PARAM_ERROR);
+    EXPECT_EQ_CODE(urls, nullptr, LDAP_PARAM_ERROR);
     EXPECT_EQ(ldap_parse_reference(h.ld, nullptr, &urls, nullptr, 0), LDAP_PARAM_ERROR);
     free_msgs(e);
     wzrtest::PduBuilder b(1); // a URL that claims more bytes than there are
@@ -733,8 +715,7 @@ TEST(ParseReference, UrlsAndControlsAreHandedOutAndWrongOrBrokenRecordsRefused)
     ref = make_msg(b.bytes());
     ASSERT_NE(ref, nullptr);
     EXPECT_EQ(ldap_parse_reference(h.ld, ref, &urls, nullptr, 0), LDAP_DECODING_ERROR);
-    EXPECT_EQ(urls, nullptr);
-    EXPECT_EQ(ldap_get_errno(h.ld), LDAP_DECODING_ERROR);
+    EXPECT_EQ_CODE(urls, nullptr, LDAP_DECODING_ERROR);
     free_msgs(ref);
 }
 
@@ -951,8 +932,7 @@ TEST(EntryControls, ReadFromBehindTheEntryAndRecorded)
     EXPECT_EQ(take_oids(got), "1.9");
     EXPECT_EQ(ldap_get_entry_controls_np(h.ld, plain, &got), 0);
     EXPECT_EQ(got, nullptr);
-    EXPECT_EQ(ldap_get_entry_controls_np(h.ld, done, &got), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_get_errno(h.ld), LDAP_PARAM_ERROR);
+    EXPECT_RECORDED(ldap_get_entry_controls_np(h.ld, done, &got), LDAP_PARAM_ERROR);
     EXPECT_EQ(ldap_get_entry_controls_np(h.ld, nullptr, &got), LDAP_PARAM_ERROR);
     EXPECT_EQ(ldap_get_entry_controls_np(h.ld, entry, nullptr), LDAP_PARAM_ERROR);
     wzrtest::BareHandle bad("NOT HDL!");
