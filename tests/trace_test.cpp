@@ -226,26 +226,6 @@ TEST_F(Trace, ShortFormatsGetNoPrefixAndOnlyFalseDropsTheTimestamp)
               "\nab1234\n" + thread_tag() + " 12345\n" + thread_tag() + " plain %d text\n");
 }
 
-TEST(TraceTimestamp, FormatSettingIsReadCaseInsensitivelyAndCached)
-{
-    const std::pair<const char *, int> names[] = {
-        {"epoch", 2}, {"GT", 3},    {"General", 3}, {"GeneralTime", 3}, {"Gener", 6},  {"utc", 4},
-        {"Local", 6}, {"AUDIT", 5}, {"Legacy", 0},  {"Default", 1},     {"bogus", 6},  {"", 6}};
-    for (const auto &[value, code] : names) {
-        ScopedEnv fmt("OPXQ_TIMESTAMP_FORMAT", std::string(value));
-        EXPECT_EQ(ldap_get_timestamp_format(1), code) << value;
-    }
-    {
-        ScopedEnv fmt("OPXQ_TIMESTAMP_FORMAT", std::nullopt);
-        EXPECT_EQ(ldap_get_timestamp_format(1), 6);
-    }
-    ScopedEnv fmt("OPXQ_TIMESTAMP_FORMAT", std::string("UTC"));
-    EXPECT_EQ(ldap_get_timestamp_format(1), 4);
-    setenv("OPXQ_TIMESTAMP_FORMAT", "Epoch", 1);
-    EXPECT_EQ(ldap_get_timestamp_format(0), 4) << "cached until asked to read again";
-    EXPECT_EQ(ldap_get_timestamp_format(1), 2);
-}
-
 // Every form, zone offsets east and west, across the day, month and year ends, and summer time.
 TEST_F(Trace, EveryTimestampFormatOffsetAndDaylightSavingTime)
 {
@@ -303,20 +283,36 @@ TEST_F(Trace, TimestampBufferSizesAllocationAndTheCurrentTime)
     EXPECT_TRUE(fits(buf, "####-##-##T##:##:##.######Z")) << buf;
 }
 
-TEST_F(Trace, PrefixUsesTheConfiguredTimestampForm)
+// The format setting is read without case and kept until asked to read again; the line prefix
+// takes the form it names.
+TEST_F(Trace, TimestampFormatSettingIsReadCaseInsensitivelyAndNamesThePrefix)
 {
     zone("EST5");
-    const std::pair<const char *, std::string> cases[] = {
-        {"Default", "####-##-##T##:##:##.######-5:00"}, {"Legacy", "###:##:##:##"},
-        {"general-anything", "##############.######Z"}, {"Audit", "####-##-##-##:##:##.###-5:00"}};
-    for (const auto &[setting, pattern] : cases) {
-        SCOPED_TRACE(setting);
-        ScopedEnv fmt("OPXQ_TIMESTAMP_FORMAT", std::string(setting));
-        ldap_get_timestamp_format(1);
-        to_new_file(std::string(setting) + ".out");
+    const struct { const char *setting; int code; std::string prefix; } cases[] = {
+        {"epoch", 2, ""}, {"GT", 3, ""}, {"General", 3, ""}, {"GeneralTime", 3, ""}, {"Gener", 6, ""},
+        {"utc", 4, ""}, {"Local", 6, ""}, {"AUDIT", 5, ""}, {"bogus", 6, ""}, {"", 6, ""},
+        {"Default", 1, "####-##-##T##:##:##.######-5:00"}, {"Legacy", 0, "###:##:##:##"},
+        {"general-anything", 3, "##############.######Z"},
+        {"Audit", 5, "####-##-##-##:##:##.###-5:00"}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.setting);
+        ScopedEnv fmt("OPXQ_TIMESTAMP_FORMAT", std::string(c.setting));
+        EXPECT_EQ(ldap_get_timestamp_format(1), c.code);
+        if (c.prefix.empty())
+            continue;
+        to_new_file(std::string(c.setting) + ".out");
         ldap_debug_print(LDAP_TRC_ERROR, "Error - %s: %d\n", "fn", 7);
-        EXPECT_TRUE(fits(output(), pattern + " " + thread_tag() + " Error - fn: 7\n")) << output();
+        EXPECT_TRUE(fits(output(), c.prefix + " " + thread_tag() + " Error - fn: 7\n")) << output();
     }
+    {
+        ScopedEnv fmt("OPXQ_TIMESTAMP_FORMAT", std::nullopt);
+        EXPECT_EQ(ldap_get_timestamp_format(1), 6);
+    }
+    ScopedEnv fmt("OPXQ_TIMESTAMP_FORMAT", std::string("UTC"));
+    EXPECT_EQ(ldap_get_timestamp_format(1), 4);
+    setenv("OPXQ_TIMESTAMP_FORMAT", "Epoch", 1);
+    EXPECT_EQ(ldap_get_timestamp_format(0), 4) << "cached until asked to read again";
+    EXPECT_EQ(ldap_get_timestamp_format(1), 2);
 }
 
 // Hex dump lines are "T<thread>:\t" and 59 characters of frame. Empty, null-address and
@@ -456,7 +452,7 @@ std::string env_now(const char *name)
     return v != nullptr ? v : "<unset>";
 }
 
-TEST(EnvRead, GetenvCopiesChkenvCountsGetenvBufCuts)
+TEST(EnvRead, GetenvCopiesChkenvCountsGetenvBufCutsSettingsAreReadOnce)
 {
     ScopedEnv v(VAR, std::string("0123456789"));
     ScopedEnv empty("WZR_ENV_TEST_EMPTY", std::string(""));
@@ -487,6 +483,11 @@ TEST(EnvRead, GetenvCopiesChkenvCountsGetenvBufCuts)
     EXPECT_STREQ(big, "0123456789");
     EXPECT_EQ(ldap_getenv_buf("WZR_ENV_TEST_UNSET", big, sizeof big), -1);
     EXPECT_EQ(ldap_getenv_buf(VAR, big, 0), -1);
+    // Read once per process (no other test of this program asks): the first answer is kept.
+    ScopedEnv pp("USE_OPENLDAP_PWDPOLICY_CONTROL", std::string("yEs"));
+    EXPECT_EQ(ldap_use_openldap_pwdpolicy(), 1);
+    setenv("USE_OPENLDAP_PWDPOLICY_CONTROL", "no", 1);
+    EXPECT_EQ(ldap_use_openldap_pwdpolicy(), 1);
 }
 
 // Mode 1 appends, any other prepends; an element already there (any case, either slash)
@@ -549,17 +550,6 @@ TEST(EnvContains, ElementsMatchWholeIgnoringCaseAndSlashDirection)
         return rc == 1;
     });
     EXPECT_EQ(walked, 2);
-}
-
-// Read once per process: the only test in this program that asks.
-TEST(EnvSettings, PasswordPolicySettingIsReadOnce)
-{
-    {
-        ScopedEnv v("USE_OPENLDAP_PWDPOLICY_CONTROL", std::string("yEs"));
-        EXPECT_EQ(ldap_use_openldap_pwdpolicy(), 1);
-    }
-    ScopedEnv v("USE_OPENLDAP_PWDPOLICY_CONTROL", std::string("no"));
-    EXPECT_EQ(ldap_use_openldap_pwdpolicy(), 1) << "the first answer is kept";
 }
 
 TEST(EnvTrace, EachAccessIsTracedWithItsOwnText)
