@@ -236,9 +236,8 @@ TEST(EntryValues, NamesCompareCaseInsensitivelyAndRepeatedTypesGiveTheFirst)
     free_msgs(e);
 }
 
-// The berval values come as one block: array, records, then the values, each NUL-terminated,
-// so that ldap_value_free_len releases them with a single free. Empty values and values with
-// zero bytes keep their lengths.
+// Berval values come as one block (array, records, NUL-terminated values: a single free), with
+// the lengths of empty values and values with zero bytes kept.
 TEST(EntryValues, BervalValuesAreOneBlockOfTerminatedCopies)
 {
     Handle h;
@@ -283,9 +282,8 @@ TEST(EntryValues, BervalValuesAreOneBlockOfTerminatedCopies)
     free_msgs(e);
 }
 
-// A cursor of one entry passed along with another entry must leave nothing behind in the
-// other: the position it reads in its own entry falls, in the other, on a value whose bytes
-// look like an attribute of the same type.
+// A cursor passed along with another entry reads that entry where it stands: there, a value
+// that looks like an attribute of the same type.
 TEST(EntryValues, ACursorOfAnotherEntryReadsWhereItStands)
 {
     Handle h;
@@ -390,8 +388,7 @@ TEST(EntryValues, TheAttributeIndexChangesNoResult)
     }
 }
 
-// Each walking call starts with a clean record: a code, a matched DN or a message left by an
-// earlier call are gone, and a failure is recorded again after a success.
+// Each walking call starts with a clean record, and a failure is recorded again after a success.
 TEST(EntryErrors, EveryCallClearsWhatTheLastOneRecorded)
 {
     Handle h;
@@ -436,8 +433,7 @@ void expect_no_failures(const std::function<int(int)> &body)
     EXPECT_EQ(failures, std::vector<int>(4, 0));
 }
 
-// A thread's first call on a handle creates its record while other threads clear theirs
-// without the error lock; every thread keeps reading back its own codes.
+// A thread's first call creates its record while others clear theirs; each reads its own codes.
 TEST(EntryErrorThreads, NewThreadsRecordWhileOthersClear)
 {
     Handle h;
@@ -455,8 +451,7 @@ TEST(EntryErrorThreads, NewThreadsRecordWhileOthersClear)
     free_msgs(e);
 }
 
-// Threads walk their own entries and one shared entry (sharing its attribute index)
-// through one handle; each sees only its own codes and the values of the type it asked for.
+// Threads walk their own entries and one shared entry (and its index) through one handle.
 TEST(EntryWalkThreads, ThreadsWalkTheirOwnAndOneSharedEntryThroughOneHandle)
 {
     Handle h;
@@ -544,8 +539,8 @@ TEST(ParseResult, ChainOfEntriesAndResultGivesTheResultsFields)
     free_msgs(res);
 }
 
-// No result in the chain is 1 (the code left alone); freeit frees the chain on success and
-// failure alike; a cut result is 84 with nothing handed out.
+// No result is 1 (the code left alone); a cut result is 84 with nothing handed out; freeit
+// frees the chain whatever.
 TEST(ParseResult, NoResultGives1AndFreeitFreesTheChainWhatever)
 {
     Handle h;
@@ -760,8 +755,7 @@ std::string describe(LDAPControl **list)
     return out;
 }
 
-// Walks every failed allocation of `make`, which hands out a list: a failure is 90 with no
-// list. Returns the allocations walked.
+// Walks every failed allocation of `make`: a failure is 90 with no list. Gives the count.
 int walk_list(const std::function<int(LDAPControl ***)> &make,
               void (*release)(LDAPControl **) = ldap_controls_free)
 {
@@ -806,8 +800,8 @@ TEST(ControlEncoding, ListsAreWrittenInOrderWithCriticalityAndValue)
     ldap_controls_free(two);
 }
 
-// Each case follows an INTEGER the reader skips first, as a message's controls follow its
-// operation. A failure hands the caller nothing, not even a partial list.
+// Each case follows an INTEGER skipped first, as controls follow an operation; a failure hands
+// the caller nothing, not even a partial list.
 TEST(ControlDecoding, ListsAreReadWholeOrNotAtAll)
 {
     const std::string full = fb::cons(0xa0, fb::seq(fb::str("1.2.840.1") + fb::boolean(true) +

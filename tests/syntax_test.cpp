@@ -483,8 +483,7 @@ TEST(UrlParse, EveryAllocationFailureGivesNinetyNineAndLeaksNothing)
     EXPECT_EQ(walk("ldap://h/o=x", false, "ldap|h|389|o=x|-|0|(objectClass=*)"), 6);
 }
 
-// The DN state machines trace their transitions at the DN class only; URL failures are traced
-// at the error class, successes only with the ordinary flow.
+// DN transitions are traced at the DN class, URL failures at the error class, successes in flow.
 TEST(SyntaxTrace, DnTransitionsAndUrlFailuresAreTracedAtTheirClasses)
 {
     wzrtest::TraceFile trace;

@@ -420,9 +420,8 @@ TEST_F(TraceThreads, LinesAndDumpsFromManyThreadsStayWhole)
 
 constexpr const char *VAR = "WZR_ENV_TEST_LIST";
 
-// A string the library hands to putenv stays in the environment until the variable is set
-// again. The tests restore every variable they touch and then free those strings here, so
-// that the leak checker sees none. Declare it first in a test: it must outlive the restores.
+// Frees, after the tests restored the variables, the strings the library handed to putenv (so
+// the leak checker sees none). Declare it first in a test: it must outlive the restores.
 class Assignments {
 public:
     ~Assignments()
@@ -574,9 +573,7 @@ TEST(EnvTrace, EachAccessIsTracedWithItsOwnText)
         EXPECT_GE(trace.count(line), 1) << line << "in\n" << trace.text();
 }
 
-// Readers and writers of the environment from several threads, all through the library.
-// Each thread extends its own variable, so no update can be lost to another's, and reads
-// the others' variables meanwhile: every value read must be whole.
+// Each thread extends its own variable and reads the others' meanwhile: every value is whole.
 TEST(EnvThreads, ConcurrentReadsAndUpdatesSeeWholeValues)
 {
     Assignments made;
