@@ -969,14 +969,20 @@ TEST(DefaultControls, CallersFirstThenCopiesOfTheHandleDefaults)
     ldap_controls_free(given);
 }
 
-using Out = LDAPControl **;
-
-struct EncodingCase {
-    const char *name;
-    std::function<int(LDAPControl **)> make;
-    int rc;
-    std::string value; // "(none)": the control carries no value
-};
+// What a control constructor made: its value ("(none)" for none), or "rc=N" and no control.
+std::string made(const std::function<int(LDAPControl **)> &make)
+{
+    LDAPControl *ctrl = nullptr;
+    int rc = make(&ctrl);
+    EXPECT_EQ(ctrl != nullptr, rc == 0);
+    const berval *v = ctrl != nullptr ? &ctrl->ldctl_value : nullptr;
+    std::string out = rc != 0            ? "rc=" + std::to_string(rc)
+                      : v->bv_val == nullptr ? "(none)"
+                                             : std::string(v->bv_val, v->bv_len);
+    ldap_control_free(ctrl);
+    return out;
+}
+#define MADE(call) made([&](LDAPControl **c) { return call; })
 
 TEST(ControlValues, EachConstructorWritesItsValueOrRefusesItsArguments)
 {
@@ -990,61 +996,40 @@ TEST(ControlValues, EachConstructorWritesItsValueOrRefusesItsArguments)
     LDAPVLVInfo window{1, 1, 2, 10, 0, nullptr, &id, nullptr};
     char *uid[] = {const_cast<char *>("uid"), nullptr};
     LDAPDerefSpec derefs[] = {{const_cast<char *>("member"), uid}, {nullptr, nullptr}};
-    auto mv = [](const char *f) {
-        return [f](Out c) { return ldap_create_matchedvalues_control(nullptr, f, 1, c); };
-    };
-    auto authz = [](const char *id) {
-        return [id](Out c) {
-            return ldap_create_proxied_authorization_control(nullptr, id, c);
-        };
-    };
-    const EncodingCase cases[] = {
-        {"page", [&](Out c) { return ldap_create_page_control(nullptr, 500, &cookie, 0, c); },
-         0, unhex("30 08 02 02 01 f4 04 02 61 62")},
-        {"sort", [&](Out c) { return ldap_create_sort_control(nullptr, keys, 1, c); }, 0,
+    const std::pair<std::string, std::string> cases[] = {
+        {MADE(ldap_create_page_control(nullptr, 500, &cookie, 0, c)),
+         unhex("30 08 02 02 01 f4 04 02 61 62")},
+        {MADE(ldap_create_sort_control(nullptr, keys, 1, c)),
          unhex("30 27 30 1f 04 02 63 6e 80 16") + "caseExactOrderingMatch" +
              unhex("81 01 ff 30 04 04 02 73 6e")},
-        {"vlv", [&](Out c) { return ldap_create_vlv_control(nullptr, &window, c); }, 0,
+        {MADE(ldap_create_vlv_control(nullptr, &window, c)),
          unhex("30 11 02 01 01 02 01 02 a0 06 02 01 0a 02 01 00 04 01 54")},
-        {"assertion",
-         [](Out c) { return ldap_create_assertion_control(nullptr, "(!(cn=x))", 1, c); },
-         0, fb::cons(0xa2, fb::cons(0xa3, fb::str("cn") + fb::str("x")))},
-        {"matched values", mv("((mail=*.org)(:caseIgnoreMatch:=x))"), 0,
+        {MADE(ldap_create_assertion_control(nullptr, "(!(cn=x))", 1, c)),
+         fb::cons(0xa2, fb::cons(0xa3, fb::str("cn") + fb::str("x")))},
+        {MADE(ldap_create_matchedvalues_control(nullptr, "((mail=*.org)(:caseIgnoreMatch:=x))", 1,
+                                                c)),
          fb::seq(fb::cons(0xa4, fb::str("mail") + fb::seq(fb::prim(0x82, ".org"))) +
                  fb::cons(0xa9, fb::prim(0x81, "caseIgnoreMatch") + fb::prim(0x83, "x")))},
-        {"proxy v2", authz("u:al"), 0, unhex("04 04 75 3a 61 6c")},
-        {"proxy v1", [](Out c) { return ldap_create_proxyauth_control(nullptr, "o=x", 1, c); },
-         0, unhex("30 05 04 03 6f 3d 78")},
-        {"password policy",
-         [](Out c) { return ldap_create_passwordpolicy_control(nullptr, c); }, 0, "(none)"},
-        {"deref", [&](Out c) { return ldap_create_deref_control(nullptr, derefs, 0, c); },
-         0, unhex("30 11 30 0f 04 06") + "member" + unhex("30 05 04 03") + "uid"},
-        {"transaction", [&](Out c) { return ldap_create_txn_spec_control(nullptr, &id, c); },
-         0, "T"},
-        {"chaining", [](Out c) {
-             return ldap_create_chaining_control(nullptr, LDAP_CHAINING_REQUIRED,
-                                                 LDAP_REFERRALS_PREFERRED, 0, c);
-         }, 0, unhex("30 06 0a 01 01 0a 01 02")},
-        {"session tracking",
-         [&](Out c) {
-             return ldap_create_session_tracking_control(nullptr, "::1", nullptr, "1.2", &id, c);
-         },
-         0, unhex("30 0f 04 03 3a 3a 31 04 00 04 03 31 2e 32 04 01 54")},
-        {"dn marker in values filter", mv("(cn:dn:rule:=x)"), LDAP_FILTER_ERROR, ""},
-        {"authzid", authz("cn=x"), LDAP_PARAM_ERROR, ""},
+        {MADE(ldap_create_proxied_authorization_control(nullptr, "u:al", c)),
+         unhex("04 04 75 3a 61 6c")},
+        {MADE(ldap_create_proxyauth_control(nullptr, "o=x", 1, c)), unhex("30 05 04 03 6f 3d 78")},
+        {MADE(ldap_create_passwordpolicy_control(nullptr, c)), "(none)"},
+        {MADE(ldap_create_deref_control(nullptr, derefs, 0, c)),
+         unhex("30 11 30 0f 04 06") + "member" + unhex("30 05 04 03") + "uid"},
+        {MADE(ldap_create_txn_spec_control(nullptr, &id, c)), "T"},
+        {MADE(ldap_create_chaining_control(nullptr, LDAP_CHAINING_REQUIRED, LDAP_REFERRALS_PREFERRED,
+                                           0, c)),
+         unhex("30 06 0a 01 01 0a 01 02")},
+        {MADE(ldap_create_session_tracking_control(nullptr, "::1", nullptr, "1.2", &id, c)),
+         unhex("30 0f 04 03 3a 3a 31 04 00 04 03 31 2e 32 04 01 54")},
+        // a DN marker in a values filter; a proxied identity without its "dn:" or "u:"
+        {MADE(ldap_create_matchedvalues_control(nullptr, "(cn:dn:rule:=x)", 1, c)),
+         "rc=" + std::to_string(LDAP_FILTER_ERROR)},
+        {MADE(ldap_create_proxied_authorization_control(nullptr, "cn=x", c)),
+         "rc=" + std::to_string(LDAP_PARAM_ERROR)},
     };
-    for (const EncodingCase &c : cases) {
-        SCOPED_TRACE(c.name);
-        LDAPControl *ctrl = nullptr;
-        ASSERT_EQ(c.make(&ctrl), c.rc);
-        ASSERT_EQ(ctrl != nullptr, c.rc == 0);
-        if (ctrl != nullptr) {
-            const berval &v = ctrl->ldctl_value;
-            EXPECT_EQ(fb::hex(v.bv_val != nullptr ? std::string(v.bv_val, v.bv_len) : "(none)"),
-                      fb::hex(c.value));
-        }
-        ldap_control_free(ctrl);
-    }
+    for (size_t i = 0; i < std::size(cases); ++i)
+        EXPECT_EQ(fb::hex(cases[i].first), fb::hex(cases[i].second)) << "case " << i;
     ldap_free_sort_keylist(keys);
     for (const char *bad : {"", "  ", "-", "cn:", ":rule", "cn: sn"})
         EXPECT_EQ(ldap_create_sort_keylist(&keys, bad), LDAP_PARAM_ERROR) << bad;
