@@ -316,34 +316,21 @@ TEST(EntryValues, ACursorOfAnotherEntryReadsWhereItStands)
     free_msgs(victim);
 }
 
-// A cursor read or a lookup by name: the name or values, the code, where the cursor stands.
-struct Outcome {
-    std::string got;
-    int code;
-    long at;
-    bool operator==(const Outcome &) const = default;
-};
-
-Outcome next_from(LDAP *ld, LDAPMessage *e, long offset)
+// A cursor's read from `offset`: "name code position".
+std::string next_from(LDAP *ld, LDAPMessage *e, long offset)
 {
     BerElement *cursor = nullptr;
     ldap_memfree(ldap_first_attribute(ld, e, &cursor));
     if (cursor == nullptr)
-        return {"no cursor", ldap_get_errno(ld), 0};
+        return "no cursor " + std::to_string(ldap_get_errno(ld));
     cursor->ber_ptr = cursor->ber_buf + offset;
     char *a = ldap_next_attribute(ld, e, cursor);
-    Outcome o{a != nullptr ? a : "(null)", ldap_get_errno(ld), cursor->ber_ptr - cursor->ber_buf};
+    std::string o = std::string(a != nullptr ? a : "(null)") + " " +
+                    std::to_string(ldap_get_errno(ld)) + " " +
+                    std::to_string(cursor->ber_ptr - cursor->ber_buf);
     ldap_memfree(a);
     ldap_ber_free(cursor, 0);
     return o;
-}
-
-Outcome lookup(LDAP *ld, LDAPMessage *e, const std::string &type)
-{
-    std::string got;
-    for (const std::string &v : values_of(ld, e, type.c_str()))
-        got += v + "|";
-    return {got, ldap_get_errno(ld), 0};
 }
 
 // The attribute index must change no result. While tracing every read decodes the entry, so
@@ -366,18 +353,22 @@ TEST(EntryValues, TheAttributeIndexChangesNoResult)
     for (LDAPMessage *e : entries) {
         long size = e->lm_ber->ber_end - e->lm_ber->ber_buf;
         auto reads = [&] {
-            std::vector<Outcome> out;
+            Values out;
             for (long at = 0; at < size + 2; ++at)
                 out.push_back(next_from(h.ld, e, at));
-            for (const std::string &t : types)
-                out.push_back(lookup(h.ld, e, t));
+            for (const std::string &t : types) {
+                std::string got;
+                for (const std::string &v : values_of(h.ld, e, t.c_str()))
+                    got += v + "|";
+                out.push_back(got + " " + std::to_string(ldap_get_errno(h.ld)));
+            }
             return out;
         };
-        std::vector<Outcome> fast = reads();
+        Values fast = reads();
         ldap_debug_init();
         ASSERT_EQ(ldap_set_debug_file("/dev/null"), 0);
         ldap_set_debug_mask(0xffff); // from here every read decodes
-        std::vector<Outcome> decoded = reads();
+        Values decoded = reads();
         ldap_set_debug_mask(0);
         (void)ldap_set_debug_file("stderr");
         ASSERT_EQ(fast.size(), decoded.size());

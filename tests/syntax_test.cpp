@@ -109,8 +109,6 @@ TEST(DnParse, MultiValuedRdnsSortOnRequestEmptyDnsAndPartialOnes)
     EXPECT_EQ(p.dn->rdns->next->count, 1);
     EXPECT_EQ(p.pairs(0), (Strings{"cn=a", "sn=b"}));
     EXPECT_EQ(p.pairs(1), (Strings{"o=c"}));
-    EXPECT_EQ(p.dn->reserved1, nullptr);
-    EXPECT_EQ(p.dn->reserved2, nullptr);
     Parsed sorted("sn=b+cn=z+cn=a+CN=A+Cn=B,o=x", LDAP_DN_BUILD_SORTED);
     ASSERT_EQ(sorted.err, 0);
     // By type then value; equal pairs (cn=a, CN=A) keep their order of arrival.

@@ -508,13 +508,11 @@ TEST(EnvWrite, ChangeEnvVarPrependsAppendsOrKeeps)
         if (c.before == nullptr || strcmp(c.before, c.after) != 0)
             made.record(VAR);
     }
-    EXPECT_EQ(ldap_change_env_var(0, nullptr, ':', "/a"), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_change_env_var(0, "", ':', "/a"), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_change_env_var(0, VAR, ':', nullptr), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_change_env_var(0, VAR, ':', ""), LDAP_PARAM_ERROR);
+    for (auto [name, item] : {std::pair<const char *, const char *>{nullptr, "/a"}, {"", "/a"},
+                              {VAR, nullptr}, {VAR, ""}})
+        EXPECT_EQ(ldap_change_env_var(0, name, ':', item), LDAP_PARAM_ERROR);
     ScopedEnv guard(VAR, std::nullopt);
-    static char assignment[] = "WZR_ENV_TEST_LIST=put";
-    static char nothing[] = "";
+    static char assignment[] = "WZR_ENV_TEST_LIST=put", nothing[] = "";
     EXPECT_EQ(ldap_putenv(assignment), 0);
     EXPECT_EQ(ldap_putenv(nullptr), 0);
     EXPECT_EQ(ldap_putenv(nothing), 0);
