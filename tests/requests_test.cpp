@@ -1,7 +1,6 @@
 // Bind, search, modify, add, delete, rename and compare requests byte for byte against the fake
-// server; the argument checks and control handling of their _ext layers; the bind parameters a
-// handle keeps, response controls and credentials, the password's absence from the trace; the
-// row of a timed-out synchronous search; and their failure paths.
+// server; argument checks and controls; what a bind keeps and hands out; the password's absence
+// from the trace; a timed-out synchronous search; and their failure paths.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -41,7 +40,7 @@ struct Requests : wzrtest::RequestTest {
     {
         expect_request(SEARCH, cons(0x63, body), controls);
     }
-    // The server answers requests of `op` with what `reply` sends.
+    // Requests of `op` are answered by `reply`.
     void answer(unsigned op, std::function<void(const ReceivedRequest &, FakeConnection &)> reply)
     {
         server.server().on_request([op, reply](const ReceivedRequest &r, FakeConnection &c) {
@@ -79,7 +78,7 @@ TEST_F(Requests, SimpleBindCarriesVersionDnAndPassword)
     EXPECT_EQ(server.count(BIND), 4u);
 }
 
-TEST_F(Requests, UnknownMechanismIsSentAsPlainSaslBind)
+TEST_F(Requests, SaslBindsSendTheMechanismAndKeepWhatARebindNeeds)
 {
     struct berval cred = {5, s("tok\0n")};
     LDAPControl **ctrls = wzrtest::control_list({{"1.9", false}});
@@ -101,19 +100,16 @@ TEST_F(Requests, UnknownMechanismIsSentAsPlainSaslBind)
     ASSERT_EQ(ldap_sasl_bind_s(ld, nullptr, "X-OTHER", nullptr, nullptr, nullptr, nullptr), 0);
     expect_bind(str("") + sasl("X-OTHER"));
     EXPECT_EQ(ld->ld_bind_cred.bv_val, nullptr);
-}
-
-TEST_F(Requests, ExternalInAnyCaseWithoutDnOrCredentials)
-{
+    // EXTERNAL, named in any case, goes without DN or credentials.
     ASSERT_EQ(ldap_sasl_bind_s(ld, nullptr, "external", nullptr, nullptr, nullptr, nullptr), 0);
     expect_bind(str("") + sasl("EXTERNAL"));
     EXPECT_STREQ(ld->ld_bind_mech, "EXTERNAL");
-    struct berval cred = {1, s("x")};
+    cred = {1, s("x")};
     EXPECT_EQ(ldap_sasl_bind_s(ld, nullptr, "EXTERNAL", &cred, nullptr, nullptr, nullptr),
               LDAP_PARAM_ERROR);
     EXPECT_EQ(ldap_sasl_bind_s(ld, "cn=x", "ExTeRnAl", nullptr, nullptr, nullptr, nullptr),
               LDAP_PARAM_ERROR);
-    EXPECT_EQ(server.count(BIND), 1u);
+    EXPECT_EQ(server.count(BIND), 3u);
     // The direct form refuses mechanisms it does not carry.
     int id = 0;
     EXPECT_EQ(ldap_sasl_bind_direct(ld, nullptr, "DIGEST-MD5", nullptr, nullptr, &id, nullptr),
@@ -124,13 +120,16 @@ TEST_F(Requests, ExternalInAnyCaseWithoutDnOrCredentials)
         c.send(wzrtest::ldap_result_pdu(req.msgid, 0x61, has_creds ? 0 : 14));
     });
     ASSERT_EQ(ldap_sasl_bind_s(ld, nullptr, "EXTERNAL", nullptr, nullptr, nullptr, nullptr), 0);
-    EXPECT_EQ(server.count(BIND), 3u);
+    EXPECT_EQ(server.count(BIND), 5u);
     expect_bind(str("") + cons(0xa3, str("EXTERNAL") + str("")));
 }
 
 TEST_F(Requests, ServerCredentialsControlsAndMessagesAreHandedOut)
 {
     using namespace wzrtest;
+    LDAPControl **kept = reinterpret_cast<LDAPControl **>(0x1);
+    ASSERT_EQ(ldap_get_bind_controls(ld, &kept), 0);
+    EXPECT_EQ(kept, nullptr) << "no bind yet, no controls";
     answer(BIND, [](const ReceivedRequest &req, FakeConnection &c) {
         if (req.bytes.find("wrong") != std::string::npos) {
             c.send(ldap_result_pdu(req.msgid, 0x61, 49, "", "bad password"));
@@ -146,11 +145,12 @@ TEST_F(Requests, ServerCredentialsControlsAndMessagesAreHandedOut)
     ASSERT_NE(creds, nullptr);
     EXPECT_EQ(std::string(creds->bv_val, creds->bv_len), "chal");
     ber_bvfree(creds);
-    LDAPControl **kept = nullptr;
     ASSERT_EQ(ldap_get_bind_controls(ld, &kept), 0);
     ASSERT_NE(kept, nullptr);
     EXPECT_STREQ(kept[0]->ldctl_oid, "1.3.6.1.4.1.42.2.27.8.5.1");
     ldap_controls_free(kept);
+    EXPECT_EQ(ldap_get_bind_controls(ld, nullptr), LDAP_PARAM_ERROR);
+    EXPECT_EQ(ldap_get_errno(ld), LDAP_PARAM_ERROR);
     EXPECT_EQ(ldap_simple_bind_s(ld, "cn=a", "b"), LDAP_SASL_BIND_IN_PROGRESS);
     EXPECT_EQ(ldap_simple_bind_s(ld, "cn=a", "wrong"), LDAP_INVALID_CREDENTIALS);
     EXPECT_EQ(ldap_get_errno(ld), LDAP_INVALID_CREDENTIALS);
@@ -187,27 +187,28 @@ Bytes head(const char *base, int scope, int deref, int size, int time, bool attr
 
 Bytes eq(const char *a, const char *v) { return cons(0xa3, str(a) + str(v)); }
 
+// A synchronous search that must succeed; the result is freed.
+void search(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
+            LDAPControl **ctrls, struct timeval tv, int size)
+{
+    LDAPMessage *res = nullptr;
+    ASSERT_EQ(ldap_search_ext_s(ld, base, scope, filter, attrs, attrsonly, ctrls, nullptr, &tv,
+                                size, &res), 0);
+    EXPECT_EQ(ldap_msgtype(res), LDAP_RES_SEARCH_RESULT);
+    ldap_msgfree(res);
+}
+
 TEST_F(Requests, SearchEncodesEveryFieldAndTakesItsTimeLimitFromTheTimeoutOrTheHandle)
 {
     char *attrs[] = {s("cn;binary"), s("+"), s("@person"), nullptr};
     LDAPControl **ctrls = wzrtest::control_list({{"1.2.840.113556.1.4.319", true, "page"}});
-    struct timeval tv = {30, 0};
-    LDAPMessage *res = nullptr;
-    ASSERT_EQ(ldap_search_ext_s(ld, "dc=example,dc=com", LDAP_SCOPE_SUBTREE, "(cn=Babs Jensen)",
-                                attrs, 1, ctrls, nullptr, &tv, 200, &res),
-              0);
+    search(ld, "dc=example,dc=com", 2, "(cn=Babs Jensen)", attrs, 1, ctrls, {30, 0}, 200);
     ldap_controls_free(ctrls);
-    EXPECT_EQ(ldap_msgtype(res), LDAP_RES_SEARCH_RESULT);
-    ldap_msgfree(res);
     expect_search(head("dc=example,dc=com", 2, 0, 200, 30, true) + eq("cn", "Babs Jensen") +
                       seq(str("cn;binary") + str("+") + str("@person")),
                   cons(0xa0, seq(str("1.2.840.113556.1.4.319") + boolean(true) + str("page"))));
 
-    struct timeval micro = {0, 900000};
-    ASSERT_EQ(ldap_search_ext_s(ld, "", LDAP_SCOPE_BASE, "(objectClass=*)", nullptr, 0, nullptr,
-                                nullptr, &micro, 0, &res),
-              0);
-    ldap_msgfree(res);
+    search(ld, "", LDAP_SCOPE_BASE, "(objectClass=*)", nullptr, 0, nullptr, {0, 900000}, 0);
     Bytes present = prim(0x87, "objectClass");
     // Seconds raised to 1 when only microseconds were given; no attributes: an empty list.
     expect_search(head("", 0, 0, 0, 1, false) + present + seq(""));
@@ -216,6 +217,7 @@ TEST_F(Requests, SearchEncodesEveryFieldAndTakesItsTimeLimitFromTheTimeoutOrTheH
     ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_TIMELIMIT, &time), 0);
     ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_DEREF, &deref), 0);
     int id = ldap_search(ld, "o=x", LDAP_SCOPE_ONELEVEL, "(objectClass=*)", nullptr, 0);
+    LDAPMessage *res = nullptr;
     ASSERT_EQ(ldap_result(ld, id, 1, nullptr, &res), LDAP_RES_SEARCH_RESULT);
     ldap_msgfree(res);
     expect_search(head("o=x", 1, 3, 5, 7, false) + present + seq(""));
@@ -223,40 +225,8 @@ TEST_F(Requests, SearchEncodesEveryFieldAndTakesItsTimeLimitFromTheTimeoutOrTheH
     ASSERT_EQ(ldap_search_s(ld, "o=x", LDAP_SCOPE_BASE, "cn=abc", nullptr, 0, &res), 0);
     ldap_msgfree(res);
     expect_search(head("o=x", 0, 3, 0, 7, false) + eq("cn", "abc") + seq(""));
-    struct timeval big = {3600, 0}; // a large limit takes the four-byte integer form
-    ASSERT_EQ(ldap_search_ext_s(ld, "o=x", LDAP_SCOPE_BASE, "(cn=a)", nullptr, 0, nullptr, nullptr,
-                                &big, 1000, &res),
-              0);
-    ldap_msgfree(res);
+    search(ld, "o=x", LDAP_SCOPE_BASE, "(cn=a)", nullptr, 0, nullptr, {3600, 0}, 1000); // long ints
     expect_search(head("o=x", 0, 3, 1000, 3600, false) + eq("cn", "a") + seq(""));
-}
-
-TEST_F(Requests, SearchParameterAndFilterErrorsSendNothing)
-{
-    LDAPMessage *res = reinterpret_cast<LDAPMessage *>(1);
-    EXPECT_EQ(ldap_search_s(ld, "o=x", 3, "(cn=a)", nullptr, 0, &res), LDAP_PARAM_ERROR);
-    EXPECT_EQ(res, nullptr);
-    EXPECT_EQ(ldap_get_errno(ld), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_search(ld, "o=x", 3, "(cn=a)", nullptr, 0), -1);
-    EXPECT_EQ(ldap_search(ld, "o=x", 0, nullptr, nullptr, 0), -1);
-    int id = 9;
-    EXPECT_EQ(ldap_search_ext(ld, "o=x", 0, "(cn=a)", nullptr, 0, nullptr, nullptr, nullptr, 0,
-                              nullptr),
-              LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_search_ext(ld, "o=x", -1, "(cn=a)", nullptr, 0, nullptr, nullptr, nullptr, 0,
-                              &id),
-              LDAP_PARAM_ERROR);
-    EXPECT_EQ(id, -1);
-    for (const char *bad : {"(cn=abc))", "(cn:=x)", "", "(cn=a)(cn=b)"}) {
-        EXPECT_EQ(ldap_search_s(ld, "o=x", 2, bad, nullptr, 0, &res), LDAP_FILTER_ERROR) << bad;
-        EXPECT_EQ(ldap_get_errno(ld), LDAP_FILTER_ERROR) << bad;
-    }
-    char *bad_attrs[] = {s("cn"), s("mail "), nullptr};
-    EXPECT_EQ(ldap_search_s(ld, "o=x", 2, "(cn=a)", bad_attrs, 0, &res), LDAP_PARAM_ERROR);
-    EXPECT_EQ(server.count(SEARCH), 0u);
-    // The ids the failures took were all given back: the next request still succeeds.
-    ASSERT_EQ(ldap_search_s(ld, "o=x", 0, "(cn=a)", nullptr, 0, &res), 0);
-    ldap_msgfree(res);
 }
 
 TEST_F(Requests, TimedOutSynchronousSearchIsAbandonedAndItsRowReleasedAtOnce)
@@ -356,30 +326,48 @@ TEST_F(Requests, ServerControlsFollowTheOperationDefaultsAfterTheCallers)
                                   seq(str("1.2.3") + boolean(true))));
 }
 
-TEST_F(Requests, UpdateArgumentChecksSendNothing)
+// Bad arguments, filters, attributes and critical client controls send nothing; the ids the
+// failures took are given back.
+TEST_F(Requests, ArgumentChecksSendNothing)
 {
-    int id = 7;
-    EXPECT_EQ(ldap_delete_ext(ld, nullptr, nullptr, nullptr, &id), LDAP_PARAM_ERROR);
-    EXPECT_EQ(id, -1);
+    LDAPMessage *res = reinterpret_cast<LDAPMessage *>(1);
+    EXPECT_EQ(ldap_search_s(ld, "o=x", 3, "(cn=a)", nullptr, 0, &res), LDAP_PARAM_ERROR);
+    EXPECT_EQ(res, nullptr);
     EXPECT_EQ(ldap_get_errno(ld), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_modify_ext(ld, "cn=x", nullptr, nullptr, nullptr, nullptr), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_rename(ld, "cn=x", nullptr, nullptr, 1, nullptr, nullptr, &id),
-              LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_compare_ext_s(ld, "cn=x", nullptr, nullptr, nullptr, nullptr),
-              LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_delete(ld, nullptr), -1);
-    // A critical client control is not understood: 12, nothing sent.
-    LDAPControl **critical = wzrtest::control_list({{"9.9", true}});
-    EXPECT_EQ(ldap_add_ext_s(ld, "cn=x", nullptr, nullptr, critical),
-              LDAP_UNAVAILABLE_CRITICAL_EXTENSION);
-    ldap_controls_free(critical);
-    // An attribute without a type cannot be encoded.
-    LDAPMod untyped = {LDAP_MOD_ADD, nullptr, {nullptr}};
+    int id = 9, id2 = 7, other = 0;
+    char *bad_attrs[] = {s("cn"), s("mail "), nullptr};
+    LDAPMod untyped = {LDAP_MOD_ADD, nullptr, {nullptr}}; // cannot be encoded
     LDAPMod *bad[] = {&untyped, nullptr};
-    EXPECT_EQ(ldap_add_s(ld, "cn=x", bad), LDAP_ENCODING_ERROR);
+    LDAPControl **critical = wzrtest::control_list({{"9.9", true}}); // not understood
+    const std::pair<int, int> calls[] = {
+        {ldap_search(ld, "o=x", 3, "(cn=a)", nullptr, 0), -1},
+        {ldap_search(ld, "o=x", 0, nullptr, nullptr, 0), -1},
+        {ldap_search_ext(ld, "o=x", 0, "(cn=a)", nullptr, 0, nullptr, nullptr, nullptr, 0, nullptr),
+         LDAP_PARAM_ERROR},
+        {ldap_search_ext(ld, "o=x", -1, "(cn=a)", nullptr, 0, nullptr, nullptr, nullptr, 0, &id),
+         LDAP_PARAM_ERROR},
+        {ldap_search_s(ld, "o=x", 2, "(cn=abc))", nullptr, 0, &res), LDAP_FILTER_ERROR},
+        {ldap_get_errno(ld), LDAP_FILTER_ERROR},
+        {ldap_search_s(ld, "o=x", 2, "", nullptr, 0, &res), LDAP_FILTER_ERROR},
+        {ldap_search_s(ld, "o=x", 2, "(cn=a)", bad_attrs, 0, &res), LDAP_PARAM_ERROR},
+        {ldap_delete_ext(ld, nullptr, nullptr, nullptr, &id2), LDAP_PARAM_ERROR},
+        {ldap_get_errno(ld), LDAP_PARAM_ERROR},
+        {ldap_modify_ext(ld, "cn=x", nullptr, nullptr, nullptr, nullptr), LDAP_PARAM_ERROR},
+        {ldap_rename(ld, "cn=x", nullptr, nullptr, 1, nullptr, nullptr, &other), LDAP_PARAM_ERROR},
+        {ldap_compare_ext_s(ld, "cn=x", nullptr, nullptr, nullptr, nullptr), LDAP_PARAM_ERROR},
+        {ldap_delete(ld, nullptr), -1},
+        {ldap_add_ext_s(ld, "cn=x", nullptr, nullptr, critical), LDAP_UNAVAILABLE_CRITICAL_EXTENSION},
+        {ldap_add_s(ld, "cn=x", bad), LDAP_ENCODING_ERROR},
+    };
+    ldap_controls_free(critical);
+    for (size_t i = 0; i < std::size(calls); ++i)
+        EXPECT_EQ(calls[i].first, calls[i].second) << "call " << i;
+    EXPECT_EQ(id, -1);
+    EXPECT_EQ(id2, -1);
     EXPECT_EQ(server.server().request_count(), 0u);
-    // An invalid handle is refused without being touched further.
-    char junk[sizeof(LDAP)] = {};
+    ASSERT_EQ(ldap_search_s(ld, "o=x", 0, "(cn=a)", nullptr, 0, &res), 0);
+    ldap_msgfree(res);
+    char junk[sizeof(LDAP)] = {}; // an invalid handle is refused without being touched further
     EXPECT_EQ(ldap_delete_s(reinterpret_cast<LDAP *>(junk), "cn=x"), LDAP_PARAM_ERROR);
 }
 
@@ -390,9 +378,7 @@ TEST_F(Requests, AsynchronousFormsHandOutIdsInOrder)
     EXPECT_EQ(ldap_get_errno(ld), LDAP_PARAM_ERROR);
     int sasl_id = -5;
     ASSERT_EQ(ldap_sasl_bind(ld, nullptr, "X", nullptr, nullptr, nullptr, &sasl_id), 0);
-    const struct {
-        int id, type, code;
-    } sent[] = {{sasl_id, LDAP_RES_BIND, 0},
+    const struct { int id, type, code; } sent[] = {{sasl_id, LDAP_RES_BIND, 0},
                 {ldap_simple_bind(ld, "cn=a", "b"), LDAP_RES_BIND, 0},
                 {ldap_delete(ld, "cn=1"), LDAP_RES_DELETE, 0},
                 {ldap_compare(ld, "cn=2", "cn", "2"), LDAP_RES_COMPARE, LDAP_COMPARE_TRUE}};

@@ -1,9 +1,6 @@
-// The string syntaxes a caller hands in. DNs: the type and value state machines, unescaping,
-// the tree and its build modes, the rebuilt strings (normalized, exploded DN and RDN,
-// user-friendly form), DNS-style names and the traces of the state machines. Filters: the
-// encoder byte for byte, every form, escapes, the unparenthesised form and the malformed
-// filters that must fail. LDAP URLs: defaults, tolerated forms, percent-decoding, every
-// refusal, and the release of partial descriptors when an allocation fails.
+// The string syntaxes a caller hands in: DNs (state machines, unescaping, build modes, rebuilt
+// and exploded strings, DNS-style names, traces), filters (the encoder byte for byte, malformed
+// filters) and LDAP URLs (defaults, tolerated forms, decoding, refusals, allocation failures).
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -18,22 +15,14 @@
 #include "libldap/ldap_url.h"
 #include "support/fber_bytes.h"
 #include "support/lber_test.h"
+#include "support/msg_builder.h"
 #include "support/test_util.h"
 #include "trace/ldap_trace.h"
 
 namespace {
 
-
 using Strings = std::vector<std::string>;
-
-Strings take(char **array) // takes the null-terminated array and frees it
-{
-    Strings out;
-    for (char **p = array; p != nullptr && *p != nullptr; ++p)
-        out.emplace_back(*p);
-    ldap_value_free(array);
-    return out;
-}
+using wzrtest::take_strings;
 
 std::string take(char *s)
 {
@@ -63,12 +52,8 @@ struct Parsed {
 // What each DN parses to: its first RDN's pairs and normalized form, or the parse's error code.
 TEST(DnParse, TypesValuesEscapesAndErrorCodes)
 {
-    const struct {
-        const char *dn;
-        int err;
-        Strings first_rdn;
-        const char *normalized = nullptr;
-    } cases[] = {
+    const struct { const char *dn; int err; Strings first_rdn; const char *normalized = nullptr; }
+        cases[] = {
         {"cn=John Smith, o=Acme", 0, {"cn=John Smith"}, "cn=John Smith,o=Acme"},
         // Blanks around types and "=", trailing blanks of values, ";" between RDNs.
         {"  cn = a  ;\tou=b \n", 0, {"cn=a"}, "cn=a,ou=b"},
@@ -115,7 +100,7 @@ TEST(DnParse, TypesValuesEscapesAndErrorCodes)
     EXPECT_STREQ(p.dn->normalized_upper, "CN=JOHN SMITH,O=ACME");
 }
 
-TEST(DnParse, MultiValuedRdnsKeepTheirPairsSortedOnRequest)
+TEST(DnParse, MultiValuedRdnsSortOnRequestEmptyDnsAndPartialOnes)
 {
     Parsed p("cn=a+sn=b,o=c");
     ASSERT_EQ(p.err, 0);
@@ -124,23 +109,32 @@ TEST(DnParse, MultiValuedRdnsKeepTheirPairsSortedOnRequest)
     EXPECT_EQ(p.dn->rdns->next->count, 1);
     EXPECT_EQ(p.pairs(0), (Strings{"cn=a", "sn=b"}));
     EXPECT_EQ(p.pairs(1), (Strings{"o=c"}));
-    EXPECT_EQ(p.dn->reserved1, nullptr);
-    EXPECT_EQ(p.dn->reserved2, nullptr);
     Parsed sorted("sn=b+cn=z+cn=a+CN=A+Cn=B,o=x", LDAP_DN_BUILD_SORTED);
     ASSERT_EQ(sorted.err, 0);
     // By type then value; equal pairs (cn=a, CN=A) keep their order of arrival.
     EXPECT_EQ(sorted.pairs(0), (Strings{"cn=a", "CN=A", "Cn=B", "cn=z", "sn=b"}));
     Parsed ordered("sn=b+cn=z+cn=a+CN=A+Cn=B,o=x", LDAP_DN_BUILD_IN_ORDER);
     EXPECT_EQ(ordered.pairs(0), (Strings{"sn=b", "cn=z", "cn=a", "CN=A", "Cn=B"}));
+    for (const char *s : {"", static_cast<const char *>(nullptr)}) {
+        Parsed empty(s);
+        ASSERT_NE(empty.dn, nullptr);
+        EXPECT_EQ(empty.err, 0);
+        EXPECT_EQ(empty.dn->count, 0);
+        EXPECT_EQ(empty.dn->rdns, nullptr);
+        EXPECT_STREQ(empty.dn->normalized, "");
+        EXPECT_STREQ(empty.dn->normalized_upper, "");
+    }
+    // A bad DN keeps the RDNs read before the error in its normalized form.
+    Parsed partial("cn=a,ou=b,x");
+    EXPECT_EQ(partial.err, 1);
+    EXPECT_EQ(partial.dn->count, 2);
+    EXPECT_STREQ(partial.dn->normalized, "cn=a,ou=b");
 }
 
 TEST(DnValues, RebuiltStringsEscapeWhatWouldNotReadBack)
 {
-    const struct {
-        const char *dn;
-        int mode; // 0/1: explode_dn with(out) types; 2/3: explode_rdn
-        Strings want;
-    } cases[] = {
+    // mode 0/1: explode_dn with(out) types; 2/3: explode_rdn
+    const struct { const char *dn; int mode; Strings want; } cases[] = {
         {"cn=John Smith, o=Acme", 0, {"cn=John Smith", "o=Acme"}},
         {"cn=John Smith, o=Acme", 1, {"John Smith", "Acme"}},
         {"cn=a+sn=b,o=c", 0, {"cn=a+sn=b", "o=c"}},
@@ -157,7 +151,7 @@ TEST(DnValues, RebuiltStringsEscapeWhatWouldNotReadBack)
         SCOPED_TRACE(c.dn);
         char **got = c.mode < 2 ? ldap_explode_dn(c.dn, c.mode) : ldap_explode_rdn(c.dn, c.mode - 2);
         EXPECT_EQ(got == nullptr, c.want.empty());
-        EXPECT_EQ(take(got), c.want);
+        EXPECT_EQ(take_strings(got), c.want);
     }
     EXPECT_EQ(ldap_explode_dn(nullptr, 0), nullptr);
     EXPECT_EQ(take(ldap_dn2ufn("cn=John Smith, o=Acme")), "John Smith,Acme");
@@ -169,37 +163,18 @@ TEST(DnValues, RebuiltStringsEscapeWhatWouldNotReadBack)
 
 TEST(DnNames, DnsStyleNamesSplitAtAtSignsAndDots)
 {
-    EXPECT_EQ(take(ldap_explode_dns("..a..b@@c.")), (Strings{"a", "b", "c"}));
+    EXPECT_EQ(take_strings(ldap_explode_dns("..a..b@@c.")), (Strings{"a", "b", "c"}));
     std::string many;
     Strings want;
     for (int i = 0; i < 40; ++i) {
         many += (i ? "." : "") + std::to_string(i);
         want.push_back(std::to_string(i));
     }
-    EXPECT_EQ(take(ldap_explode_dns(many.c_str())), want); // grown past 8, 16 and 32 slots
+    EXPECT_EQ(take_strings(ldap_explode_dns(many.c_str())), want); // grown past 8, 16 and 32 slots
     char **none = ldap_explode_dns("@.");
-    ASSERT_NE(none, nullptr);
-    EXPECT_EQ(none[0], nullptr);
+    EXPECT_TRUE(none != nullptr && none[0] == nullptr);
     ldap_value_free(none);
     EXPECT_EQ(ldap_explode_dns(nullptr), nullptr);
-}
-
-TEST(DnNames, EmptyAndBadDns)
-{
-    for (const char *s : {"", static_cast<const char *>(nullptr)}) {
-        Parsed empty(s);
-        ASSERT_NE(empty.dn, nullptr);
-        EXPECT_EQ(empty.err, 0);
-        EXPECT_EQ(empty.dn->count, 0);
-        EXPECT_EQ(empty.dn->rdns, nullptr);
-        EXPECT_STREQ(empty.dn->normalized, "");
-        EXPECT_STREQ(empty.dn->normalized_upper, "");
-    }
-    // A bad DN keeps the RDNs read before the error in its normalized form.
-    Parsed partial("cn=a,ou=b,x");
-    EXPECT_EQ(partial.err, 1);
-    EXPECT_EQ(partial.dn->count, 2);
-    EXPECT_STREQ(partial.dn->normalized, "cn=a,ou=b");
 }
 
 template <typename T> bool made(T *p, void (*release)(T *))
@@ -228,10 +203,7 @@ TEST(DnMemory, EveryFailedAllocationIsReportedWithoutLeaks)
         [&] { return made(ldap_explode_dns("a.b.c.d.e.f.g.h.i.j@k"), ldap_value_free); });
 }
 
-
-
 /* ---- filters ---- */
-
 
 using namespace wzrtest::fber;
 
@@ -247,28 +219,17 @@ Bytes extensible(const Bytes &rule, const Bytes &type, const Bytes &value, bool 
                           prim(0x83, value) + prim(0x84, Bytes(1, dn ? '\xff' : '\0')));
 }
 
-struct Encoded {
-    int rc;
-    Bytes bytes;
-};
-
-Encoded encode(const char *filter)
+// The filter's encoding in hex, or "rc=N" when it is refused.
+std::string encode(const std::string &filter)
 {
     BerElement *ber = fber_alloc();
     EXPECT_NE(ber, nullptr);
-    if (ber == nullptr)
-        return {-2, {}};
-    int rc = put_filter(ber, filter, 0);
-    Bytes out(reinterpret_cast<char *>(ber->ber_buf), ber->ber_ptr - ber->ber_buf);
+    int rc = ber != nullptr ? put_filter(ber, filter.c_str(), 0) : -2;
+    std::string out = rc != 0 ? "rc=" + std::to_string(rc)
+                              : hex(Bytes(reinterpret_cast<char *>(ber->ber_buf),
+                                          ber->ber_ptr - ber->ber_buf));
     fber_free(ber);
-    return {rc, out};
-}
-
-void expect_encoding(const std::string &filter, const Bytes &want)
-{
-    Encoded got = encode(filter.c_str());
-    EXPECT_EQ(got.rc, 0) << filter;
-    EXPECT_EQ(hex(got.bytes), hex(want)) << filter;
+    return out;
 }
 
 TEST(FilterEncoding, EveryFormEncodesByteForByte)
@@ -318,7 +279,7 @@ TEST(FilterEncoding, EveryFormEncodesByteForByte)
         {"(:DN:caseExactMatch:=v)", extensible("caseExactMatch", "", "v", true)},
     };
     for (const auto &[filter, want] : cases)
-        expect_encoding(filter, want);
+        EXPECT_EQ(encode(filter), hex(want)) << filter;
 }
 
 // Each of these would ask the server a question other than the one written, or none at all.
@@ -335,23 +296,20 @@ TEST(FilterEncoding, MalformedFiltersFail)
           "(cn;a_b=x)", "()", "( )", "(cn:1.x:=x)", "(cn:1.2;o:=x)", "(cn=a(b)",
           "cn=a)b", "(cn:1.2:=a(b)", "(!)", "(!(a=1)(b=2))", "(cn=a**b)", "(cn>=a*)",
           "(cn:1.2:=a*)"})
-        EXPECT_EQ(encode(bad).rc, -1) << "[" << bad << "]";
+        EXPECT_EQ(encode(bad), "rc=-1") << "[" << bad << "]";
 }
 
 TEST(FilterEncoding, DeepNestingFailsInsteadOfOverflowing)
 {
-    std::string deep, ok;
-    for (int i = 0; i < 150; ++i)
-        deep = "(!" + deep + ")";
-    for (int i = 0; i < 50; ++i)
-        ok = "(!" + ok + ")";
-    deep.insert(150 * 2, "(cn=x)");
-    ok.insert(50 * 2, "(cn=x)");
-    EXPECT_EQ(encode(deep.c_str()).rc, -1);
+    std::string deep = "(cn=x)", ok;
     Bytes want = ava(0xa3, "cn", "x");
-    for (int i = 0; i < 50; ++i)
-        want = cons(0xa2, want);
-    expect_encoding(ok, want);
+    for (int i = 1; i <= 150; ++i) {
+        deep = "(!" + deep + ")";
+        ok = i == 50 ? deep : ok;
+        want = i <= 50 ? cons(0xa2, want) : want;
+    }
+    EXPECT_EQ(encode(deep), "rc=-1");
+    EXPECT_EQ(encode(ok), hex(want));
 }
 
 TEST(FilterEncoding, CompressHexInPlaceAndAllocationFailuresLeakNothing)
@@ -375,6 +333,8 @@ TEST(FilterEncoding, CompressHexInPlaceAndAllocationFailuresLeakNothing)
 
 /* ---- URLs ---- */
 
+
+std::string rc(int code) { return "rc=" + std::to_string(code); }
 
 // Parses `url` and renders the descriptor as "scheme|host|port|dn|attrs|scope|filter", with
 // "-" for a missing piece and the attributes as "[a,b]"; a refusal renders as "rc=N".
@@ -400,16 +360,13 @@ std::string parsed(const char *url, bool internal = false)
     return out;
 }
 
-std::string rc(int code) { return "rc=" + std::to_string(code); }
 
-TEST(UrlParse, FormsDefaultsAndDecoding)
+TEST(UrlParse, FormsDefaultsDecodingAndRefusals)
 {
     const std::string dflt = "|-|0|(objectClass=*)"; // no attributes, base scope, default filter
-    const struct {
-        const char *url;
-        std::string want;
-        bool internal = false;
-    } cases[] = {
+    const std::string syntax = rc(LDAP_INVALID_SYNTAX), scope = rc(LDAP_URL_ERR_BADSCOPE),
+                      notldap = rc(LDAP_URL_ERR_NOTLDAP);
+    const struct { const char *url; std::string want; bool internal = false; } cases[] = {
         {"ldap://host", "ldap|host|389|-" + dflt},
         {"ldaps://host/", "ldaps|host|636|-" + dflt},
         {"LDAPS://host:1636/o=x?cn,sn?sub?(cn=a)", "LDAPS|host|1636|o=x|[cn,sn]|2|(cn=a)"},
@@ -458,30 +415,19 @@ TEST(UrlParse, FormsDefaultsAndDecoding)
         {"ldaps://host:389", "ldaps|host|389|-|-|-1|-", true},
         {"ldaps://[::1]/o=x", "ldaps|::1|-2|o=x|-|-1|-", true},
         {"ldap://[::1]junk/", "ldap|::1|-1|-|-|-1|-", true}, // no ":" after "]"
-    };
-    for (const auto &c : cases)
-        EXPECT_EQ(parsed(c.url, c.internal), c.want) << c.url << (c.internal ? " internal" : "");
-}
-
-TEST(UrlParse, RefusalsLeaveNoDescriptor)
-{
-    const struct {
-        const char *url;
-        int rc;
-    } cases[] = {
-        {"ldap://host:abc", LDAP_INVALID_SYNTAX},     {"ldap://host:38a9/o=x", LDAP_INVALID_SYNTAX},
-        {"ldap://host:-1", LDAP_INVALID_SYNTAX},      {"ldap://a:1:2", LDAP_INVALID_SYNTAX},
-        {"ldap://[::1]:x/", LDAP_INVALID_SYNTAX},     {"ldap://host/o=x??bogus", LDAP_URL_ERR_BADSCOPE},
-        {"ldap://host/o=x??subtree?(a=b)", LDAP_URL_ERR_BADSCOPE},
-        {"http://host/o=x", LDAP_URL_ERR_NOTLDAP},    {"ldap:/host", LDAP_URL_ERR_NOTLDAP},
-        {"ldapx://host", LDAP_URL_ERR_NOTLDAP},       {" ldap://host", LDAP_URL_ERR_NOTLDAP},
-        {"<<ldap://host>", LDAP_URL_ERR_NOTLDAP},     {"URL:", LDAP_URL_ERR_NOTLDAP},
-        {"", LDAP_URL_ERR_NOTLDAP},                   {nullptr, LDAP_URL_ERR_NOTLDAP},
+        // Refusals, the same from both parses, leave no descriptor and nothing allocated.
+        {"ldap://host:abc", syntax}, {"ldap://host:38a9/o=x", syntax}, {"ldap://host:-1", syntax},
+        {"ldap://a:1:2", syntax}, {"ldap://[::1]:x/", syntax}, {"ldap://host/o=x??bogus", scope},
+        {"ldap://host/o=x??subtree?(a=b)", scope}, {"http://host/o=x", notldap},
+        {"ldap:/host", notldap}, {"ldapx://host", notldap}, {" ldap://host", notldap},
+        {"<<ldap://host>", notldap}, {"URL:", notldap}, {"", notldap}, {nullptr, notldap},
     };
     long live = lber_live_blocks();
     for (const auto &c : cases)
-        for (bool internal : {false, true})
-            EXPECT_EQ(parsed(c.url, internal), rc(c.rc)) << (c.url != nullptr ? c.url : "(null)");
+        for (bool internal : {c.internal, !c.internal})
+            if (internal == c.internal || c.want.rfind("rc=", 0) == 0) {
+                EXPECT_EQ(parsed(c.url, internal), c.want) << (c.url ? c.url : "(null)") << internal;
+            }
     EXPECT_EQ(lber_live_blocks(), live);
     EXPECT_EQ(ldap_url_parse("ldap://h", nullptr), LDAP_PARAM_ERROR);
     ldap_free_urldesc(nullptr);
@@ -498,32 +444,22 @@ TEST(UrlParse, EveryAllocationFailureGivesNinetyNineAndLeaksNothing)
 {
     const char *full = "ldaps://host.example.com:1636/ou=people,o=x?cn,s%6e,mail?one?(uid=a%2ab)";
     const std::string full_want = "ldaps|host.example.com|1636|ou=people,o=x|[cn,sn,mail]|1|(uid=a*b)";
-    const struct {
-        const char *url;
-        bool internal;
-        std::string want;
-        int steps;
-    } cases[] = {
-        // descriptor, scheme, copy, attribute array, three attributes, DN, filter, host
-        {full, false, full_want, 10},
-        {full, true, full_want, 10},
-        // descriptor, scheme, copy, DN, host, and the default filter last
-        {"ldap://h/o=x", false, "ldap|h|389|o=x|-|0|(objectClass=*)", 6},
+    auto walk = [](const char *url, bool internal, const std::string &want) {
+        return wzrtest::walk_alloc_failures([&] {
+            std::string got = parsed(url, internal);
+            bool refused = got.rfind("rc=", 0) == 0;
+            EXPECT_EQ(got, refused ? rc(LDAP_URL_ERR_MEM) : want) << url;
+            return !refused;
+        });
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(std::string(c.url) + (c.internal ? " internal" : ""));
-        EXPECT_EQ(wzrtest::walk_alloc_failures([&] {
-                      std::string got = parsed(c.url, c.internal);
-                      bool refused = got.rfind("rc=", 0) == 0;
-                      EXPECT_EQ(got, refused ? rc(LDAP_URL_ERR_MEM) : c.want);
-                      return !refused;
-                  }),
-                  c.steps);
-    }
+    // descriptor, scheme, copy, attribute array, three attributes, DN, filter, host
+    EXPECT_EQ(walk(full, false, full_want), 10);
+    EXPECT_EQ(walk(full, true, full_want), 10);
+    // descriptor, scheme, copy, DN, host, and the default filter last
+    EXPECT_EQ(walk("ldap://h/o=x", false, "ldap|h|389|o=x|-|0|(objectClass=*)"), 6);
 }
 
-// The DN state machines trace their transitions at the DN class only; URL failures are traced
-// at the error class, successes only with the ordinary flow.
+// DN transitions are traced at the DN class, URL failures at the error class, successes in flow.
 TEST(SyntaxTrace, DnTransitionsAndUrlFailuresAreTracedAtTheirClasses)
 {
     wzrtest::TraceFile trace;

@@ -1,7 +1,5 @@
-// The trace facility: the class table and the environment that sets the mask, the output
-// switch, the line prefix, every timestamp form with a fixed instant and zone, the hex dump.
-// Environment access: reads and checks, list-valued updates that fold case and slashes, the
-// once-read password-policy setting, the trace lines, and concurrent use.
+// The trace facility (class table, mask from the environment, output switch, line prefix, every
+// timestamp form, hex dump) and environment access (reads, list updates, traces, threads).
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -26,7 +24,6 @@
 #include "wzrldap.h"
 
 namespace {
-
 
 using Lines = std::vector<std::string>;
 using wzrtest::ScopedEnv;
@@ -142,12 +139,8 @@ TEST_F(Trace, LdapDebugVariableSetsTheMask)
     std::vector<unsigned> all;
     for (unsigned i = 0; i <= 18; ++i)
         all.push_back(i);
-    const struct {
-        const char *value;
-        unsigned mask;
-        int flag;
-        std::vector<unsigned> classes;
-    } cases[] = {
+    const struct { const char *value; unsigned mask; int flag; std::vector<unsigned> classes; }
+        cases[] = {
         {"32768", 0x8000, 1, {16, 17, 18}}, {"-1", 0xffffffffu, 1, all},
         {"0x8000", 0, 1, {}}, /* atoi */    {"abc", 0, 0, {}},     {"12a", 0, 0, {}},
         {"", 0, 1, {}},
@@ -175,10 +168,18 @@ TEST_F(Trace, LdapDebugVariableSetsTheMask)
     EXPECT_STREQ(ldap_get_debug_file(), "stdout");
 }
 
-// With no stream every trace call (print, dump, the environment functions) is silently a no-op.
-TEST_F(Trace, UnopenableFileSilencesTheTraceWithoutFailingCallers)
+// A switch closes the old file and appends to the new; with no stream every trace call (print,
+// dump, the environment functions) is silently a no-op.
+TEST_F(Trace, OutputSwitchAppendsAndAnUnopenableFileSilencesTheTrace)
 {
-    std::string missing = dir_.file("no/such/dir/trace.out");
+    std::string second = dir_.file("second.out"), missing = dir_.file("no/such/dir/trace.out");
+    wzrtest::write_file(second, "kept\n");
+    ldap_debug_print(LDAP_TRC_API, "%s", "first");
+    ASSERT_EQ(ldap_set_debug_file(second.c_str()), 0);
+    ldap_debug_print(LDAP_TRC_API, "%s", "second");
+    EXPECT_EQ(output(), "first");
+    EXPECT_EQ(wzrtest::read_file(second), "kept\nsecond");
+    EXPECT_STREQ(ldap_get_debug_file(), second.c_str());
     {
         ScopedEnv dbg("LDAP_DEBUG", std::string("65535"));
         ScopedEnv out("LDAP_DEBUG_FILE", missing);
@@ -199,20 +200,9 @@ TEST_F(Trace, UnopenableFileSilencesTheTraceWithoutFailingCallers)
     EXPECT_EQ(ldap_set_debug_file(nullptr), EINVAL);
     EXPECT_EQ(ldap_set_debug_file(""), EINVAL);
     EXPECT_EQ(ldap_get_debug_file(), nullptr);
-    EXPECT_EQ(output(), "");
-    EXPECT_NE(access(dir_.file("no").c_str(), F_OK), 0) << "nothing was created";
-}
-
-TEST_F(Trace, OutputSwitchClosesTheOldFileAndAppendsToTheNew)
-{
-    std::string second = dir_.file("second.out");
-    wzrtest::write_file(second, "kept\n");
-    ldap_debug_print(LDAP_TRC_API, "%s", "first");
-    ASSERT_EQ(ldap_set_debug_file(second.c_str()), 0);
-    ldap_debug_print(LDAP_TRC_API, "%s", "second");
     EXPECT_EQ(output(), "first");
     EXPECT_EQ(wzrtest::read_file(second), "kept\nsecond");
-    EXPECT_STREQ(ldap_get_debug_file(), second.c_str());
+    EXPECT_NE(access(dir_.file("no").c_str(), F_OK), 0) << "nothing was created";
 }
 
 // Only "FALSE" (in capitals) drops the timestamp, and nothing turns it back on.
@@ -236,38 +226,12 @@ TEST_F(Trace, ShortFormatsGetNoPrefixAndOnlyFalseDropsTheTimestamp)
               "\nab1234\n" + thread_tag() + " 12345\n" + thread_tag() + " plain %d text\n");
 }
 
-TEST(TraceTimestamp, FormatSettingIsReadCaseInsensitivelyAndCached)
-{
-    const std::pair<const char *, int> names[] = {
-        {"epoch", 2}, {"GT", 3},    {"General", 3}, {"GeneralTime", 3}, {"Gener", 6},  {"utc", 4},
-        {"Local", 6}, {"AUDIT", 5}, {"Legacy", 0},  {"Default", 1},     {"bogus", 6},  {"", 6}};
-    for (const auto &[value, code] : names) {
-        ScopedEnv fmt("OPXQ_TIMESTAMP_FORMAT", std::string(value));
-        EXPECT_EQ(ldap_get_timestamp_format(1), code) << value;
-    }
-    {
-        ScopedEnv fmt("OPXQ_TIMESTAMP_FORMAT", std::nullopt);
-        EXPECT_EQ(ldap_get_timestamp_format(1), 6);
-    }
-    ScopedEnv fmt("OPXQ_TIMESTAMP_FORMAT", std::string("UTC"));
-    EXPECT_EQ(ldap_get_timestamp_format(1), 4);
-    setenv("OPXQ_TIMESTAMP_FORMAT", "Epoch", 1);
-    EXPECT_EQ(ldap_get_timestamp_format(0), 4) << "cached until asked to read again";
-    EXPECT_EQ(ldap_get_timestamp_format(1), 2);
-}
-
 // Every form, zone offsets east and west, across the day, month and year ends, and summer time.
 TEST_F(Trace, EveryTimestampFormatOffsetAndDaylightSavingTime)
 {
     constexpr time_t JUL_01_163456 = 1719851696; // 2024-07-01 16:34:56 UTC
     const char *dst = "EST5EDT,M3.2.0,M11.1.0";
-    const struct {
-        const char *tz;
-        int format;
-        time_t secs;
-        long usec;
-        const char *want;
-    } cases[] = {
+    const struct { const char *tz; int format; time_t secs; long usec; const char *want; } cases[] = {
         {"EST5", 2, MAR_05_123456, 789012, "1709642096.789012"},
         {"EST5", 3, MAR_05_123456, 789012, "20240305123456.789012Z"},
         {"EST5", 4, MAR_05_123456, 789012, "2024-03-05T12:34:56.789012Z"},
@@ -319,28 +283,46 @@ TEST_F(Trace, TimestampBufferSizesAllocationAndTheCurrentTime)
     EXPECT_TRUE(fits(buf, "####-##-##T##:##:##.######Z")) << buf;
 }
 
-TEST_F(Trace, PrefixUsesTheConfiguredTimestampForm)
+// The format setting is read without case and kept until asked to read again; the line prefix
+// takes the form it names.
+TEST_F(Trace, TimestampFormatSettingIsReadCaseInsensitivelyAndNamesThePrefix)
 {
     zone("EST5");
-    const std::pair<const char *, std::string> cases[] = {
-        {"Default", "####-##-##T##:##:##.######-5:00"}, {"Legacy", "###:##:##:##"},
-        {"general-anything", "##############.######Z"}, {"Audit", "####-##-##-##:##:##.###-5:00"}};
-    for (const auto &[setting, pattern] : cases) {
-        SCOPED_TRACE(setting);
-        ScopedEnv fmt("OPXQ_TIMESTAMP_FORMAT", std::string(setting));
-        ldap_get_timestamp_format(1);
-        to_new_file(std::string(setting) + ".out");
+    const struct { const char *setting; int code; std::string prefix; } cases[] = {
+        {"epoch", 2, ""}, {"GT", 3, ""}, {"General", 3, ""}, {"GeneralTime", 3, ""}, {"Gener", 6, ""},
+        {"utc", 4, ""}, {"Local", 6, ""}, {"AUDIT", 5, ""}, {"bogus", 6, ""}, {"", 6, ""},
+        {"Default", 1, "####-##-##T##:##:##.######-5:00"}, {"Legacy", 0, "###:##:##:##"},
+        {"general-anything", 3, "##############.######Z"},
+        {"Audit", 5, "####-##-##-##:##:##.###-5:00"}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.setting);
+        ScopedEnv fmt("OPXQ_TIMESTAMP_FORMAT", std::string(c.setting));
+        EXPECT_EQ(ldap_get_timestamp_format(1), c.code);
+        if (c.prefix.empty())
+            continue;
+        to_new_file(std::string(c.setting) + ".out");
         ldap_debug_print(LDAP_TRC_ERROR, "Error - %s: %d\n", "fn", 7);
-        EXPECT_TRUE(fits(output(), pattern + " " + thread_tag() + " Error - fn: 7\n")) << output();
+        EXPECT_TRUE(fits(output(), c.prefix + " " + thread_tag() + " Error - fn: 7\n")) << output();
     }
+    {
+        ScopedEnv fmt("OPXQ_TIMESTAMP_FORMAT", std::nullopt);
+        EXPECT_EQ(ldap_get_timestamp_format(1), 6);
+    }
+    ScopedEnv fmt("OPXQ_TIMESTAMP_FORMAT", std::string("UTC"));
+    EXPECT_EQ(ldap_get_timestamp_format(1), 4);
+    setenv("OPXQ_TIMESTAMP_FORMAT", "Epoch", 1);
+    EXPECT_EQ(ldap_get_timestamp_format(0), 4) << "cached until asked to read again";
+    EXPECT_EQ(ldap_get_timestamp_format(1), 2);
 }
 
-// Hex dump lines are "T<thread>:\t" and 59 characters of frame; each dump gets its own file.
-class HexDump : public Trace {
-protected:
-    Lines dump(const void *p, int length, const char *title)
-    {
-        to_new_file("dump" + std::to_string(++dumps_) + ".out");
+// Hex dump lines are "T<thread>:\t" and 59 characters of frame. Empty, null-address and
+// negative-length dumps stop after the heading, with no closing border; full and partial lines;
+// a title centred, and cut to the frame.
+TEST_F(Trace, HexDumpFramesFullAndPartialLinesAndTitles)
+{
+    int dumps = 0;
+    auto dump = [&](const void *p, int length, const char *title) {
+        to_new_file("dump" + std::to_string(++dumps) + ".out");
         ldap_debug_hexdump(p, length, title);
         Lines out;
         const std::string head = thread_tag() + ":\t";
@@ -350,22 +332,14 @@ protected:
             EXPECT_EQ(out.back().size(), 59u) << out.back();
         }
         return out;
-    }
-    static std::string heading(const void *p, int length)
-    {
+    };
+    auto heading = [](const void *p, int length) {
         char h[80];
         snprintf(h, sizeof h, "|OSet| Address = %08X  Length = %04X |     ASCII      |",
                  static_cast<unsigned>(reinterpret_cast<uintptr_t>(p)), length & 0xffff);
-        return h;
-    }
-    const std::string border = "+---------------------------------------------------------+";
-    int dumps_ = 0;
-};
-
-// Empty, null-address and negative-length dumps stop after the heading, with no closing
-// border; full and partial lines; a title centred, and cut to the frame.
-TEST_F(HexDump, FramesFullAndPartialLinesAndTitles)
-{
+        return std::string(h);
+    };
+    const std::string border = "+" + std::string(57, '-') + "+";
     unsigned char b[4] = {};
     EXPECT_EQ(dump(b, 0, nullptr), (Lines{border, heading(b, 0), border}));
     EXPECT_EQ(dump(nullptr, 5, ""), (Lines{border, heading(nullptr, 5), border}));
@@ -446,9 +420,8 @@ TEST_F(TraceThreads, LinesAndDumpsFromManyThreadsStayWhole)
 
 constexpr const char *VAR = "WZR_ENV_TEST_LIST";
 
-// A string the library hands to putenv stays in the environment until the variable is set
-// again. The tests restore every variable they touch and then free those strings here, so
-// that the leak checker sees none. Declare it first in a test: it must outlive the restores.
+// Frees, after the tests restored the variables, the strings the library handed to putenv (so
+// the leak checker sees none). Declare it first in a test: it must outlive the restores.
 class Assignments {
 public:
     ~Assignments()
@@ -478,7 +451,7 @@ std::string env_now(const char *name)
     return v != nullptr ? v : "<unset>";
 }
 
-TEST(EnvRead, GetenvCopiesChkenvCountsGetenvBufCuts)
+TEST(EnvRead, GetenvCopiesChkenvCountsGetenvBufCutsSettingsAreReadOnce)
 {
     ScopedEnv v(VAR, std::string("0123456789"));
     ScopedEnv empty("WZR_ENV_TEST_EMPTY", std::string(""));
@@ -509,6 +482,11 @@ TEST(EnvRead, GetenvCopiesChkenvCountsGetenvBufCuts)
     EXPECT_STREQ(big, "0123456789");
     EXPECT_EQ(ldap_getenv_buf("WZR_ENV_TEST_UNSET", big, sizeof big), -1);
     EXPECT_EQ(ldap_getenv_buf(VAR, big, 0), -1);
+    // Read once per process (no other test of this program asks): the first answer is kept.
+    ScopedEnv pp("USE_OPENLDAP_PWDPOLICY_CONTROL", std::string("yEs"));
+    EXPECT_EQ(ldap_use_openldap_pwdpolicy(), 1);
+    setenv("USE_OPENLDAP_PWDPOLICY_CONTROL", "no", 1);
+    EXPECT_EQ(ldap_use_openldap_pwdpolicy(), 1);
 }
 
 // Mode 1 appends, any other prepends; an element already there (any case, either slash)
@@ -516,12 +494,7 @@ TEST(EnvRead, GetenvCopiesChkenvCountsGetenvBufCuts)
 TEST(EnvWrite, ChangeEnvVarPrependsAppendsOrKeeps)
 {
     Assignments made;
-    const struct {
-        const char *before; // null: unset
-        int mode;
-        char sep;
-        const char *item, *after;
-    } cases[] = {
+    const struct { const char *before; int mode; char sep; const char *item, *after; } cases[] = {
         {"/B:/c", 0, ':', "/b", "/B:/c"},     {"/c", 0, ':', "/a", "/a:/c"},
         {"/c", 1, ':', "/a", "/c:/a"},        {"/c", 7, ';', "/a", "/a;/c"},
         {nullptr, 1, ':', "/opt/x", "/opt/x"}, {"", 0, ':', "/opt/x", "/opt/x"}, // no separator
@@ -535,13 +508,11 @@ TEST(EnvWrite, ChangeEnvVarPrependsAppendsOrKeeps)
         if (c.before == nullptr || strcmp(c.before, c.after) != 0)
             made.record(VAR);
     }
-    EXPECT_EQ(ldap_change_env_var(0, nullptr, ':', "/a"), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_change_env_var(0, "", ':', "/a"), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_change_env_var(0, VAR, ':', nullptr), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_change_env_var(0, VAR, ':', ""), LDAP_PARAM_ERROR);
+    for (auto [name, item] : {std::pair<const char *, const char *>{nullptr, "/a"}, {"", "/a"},
+                              {VAR, nullptr}, {VAR, ""}})
+        EXPECT_EQ(ldap_change_env_var(0, name, ':', item), LDAP_PARAM_ERROR);
     ScopedEnv guard(VAR, std::nullopt);
-    static char assignment[] = "WZR_ENV_TEST_LIST=put";
-    static char nothing[] = "";
+    static char assignment[] = "WZR_ENV_TEST_LIST=put", nothing[] = "";
     EXPECT_EQ(ldap_putenv(assignment), 0);
     EXPECT_EQ(ldap_putenv(nullptr), 0);
     EXPECT_EQ(ldap_putenv(nothing), 0);
@@ -559,11 +530,7 @@ TEST(EnvWrite, ChangeEnvVarPrependsAppendsOrKeeps)
 
 TEST(EnvContains, ElementsMatchWholeIgnoringCaseAndSlashDirection)
 {
-    const struct {
-        char sep;
-        const char *list, *item;
-        int want;
-    } cases[] = {
+    const struct { char sep; const char *list, *item; int want; } cases[] = {
         {':', "/a:/b:/c", "/b", 1},     {':', "/a:/b:/c", "/A", 1},     {':', "/ab:/c", "/a", 0},
         {':', "x/a:/c", "/a", 0},       {':', "/a /b", "/a", 1},
         {';', "C:\\Dir;D:\\e", "c:/dir", 1}, {':', "x/a:/a", "/a", 1},  {':', "/a/b", "/a", 0},
@@ -580,17 +547,6 @@ TEST(EnvContains, ElementsMatchWholeIgnoringCaseAndSlashDirection)
         return rc == 1;
     });
     EXPECT_EQ(walked, 2);
-}
-
-// Read once per process: the only test in this program that asks.
-TEST(EnvSettings, PasswordPolicySettingIsReadOnce)
-{
-    {
-        ScopedEnv v("USE_OPENLDAP_PWDPOLICY_CONTROL", std::string("yEs"));
-        EXPECT_EQ(ldap_use_openldap_pwdpolicy(), 1);
-    }
-    ScopedEnv v("USE_OPENLDAP_PWDPOLICY_CONTROL", std::string("no"));
-    EXPECT_EQ(ldap_use_openldap_pwdpolicy(), 1) << "the first answer is kept";
 }
 
 TEST(EnvTrace, EachAccessIsTracedWithItsOwnText)
@@ -615,9 +571,7 @@ TEST(EnvTrace, EachAccessIsTracedWithItsOwnText)
         EXPECT_GE(trace.count(line), 1) << line << "in\n" << trace.text();
 }
 
-// Readers and writers of the environment from several threads, all through the library.
-// Each thread extends its own variable, so no update can be lost to another's, and reads
-// the others' variables meanwhile: every value read must be whole.
+// Each thread extends its own variable and reads the others' meanwhile: every value is whole.
 TEST(EnvThreads, ConcurrentReadsAndUpdatesSeeWholeValues)
 {
     Assignments made;
