@@ -60,7 +60,7 @@ int ldap_event_wait(LDAPEvent *e, const LDAPDeadline &until)
         // An absolute time on the monotonic clock, as the deadline is.
         if (futex(&e->state, FUTEX_WAIT_BITSET, 2, until.limited ? &until.at : nullptr) != 0 &&
             errno == ETIMEDOUT)
-            return e->state.load(std::memory_order_acquire) == 1 ? 0 : ETIMEDOUT;
+            return ETIMEDOUT;
     }
 }
 

@@ -35,8 +35,9 @@ struct LDAPEvent {
     std::atomic<int> posts_in_flight; // posts raised and not yet delivered
 };
 void ldap_event_reset(LDAPEvent *e); // before sleeping, under the lock that guards the sleep
-// Sleeps until the event is posted or the deadline passes: 0, or ETIMEDOUT.
-int ldap_event_wait(LDAPEvent *e, const LDAPDeadline &until);
+// Sleeps until the event is posted or the deadline passes: 0, or ETIMEDOUT (a post racing the
+// time-out may then still land; the caller's own flag, read under its lock, decides).
+[[nodiscard]] int ldap_event_wait(LDAPEvent *e, const LDAPDeadline &until);
 // Posted when this thread releases `lock` (or before it sleeps itself): woken at once, the
 // sleeper would find the poster still holding the lock and sleep again on the mutex. A thread
 // defers posts for one lock at a time.
