@@ -33,13 +33,32 @@ BerElement *fber_alloc_t(int size)
 
 BerElement *fber_alloc() { return fber_alloc_t(FBER_DEFAULT_SIZE); }
 
+size_t fber_embedded_bytes(size_t inline_size) { return sizeof(BerElement) + inline_size; }
+
+// Received bytes are only ever decoded, so the element carries no nesting stack: its ber_sos
+// points where the stack would start, which marks it as the owner of its room (a ber_dup copy
+// points at it too, but is not where it points from), and the encoder refuses it.
+BerElement *fber_embed(void *at, size_t inline_size)
+{
+    auto *ber = static_cast<BerElement *>(at);
+    std::memset(ber, 0, sizeof(BerElement));
+    ber->ber_inline_size = inline_size <= INT_MAX ? static_cast<int>(inline_size) : 0;
+    ber->ber_buf = fber_inline_buffer(ber);
+    ber->ber_ptr = ber->ber_buf;
+    ber->ber_end = ber->ber_buf;
+    ber->ber_sos = fber_own_stack(ber);
+    ber->ber_tag = LBER_DEFAULT;
+    ber->ber_options = static_cast<int8_t>(LBER_FBER | LBER_EMBEDDED);
+    return ber;
+}
+
 BerElement *ber_alloc_t(int options)
 {
     auto *ber = static_cast<BerElement *>(lber_calloc(1, sizeof(BerElement)));
     if (ber == nullptr)
         return nullptr;
     ber->ber_tag = LBER_DEFAULT;
-    ber->ber_options = static_cast<int8_t>(options & ~LBER_FBER);
+    ber->ber_options = static_cast<int8_t>(options & ~(LBER_FBER | LBER_EMBEDDED));
     return ber;
 }
 
@@ -148,6 +167,8 @@ void fber_free(BerElement *ber)
             lber_free(ber->ber_version);
         if (ber->ber_utf8_flag != &ber->ber_own_utf8)
             lber_free(ber->ber_utf8_flag);
+        if ((ber->ber_options & LBER_EMBEDDED) != 0)
+            return; // the record goes with its owner
     }
     lber_free(ber);
 }

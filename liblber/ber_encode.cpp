@@ -271,6 +271,8 @@ long put_bitstring(Encoder &e, uint64_t tag, const unsigned char *bytes, int bit
 // Tag, 0x84, then 4 length bytes reserved; their offset goes on the stack.
 long fber_open(BerElement *ber, uint64_t tag)
 {
+    if ((ber->ber_options & LBER_EMBEDDED) != 0)
+        return -1; // no stack: received bytes are not written to
     auto *stack = static_cast<uint32_t *>(ber->ber_sos);
     if (stack[0] >= static_cast<uint32_t>(FBER_MAX_NESTING))
         return -1;
@@ -289,6 +291,8 @@ long fber_open(BerElement *ber, uint64_t tag)
 // Patches the 4 reserved bytes with the count of bytes written behind them. No data moves.
 long fber_close(BerElement *ber)
 {
+    if ((ber->ber_options & LBER_EMBEDDED) != 0)
+        return -1;
     auto *stack = static_cast<uint32_t *>(ber->ber_sos);
     if (stack[0] == 0)
         return -1;

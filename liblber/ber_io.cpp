@@ -546,11 +546,11 @@ void sockbuf_release_buffer(Sockbuf *sb)
 
 long sockbuf_buffered(const Sockbuf *sb) { return sb->sb_raend - sb->sb_rapos; }
 
-bool sockbuf_pdu_buffered(const Sockbuf *sb)
+size_t sockbuf_buffered_pdu_size(const Sockbuf *sb)
 {
     size_t avail = static_cast<size_t>(sockbuf_buffered(sb));
     size_t size = avail > 0 ? element_size(sb->sb_rabuf + sb->sb_rapos, avail) : 0;
-    return size > 0 && size <= avail;
+    return size <= avail ? size : 0;
 }
 
 /* ---- writing ---- */

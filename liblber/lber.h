@@ -17,6 +17,9 @@ inline constexpr ber_tag_t LBER_DEFAULT = ~0UL; // "no tag": the letter's own, o
 inline constexpr ber_tag_t LBER_ERROR = ~0UL;
 inline constexpr int LBER_USE_DER = 0x01;
 inline constexpr int LBER_FBER = 0x80; // options bit that marks an FBER
+// An FBER whose record lives inside its owner's allocation (fber_embed): it has no nesting
+// stack, and fber_free releases what it holds but not the record.
+inline constexpr int LBER_EMBEDDED = 0x40;
 inline constexpr int FBER_DEFAULT_SIZE = 6144;
 inline constexpr int FBER_MAX_NESTING = 100;
 inline constexpr int FBER_STACK_BYTES = (FBER_MAX_NESTING + 1) * 4; // 404
@@ -109,6 +112,12 @@ inline constexpr int SKIT_CLOSED = 406;
 /* ---- element life (ber_alloc.cpp) ---- */
 BerElement *fber_alloc_t(int size);
 BerElement *fber_alloc();
+// A reading element made inside its owner's allocation: the record at `at` (aligned for a
+// BerElement), then `inline_size` bytes of room for the contents of a PDU that fits them (the
+// PDU's length plus the NUL behind it), all freed with the owner. Nothing can be encoded into
+// it. fber_embedded_bytes tells the owner how much to reserve.
+size_t fber_embedded_bytes(size_t inline_size);
+BerElement *fber_embed(void *at, size_t inline_size);
 BerElement *ber_alloc_t(int options);
 BerElement *ber_alloc();
 BerElement *der_alloc();
@@ -203,9 +212,9 @@ int fber_select(Sockbuf *sb, struct timeval *timeout, int wake_fd = -1);
 inline constexpr int FBER_SELECT_WOKEN = -2;
 void sockbuf_release_buffer(Sockbuf *sb); // frees the read-ahead; buffered bytes are dropped
 long sockbuf_buffered(const Sockbuf *sb); // bytes read ahead and not yet handed out
-// True when the read-ahead holds a whole PDU (header and contents): reading it costs no
-// system call and cannot block.
-bool sockbuf_pdu_buffered(const Sockbuf *sb);
+// The size (header and contents) of the PDU at the front of the read-ahead when all of it is
+// there, else 0: reading it then costs no system call and cannot block.
+size_t sockbuf_buffered_pdu_size(const Sockbuf *sb);
 long BerWrite_nb(Sockbuf *sb, const unsigned char *buf, long len);
 long BerWrite(Sockbuf *sb, const unsigned char *buf, long len);
 int fber_flush_nb(Sockbuf *sb, BerElement *ber);

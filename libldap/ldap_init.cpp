@@ -536,15 +536,19 @@ int ldap_ld_valid(LDAP *ld)
 
 BerElement *ldap_alloc_fber(LDAP *ld, int small)
 {
-    // Elements made here are the only ones that carry a protocol version, so the codec needs
+    BerElement *ber = small ? fber_alloc_t(0) : fber_alloc();
+    if (ber != nullptr)
+        ldap_fber_follow_handle(ld, ber);
+    return ber;
+}
+
+void ldap_fber_follow_handle(LDAP *ld, BerElement *ber)
+{
+    // Elements set up here are the only ones that carry a protocol version, so the codec needs
     // the code-page translator from the first of them on.
     ber_set_translator(ldap_charset_translator());
-    BerElement *ber = small ? fber_alloc_t(0) : fber_alloc();
-    if (ber == nullptr)
-        return nullptr;
     ber->ber_own_version = ld != nullptr ? ld->ld_version : LDAP_VERSION3;
     ber->ber_own_utf8 = ld != nullptr ? ld->ld_utf8_io : 0;
     ber->ber_version = &ber->ber_own_version;
     ber->ber_utf8_flag = &ber->ber_own_utf8;
-    return ber;
 }

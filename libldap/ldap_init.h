@@ -68,6 +68,8 @@ int ldap_next_host_entry(char **cursor, int *seen_ipv6, int defport, LDAPHostEnt
 
 // An FBER carrying the handle's protocol version and UTF-8 setting; small = inline size 0.
 BerElement *ldap_alloc_fber(LDAP *ld, int small);
+// Gives an element the handle's protocol version and UTF-8 setting, as ldap_alloc_fber does.
+void ldap_fber_follow_handle(LDAP *ld, BerElement *ber);
 
 // Scope guard for the operation bracket: ends the operation on every way out.
 class OperationBracket {

@@ -26,6 +26,27 @@ bool eyecatcher_alive(const LDAPMessage *msg)
     return memcmp(msg->lm_eyecatcher, LDAP_EYE_ALIVE, sizeof LDAP_EYE_ALIVE) == 0;
 }
 
+// A fresh record in `block` (nullptr when its allocation failed).
+LDAPMessage *init_record(void *block, LDAPConn *lc)
+{
+    auto *msg = static_cast<LDAPMessage *>(block);
+    if (msg == nullptr)
+        return nullptr;
+    if (eyecatcher_alive(msg))
+        LDAP_TRACE(LDAP_TRC_WARN, "ldap_msginit: Reusing freed LDAPMessage  structure");
+    memset(msg, 0, sizeof *msg);
+    msg->lm_msgtype = 48;
+    msg->lm_conn = lc;
+    memcpy(msg->lm_eyecatcher, LDAP_EYE_ALIVE, sizeof LDAP_EYE_ALIVE);
+    return msg;
+}
+
+// A received message carries its element, and the PDU's contents when they fit, in its own
+// allocation: a long result is one allocation per entry, which also keeps the heap small
+// enough that freeing the result does not hand pages back only to fault them in again.
+constexpr size_t RECEIVED_RECORD_BYTES =
+    (sizeof(LDAPMessage) + alignof(BerElement) - 1) & ~(alignof(BerElement) - 1);
+
 // Frees one valid record: its element, then the record with its eyecatcher marked dead.
 void free_one(LDAPMessage *msg)
 {
@@ -48,15 +69,17 @@ int freed_type(const LDAPMessage *msg)
 
 LDAPMessage *ldap_msginit(LDAPConn *lc)
 {
-    auto *msg = static_cast<LDAPMessage *>(lber_malloc(sizeof(LDAPMessage)));
+    return init_record(lber_malloc(sizeof(LDAPMessage)), lc);
+}
+
+LDAPMessage *ldap_msginit_received(LDAP *ld, LDAPConn *lc, size_t contents_room)
+{
+    void *block = lber_malloc(RECEIVED_RECORD_BYTES + fber_embedded_bytes(contents_room));
+    LDAPMessage *msg = init_record(block, lc);
     if (msg == nullptr)
         return nullptr;
-    if (eyecatcher_alive(msg))
-        LDAP_TRACE(LDAP_TRC_WARN, "ldap_msginit: Reusing freed LDAPMessage  structure");
-    memset(msg, 0, sizeof *msg);
-    msg->lm_msgtype = 48;
-    msg->lm_conn = lc;
-    memcpy(msg->lm_eyecatcher, LDAP_EYE_ALIVE, sizeof LDAP_EYE_ALIVE);
+    msg->lm_ber = fber_embed(static_cast<char *>(block) + RECEIVED_RECORD_BYTES, contents_room);
+    ldap_fber_follow_handle(ld, msg->lm_ber);
     return msg;
 }
 

@@ -5,6 +5,10 @@
 #include "ldap_int.h"
 
 LDAPMessage *ldap_msginit(LDAPConn *lc);
+// A record for a PDU being received, its element embedded, with room for `contents_room` bytes
+// of contents (the PDU's length and the NUL behind it) when the caller knows them: 0 puts the
+// contents in a buffer of their own.
+LDAPMessage *ldap_msginit_received(LDAP *ld, LDAPConn *lc, size_t contents_room);
 int ldap_msg_valid(LDAPMessage *msg);
 void free_msg(LDAPMessage *msg, int all);
 int ldap_msgfree(LDAPMessage *msg);

@@ -124,15 +124,11 @@ LDAPMessage *read_state(LDAP *ld, LDAPConn *lc)
     LDAPMsgTable *table = lc->table;
     if (table->read_state != nullptr)
         return table->read_state;
-    LDAPMessage *msg = ldap_msginit(lc);
+    // A PDU that lies whole in the read-ahead is sized before it is read (the read-ahead
+    // bounds it, so a hostile length costs nothing).
+    LDAPMessage *msg = ldap_msginit_received(ld, lc, sockbuf_buffered_pdu_size(&lc->sb));
     if (msg == nullptr) {
         LDAP_TRACE(LDAP_TRC_ERROR, "ldap_get_msg: Failed with memory error\n");
-        return nullptr;
-    }
-    msg->lm_ber = ldap_alloc_fber(ld, 1);
-    if (msg->lm_ber == nullptr) {
-        LDAP_TRACE(LDAP_TRC_ERROR, "ldap_get_msg: Failed to alloc memory\n");
-        free_msg(msg, 0);
         return nullptr;
     }
     table->read_state = msg;
@@ -210,7 +206,7 @@ int read_pdus(LDAP *ld, LDAPConn *lc, const LDAPDeadline &until, LDAPMessage **o
     int rc = read_one_pdu(ld, lc, until, out);
     if (rc == READ_NO_MEMORY)
         rc = (ldap_fail(ld, LDAP_NO_MEMORY), -4);
-    for (LDAPMessage **tail = out; rc == 1 && sockbuf_pdu_buffered(&lc->sb);) {
+    for (LDAPMessage **tail = out; rc == 1 && sockbuf_buffered_pdu_size(&lc->sb) != 0;) {
         // These reads are a bonus: without memory for one, the PDU waits for the next turn,
         // and nothing is recorded against this turn's success.
         tail = &(*tail)->lm_chain;

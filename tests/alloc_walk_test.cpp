@@ -158,9 +158,11 @@ private:
 };
 
 // Fails allocation n alone (onward = false) or every allocation from n on, for n = 1, 2, ...
-// until a run ends before reaching allocation n, which must be the clean run's count plus
-// one. Each run must release every block, and report a failure as 90; an unbind that could not send its request still frees the handle and may say 90 or 0; a run
-// reporting full success must have walked exactly what a clean run walks.
+// past the clean run's count, until a run ends before reaching allocation n: a run may make
+// fewer allocations than another (a response that lies whole in the read-ahead when it is
+// read costs one less), and such a run must succeed. Each run must release every block, and
+// report a failure as 90; an unbind that could not send its request still frees the handle and
+// may say 90 or 0; a run reporting full success must have walked exactly what a clean run walks.
 void walk_flow(Flow &flow, const FlowRun &clean, long clean_calls, bool onward)
 {
     for (long n = 1;; ++n) {
@@ -179,8 +181,9 @@ void walk_flow(Flow &flow, const FlowRun &clean, long clean_calls, bool onward)
         if (calls < n) {
             EXPECT_TRUE(r.failed_step.empty()) << r.failed_step << " " << r.failed_code;
             EXPECT_EQ(r.seen, clean.seen);
-            EXPECT_EQ(n, clean_calls + 1) << "the walk ended before the clean run's allocations";
-            return;
+            if (n > clean_calls)
+                return;
+            continue;
         }
         if (r.failed_step.empty())
             EXPECT_EQ(r.seen, clean.seen) << "success reported with a failed allocation";

@@ -11,6 +11,7 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <thread>
+#include <tuple>
 #include <unistd.h>
 
 #include "liblber/ber_int.h"
@@ -223,6 +224,21 @@ TEST(StreamReader, SmallPduFillsTheInlineBufferWithoutAllocating)
     EXPECT_EQ(fber_get_next_nb(&sp.sb, ber.get(), &progress), 0x04);
     EXPECT_EQ(lber_alloc_calls(), calls + 1);
     EXPECT_EQ(contents_of(ber.get()), Bytes(pdu.begin() + 2, pdu.end()));
+    // Elements embedded in their owner's block: the one with room takes its PDU inline, the
+    // one without allocates; neither can be encoded into, and each frees only its buffer.
+    alignas(BerElement) unsigned char roomy[sizeof(BerElement) + 64], bare[sizeof(BerElement)];
+    ASSERT_EQ(fber_embedded_bytes(64), sizeof roomy);
+    sp.peer_write(SMALL_PDU);
+    sp.peer_write(pdu);
+    long live = lber_live_blocks();
+    for (auto [block, room, extra] : {std::tuple{roomy, 64, 0}, std::tuple{bare, 0, 1}}) {
+        BerElement *e = fber_embed(block, room);
+        EXPECT_GT(fber_get_next_nb(&sp.sb, e, &progress), 0);
+        EXPECT_EQ(lber_live_blocks(), live + extra);
+        EXPECT_EQ(fber_printf(e, "{i}", 1), -1);
+        fber_free(e);
+        EXPECT_EQ(lber_live_blocks(), live);
+    }
 }
 
 TEST(StreamReader, EveryFailedAllocationIsReportedAndLeaksNothing)
@@ -339,7 +355,7 @@ TEST(StreamReader, ThreePdusInOneSegmentAreReadWithOneSystemCall)
     ASSERT_EQ(read_one(&sp.sb, ber), 0x30);
     EXPECT_EQ(kernel_queued(sp.fd[0]), 0) << "one read took all three";
     EXPECT_EQ(sockbuf_buffered(&sp.sb), (long)(second.size() + third.size()));
-    EXPECT_TRUE(sockbuf_pdu_buffered(&sp.sb));
+    EXPECT_EQ(sockbuf_buffered_pdu_size(&sp.sb), second.size());
     EXPECT_EQ(fber_select(&sp.sb, &zero), 1) << "buffered bytes are ready at once";
     ASSERT_EQ(read_one(&sp.sb, ber), 0x30);
     EXPECT_EQ(contents_of(ber.get()), Bytes(second.begin() + 2, second.end()));
@@ -347,7 +363,7 @@ TEST(StreamReader, ThreePdusInOneSegmentAreReadWithOneSystemCall)
     EXPECT_EQ(contents_of(ber.get()), Bytes(third.begin() + 6, third.end()));
     EXPECT_EQ(*ber->ber_end, 0);
     EXPECT_EQ(sockbuf_buffered(&sp.sb), 0);
-    EXPECT_FALSE(sockbuf_pdu_buffered(&sp.sb));
+    EXPECT_EQ(sockbuf_buffered_pdu_size(&sp.sb), 0u);
     EXPECT_EQ(fber_select(&sp.sb, &zero), 0);
     EXPECT_EQ(read_one(&sp.sb, ber), BER_WOULD_BLOCK);
     struct timeval tv = {0, 20000};
@@ -358,7 +374,7 @@ TEST(StreamReader, ThreePdusInOneSegmentAreReadWithOneSystemCall)
     sp.peer_write(Bytes(SMALL_PDU.begin(), SMALL_PDU.end() - 1));
     ASSERT_EQ(read_one(&sp.sb, ber), 0x30);
     EXPECT_EQ(sockbuf_buffered(&sp.sb), (long)SMALL_PDU.size() - 1);
-    EXPECT_FALSE(sockbuf_pdu_buffered(&sp.sb));
+    EXPECT_EQ(sockbuf_buffered_pdu_size(&sp.sb), 0u);
     sockbuf_release_buffer(&sp.sb);
     EXPECT_EQ(sockbuf_buffered(&sp.sb), 0);
     sockbuf_release_buffer(&sp.sb); // twice is harmless
