@@ -18,11 +18,10 @@
 #include "libldap/ldap_unbind.h"
 #include "libldap/ldap_update.h"
 #include "support/engine_client.h"
+#include "support/ops_client.h"
 #include "support/slapd_fixture.h"
 
 namespace {
-
-using Values = std::vector<std::string>;
 
 // Every test works on the shared server through its own handle, bound as the manager.
 class OpsSlapd : public ::testing::Test {
@@ -45,20 +44,6 @@ protected:
     LDAP *ld = nullptr;
 };
 
-// An LDAPMod over string values, kept alive by the object.
-struct Mod {
-    Values values;
-    std::vector<char *> ptrs;
-    LDAPMod mod{};
-    Mod(int op, const char *type, Values v) : values(std::move(v))
-    {
-        for (std::string &x : values)
-            ptrs.push_back(x.data());
-        ptrs.push_back(nullptr);
-        mod = {op, const_cast<char *>(type), {values.empty() ? nullptr : ptrs.data()}};
-    }
-};
-
 // The asynchronous forms, each collected before the next is sent (the server may run the
 // requests of one connection in parallel), and read back with compares; the synchronous
 // updates are the tool's, in wzrldap_tool_test.
@@ -66,10 +51,9 @@ TEST_F(OpsSlapd, AsynchronousUpdatesAndComparesAreAnsweredByTheirIds)
 {
     const std::string dn = "cn=Ops Async,ou=people," + s.base(), renamed = "cn=Ops Async2,ou=people," + s.base();
     (void)ldap_delete_s(ld, dn.c_str()); // a leftover of an aborted run
-    Mod person(LDAP_MOD_ADD, "objectClass", {"person"}), sn(LDAP_MOD_ADD, "sn", {"Async"}),
-        desc(LDAP_MOD_ADD, "description", {"d"}), rep(LDAP_MOD_REPLACE, "sn", {"Replaced"}),
-        nodesc(LDAP_MOD_DELETE, "description", {});
-    LDAPMod *add[] = {&person.mod, &sn.mod, &desc.mod, nullptr}, *mods[] = {&rep.mod, &nodesc.mod, nullptr};
+    wzrtest::Mods add{{LDAP_MOD_ADD, "objectClass", {"person"}}, {LDAP_MOD_ADD, "sn", {"Async"}},
+                      {LDAP_MOD_ADD, "description", {"d"}}};
+    wzrtest::Mods mods{{LDAP_MOD_REPLACE, "sn", {"Replaced"}}, {LDAP_MOD_DELETE, "description", {}}};
     EXPECT_EQ(collect(ldap_add(ld, dn.c_str(), add), LDAP_RES_ADD), 0);
     EXPECT_EQ(collect(ldap_compare(ld, dn.c_str(), "sn", "Async"), LDAP_RES_COMPARE), LDAP_COMPARE_TRUE);
     EXPECT_EQ(collect(ldap_modify(ld, dn.c_str(), mods), LDAP_RES_MODIFY), 0);
@@ -105,8 +89,7 @@ TEST_F(OpsSlapd, CommitAppliesEveryUpdateAbortNoneAndASpoiledCommitNamesItsUpdat
         LDAPControl *ctrls[] = {in_txn, nullptr};
         int msgid = -1;
         for (const std::string &cn : c.cn) {
-            Mod oc(LDAP_MOD_ADD, "objectClass", {"device"}), name(LDAP_MOD_ADD, "cn", {cn});
-            LDAPMod *mods[] = {&oc.mod, &name.mod, nullptr};
+            wzrtest::Mods mods{{LDAP_MOD_ADD, "objectClass", {"device"}}, {LDAP_MOD_ADD, "cn", {cn}}};
             ASSERT_EQ(ldap_add_ext(ld, dn(cn).c_str(), mods, ctrls, nullptr, &msgid), 0);
             EXPECT_EQ(collect(msgid, LDAP_RES_ADD), 0) << "queued, not refused: " << cn;
         }

@@ -28,7 +28,9 @@
 #include "libldap/ldap_usearch.h"
 #include "support/fake_server.h"
 #include "support/fber_bytes.h"
+#include "support/ops_client.h"
 #include "support/slapd_fixture.h"
+#include "support/test_util.h"
 
 using namespace wzrtest;
 namespace f = wzrtest::fber;
@@ -116,41 +118,29 @@ std::string referral_ldif(const std::string &ou, const std::string &url)
            "ou: " + ou + "\nref: " + url + "\n\n";
 }
 
-struct Servers {
-    SlapdFixture second, first;
-    Servers()
-    {
-        // A loop: the first's ou=loop refers to the second's, which refers to a URL without
-        // server, which means the handle's own, the first.
-        const std::string loop = "/ou=loop," + BASE;
-        SlapdOptions two, one;
-        two.extra_ldif = partner_ldif(8) + referral_ldif("loop", "ldap://" + loop);
-        if (!SlapdFixture::available() || !second.start(two))
-            return;
-        one.extra_ldif = referral_ldif("partners", second.uri() + "/" + PARTNERS) +
-                         referral_ldif("dead", "ldap://127.0.0.1:1/ou=dead," + BASE) +
-                         referral_ldif("loop", second.uri() + loop);
-        one.default_referral = second.uri();
-        (void)first.start(one);
-    }
-};
+// The second server holds ou=partners, which the first refers to, with a dead server and a
+// loop: the second's ou=loop refers to a URL without server, which means the handle's own.
+const std::string LOOP = "/ou=loop," + BASE;
+SlapdFixture &second()
+{
+    return program_slapd({.extra_ldif = partner_ldif(8) + referral_ldif("loop", "ldap://" + LOOP)});
+}
+SlapdFixture &first()
+{
+    const std::string to = second().uri();
+    return program_slapd({.extra_ldif = referral_ldif("partners", to + "/" + PARTNERS) +
+                                        referral_ldif("dead", "ldap://127.0.0.1:1/ou=dead," + BASE) +
+                                        referral_ldif("loop", to + LOOP),
+                          .default_referral = to});
+}
 
 class Referrals : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        if (!SlapdFixture::available())
-            GTEST_SKIP() << "slapd is not installed";
-        ASSERT_TRUE(servers().second.running() && servers().first.running())
-            << servers().second.error() << servers().first.error();
+        WZR_REQUIRE_SLAPD(second());
+        WZR_REQUIRE_SLAPD(first());
     }
-    static Servers &servers()
-    {
-        static Servers s;
-        return s;
-    }
-    const SlapdFixture &first() { return servers().first; }
-    const SlapdFixture &second() { return servers().second; }
 };
 
 TEST_F(Referrals, SubtreeSearchReturnsTheReferredEntriesAndReportsTheDeadReferral)
@@ -165,18 +155,6 @@ TEST_F(Referrals, SubtreeSearchReturnsTheReferredEntriesAndReportsTheDeadReferra
     EXPECT_EQ(o.rows, 0);
 }
 
-const SlapdFixture *rebind_target = nullptr;
-
-int rebind_as_manager(LDAP *, char **dnp, char **pwp, int *method, int freeit)
-{
-    if (freeit == 0) {
-        *dnp = const_cast<char *>(rebind_target->manager_dn().c_str());
-        *pwp = const_cast<char *>(rebind_target->manager_pw().c_str());
-        *method = 128;
-    }
-    return 0;
-}
-
 TEST_F(Referrals, UpdatesBelowTheReferralAreReencodedForTheSecondServer)
 {
     Handle h(first().port());
@@ -185,18 +163,21 @@ TEST_F(Referrals, UpdatesBelowTheReferralAreReencodedForTheSecondServer)
     // Without a rebind procedure the second server sees an anonymous request and refuses it.
     const std::string dn = "cn=newcomer," + PARTNERS;
     EXPECT_EQ(ldap_delete_s(h.ld, partner(8).c_str()), LDAP_STRONG_AUTH_REQUIRED);
-    rebind_target = &second();
-    LDAPRebindProc proc = rebind_as_manager;
+    LDAPRebindProc proc = [](LDAP *, char **dnp, char **pwp, int *method, int freeit) {
+        if (freeit == 0) { // the second server's manager
+            *dnp = const_cast<char *>(second().manager_dn().c_str());
+            *pwp = const_cast<char *>(second().manager_pw().c_str());
+            *method = 128;
+        }
+        return 0;
+    };
     ASSERT_EQ(ldap_set_option(h.ld, LDAP_OPT_REBIND_FN, reinterpret_cast<void *>(proc)), 0);
-    char *oc[] = {const_cast<char *>("device"), nullptr};
-    char *cn[] = {const_cast<char *>("newcomer"), nullptr};
-    LDAPMod m1 = {LDAP_MOD_ADD, const_cast<char *>("objectClass"), {oc}};
-    LDAPMod m2 = {LDAP_MOD_ADD, const_cast<char *>("cn"), {cn}};
-    LDAPMod *attrs[] = {&m1, &m2, nullptr};
-    ASSERT_EQ(ldap_add_s(h.ld, dn.c_str(), attrs), 0);
+    ASSERT_EQ(ldap_add_s(h.ld, dn.c_str(), Mods{{LDAP_MOD_ADD, "objectClass", {"device"}},
+                                                {LDAP_MOD_ADD, "cn", {"newcomer"}}}), 0);
     EXPECT_EQ(search(Handle(second().port()).ld, dn, LDAP_SCOPE_BASE, "(cn=*)").rc, 0);
-    LDAPMod *mods[] = {&m2, nullptr}; // adds a value it has: the second server's refusal
-    EXPECT_EQ(ldap_modify_s(h.ld, dn.c_str(), mods), LDAP_TYPE_OR_VALUE_EXISTS);
+    // Adds a value it has: the second server's refusal.
+    EXPECT_EQ(ldap_modify_s(h.ld, dn.c_str(), Mods{{LDAP_MOD_ADD, "cn", {"newcomer"}}}),
+              LDAP_TYPE_OR_VALUE_EXISTS);
     EXPECT_EQ(ldap_compare_s(h.ld, dn.c_str(), "cn", "newcomer"), LDAP_COMPARE_TRUE);
     // Renamed under its own parent: the delete of the new name below proves where it went.
     const std::string renamed = "cn=renamed," + PARTNERS;
@@ -421,23 +402,15 @@ TEST(ReferralFake, ReencodedSearchCarriesTheUrlsScopeAndFilterAndDropsThePagedCo
 
 TEST_F(Referrals, WhoAmIGivesTheBoundIdentityAndAnUnknownOidTheServersError)
 {
-    const SlapdFixture &slapd = first();
-    Handle h(slapd.port());
-    ASSERT_EQ(ldap_simple_bind_s(h.ld, slapd.user_dn().c_str(), slapd.user_pw().c_str()), 0);
+    Handle h(first().port());
+    ASSERT_EQ(ldap_simple_bind_s(h.ld, first().user_dn().c_str(), first().user_pw().c_str()), 0);
+    EXPECT_EQ(whoami(h.ld), "dn:" + first().user_dn());
     struct berval *data = nullptr;
-    ASSERT_EQ(ldap_extended_operation_s(h.ld, "1.3.6.1.4.1.4203.1.11.3", nullptr, nullptr,
-                                        nullptr, nullptr, &data),
-              0);
-    ASSERT_NE(data, nullptr);
-    EXPECT_EQ(std::string(data->bv_val, data->bv_len), "dn:" + slapd.user_dn());
-    ber_bvfree(data);
     EXPECT_EQ(ldap_extended_operation_s(h.ld, "1.2.3.4.5.6.7", nullptr, nullptr, nullptr, nullptr,
                                         &data),
               LDAP_PROTOCOL_ERROR);
-    char *text = nullptr;
-    EXPECT_EQ(ldap_get_lderrno(h.ld, nullptr, &text), LDAP_PROTOCOL_ERROR);
-    EXPECT_NE(std::string(text != nullptr ? text : ""), ""); // the server's own words
-    lber_free(text);
+    EXPECT_EQ(ldap_get_lderrno(h.ld, nullptr, nullptr), LDAP_PROTOCOL_ERROR);
+    EXPECT_NE(recorded_message(h.ld), ""); // the server's own words
 }
 
 TEST(Extended, RequestValuesBackupResultAndTransactionId)
