@@ -47,18 +47,10 @@ std::string policy_users()
     return out;
 }
 
-wzrtest::SlapdFixture &server() // one for the program, stopped at exit
+wzrtest::SlapdFixture &server()
 {
-    static wzrtest::SlapdFixture fixture;
-    static bool started = [] {
-        wzrtest::SlapdOptions opts;
-        opts.bulk_entries = kBulk;
-        opts.extra_ldif = policy_users();
-        opts.controls = true;
-        return wzrtest::SlapdFixture::available() && fixture.start(opts);
-    }();
-    (void)started;
-    return fixture;
+    static const std::string extra = policy_users(); // the same options on every call
+    return wzrtest::program_slapd({.bulk_entries = kBulk, .extra_ldif = extra, .controls = true});
 }
 
 std::vector<std::string> users(int from, int to) // "userNNN" from `from` to `to`, either way

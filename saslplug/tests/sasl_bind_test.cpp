@@ -34,17 +34,7 @@ namespace {
 
 bool have_kdc() { return access("/usr/sbin/krb5kdc", X_OK) == 0; }
 
-wzrtest::SlapdFixture &sasl_slapd()
-{
-    static wzrtest::SlapdFixture fixture;
-    static bool started = [] {
-        wzrtest::SlapdOptions opts;
-        opts.kerberos = have_kdc();
-        return wzrtest::SlapdFixture::available() && fixture.start(opts);
-    }();
-    (void)started;
-    return fixture;
-}
+wzrtest::SlapdFixture &sasl_slapd() { return wzrtest::program_slapd({.kerberos = have_kdc()}); }
 
 struct SaslBindTest : ::testing::Test {
     wzrtest::TempDir dir;
