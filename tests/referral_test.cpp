@@ -1,11 +1,6 @@
-// The library's operations against real slapd servers where the tool (wzrldap_tool_test) does
-// not take them. Referral chasing and URL search, against two servers (the first refers
-// ou=partners and foreign DNs to the second) and against scripted servers (version 2 texts,
-// hostile referrals, a referred server dying or silent, the bytes of the re-encoded request);
-// extended operations: Who-am-I and an unknown OID against slapd, the request encoding, the
-// backup value and its decoded result, and the transaction values against a scripted server;
-// on the shared server, the asynchronous updates and compares, transactions and one connection
-// shared by threads; and the fixture itself (stopped by its pid, restarted fresh).
+// The library's operations against real slapd servers where the tool (wzrldap_tool_test) does not
+// take them: referral chasing and URL search (also against scripted servers), extended operations,
+// asynchronous updates, transactions, one connection shared by threads, and the fixture itself.
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -57,8 +52,7 @@ struct Handle {
     ~Handle() { ldap_unbind(ld); }
 };
 
-// What a search gave: its code, the entries' DNs, the final result's code and referral URLs,
-// and the rows still in use in every table of the handle (none may stay behind).
+// What a search gave, and the rows still in use in the handle's tables (none may stay behind).
 struct Outcome {
     int rc = -1, code = -1, rows = 0;
     std::set<std::string> dns;
@@ -474,9 +468,7 @@ protected:
     LDAP *ld = nullptr;
 };
 
-// The asynchronous forms, each collected before the next is sent (the server may run the
-// requests of one connection in parallel), and read back with compares; the synchronous
-// updates are the tool's, in wzrldap_tool_test.
+// Each collected before the next is sent: the server may run one connection's requests in parallel.
 TEST_F(OpsSlapd, AsynchronousUpdatesAndComparesAreAnsweredByTheirIds)
 {
     const std::string dn = "cn=Ops Async,ou=people," + s.base(), renamed = "cn=Ops Async2,ou=people," + s.base();
@@ -563,8 +555,7 @@ TEST(EngineSlapdThreads, ManyThreadsShareOneConnection)
     EXPECT_EQ(ldap_unbind(ld), 0);
 }
 
-// The fixture itself: a private server with an extra entry is stopped by its pid (reaped, its
-// directory kept until the next start) and starts again from fresh data.
+// A private server is stopped by its pid, its directory kept until it starts again from fresh data.
 TEST(SlapdFixture, StopsByPidAndRestartsFresh)
 {
     if (!SlapdFixture::available())

@@ -1,8 +1,6 @@
-// LDAPS and StartTLS against a real slapd with a test CA, through the toolkit built here: chain
-// and name checks, StartTLS, toolkit loading rules, handshake and data time-outs, hostile peers,
-// bad key databases, the system's trust store and a key in a PKCS#11 token. Every test runs in
-// a process of its own (the toolkit environment and its settings are process-wide, as in a real
-// program).
+// LDAPS and StartTLS against a real slapd through the toolkit built here: trust and names, toolkit
+// loading, time-outs, hostile peers, key databases, the system's store and a PKCS#11 token. Each
+// test runs in a process of its own: the toolkit's environment and settings are process-wide.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -91,9 +89,8 @@ int in_child(const std::function<int()> &body)
     return pid > 0 && waitpid(pid, &status, 0) == pid ? WEXITSTATUS(status) : -1;
 }
 
-// An add over LDAPS, and a referral from the LDAPS handle to a plain URL that is not followed,
-// even to a server that answers there: the result reports the URL instead. The same search on a
-// plain handle follows it.
+// An add over LDAPS; a referral to a plain URL is reported, not followed, from an LDAPS handle
+// (a plain handle follows it).
 TEST(Ldaps, UpdatesOverAVerifiedChainAndNeverFollowsAPlainReferral)
 {
     SlapdFixture &s = tls_slapd();
@@ -123,8 +120,7 @@ TEST(Ldaps, UpdatesOverAVerifiedChainAndNeverFollowsAPlainReferral)
     EXPECT_EQ(reason, 0);
 }
 
-// Every allocation of the environment set-up and of an LDAPS connection, bind and unbind
-// failed in turn: each run fails cleanly and leaks nothing.
+// Every allocation of the toolkit set-up and of an LDAPS bind failed in turn: clean, no leaks.
 TEST(Ldaps, EveryFailedAllocationFailsCleanlyAndLeaksNothing)
 {
     SlapdFixture &s = tls_slapd();
@@ -194,8 +190,7 @@ TEST(StartTls, SecuresThePlainConnectionOnceAndRefusesASecondTime)
     EXPECT_TRUE(h.secure());
     ASSERT_EQ(h.bind(s.user_dn(), s.user_pw()), 0);
     EXPECT_EQ(count_people(h.ld, "ou=people," + s.base()), 9);
-    // slapd refuses a second StartTLS itself (operationsError); a server that agreed would
-    // meet the library's own refusal.
+    // slapd refuses a second StartTLS itself; one that agreed would meet the library's refusal.
     EXPECT_EQ(ldap_start_tls_s_np(h.ld, nullptr), LDAP_OPERATIONS_ERROR);
     EXPECT_EQ(ldap_start_tls_handshake(h.ld), LDAP_SSL_ALREADY_INITIALIZED);
     EXPECT_EQ(count_people(h.ld, "ou=people," + s.base()), 9) << "the connection still works";
@@ -228,8 +223,7 @@ TEST(ClientCertificate, SelectedByLabelGivesItsIdentityToExternalBind)
     ldap_msgfree(res);
 }
 
-// Bad key databases and passwords fail the set-up with their codes; a good one with an
-// unknown label fails the handshake with the toolkit's code.
+// Bad key databases and passwords fail the set-up, an unknown label the handshake, each with its code.
 TEST(KeyDatabase, BadFilesPasswordsAndLabelsFailWithTheirCodes)
 {
     SlapdFixture &s = tls_slapd();
@@ -276,8 +270,7 @@ TEST(LdapsThreads, SixteenShareOneHandle)
     EXPECT_EQ(found, std::vector<int>(16, 10));
 }
 
-// Toolkit loading: absent, refused, another version, or lacking an entry point: 118 for
-// secure requests, plain connections unaffected.
+// Without a toolkit secure requests fail with 118; plain connections are unaffected.
 TEST(Toolkit, AbsentToolkitGives118AndPlainStillWorks)
 {
     unsetenv("WZRKIT_LOCAL_INSTALL_MODE"); // look in /usr/lib64, where no toolkit is
@@ -292,8 +285,7 @@ TEST(Toolkit, AbsentToolkitGives118AndPlainStillWorks)
     EXPECT_STREQ(ldap_ssl_strerror(0), "Wzrkit not loaded");
 }
 
-// Process-wide settings: which toolkit files load, and the handshake time-out (an exit status
-// of 0 when the parsed time-out is as expected).
+// Which toolkit files load (refused, another version, lacking an entry), and the handshake time-out.
 TEST(Toolkit, SettingsSelectTheFilesAndTheHandshakeTimeOut)
 {
     const struct {
@@ -361,8 +353,7 @@ TEST(Handshake, SilentPeerFailsAfterTheHandshakeTimeOut)
     EXPECT_EQ(h.ld->ld_ssl_reason, WZR_ERR_IO);
 }
 
-// Hostile peers, under the default handshake wait: garbage instead of a
-// ServerHello, a close in the middle, a 16 MB message.
+// Hostile peers: garbage instead of a ServerHello, a close in the middle, a 16 MB message.
 TEST(Handshake, HostilePeersFailWith116AndTheirReason)
 {
     int reason = -1;

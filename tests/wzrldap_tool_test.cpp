@@ -1,8 +1,6 @@
-// The wzrldap command against a real slapd: its LDIF matches ldapsearch's for the same search
-// (compared by meaning, binary values and escaped names included: this is also the proof of
-// the library's search, filter encoding and entry walk), updates from LDIF take effect,
-// malformed input changes nothing, the exit status is the LDAP result code, hostile names are
-// refused.
+// The wzrldap command against a real slapd: its LDIF means what ldapsearch's does (also the proof
+// of the library's search, filters and entry walk), LDIF updates take effect, malformed input
+// changes nothing, the exit status is the result code, hostile names are refused.
 #include "ldif.h"
 #include "support/fake_server.h"
 #include "support/slapd_fixture.h"
@@ -95,8 +93,7 @@ TEST(WzrldapTool, SearchOutputMatchesLdapsearch)
     SlapdFixture &s = wzrtest::shared_slapd();
     WZR_REQUIRE_SLAPD(s);
     const std::string people = "ou=people," + s.base();
-    // Each scope, each kind of filter (escaped values, extensible match, ordering), the tool's
-    // flags (attributes only, a bind, operational attributes).
+    // Each scope and kind of filter; attributes only, a bind, operational attributes.
     const std::vector<Args> searches = {
         {"-b", s.base()},
         {"-b", people, "-s", "base"},
@@ -241,8 +238,7 @@ TEST(WzrldapTool, AppliesLdifChangesLikeLdapmodify)
         {{"modrdn"}, "dn: " + renamed + "\nchangetype: modrdn\nnewrdn: cn=renamed\ndeleteoldrdn: 1\n"
                      "newsuperior: ou=devices," + base + "\n", 0, {}, moved, "", exists},
         {{"delete"}, "dn: " + moved + "\n", 0, {}, moved, "", gone},
-        // A referral nobody answers: followed by default (81, its URL on standard error), printed
-        // as an LDIF comment with --no-referrals.
+        // A referral nobody answers: followed (81), or an LDIF comment with --no-referrals.
         {{"search", "-b", base, "(ou=away)"}, "", LDAP_SERVER_DOWN, {"\t\t" + away}},
         {{"search", "--no-referrals", "-b", base, "(ou=away)"}, "", 0, {"# ref" + away}},
         {{"add"}, two, LDAP_ALREADY_EXISTS, {wzr_ldap_err2string(LDAP_ALREADY_EXISTS), "line 1"}, second, "", gone},
