@@ -1,6 +1,5 @@
-// Connection establishment on loopback and local sockets: resolution, the walk over every
-// address, the connect time-out against a peer that never accepts, local-domain paths, the
-// socket mode helpers, and the lookup and creation of a handle's extra connections.
+// Connecting on loopback and local sockets: resolution, the address walk, the connect time-out,
+// socket modes, and the lookup and creation of a handle's extra connections.
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
@@ -14,7 +13,6 @@
 #include <poll.h>
 #include <string>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -53,9 +51,7 @@ sockaddr_in loopback4(int port)
     return a;
 }
 
-// A loopback port bound and, unless `refusing`, listened on with nobody accepting: connects
-// complete in its queue (or are refused) and no accepted descriptor appears in this process,
-// so descriptor counts stay exact.
+// A loopback port that refuses, or queues connects that nobody accepts (descriptor counts stay exact).
 struct Port {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
     int port = 0;
@@ -162,8 +158,7 @@ TEST(OpenConnection, ConnectsToALoopbackListenerWithKeepAlive)
     EXPECT_TRUE(trace.contains(", port="));
 }
 
-// The walk takes the first address that accepts, closing every socket that failed; when all
-// fail, the last failure counts.
+// The first address that accepts wins, failed sockets are closed; when all fail, the last failure counts.
 TEST(OpenConnection, AddressWalkClosesFailedSocketsAndGivesTheLastFailure)
 {
     Port refusing(true), other_refusing(true), listener;
@@ -198,8 +193,7 @@ TEST(OpenConnection, AddressWalkClosesFailedSocketsAndGivesTheLastFailure)
     EXPECT_EQ(open_connection(&sb, "no-such-host.invalid", net(389), nullptr, 0, nullptr), LDAP_SERVER_DOWN);
 }
 
-// A listener with backlog 0 whose queue is already full drops further SYNs, so a connect to
-// it neither succeeds nor fails until the time-out.
+// A full backlog-0 queue drops further SYNs: a connect neither succeeds nor fails until the time-out.
 TEST(OpenConnection, ConnectTimesOutAgainstAPeerThatNeverAccepts)
 {
     Port full_queue(false, 0);
@@ -210,8 +204,7 @@ TEST(OpenConnection, ConnectTimesOutAgainstAPeerThatNeverAccepts)
         int c = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
         fillers.push_back(c);
         (void)connect(c, reinterpret_cast<sockaddr *>(&a), sizeof a);
-        // The first connect always fits in the queue; a later one that stays pending shows
-        // that the queue is full.
+        // The first connect always fits; a later one left pending shows the queue is full.
         pollfd p = {c, POLLOUT, 0};
         full = poll(&p, 1, i == 0 ? 2000 : 500) == 0 && i > 0;
     }
@@ -238,30 +231,20 @@ TEST(OpenConnection, LocalDomainPathConnectsAndAMissingPathIsConnectError)
 {
     wzrtest::TempDir dir;
     std::string path = dir.file("ldapi.sock");
-    int lfd = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un un{};
-    un.sun_family = AF_UNIX;
-    std::strncpy(un.sun_path, path.c_str(), sizeof un.sun_path - 1);
-    ASSERT_EQ(bind(lfd, reinterpret_cast<sockaddr *>(&un), sizeof un), 0);
-    ASSERT_EQ(listen(lfd, 4), 0);
+    wzrtest::FakeServer server(path);
     struct timeval limit = {2, 0};
     for (struct timeval *timeout : {static_cast<struct timeval *>(nullptr), &limit}) {
         Sockbuf sb = {-1, nullptr, 0, 0, -1};
         ASSERT_EQ(open_connection(&sb, path.c_str(), 0, nullptr, 0, timeout), 0);
-        int peer = accept(lfd, nullptr, nullptr);
-        ASSERT_EQ(write(sb.sb_sd, "ok", 2), 2);
-        char got[2];
-        EXPECT_EQ(read(peer, got, 2), 2);
-        close(peer);
         close(sb.sb_sd);
     }
+    EXPECT_TRUE(server.wait_for_connections(2));
     Sockbuf sb = {-1, nullptr, 0, 0, -1};
     EXPECT_EQ(open_connection(&sb, dir.file("missing.sock").c_str(), 0, nullptr, 0, nullptr), LDAP_CONNECT_ERROR);
     EXPECT_EQ(sb.sb_sd, -1) << "a failed local connect stores nothing";
     std::string too_long = "/" + std::string(200, 'p');
     EXPECT_EQ(open_connection(&sb, too_long.c_str(), 0, nullptr, 0, nullptr), LDAP_CONNECT_ERROR);
     EXPECT_EQ(open_connection(nullptr, path.c_str(), 0, nullptr, 0, nullptr), LDAP_PARAM_ERROR);
-    close(lfd);
 }
 
 TEST(SocketMode, HelpersSetAndClearNonBlockingAndReportErrno)
@@ -364,8 +347,7 @@ TEST(FindConn, EveryFailedAllocationWhileCreatingIsReportedAndLeaksNothing)
               1);
 }
 
-// The connection lock is held while a connection is created and opened, so threads that ask
-// for the same server at once share one new connection.
+// Threads asking for the same new server at once share one connection (created under the lock).
 TEST(FindConnThreads, ConcurrentLookupsOfANewServerCreateOneConnection)
 {
     wzrtest::LoopbackListener listener;

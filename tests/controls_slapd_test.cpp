@@ -1,7 +1,5 @@
-// Each control end to end against a slapd that serves it: paged results past the size limit
-// (through the library and the tool), sorting, virtual list views, assertion, matched values,
-// proxied authorisation and password policy, read back through the parsers; against scripted
-// servers, paged results whose cookie repeats and the choice of password policy control.
+// Each control end to end against a slapd that serves it, read back through the parsers; against
+// scripted servers, paged results whose cookie repeats and the choice of password policy control.
 #include <gtest/gtest.h>
 
 #include <ctime>
@@ -32,8 +30,7 @@ constexpr int kBulk = 1200;
 const std::string kBase = "dc=example,dc=com", kPeople = "ou=people," + kBase;
 const std::string kAlice = "uid=alice," + kPeople;
 
-// Two users under the default 30-day policy whose passwords changed a day ago: one to be
-// warned, one to be locked out.
+// Two users under the 30-day policy whose passwords changed a day ago: one warned, one locked out.
 std::string policy_users()
 {
     char changed[32];
@@ -47,18 +44,10 @@ std::string policy_users()
     return out;
 }
 
-wzrtest::SlapdFixture &server() // one for the program, stopped at exit
+wzrtest::SlapdFixture &server()
 {
-    static wzrtest::SlapdFixture fixture;
-    static bool started = [] {
-        wzrtest::SlapdOptions opts;
-        opts.bulk_entries = kBulk;
-        opts.extra_ldif = policy_users();
-        opts.controls = true;
-        return wzrtest::SlapdFixture::available() && fixture.start(opts);
-    }();
-    (void)started;
-    return fixture;
+    static const std::string extra = policy_users(); // the same options on every call
+    return wzrtest::program_slapd({.bulk_entries = kBulk, .extra_ldif = extra, .controls = true});
 }
 
 std::vector<std::string> users(int from, int to) // "userNNN" from `from` to `to`, either way
@@ -141,8 +130,7 @@ TEST_F(ControlsSlapd, EachControlChangesWhatTheSearchReturns)
         {{}, a, all, pw, 0, {}, ""}, // the proxy's own rights
         {{"-e authzid=dn:" + kAlice}, a, all, pw, 0, {"alice-secret"}, ""},
         {{"-E deref=member:uid"}, "cn=staff,ou=groups," + kBase, all, "cn", 0, {"staff"}, members},
-        // slapd reads the value of a control it knows even when it is not critical, and
-        // refuses a malformed one (2).
+        // slapd reads a control it knows even when not critical, and refuses a malformed one (2).
         {{"-e sessiontracking=alice"}, a, all, "uid", 0, {"alice"}, ""},
     };
     ASSERT_EQ(bind("uid=proxy," + kPeople, "proxy-secret", nullptr), 0);
@@ -231,9 +219,8 @@ std::string success(unsigned tag)
     return wzrtest::ber_seq(wzrtest::ber_int(0, 0x0a) + wzrtest::ber_str("") + wzrtest::ber_str(""), tag);
 }
 
-// Each page's request carries, not critical, the page size and the cookie of the page before;
-// a server that hands the same cookie back makes no progress, and the walk stops with 84
-// instead of fetching that page for ever.
+// Each page's request carries the page size and the previous cookie; a repeated cookie ends the
+// walk with 84 instead of fetching that page for ever.
 TEST(ControlsFake, PagedSearchSendsTheCookieBackAndStopsWhenItRepeats)
 {
     wzrtest::FakeServer server;
@@ -265,9 +252,8 @@ TEST(ControlsFake, PagedSearchSendsTheCookieBackAndStopsWhenItRepeats)
     ldap_unbind(ld);
 }
 
-// USE_OPENLDAP_PWDPOLICY_CONTROL is read once per process: each setting runs in a child, which
-// checks its bind request byte for byte and which of a server's answers it believes: the bind
-// is answered "locked" (condition 4) in the draft's control and "expired" (3) in the native one.
+// USE_OPENLDAP_PWDPOLICY_CONTROL is read once per process: a child per setting checks the request
+// it sends and the answer it believes, "locked" (4) in the draft's control, "expired" (3) natively.
 int bind_once(const char *oid, int condition)
 {
     wzrtest::FakeServer server;

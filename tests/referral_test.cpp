@@ -1,10 +1,9 @@
-// Referral chasing and URL search, against two slapd servers (the first refers ou=partners and
-// foreign DNs to the second) and against scripted servers (version 2 texts, hostile referrals,
-// a referred server dying or silent, the bytes of the re-encoded request); extended operations:
-// Who-am-I and an unknown OID against slapd, the request encoding, the backup value and its
-// decoded result, and the transaction values against a scripted server.
+// The library's operations against real slapd servers where the tool (wzrldap_tool_test) does not
+// take them: referral chasing and URL search (also against scripted servers), extended operations,
+// asynchronous updates, transactions, one connection shared by threads, and the fixture itself.
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <set>
 #include <string>
 #include <thread>
@@ -12,6 +11,8 @@
 
 #include "libldap/ldap_abandon.h"
 #include "libldap/ldap_bind.h"
+#include "libldap/ldap_controls.h"
+#include "libldap/ldap_ctrl.h"
 #include "libldap/ldap_dn.h"
 #include "libldap/ldap_entry.h"
 #include "libldap/ldap_error.h"
@@ -26,9 +27,12 @@
 #include "libldap/ldap_unbind.h"
 #include "libldap/ldap_update.h"
 #include "libldap/ldap_usearch.h"
+#include "support/engine_client.h"
 #include "support/fake_server.h"
 #include "support/fber_bytes.h"
+#include "support/ops_client.h"
 #include "support/slapd_fixture.h"
+#include "support/test_util.h"
 
 using namespace wzrtest;
 namespace f = wzrtest::fber;
@@ -48,8 +52,7 @@ struct Handle {
     ~Handle() { ldap_unbind(ld); }
 };
 
-// What a search gave: its code, the entries' DNs, the final result's code and referral URLs,
-// and the rows still in use in every table of the handle (none may stay behind).
+// What a search gave, and the rows still in use in the handle's tables (none may stay behind).
 struct Outcome {
     int rc = -1, code = -1, rows = 0;
     std::set<std::string> dns;
@@ -116,41 +119,29 @@ std::string referral_ldif(const std::string &ou, const std::string &url)
            "ou: " + ou + "\nref: " + url + "\n\n";
 }
 
-struct Servers {
-    SlapdFixture second, first;
-    Servers()
-    {
-        // A loop: the first's ou=loop refers to the second's, which refers to a URL without
-        // server, which means the handle's own, the first.
-        const std::string loop = "/ou=loop," + BASE;
-        SlapdOptions two, one;
-        two.extra_ldif = partner_ldif(8) + referral_ldif("loop", "ldap://" + loop);
-        if (!SlapdFixture::available() || !second.start(two))
-            return;
-        one.extra_ldif = referral_ldif("partners", second.uri() + "/" + PARTNERS) +
-                         referral_ldif("dead", "ldap://127.0.0.1:1/ou=dead," + BASE) +
-                         referral_ldif("loop", second.uri() + loop);
-        one.default_referral = second.uri();
-        (void)first.start(one);
-    }
-};
+// The second server holds ou=partners, which the first refers to, with a dead server and a
+// loop: the second's ou=loop refers to a URL without server, which means the handle's own.
+const std::string LOOP = "/ou=loop," + BASE;
+SlapdFixture &second()
+{
+    return program_slapd({.extra_ldif = partner_ldif(8) + referral_ldif("loop", "ldap://" + LOOP)});
+}
+SlapdFixture &first()
+{
+    const std::string to = second().uri();
+    return program_slapd({.extra_ldif = referral_ldif("partners", to + "/" + PARTNERS) +
+                                        referral_ldif("dead", "ldap://127.0.0.1:1/ou=dead," + BASE) +
+                                        referral_ldif("loop", to + LOOP),
+                          .default_referral = to});
+}
 
 class Referrals : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        if (!SlapdFixture::available())
-            GTEST_SKIP() << "slapd is not installed";
-        ASSERT_TRUE(servers().second.running() && servers().first.running())
-            << servers().second.error() << servers().first.error();
+        WZR_REQUIRE_SLAPD(second());
+        WZR_REQUIRE_SLAPD(first());
     }
-    static Servers &servers()
-    {
-        static Servers s;
-        return s;
-    }
-    const SlapdFixture &first() { return servers().first; }
-    const SlapdFixture &second() { return servers().second; }
 };
 
 TEST_F(Referrals, SubtreeSearchReturnsTheReferredEntriesAndReportsTheDeadReferral)
@@ -165,18 +156,6 @@ TEST_F(Referrals, SubtreeSearchReturnsTheReferredEntriesAndReportsTheDeadReferra
     EXPECT_EQ(o.rows, 0);
 }
 
-const SlapdFixture *rebind_target = nullptr;
-
-int rebind_as_manager(LDAP *, char **dnp, char **pwp, int *method, int freeit)
-{
-    if (freeit == 0) {
-        *dnp = const_cast<char *>(rebind_target->manager_dn().c_str());
-        *pwp = const_cast<char *>(rebind_target->manager_pw().c_str());
-        *method = 128;
-    }
-    return 0;
-}
-
 TEST_F(Referrals, UpdatesBelowTheReferralAreReencodedForTheSecondServer)
 {
     Handle h(first().port());
@@ -185,18 +164,21 @@ TEST_F(Referrals, UpdatesBelowTheReferralAreReencodedForTheSecondServer)
     // Without a rebind procedure the second server sees an anonymous request and refuses it.
     const std::string dn = "cn=newcomer," + PARTNERS;
     EXPECT_EQ(ldap_delete_s(h.ld, partner(8).c_str()), LDAP_STRONG_AUTH_REQUIRED);
-    rebind_target = &second();
-    LDAPRebindProc proc = rebind_as_manager;
+    LDAPRebindProc proc = [](LDAP *, char **dnp, char **pwp, int *method, int freeit) {
+        if (freeit == 0) { // the second server's manager
+            *dnp = const_cast<char *>(second().manager_dn().c_str());
+            *pwp = const_cast<char *>(second().manager_pw().c_str());
+            *method = 128;
+        }
+        return 0;
+    };
     ASSERT_EQ(ldap_set_option(h.ld, LDAP_OPT_REBIND_FN, reinterpret_cast<void *>(proc)), 0);
-    char *oc[] = {const_cast<char *>("device"), nullptr};
-    char *cn[] = {const_cast<char *>("newcomer"), nullptr};
-    LDAPMod m1 = {LDAP_MOD_ADD, const_cast<char *>("objectClass"), {oc}};
-    LDAPMod m2 = {LDAP_MOD_ADD, const_cast<char *>("cn"), {cn}};
-    LDAPMod *attrs[] = {&m1, &m2, nullptr};
-    ASSERT_EQ(ldap_add_s(h.ld, dn.c_str(), attrs), 0);
+    ASSERT_EQ(ldap_add_s(h.ld, dn.c_str(), Mods{{LDAP_MOD_ADD, "objectClass", {"device"}},
+                                                {LDAP_MOD_ADD, "cn", {"newcomer"}}}), 0);
     EXPECT_EQ(search(Handle(second().port()).ld, dn, LDAP_SCOPE_BASE, "(cn=*)").rc, 0);
-    LDAPMod *mods[] = {&m2, nullptr}; // adds a value it has: the second server's refusal
-    EXPECT_EQ(ldap_modify_s(h.ld, dn.c_str(), mods), LDAP_TYPE_OR_VALUE_EXISTS);
+    // Adds a value it has: the second server's refusal.
+    EXPECT_EQ(ldap_modify_s(h.ld, dn.c_str(), Mods{{LDAP_MOD_ADD, "cn", {"newcomer"}}}),
+              LDAP_TYPE_OR_VALUE_EXISTS);
     EXPECT_EQ(ldap_compare_s(h.ld, dn.c_str(), "cn", "newcomer"), LDAP_COMPARE_TRUE);
     // Renamed under its own parent: the delete of the new name below proves where it went.
     const std::string renamed = "cn=renamed," + PARTNERS;
@@ -421,23 +403,15 @@ TEST(ReferralFake, ReencodedSearchCarriesTheUrlsScopeAndFilterAndDropsThePagedCo
 
 TEST_F(Referrals, WhoAmIGivesTheBoundIdentityAndAnUnknownOidTheServersError)
 {
-    const SlapdFixture &slapd = first();
-    Handle h(slapd.port());
-    ASSERT_EQ(ldap_simple_bind_s(h.ld, slapd.user_dn().c_str(), slapd.user_pw().c_str()), 0);
+    Handle h(first().port());
+    ASSERT_EQ(ldap_simple_bind_s(h.ld, first().user_dn().c_str(), first().user_pw().c_str()), 0);
+    EXPECT_EQ(whoami(h.ld), "dn:" + first().user_dn());
     struct berval *data = nullptr;
-    ASSERT_EQ(ldap_extended_operation_s(h.ld, "1.3.6.1.4.1.4203.1.11.3", nullptr, nullptr,
-                                        nullptr, nullptr, &data),
-              0);
-    ASSERT_NE(data, nullptr);
-    EXPECT_EQ(std::string(data->bv_val, data->bv_len), "dn:" + slapd.user_dn());
-    ber_bvfree(data);
     EXPECT_EQ(ldap_extended_operation_s(h.ld, "1.2.3.4.5.6.7", nullptr, nullptr, nullptr, nullptr,
                                         &data),
               LDAP_PROTOCOL_ERROR);
-    char *text = nullptr;
-    EXPECT_EQ(ldap_get_lderrno(h.ld, nullptr, &text), LDAP_PROTOCOL_ERROR);
-    EXPECT_NE(std::string(text != nullptr ? text : ""), ""); // the server's own words
-    lber_free(text);
+    EXPECT_EQ(ldap_get_lderrno(h.ld, nullptr, nullptr), LDAP_PROTOCOL_ERROR);
+    EXPECT_NE(recorded_message(h.ld), ""); // the server's own words
 }
 
 TEST(Extended, RequestValuesBackupResultAndTransactionId)
@@ -469,6 +443,140 @@ TEST(Extended, RequestValuesBackupResultAndTransactionId)
     // The end value: the commit byte, then the id's bytes.
     const std::string end = std::string("\x01", 1) + f::seq(f::integer(7));
     EXPECT_NE(sent[3].bytes.find(f::prim(0x81, end)), std::string::npos);
+}
+
+/* ---- updates, transactions and threads on the shared server ---- */
+
+// Every test works on the shared server through its own handle, bound as the manager.
+class OpsSlapd : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        WZR_REQUIRE_SLAPD(s);
+        ld = ldap_init("127.0.0.1", s.port());
+        ASSERT_EQ(collect(ldap_simple_bind(ld, s.manager_dn().c_str(), s.manager_pw().c_str()), LDAP_RES_BIND), 0);
+    }
+    void TearDown() override { ldap_unbind(ld); }
+    // The code of the result of request `id`, whose response type is checked.
+    int collect(int id, int type)
+    {
+        LDAPMessage *res = nullptr;
+        EXPECT_EQ(ldap_result(ld, id, 1, nullptr, &res), type) << id;
+        return ldap_result2error(ld, res, 1);
+    }
+    SlapdFixture &s = shared_slapd();
+    LDAP *ld = nullptr;
+};
+
+// Each collected before the next is sent: the server may run one connection's requests in parallel.
+TEST_F(OpsSlapd, AsynchronousUpdatesAndComparesAreAnsweredByTheirIds)
+{
+    const std::string dn = "cn=Ops Async,ou=people," + s.base(), renamed = "cn=Ops Async2,ou=people," + s.base();
+    (void)ldap_delete_s(ld, dn.c_str()); // a leftover of an aborted run
+    Mods add{{LDAP_MOD_ADD, "objectClass", {"person"}}, {LDAP_MOD_ADD, "sn", {"Async"}},
+             {LDAP_MOD_ADD, "description", {"d"}}};
+    Mods mods{{LDAP_MOD_REPLACE, "sn", {"Replaced"}}, {LDAP_MOD_DELETE, "description", {}}};
+    EXPECT_EQ(collect(ldap_add(ld, dn.c_str(), add), LDAP_RES_ADD), 0);
+    EXPECT_EQ(collect(ldap_compare(ld, dn.c_str(), "sn", "Async"), LDAP_RES_COMPARE), LDAP_COMPARE_TRUE);
+    EXPECT_EQ(collect(ldap_modify(ld, dn.c_str(), mods), LDAP_RES_MODIFY), 0);
+    struct berval bv = {8, const_cast<char *>("Replaced")};
+    EXPECT_EQ(ldap_compare_ext_s(ld, dn.c_str(), "sn", &bv, nullptr, nullptr), LDAP_COMPARE_TRUE);
+    EXPECT_EQ(ldap_compare_s(ld, dn.c_str(), "description", "d"), LDAP_NO_SUCH_ATTRIBUTE);
+    EXPECT_EQ(collect(ldap_modrdn(ld, dn.c_str(), "cn=Ops Async2", 1), LDAP_RES_MODDN), 0);
+    EXPECT_EQ(ldap_compare_s(ld, renamed.c_str(), "cn", "Ops Async"), LDAP_COMPARE_FALSE); // removed
+    EXPECT_EQ(collect(ldap_delete(ld, renamed.c_str()), LDAP_RES_DELETE), 0);
+    EXPECT_EQ(ldap_compare_s(ld, renamed.c_str(), "cn", "Ops Async2"), LDAP_NO_SUCH_OBJECT);
+}
+
+// Updates sent with the transaction control stay unseen until the end; a commit applies them
+// all, an abort none, and a commit that one update spoils applies none and names that update.
+TEST_F(OpsSlapd, CommitAppliesEveryUpdateAbortNoneAndASpoiledCommitNamesItsUpdate)
+{
+    LDAP *other = ldap_init(s.host_port().c_str(), 0);
+    auto dn = [&](const std::string &cn) { return "cn=" + cn + "," + s.base(); };
+    struct Case { std::string cn[2]; int commit, code, applied; } cases[] = {
+        {{"txc1", "txc2"}, 1, 0, 2}, {{"txa1", "txa2"}, 0, 0, 0},
+        {{"txs1", "txs1"}, 1, LDAP_ALREADY_EXISTS, 0}}; // the second add repeats the first
+    for (const Case &c : cases) {
+        auto seen = [&] { // by a handle outside the transaction
+            int n = 0;
+            for (const std::string &cn : c.cn)
+                n += ldap_compare_s(other, dn(cn).c_str(), "cn", cn.c_str()) == LDAP_COMPARE_TRUE;
+            return n;
+        };
+        struct berval *txnid = nullptr;
+        LDAPControl *in_txn = nullptr;
+        ASSERT_EQ(ldap_txn_start_s(ld, nullptr, nullptr, &txnid), 0);
+        ASSERT_EQ(ldap_create_txn_spec_control(ld, txnid, &in_txn), 0);
+        LDAPControl *ctrls[] = {in_txn, nullptr};
+        int msgid = -1;
+        for (const std::string &cn : c.cn) {
+            Mods mods{{LDAP_MOD_ADD, "objectClass", {"device"}}, {LDAP_MOD_ADD, "cn", {cn}}};
+            ASSERT_EQ(ldap_add_ext(ld, dn(cn).c_str(), mods, ctrls, nullptr, &msgid), 0);
+            EXPECT_EQ(collect(msgid, LDAP_RES_ADD), 0) << "queued, not refused: " << cn;
+        }
+        EXPECT_EQ(seen(), 0) << c.cn[0] << " before the end";
+        int failed = -2;
+        EXPECT_EQ(ldap_txn_end_s(ld, c.commit, txnid, nullptr, nullptr, &failed), c.code);
+        EXPECT_EQ(failed, c.code != 0 ? msgid : -1) << c.cn[0];
+        EXPECT_EQ(seen(), c.applied) << c.cn[0];
+        for (int i = 0; i < c.applied; ++i) // the shared server as it was
+            (void)ldap_delete_s(ld, dn(c.cn[i]).c_str());
+        ldap_control_free(in_txn);
+        ber_bvfree(txnid);
+    }
+    ldap_unbind(other);
+}
+
+// Requests sent through ldap_send_request by threads at once come back by id.
+TEST(EngineSlapdThreads, ManyThreadsShareOneConnection)
+{
+    SlapdFixture &slapd = shared_slapd();
+    WZR_REQUIRE_SLAPD(slapd);
+    LDAP *ld = ldap_init(slapd.host_port().c_str(), 0);
+    ASSERT_NE(ld, nullptr);
+    std::atomic<int> ok{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 50; ++i) {
+                int id = send_extended(ld);
+                LDAPMessage *res = nullptr;
+                struct timeval wait = {10, 0};
+                ok += id > 0 && ldap_result(ld, id, LDAP_MSG_ONE, &wait, &res) == LDAP_RES_EXTENDED &&
+                      ldap_msgid(res) == id;
+                ldap_msgfree(res);
+            }
+        });
+    }
+    for (std::thread &t : threads)
+        t.join();
+    EXPECT_EQ(ok.load(), 400);
+    EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
+// A private server is stopped by its pid, its directory kept until it starts again from fresh data.
+TEST(SlapdFixture, StopsByPidAndRestartsFresh)
+{
+    if (!SlapdFixture::available())
+        GTEST_SKIP() << "slapd is not installed";
+    SlapdFixture s;
+    ASSERT_TRUE(s.start({.extra_ldif = "dn: cn=extra,ou=devices," + BASE + "\nobjectClass: device\ncn: extra\n"}))
+        << s.error();
+    EXPECT_NE(s.port(), shared_slapd().port());
+    auto extra = [&] {
+        return run_capture("LDAPNOINIT=1 ldapsearch -x -H " + s.uri() + " -s base -b cn=extra,ou=devices," +
+                           BASE + " 1.1 2>&1", nullptr);
+    };
+    EXPECT_EQ(extra(), 0);
+    pid_t pid = s.pid();
+    std::string dir = s.dir();
+    s.stop();
+    EXPECT_NE(kill(pid, 0), 0) << "the server was reaped";
+    EXPECT_EQ(access(dir.c_str(), F_OK), 0) << "kept for inspection until destroyed";
+    ASSERT_TRUE(s.start()) << s.error();
+    EXPECT_NE(access(dir.c_str(), F_OK), 0) << "old directory left behind";
+    EXPECT_EQ(extra(), LDAP_NO_SUCH_OBJECT);
 }
 
 } // namespace

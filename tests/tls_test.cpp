@@ -1,13 +1,15 @@
-// LDAPS and StartTLS against a real slapd with a test CA, through the toolkit built here: chain
-// and name checks, StartTLS, toolkit loading rules, handshake time-outs, hostile peers and bad
-// key databases. Every test runs in a process of its own (the toolkit environment and its
-// settings are process-wide, as in a real program).
+// LDAPS and StartTLS against a real slapd through the toolkit built here: trust and names, toolkit
+// loading, time-outs, hostile peers, key databases, the system's store and a PKCS#11 token. Each
+// test runs in a process of its own: the toolkit's environment and settings are process-wide.
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <fstream>
 #include <functional>
+#include <netinet/in.h>
+#include <openssl/ssl.h>
 #include <string>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -29,6 +31,7 @@
 #include "libldap/ldap_update.h"
 #include "support/fake_server.h"
 #include "support/loopback_listener.h"
+#include "support/ops_client.h"
 #include "support/slapd_fixture.h"
 #include "support/test_util.h"
 
@@ -49,21 +52,13 @@ struct Handle {
         return ldap_simple_bind_s(ld, dn.empty() ? nullptr : dn.c_str(),
                                   pw.empty() ? nullptr : pw.c_str());
     }
-    std::string error() const
-    {
-        char *msg = nullptr;
-        if (ldap_get_option(ld, LDAP_OPT_ERROR_STRING, &msg) != 0 || msg == nullptr)
-            return "";
-        std::string s = msg;
-        lber_free(msg);
-        return s;
-    }
+    std::string error() const { return wzrtest::recorded_message(ld); }
     bool secure() const { return ld->ld_defconn->sb.sb_secure != nullptr; }
 };
 
-std::string ldaps(const SlapdFixture &s, const char *host = "localhost")
+std::string ldaps(int port, const char *host = "localhost")
 {
-    return "ldaps://" + std::string(host) + ":" + std::to_string(s.ldaps_port());
+    return "ldaps://" + std::string(host) + ":" + std::to_string(port);
 }
 
 std::string plain(const SlapdFixture &s) { return "localhost:" + std::to_string(s.port()); }
@@ -94,26 +89,21 @@ int in_child(const std::function<int()> &body)
     return pid > 0 && waitpid(pid, &status, 0) == pid ? WEXITSTATUS(status) : -1;
 }
 
-// An add over LDAPS, and a referral from the LDAPS handle to a plain URL that is not followed,
-// even to a server that answers there: the result reports the URL instead. The same search on a
-// plain handle follows it.
+// An add over LDAPS; a referral to a plain URL is reported, not followed, from an LDAPS handle
+// (a plain handle follows it).
 TEST(Ldaps, UpdatesOverAVerifiedChainAndNeverFollowsAPlainReferral)
 {
     SlapdFixture &s = tls_slapd();
     WZR_REQUIRE_SLAPD(s);
     ASSERT_EQ(init_trusting(s), 0);
-    Handle secure(ldaps(s));
+    Handle secure(ldaps(s.ldaps_port()));
     ASSERT_EQ(secure.bind(s.manager_dn(), s.manager_pw()), 0) << secure.error();
     EXPECT_TRUE(secure.secure());
     EXPECT_EQ(count_people(secure.ld, "ou=people," + s.base()), 9);
     std::string dn = "ou=plainref," + s.base(), url = s.uri() + "/ou=people," + s.base();
-    char oc1[] = "referral", oc2[] = "extensibleObject", ou[] = "plainref";
-    char *ocs[] = {oc1, oc2, nullptr}, *ous[] = {ou, nullptr}, *refs[] = {url.data(), nullptr};
-    char t_oc[] = "objectClass", t_ou[] = "ou", t_ref[] = "ref";
-    LDAPMod m1 = {LDAP_MOD_ADD, t_oc, {ocs}}, m2 = {LDAP_MOD_ADD, t_ou, {ous}},
-            m3 = {LDAP_MOD_ADD, t_ref, {refs}};
-    LDAPMod *mods[] = {&m1, &m2, &m3, nullptr};
-    ASSERT_EQ(ldap_add_s(secure.ld, dn.c_str(), mods), 0);
+    wzrtest::Mods ref{{LDAP_MOD_ADD, "objectClass", {"referral", "extensibleObject"}},
+                      {LDAP_MOD_ADD, "ou", {"plainref"}}, {LDAP_MOD_ADD, "ref", {url}}};
+    ASSERT_EQ(ldap_add_s(secure.ld, dn.c_str(), ref), 0);
     LDAPMessage *res = nullptr;
     EXPECT_NE(ldap_search_s(secure.ld, dn.c_str(), LDAP_SCOPE_ONELEVEL, "(uid=user00*)", nullptr, 0, &res), 0);
     char **referrals = nullptr;
@@ -130,8 +120,7 @@ TEST(Ldaps, UpdatesOverAVerifiedChainAndNeverFollowsAPlainReferral)
     EXPECT_EQ(reason, 0);
 }
 
-// Every allocation of the environment set-up and of an LDAPS connection, bind and unbind
-// failed in turn: each run fails cleanly and leaks nothing.
+// Every allocation of the toolkit set-up and of an LDAPS bind failed in turn: clean, no leaks.
 TEST(Ldaps, EveryFailedAllocationFailsCleanlyAndLeaksNothing)
 {
     SlapdFixture &s = tls_slapd();
@@ -144,7 +133,7 @@ TEST(Ldaps, EveryFailedAllocationFailsCleanlyAndLeaksNothing)
         return ldap_ssl_environment_init(ca.c_str(), nullptr, 0, &reason) == 0;
     }), 1);
     auto connect_bind_unbind = [&] {
-        LDAP *ld = ldap_init(ldaps(s).c_str(), 0);
+        LDAP *ld = ldap_init(ldaps(s.ldaps_port()).c_str(), 0);
         bool ok = ld != nullptr && ldap_simple_bind_s(ld, nullptr, nullptr) == 0;
         if (ld != nullptr)
             ok = ldap_unbind(ld) == 0 && ok;
@@ -163,7 +152,7 @@ TEST(Ldaps, UntrustedChainAndWrongNameFailWith116AndTheReason)
     SlapdFixture &s = tls_slapd();
     WZR_REQUIRE_SLAPD(s);
     ASSERT_EQ(init_trusting(s, "other-ca.pem"), 0);
-    Handle untrusted(ldaps(s));
+    Handle untrusted(ldaps(s.ldaps_port()));
     EXPECT_EQ(untrusted.bind(), LDAP_SSL_HANDSHAKE_FAILED);
     // slapd sends its CA along, so the chain ends in a self-signed certificate nobody trusts.
     EXPECT_EQ(untrusted.ld->ld_ssl_reason, WZR_ERR_SELF_SIGNED);
@@ -176,12 +165,12 @@ TEST(Ldaps, UntrustedChainAndWrongNameFailWith116AndTheReason)
     int reason = -1;
     ASSERT_EQ(ldap_ssl_environment_init((s.tls_dir() + "/ca.pem").c_str(), nullptr, 0, &reason), 0);
     // 2130706433 is 127.0.0.1 to the resolver, but no name the certificate carries.
-    Handle wrong_name(ldaps(s, "2130706433"));
+    Handle wrong_name(ldaps(s.ldaps_port(), "2130706433"));
     EXPECT_EQ(wrong_name.bind(), LDAP_SSL_HANDSHAKE_FAILED);
     EXPECT_EQ(wrong_name.ld->ld_ssl_reason, WZR_ERR_BAD_PEER);
     EXPECT_NE(wrong_name.error().find("does not name 2130706433"), std::string::npos)
         << wrong_name.error();
-    Handle by_address(ldaps(s, "127.0.0.1"));
+    Handle by_address(ldaps(s.ldaps_port(), "127.0.0.1"));
     EXPECT_EQ(by_address.bind(), 0) << by_address.error();
 }
 
@@ -201,8 +190,7 @@ TEST(StartTls, SecuresThePlainConnectionOnceAndRefusesASecondTime)
     EXPECT_TRUE(h.secure());
     ASSERT_EQ(h.bind(s.user_dn(), s.user_pw()), 0);
     EXPECT_EQ(count_people(h.ld, "ou=people," + s.base()), 9);
-    // slapd refuses a second StartTLS itself (operationsError); a server that agreed would
-    // meet the library's own refusal.
+    // slapd refuses a second StartTLS itself; one that agreed would meet the library's refusal.
     EXPECT_EQ(ldap_start_tls_s_np(h.ld, nullptr), LDAP_OPERATIONS_ERROR);
     EXPECT_EQ(ldap_start_tls_handshake(h.ld), LDAP_SSL_ALREADY_INITIALIZED);
     EXPECT_EQ(count_people(h.ld, "ou=people," + s.base()), 9) << "the connection still works";
@@ -213,7 +201,7 @@ TEST(ClientCertificate, SelectedByLabelGivesItsIdentityToExternalBind)
     SlapdFixture &s = tls_slapd("demand");
     WZR_REQUIRE_SLAPD(s);
     // No password: the stash file next to the key database (client.sth) holds it.
-    Handle h(ldaps(s));
+    Handle h(ldaps(s.ldaps_port()));
     ASSERT_EQ(ldap_set_option(h.ld, LDAP_OPT_SSL_KEYRING, (s.tls_dir() + "/client.p12").c_str()), 0);
     ASSERT_EQ(ldap_set_option(h.ld, LDAP_OPT_SSL_CERT_LABEL, "operator"), 0);
     ASSERT_EQ(ldap_sasl_bind_s(h.ld, nullptr, "EXTERNAL", nullptr, nullptr, nullptr, nullptr), 0)
@@ -235,8 +223,7 @@ TEST(ClientCertificate, SelectedByLabelGivesItsIdentityToExternalBind)
     ldap_msgfree(res);
 }
 
-// Bad key databases and passwords fail the set-up with their codes; a good one with an
-// unknown label fails the handshake with the toolkit's code.
+// Bad key databases and passwords fail the set-up, an unknown label the handshake, each with its code.
 TEST(KeyDatabase, BadFilesPasswordsAndLabelsFailWithTheirCodes)
 {
     SlapdFixture &s = tls_slapd();
@@ -269,7 +256,7 @@ TEST(LdapsThreads, SixteenShareOneHandle)
     SlapdFixture &s = tls_slapd();
     WZR_REQUIRE_SLAPD(s);
     ASSERT_EQ(init_trusting(s), 0);
-    Handle h(ldaps(s));
+    Handle h(ldaps(s.ldaps_port()));
     ASSERT_EQ(h.bind(), 0) << h.error();
     std::vector<int> found(16, 0);
     std::vector<std::thread> threads;
@@ -283,8 +270,7 @@ TEST(LdapsThreads, SixteenShareOneHandle)
     EXPECT_EQ(found, std::vector<int>(16, 10));
 }
 
-// Toolkit loading: absent, refused, another version, or lacking an entry point: 118 for
-// secure requests, plain connections unaffected.
+// Without a toolkit secure requests fail with 118; plain connections are unaffected.
 TEST(Toolkit, AbsentToolkitGives118AndPlainStillWorks)
 {
     unsetenv("WZRKIT_LOCAL_INSTALL_MODE"); // look in /usr/lib64, where no toolkit is
@@ -292,15 +278,14 @@ TEST(Toolkit, AbsentToolkitGives118AndPlainStillWorks)
     WZR_REQUIRE_SLAPD(s);
     int reason = -1;
     EXPECT_EQ(ldap_ssl_client_init(nullptr, nullptr, 0, &reason), LDAP_SSL_NOT_AVAILABLE);
-    Handle secure(ldaps(s));
+    Handle secure(ldaps(s.ldaps_port()));
     EXPECT_EQ(secure.bind(), LDAP_SSL_NOT_AVAILABLE);
     Handle plain(s.uri());
     EXPECT_EQ(plain.bind(), 0);
     EXPECT_STREQ(ldap_ssl_strerror(0), "Wzrkit not loaded");
 }
 
-// Process-wide settings: which toolkit files load, and the handshake time-out (an exit status
-// of 0 when the parsed time-out is as expected).
+// Which toolkit files load (refused, another version, lacking an entry), and the handshake time-out.
 TEST(Toolkit, SettingsSelectTheFilesAndTheHandshakeTimeOut)
 {
     const struct {
@@ -363,13 +348,12 @@ TEST(Handshake, SilentPeerFailsAfterTheHandshakeTimeOut)
     ASSERT_TRUE(silent.ok());
     int reason = -1;
     ASSERT_EQ(ldap_ssl_client_init(nullptr, nullptr, 0, &reason), 0);
-    Handle h("ldaps://127.0.0.1:" + std::to_string(silent.port()));
+    Handle h(ldaps(silent.port(), "127.0.0.1"));
     EXPECT_EQ(h.bind(), LDAP_SSL_HANDSHAKE_FAILED);
     EXPECT_EQ(h.ld->ld_ssl_reason, WZR_ERR_IO);
 }
 
-// Hostile peers, under the default handshake wait: garbage instead of a
-// ServerHello, a close in the middle, a 16 MB message.
+// Hostile peers: garbage instead of a ServerHello, a close in the middle, a 16 MB message.
 TEST(Handshake, HostilePeersFailWith116AndTheirReason)
 {
     int reason = -1;
@@ -392,10 +376,111 @@ TEST(Handshake, HostilePeersFailWith116AndTheirReason)
                 conn.send(c.bytes);
             conn.close();
         });
-        Handle h("ldaps://127.0.0.1:" + std::to_string(server.port()));
+        Handle h(ldaps(server.port(), "127.0.0.1"));
         EXPECT_EQ(h.bind(), LDAP_SSL_HANDSHAKE_FAILED);
         EXPECT_EQ(h.ld->ld_ssl_reason, c.reason) << h.error();
     }
+}
+
+// A TLS peer with the fixture's server certificate: after the handshake and one request it sends
+// the first half of the record that carries its answer, and stalls until the client leaves.
+void serve_half_a_record(int listen_fd, const std::string &dir, std::atomic<bool> *sent)
+{
+    int fd = accept(listen_fd, nullptr, nullptr);
+    SSL_CTX *ctx = SSL_CTX_new(TLS_server_method());
+    SSL_CTX_set_num_tickets(ctx, 0); // nothing after the handshake but the cut record
+    SSL_CTX_use_certificate_file(ctx, (dir + "/server.pem").c_str(), SSL_FILETYPE_PEM);
+    SSL_CTX_use_PrivateKey_file(ctx, (dir + "/server.key").c_str(), SSL_FILETYPE_PEM);
+    SSL *ssl = SSL_new(ctx);
+    char buf[4096];
+    if (SSL_set_fd(ssl, fd) == 1 && SSL_accept(ssl) == 1 && SSL_read(ssl, buf, 100) > 0) {
+        BIO *record = BIO_new(BIO_s_mem());
+        SSL_set0_wbio(ssl, record);
+        std::string answer = wzrtest::ldap_result_pdu(1, 0x65, 0);
+        SSL_write(ssl, answer.data(), static_cast<int>(answer.size()));
+        char *bytes = nullptr;
+        long half = BIO_get_mem_data(record, &bytes) / 2;
+        *sent = send(fd, bytes, static_cast<size_t>(half), 0) == half;
+        while (recv(fd, buf, sizeof buf, 0) > 0) {}
+    }
+    SSL_free(ssl);
+    SSL_CTX_free(ctx);
+    close(fd);
+}
+
+// SSL_CERT_FILE and SSL_CERT_DIR stand in for the machine's store (left untouched); no default
+// key database is in the working directory. Only the call's time-out ends the stalls in time.
+TEST(SecureDeadline, SystemStoreDecidesTrustAndStallsEndAtTheCallsTimeOut)
+{
+    setenv("OPX_SSL_DATA_TIMEOUT", "60", 1);
+    setenv("OPX_SSL_CLIENT_HANDSHAKE_TIMEOUT", "60", 1);
+    wzrtest::SlapdFixture &s = wzrtest::tls_slapd();
+    WZR_REQUIRE_SLAPD(s);
+    ASSERT_EQ(chdir(s.tls_dir().c_str()), 0);
+    setenv("SSL_CERT_DIR", (s.dir() + "/no-store").c_str(), 1);
+    wzrtest::LoopbackListener silent;
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    socklen_t len = sizeof a;
+    ASSERT_TRUE(bind(fd, reinterpret_cast<sockaddr *>(&a), len) == 0 && listen(fd, 1) == 0 &&
+                getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len) == 0);
+    std::atomic<bool> sent{false};
+    std::thread peer(serve_half_a_record, fd, s.tls_dir(), &sent);
+    const struct { const char *store; int port, ms, code, reason; } cases[] = {
+        {"ca.pem", s.ldaps_port(), 30000, LDAP_SUCCESS, 0},
+        {"other-ca.pem", s.ldaps_port(), 30000, LDAP_SSL_HANDSHAKE_FAILED, WZR_ERR_SELF_SIGNED},
+        {"ca.pem", ntohs(a.sin_port), 300, LDAP_TIMEOUT, 0}, // half a record
+        {"ca.pem", silent.port(), 300, LDAP_SSL_HANDSHAKE_FAILED, WZR_ERR_IO}};
+    for (const auto &c : cases) {
+        setenv("SSL_CERT_FILE", (s.tls_dir() + "/" + c.store).c_str(), 1);
+        int reason = -1;
+        EXPECT_EQ(ldap_ssl_environment_init(nullptr, nullptr, 0, &reason), 0) << reason;
+        LDAP *ld = ldap_init(ldaps(c.port).c_str(), 0);
+        struct timeval tv = {c.ms / 1000, c.ms % 1000 * 1000};
+        LDAPMessage *res = nullptr;
+        auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(ldap_search_st(ld, "", LDAP_SCOPE_BASE, "(objectClass=*)", nullptr, 0, &tv, &res),
+                  c.code) << c.store << " port " << c.port;
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(c.ms + 4000));
+        EXPECT_EQ(ld->ld_ssl_reason, c.reason) << c.port;
+        ldap_msgfree(res);
+        ldap_unbind(ld);
+    }
+    EXPECT_TRUE(sent.load()) << "half a record went out";
+    shutdown(fd, SHUT_RDWR);
+    peer.join();
+    close(fd);
+}
+
+// A SoftHSM token made in the test's directory (SOFTHSM2_CONF, never the machine's) holds the
+// client key, the key database only certificates: EXTERNAL binds once the token's key signed.
+TEST(Pkcs11, ClientKeyInATokenServesExternalBind)
+{
+    wzrtest::SlapdFixture &s = wzrtest::tls_slapd();
+    WZR_REQUIRE_SLAPD(s);
+    const std::string dir = s.dir() + "/softhsm", tls = s.tls_dir(), keydb = dir + "/certs.pem";
+    std::ofstream(dir + ".conf") << "directories.tokendir = " << dir << "\n";
+    setenv("SOFTHSM2_CONF", (dir + ".conf").c_str(), 1);
+    std::string make = "mkdir " + dir + " && (softhsm2-util --init-token --free --label wzr --pin"
+                       " 1234 --so-pin 5678 && softhsm2-util --import " + tls + "/client.key "
+                       "--token wzr --label operator --id 01 --pin 1234) > /dev/null && cat " +
+                       tls + "/ca.pem " + tls + "/client.pem > " + keydb;
+    ASSERT_EQ(system(make.c_str()), 0);
+    const struct { const char *pin; int accel, rc, reason; } cases[] = {
+        {"4321", 0, LDAP_SSL_INITIALIZE_FAILED, WZR_ERR_PKCS11_BAD_PASSWORD},
+        {"1234", 3, LDAP_SSL_INITIALIZE_FAILED, WZR_ERR_UNSUPPORTED},
+        {"1234", 0, LDAP_SUCCESS, 0}};
+    for (const auto &c : cases) {
+        int reason = -1;
+        EXPECT_EQ(ldap_ssl_pkcs11_environment_init(keydb.c_str(), nullptr, 0, &reason,
+                                                   "/usr/lib/softhsm/libsofthsm2.so", "wzr",
+                                                   c.pin, 1, c.accel), c.rc);
+        EXPECT_EQ(reason, c.reason);
+    }
+    LDAP *ld = ldap_init(ldaps(s.ldaps_port()).c_str(), 0);
+    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_SSL_CERT_LABEL, "operator"), 0);
+    EXPECT_EQ(ldap_sasl_bind_s(ld, nullptr, "EXTERNAL", nullptr, nullptr, nullptr, nullptr), 0);
+    ldap_unbind(ld);
 }
 
 } // namespace

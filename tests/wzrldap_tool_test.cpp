@@ -1,8 +1,6 @@
-// The wzrldap command against a real slapd: its LDIF matches ldapsearch's for the same search
-// (compared by meaning, binary values and escaped names included: this is also the proof of
-// the library's search, filter encoding and entry walk), updates from LDIF take effect,
-// malformed input changes nothing, the exit status is the LDAP result code, hostile names are
-// refused.
+// The wzrldap command against a real slapd: its LDIF means what ldapsearch's does (also the proof
+// of the library's search, filters and entry walk), LDIF updates take effect, malformed input
+// changes nothing, the exit status is the result code, hostile names are refused.
 #include "ldif.h"
 #include "support/fake_server.h"
 #include "support/slapd_fixture.h"
@@ -95,8 +93,7 @@ TEST(WzrldapTool, SearchOutputMatchesLdapsearch)
     SlapdFixture &s = wzrtest::shared_slapd();
     WZR_REQUIRE_SLAPD(s);
     const std::string people = "ou=people," + s.base();
-    // Each scope, each kind of filter (escaped values, extensible match, ordering), the tool's
-    // flags (attributes only, a bind, operational attributes).
+    // Each scope and kind of filter; attributes only, a bind, operational attributes.
     const std::vector<Args> searches = {
         {"-b", s.base()},
         {"-b", people, "-s", "base"},
@@ -195,98 +192,80 @@ TEST(WzrldapTool, ReachesLdapsAndStartTlsAndStopsWithZZWhenTlsFails)
     }
 }
 
+// Each step runs a command bound as the manager (standard input `ldif`), checks its status and
+// what it said, then reads back `dn`: the values of `attr`, or (no attr) whether it exists.
+struct Step {
+    Args args;
+    std::string ldif;
+    int status;
+    Values said{};
+    std::string dn{}, attr{};
+    Values values{};
+};
+
 TEST(WzrldapTool, AppliesLdifChangesLikeLdapmodify)
 {
     if (!SlapdFixture::available())
         GTEST_SKIP() << "slapd is not installed";
     SlapdFixture s;
     const std::string away = "ldap://127.0.0.1:1/ou=away,dc=example,dc=com";
-    wzrtest::SlapdOptions opts;
-    opts.extra_ldif = "dn: ou=away,dc=example,dc=com\nobjectClass: referral\nobjectClass: "
-                      "extensibleObject\nou: away\nref: " + away + "\n";
-    ASSERT_TRUE(s.start(opts)) << s.error();
-    auto update = [&](const char *cmd, const std::string &ldif, const Args &extra = {}) {
-        return tool(with({cmd, "-x", "-H", s.uri(), "-D", s.manager_dn(), "-w", s.manager_pw()},
-                         extra), ldif);
-    };
-    const std::string dn = "cn=new person,ou=people," + s.base();
-    std::string bytes("\x00\xff\n\x01 binary", 11);
-    Outcome r = update("add", "dn: " + dn + "\nobjectClass: inetOrgPerson\ncn: new person\n"
-                              "sn: Person\njpegPhoto:: " + wzrldif::base64_encode(bytes) + "\n");
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_NE(r.out.find("adding new entry"), std::string::npos);
-    EXPECT_EQ(entry_at(s, dn)["jpegphoto"], Values{bytes});
-    r = update("modify", "dn: " + dn + "\nchangetype: modify\nreplace: description\n"
-                         "description: first\ndescription: second\n-\nadd: l\nl: Lab 1\n-\n");
-    ASSERT_EQ(r.status, 0) << r.err;
-    auto attrs = entry_at(s, dn);
-    EXPECT_EQ(attrs["description"], (Values{"first", "second"}));
-    EXPECT_EQ(attrs["l"], Values{"Lab 1"});
-    r = update("modify", "dn: " + dn + "\nchangetype: modify\ndelete: description\n"
-                         "description: first\n-\ndelete: l\n");
-    ASSERT_EQ(r.status, 0) << r.err;
-    attrs = entry_at(s, dn);
-    EXPECT_EQ(attrs["description"], Values{"second"});
-    EXPECT_EQ(attrs.count("l"), 0u);
-    r = update("modrdn", "", {dn, "cn=renamed", "-r"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    const std::string renamed = "cn=renamed,ou=people," + s.base();
-    EXPECT_EQ(entry_at(s, renamed)["cn"], Values{"renamed"}); // the old value removed
-    r = update("modrdn", "dn: " + renamed + "\nchangetype: modrdn\nnewrdn: cn=renamed\n"
-                         "deleteoldrdn: 1\nnewsuperior: ou=devices," + s.base() + "\n");
-    ASSERT_EQ(r.status, 0) << r.err;
-    const std::string moved = "cn=renamed,ou=devices," + s.base();
-    EXPECT_EQ(ldapsearch(s, {"-b", moved, "-s", "base"}).status, 0);
-    r = update("delete", "dn: " + moved + "\n");
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(ldapsearch(s, {"-b", moved, "-s", "base"}).status, LDAP_NO_SUCH_OBJECT);
-
-    // A referral nobody answers: followed by default (81, its URL on standard error), printed
-    // as an LDIF comment with --no-referrals.
-    r = search(s, {"-b", s.base(), "(ou=away)"});
-    EXPECT_EQ(r.status, LDAP_SERVER_DOWN) << r.err;
-    EXPECT_NE(r.err.find("\t\t" + away), std::string::npos) << r.err;
-    r = search(s, {"--no-referrals", "-b", s.base(), "(ou=away)"});
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_NE(r.out.find("# ref" + away), std::string::npos) << r.out;
-
+    ASSERT_TRUE(s.start({.extra_ldif = "dn: ou=away,dc=example,dc=com\nobjectClass: referral\n"
+                                       "objectClass: extensibleObject\nou: away\nref: " + away + "\n"}))
+        << s.error();
+    const std::string base = s.base(), dn = "cn=new person,ou=people," + base,
+                      renamed = "cn=renamed,ou=people," + base, moved = "cn=renamed,ou=devices," + base,
+                      second = "cn=second,ou=devices," + base, one = "cn=one,ou=devices," + base;
+    const std::string bytes("\x00\xff\n\x01 binary", 11);
     // Failures stop the run unless -c; the exit status is the first failure's code.
-    const std::string second = "cn=second,ou=devices," + s.base();
-    const std::string two = "dn: uid=alice,ou=people," + s.base() +
-                            "\nobjectClass: inetOrgPerson\nuid: alice\ncn: dup\nsn: dup\n\n"
-                            "dn: " + second + "\nobjectClass: device\ncn: second\n";
-    r = update("add", two);
-    EXPECT_EQ(r.status, LDAP_ALREADY_EXISTS) << r.err;
-    EXPECT_NE(r.err.find(wzr_ldap_err2string(LDAP_ALREADY_EXISTS)), std::string::npos);
-    EXPECT_NE(r.err.find("line 1"), std::string::npos) << r.err;
-    EXPECT_EQ(ldapsearch(s, {"-b", second}).status, 32);
-    EXPECT_EQ(update("add", two, {"-c"}).status, LDAP_ALREADY_EXISTS);
-    EXPECT_EQ(ldapsearch(s, {"-b", second}).status, 0);
-    // Writes without rights fail with the server's code.
-    r = tool({"delete", "-x", "-H", s.uri(), "-D", s.user_dn(), "-w", s.user_pw(), second});
-    EXPECT_EQ(r.status, LDAP_INSUFFICIENT_ACCESS) << r.err;
-
+    const std::string two = "dn: uid=alice,ou=people," + base + "\nobjectClass: inetOrgPerson\nuid: alice\n"
+                            "cn: dup\nsn: dup\n\ndn: " + second + "\nobjectClass: device\ncn: second\n";
     // Malformed LDIF changes nothing: the error names the file and line before anything is sent.
-    const std::string one = "cn=one,ou=devices," + s.base();
     wzrtest::TempDir tmp;
-    wzrtest::write_file(tmp.file("bad.ldif"),
-                        "dn: " + one + "\nchangetype: add\nobjectClass: device\ncn: one\n\ndn: " +
-                            s.user_dn() + "\nchangetype: modify\nreplace: sn\nsn: Changed\ncn: oops\n");
-    r = update("modify", "", {"-f", tmp.file("bad.ldif")});
-    EXPECT_EQ(r.status, LDAP_PARAM_ERROR) << r.err;
-    EXPECT_NE(r.err.find("line 10"), std::string::npos) << r.err;
-    EXPECT_NE(r.err.find("bad.ldif"), std::string::npos) << r.err;
-    EXPECT_EQ(ldapsearch(s, {"-b", one}).status, 32);
-    EXPECT_EQ(entry_at(s, s.user_dn())["sn"], Values{"Example"});
-    // modify without -a refuses a record that has no changetype; -a -n only says what it would do.
-    const std::string plain = "dn: cn=two,ou=devices," + s.base() + "\nobjectClass: device\ncn: two\n";
-    r = update("modify", plain);
-    EXPECT_EQ(r.status, LDAP_PARAM_ERROR);
-    EXPECT_NE(r.err.find("line 1"), std::string::npos) << r.err;
-    r = tool({"modify", "-a", "-n", "-x", "-H", s.uri()}, plain);
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_NE(r.out.find("!adding new entry"), std::string::npos) << r.out;
-    EXPECT_EQ(ldapsearch(s, {"-b", "cn=two,ou=devices," + s.base()}).status, 32);
+    wzrtest::write_file(tmp.file("bad.ldif"), "dn: " + one + "\nchangetype: add\nobjectClass: device\ncn: one\n"
+                        "\ndn: " + s.user_dn() + "\nchangetype: modify\nreplace: sn\nsn: Changed\ncn: oops\n");
+    const std::string plain = "dn: cn=two,ou=devices," + base + "\nobjectClass: device\ncn: two\n";
+    const Values exists = {"yes"}, gone = {};
+    const Step steps[] = {
+        {{"add"}, "dn: " + dn + "\nobjectClass: inetOrgPerson\ncn: new person\nsn: Person\njpegPhoto:: " +
+                      wzrldif::base64_encode(bytes) + "\n", 0, {"adding new entry"}, dn, "jpegphoto", {bytes}},
+        {{"modify"}, "dn: " + dn + "\nchangetype: modify\nreplace: description\ndescription: first\n"
+                     "description: second\n-\nadd: l\nl: Lab 1\n-\n", 0, {}, dn, "description", {"first", "second"}},
+        {{}, "", 0, {}, dn, "l", {"Lab 1"}},
+        {{"modify"}, "dn: " + dn + "\nchangetype: modify\ndelete: description\ndescription: first\n-\n"
+                     "delete: l\n", 0, {}, dn, "description", {"second"}},
+        {{}, "", 0, {}, dn, "l", {}},
+        {{"modrdn", dn, "cn=renamed", "-r"}, "", 0, {}, renamed, "cn", {"renamed"}}, // the old value removed
+        {{"modrdn"}, "dn: " + renamed + "\nchangetype: modrdn\nnewrdn: cn=renamed\ndeleteoldrdn: 1\n"
+                     "newsuperior: ou=devices," + base + "\n", 0, {}, moved, "", exists},
+        {{"delete"}, "dn: " + moved + "\n", 0, {}, moved, "", gone},
+        // A referral nobody answers: followed (81), or an LDIF comment with --no-referrals.
+        {{"search", "-b", base, "(ou=away)"}, "", LDAP_SERVER_DOWN, {"\t\t" + away}},
+        {{"search", "--no-referrals", "-b", base, "(ou=away)"}, "", 0, {"# ref" + away}},
+        {{"add"}, two, LDAP_ALREADY_EXISTS, {wzr_ldap_err2string(LDAP_ALREADY_EXISTS), "line 1"}, second, "", gone},
+        {{"add", "-c"}, two, LDAP_ALREADY_EXISTS, {}, second, "", exists},
+        {{"delete", "-D", s.user_dn(), "-w", s.user_pw(), second}, "", LDAP_INSUFFICIENT_ACCESS}, // no rights
+        {{"modify", "-f", tmp.file("bad.ldif")}, "", LDAP_PARAM_ERROR, {"line 10", "bad.ldif"}, one, "", gone},
+        {{}, "", 0, {}, s.user_dn(), "sn", {"Example"}},
+        // modify without -a refuses a record that has no changetype; -a -n only says what it would do.
+        {{"modify"}, plain, LDAP_PARAM_ERROR, {"line 1"}},
+        {{"modify", "-a", "-n"}, plain, 0, {"!adding new entry"}, "cn=two,ou=devices," + base, "", gone},
+    };
+    for (const Step &step : steps) {
+        SCOPED_TRACE(&step - steps);
+        if (!step.args.empty()) {
+            Args bind = {step.args[0], "-x", "-H", s.uri(), "-D", s.manager_dn(), "-w", s.manager_pw()};
+            Outcome r = tool(with(bind, Args(step.args.begin() + 1, step.args.end())), step.ldif);
+            EXPECT_EQ(r.status, step.status) << r.err;
+            for (const std::string &text : step.said) // a failure on standard error
+                EXPECT_NE((step.status == 0 ? r.out : r.err).find(text), std::string::npos) << r.out << r.err;
+        }
+        if (step.dn.empty())
+            continue;
+        if (step.attr.empty())
+            EXPECT_EQ(ldapsearch(s, {"-b", step.dn, "-s", "base"}).status, step.values.empty() ? 32 : 0);
+        else
+            EXPECT_EQ(entry_at(s, step.dn)[step.attr], step.values);
+    }
 }
 
 TEST(WzrldapTool, AttributeTypeWithLineBreakIsRefusedNotPrinted)

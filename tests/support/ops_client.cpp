@@ -1,50 +1,11 @@
-// Search results read into comparable values, control lists and an answering fake server for
-// the operation tests.
+// Control lists, update records and an answering fake server for the operation tests.
 #include "support/ops_client.h"
 
-#include <cctype>
 #include <cstring>
 
-#include "libldap/ldap_dn.h"
-#include "libldap/ldap_entry.h"
 #include "libldap/ldap_init.h"
 
 namespace wzrtest {
-
-namespace {
-
-std::string lower(std::string s)
-{
-    for (char &c : s)
-        c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-    return s;
-}
-
-} // namespace
-
-EntryMap read_entries(LDAP *ld, LDAPMessage *chain, std::vector<std::string> *raw_dns)
-{
-    EntryMap out;
-    for (LDAPMessage *e = ldap_first_entry(ld, chain); e != nullptr; e = ldap_next_entry(ld, e)) {
-        char *dn = ldap_get_dn(ld, e);
-        std::string dn_text = dn != nullptr ? dn : "<no dn>";
-        ldap_memfree(dn);
-        (void)(raw_dns != nullptr && (raw_dns->push_back(dn_text), true));
-        EntryAttrs &attrs = out[dn_text];
-        BerElement *cursor = nullptr;
-        for (char *a = ldap_first_attribute(ld, e, &cursor); a != nullptr;
-             a = ldap_next_attribute(ld, e, cursor)) {
-            struct berval **vals = ldap_get_values_len(ld, e, a);
-            std::vector<std::string> &dst = attrs[lower(a)];
-            for (int i = 0; vals != nullptr && vals[i] != nullptr; ++i)
-                dst.emplace_back(vals[i]->bv_val, vals[i]->bv_len);
-            ldap_value_free_len(vals);
-            ldap_memfree(a);
-        }
-        ldap_ber_free(cursor, 0);
-    }
-    return out;
-}
 
 LDAPControl **control_list(std::initializer_list<ControlDef> defs)
 {
@@ -59,6 +20,19 @@ LDAPControl **control_list(std::initializer_list<ControlDef> defs)
         list[i++] = c;
     }
     return list;
+}
+
+Mods::Mods(std::initializer_list<ModDef> defs) : defs_(defs), values_(defs.size()), mods_(defs.size())
+{
+    for (size_t i = 0; i < defs_.size(); ++i) {
+        for (std::string &v : defs_[i].values)
+            values_[i].push_back(v.data());
+        values_[i].push_back(nullptr);
+        char **vals = defs_[i].values.empty() ? nullptr : values_[i].data();
+        mods_[i] = {defs_[i].op, const_cast<char *>(defs_[i].type), {vals}};
+        list_.push_back(&mods_[i]);
+    }
+    list_.push_back(nullptr);
 }
 
 AnsweringServer::AnsweringServer()

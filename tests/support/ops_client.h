@@ -1,5 +1,5 @@
-// Test helpers for the request operations: handles on the test servers and search results
-// read back into plain C++ values, so tests compare entries, attributes and values directly.
+// Test helpers for the request operations: a handle on an answering fake server, control lists
+// and the update records (LDAPMod lists) the update calls take.
 #ifndef WZR_TESTS_SUPPORT_OPS_CLIENT_H
 #define WZR_TESTS_SUPPORT_OPS_CLIENT_H
 
@@ -14,15 +14,6 @@
 
 namespace wzrtest {
 
-// attribute type (lower case) -> values in the order they came
-using EntryAttrs = std::map<std::string, std::vector<std::string>>;
-// DN as the server sent it -> attributes
-using EntryMap = std::map<std::string, EntryAttrs>;
-
-// Every entry of a result chain, read with the entry walk (first/next entry and attribute,
-// get_values_len); the DNs in their order of arrival go to *raw_dns when given.
-EntryMap read_entries(LDAP *ld, LDAPMessage *chain, std::vector<std::string> *raw_dns = nullptr);
-
 // A control list allocated through the library's allocator (ldap_controls_free releases it).
 struct ControlDef {
     const char *oid;
@@ -30,6 +21,26 @@ struct ControlDef {
     const char *value = nullptr; // NUL-terminated; null = no value
 };
 LDAPControl **control_list(std::initializer_list<ControlDef> defs);
+
+// A null-terminated LDAPMod list over string values, kept alive by the object.
+struct ModDef {
+    int op;
+    const char *type;
+    std::vector<std::string> values; // none: a null value list
+};
+class Mods {
+public:
+    Mods(std::initializer_list<ModDef> defs);
+    Mods(const Mods &) = delete;
+    Mods &operator=(const Mods &) = delete;
+    operator LDAPMod **() { return list_.data(); }
+
+private:
+    std::vector<ModDef> defs_;
+    std::vector<std::vector<char *>> values_;
+    std::vector<LDAPMod> mods_;
+    std::vector<LDAPMod *> list_;
+};
 
 // A fake server that answers every request with the LDAPResult of its operation (code 0, or
 // what answer_with set for that request tag; compare answers 6), except requests whose tag is

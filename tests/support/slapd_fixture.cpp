@@ -12,6 +12,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <netinet/in.h>
 #include <sstream>
 #include <sys/prctl.h>
@@ -20,6 +21,7 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 namespace wzrtest {
 
@@ -148,12 +150,7 @@ SlapdFixture::~SlapdFixture()
 }
 
 std::string SlapdFixture::uri() const { return "ldap://" + host_port(); }
-std::string SlapdFixture::ldaps_uri() const
-{
-    return "ldaps://127.0.0.1:" + std::to_string(ldaps_port_);
-}
 std::string SlapdFixture::host_port() const { return "127.0.0.1:" + std::to_string(port_); }
-std::string SlapdFixture::loaded_ldif() const { return slurp(dir_ + "/data.ldif"); }
 
 bool SlapdFixture::init_directory(const SlapdOptions &opts)
 {
@@ -188,8 +185,7 @@ bool SlapdFixture::read_env()
     const std::pair<const char *, std::string SlapdFixture::*> keys[] = {
         {"BASE", &SlapdFixture::base_},           {"MANAGER_DN", &SlapdFixture::manager_dn_},
         {"MANAGER_PW", &SlapdFixture::manager_pw_}, {"USER_DN", &SlapdFixture::user_dn_},
-        {"USER_PW", &SlapdFixture::user_pw_},     {"EXTERNAL_DN", &SlapdFixture::external_dn_},
-        {"LDAPI_PATH", &SlapdFixture::ldapi_path_}, {"LDAPI_URI", &SlapdFixture::ldapi_uri_},
+        {"USER_PW", &SlapdFixture::user_pw_},     {"LDAPI_PATH", &SlapdFixture::ldapi_path_},
         {"TLS_DIR", &SlapdFixture::tls_dir_},     {"KEYDB_PW", &SlapdFixture::keydb_pw_}};
     std::ifstream in(dir_ + "/sandbox.env");
     for (std::string line; std::getline(in, line);) {
@@ -198,7 +194,7 @@ bool SlapdFixture::read_env()
             if (eq != std::string::npos && line.compare(0, eq, key) == 0)
                 this->*field = line.substr(eq + 1);
     }
-    if (base_.empty() || ldapi_uri_.empty()) {
+    if (base_.empty() || ldapi_path_.empty()) {
         error_ = "sandbox.env is incomplete in " + dir_;
         return false;
     }
@@ -344,30 +340,16 @@ void SlapdFixture::remove_directory()
     dir_.clear();
 }
 
-SlapdFixture &shared_slapd()
+SlapdFixture &program_slapd(const SlapdOptions &opts)
 {
-    // Destroyed at exit, which stops the server.
-    struct Shared {
-        SlapdFixture fixture;
-        Shared()
-        {
-            if (SlapdFixture::available())
-                fixture.start();
-        }
-    };
-    static Shared shared;
-    return shared.fixture;
-}
-
-SlapdFixture &tls_slapd(const std::string &verify_client)
-{
-    static SlapdFixture fixture;
-    if (SlapdFixture::available() && !fixture.running()) {
-        SlapdOptions opts;
-        opts.tls = true;
-        opts.verify_client = verify_client;
+    // Destroyed at exit, which stops the servers.
+    static std::vector<std::pair<SlapdOptions, std::unique_ptr<SlapdFixture>>> servers;
+    for (auto &[started_with, fixture] : servers)
+        if (started_with == opts)
+            return *fixture;
+    SlapdFixture &fixture = *servers.emplace_back(opts, std::make_unique<SlapdFixture>()).second;
+    if (SlapdFixture::available())
         (void)fixture.start(opts);
-    }
     return fixture;
 }
 

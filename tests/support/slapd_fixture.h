@@ -12,17 +12,18 @@ namespace wzrtest {
 
 struct SlapdOptions {
     int bulk_entries = 0;   // generated uid=bulkNNNNNN,ou=bulk,<base> entries, ~10 attributes
-    std::string extra_ldif; // appended to the sample tree before loading
+    std::string extra_ldif{}; // appended to the sample tree before loading
     // A throwaway KDC (tools/kdc-sandbox.sh), slapd's key ldap/localhost and a ticket for alice;
     // this process's KRB5_CONFIG, KRB5_KDC_PROFILE, KRB5_KTNAME and KRB5CCNAME then point to it.
     bool kerberos = false;
-    std::string default_referral; // URL the server refers to for DNs outside its suffix
+    std::string default_referral{}; // URL the server refers to for DNs outside its suffix
     bool controls = false; // the overlays, limits and entries of tests/data/controls*
     // TLS: a CA, a server certificate (localhost, 127.0.0.1), another CA and a client
     // certificate (PKCS#12, label "operator", with a stash file) in tls_dir(), and an LDAPS
     // listener on a second free port. verify_client is slapd's TLSVerifyClient.
     bool tls = false;
     std::string verify_client = "try";
+    bool operator==(const SlapdOptions &) const = default;
 };
 
 // Start-up failures are reported by start() returning false and error() saying why; a test
@@ -47,22 +48,16 @@ public:
     std::string host_port() const; // "127.0.0.1:PORT"
     int port() const { return port_; }
     int ldaps_port() const { return ldaps_port_; }
-    std::string ldaps_uri() const;  // "ldaps://127.0.0.1:PORT"
     const std::string &tls_dir() const { return tls_dir_; }
     const std::string &keydb_pw() const { return keydb_pw_; }
     pid_t pid() const { return pid_; }
-    const std::string &ldapi_uri() const { return ldapi_uri_; }
     const std::string &ldapi_path() const { return ldapi_path_; }
     const std::string &base() const { return base_; }
     const std::string &manager_dn() const { return manager_dn_; }
     const std::string &manager_pw() const { return manager_pw_; }
     const std::string &user_dn() const { return user_dn_; }
     const std::string &user_pw() const { return user_pw_; }
-    const std::string &external_dn() const { return external_dn_; }
     const std::string &dir() const { return dir_; }
-
-    // The LDIF loaded into the server (sample tree, generated entries, extra LDIF).
-    std::string loaded_ldif() const;
 
 private:
     bool init_directory(const SlapdOptions &opts);
@@ -79,16 +74,17 @@ private:
     int ldaps_port_ = 0;
     std::string tls_dir_, keydb_pw_;
     std::string dir_, error_;
-    std::string ldapi_uri_, ldapi_path_, base_, manager_dn_, manager_pw_, user_dn_, user_pw_,
-        external_dn_;
+    std::string ldapi_path_, base_, manager_dn_, manager_pw_, user_dn_, user_pw_;
 };
 
-// One server per test program with the sample tree and no bulk entries, started on first use
-// and stopped at exit. Tests must leave its data as they found it (or use their own fixture).
-SlapdFixture &shared_slapd();
-
-// One server per test program with TLS on (SlapdOptions::tls), started on first use.
-SlapdFixture &tls_slapd(const std::string &verify_client = "try");
+// One server per test program and set of options, started on first use and stopped at exit.
+// Tests must leave its data as they found it (or use their own fixture).
+SlapdFixture &program_slapd(const SlapdOptions &opts = {});
+inline SlapdFixture &shared_slapd() { return program_slapd(); } // the sample tree alone
+inline SlapdFixture &tls_slapd(const std::string &verify_client = "try")
+{
+    return program_slapd({.tls = true, .verify_client = verify_client});
+}
 
 // Skips the current test when slapd is not installed; fails it when the server will not start.
 #define WZR_REQUIRE_SLAPD(fixture)                                                        \
