@@ -20,8 +20,7 @@ using wzrtest::Handle;
 
 namespace {
 
-// A received message whose element holds `pdu` (positioned at the protocolOp, as the reader
-// leaves it), filed under no row of the handle's default connection.
+// A received message over `pdu` (read position at the protocolOp), filed under no row.
 LDAPMessage *make_message(LDAP *ld, const std::string &pdu, int type)
 {
     LDAPMessage *msg = ldap_msginit(ld->ld_defconn);
@@ -39,6 +38,14 @@ LDAPMessage *make_message(LDAP *ld, const std::string &pdu, int type)
 const std::string NO_SUCH_OBJECT_DONE("\x65\x0d\x0a\x01\x20\x04\x04" "dc=x\x04\x04gone", 17);
 const std::string CUT_DONE("\x65\x0d\x0a\x01\x20\x04\x04" "dc=x\x04\x05go", 15);
 const std::string ENTRY("\x64\x08\x04\x04" "cn=a\x30\x00", 10); // searchResEntry { "cn=a", {} }
+
+// A string the library handed out, freed; "(null)" for none.
+std::string take(char *s)
+{
+    std::string out = s != nullptr ? s : "(null)";
+    lber_free(s);
+    return out;
+}
 
 std::string perror_text(LDAP *ld)
 {
@@ -99,8 +106,7 @@ TEST(NlsFormat, PositionalArgumentsMayComeInAnyOrder)
     };
     char buf[64];
     for (const auto &c : cases) {
-        EXPECT_EQ(ldap_nls_format(buf, c.size, c.fmt, 2, args),
-                  c.size == 5 ? 7 : strlen(c.out));
+        EXPECT_EQ(ldap_nls_format(buf, c.size, c.fmt, 2, args), c.size == 5 ? 7 : strlen(c.out));
         EXPECT_STREQ(buf, c.out);
     }
 }
@@ -126,10 +132,10 @@ TEST(ErrorTexts, ResultCodeTableHasExactAndDistinctTexts)
         EXPECT_NE(ldap_err2string(code), std::string("Unknown error")) << code;
         EXPECT_TRUE(seen.insert(ldap_err2string(code)).second) << "duplicate text for " << code;
     }
-    EXPECT_STREQ(ldap_pwdpolicy_err2string(0), "Success");
-    EXPECT_STREQ(ldap_pwdpolicy_err2string(11), "Error, Password in History");
-    EXPECT_STREQ(ldap_pwdpolicy_err2string(12), "Unknown error");
-    EXPECT_STREQ(ldap_pwdpolicy_err2string(-1), "Unknown error");
+    const std::pair<int, const char *> pwd[] = {
+        {0, "Success"}, {11, "Error, Password in History"}, {12, "Unknown error"}, {-1, "Unknown error"}};
+    for (const auto &[code, text] : pwd)
+        EXPECT_STREQ(ldap_pwdpolicy_err2string(code), text) << code;
 }
 
 // Copies handed out; a later record replaces both strings, null included, and keeps the
@@ -140,22 +146,16 @@ TEST(ErrorRecords, RecordAndReadBackWithCopies)
     EXPECT_EQ(ldap_get_errno_direct(&h.ld), 0) << "no record reads as success";
     char *matched = reinterpret_cast<char *>(1), *msg = reinterpret_cast<char *>(1);
     EXPECT_EQ(ldap_get_lderrno_direct(&h.ld, &matched, &msg), 0);
-    EXPECT_EQ(matched, nullptr);
-    EXPECT_EQ(msg, nullptr);
+    EXPECT_TRUE(matched == nullptr && msg == nullptr);
     ASSERT_EQ(ldap_set_lderrno_direct(&h.ld, 32, "dc=example", "no such entry"), 0);
     EXPECT_EQ(ldap_get_errno(&h.ld), 32);
     EXPECT_EQ(ldap_get_lderrno(&h.ld, &matched, &msg), 32);
-    EXPECT_STREQ(matched, "dc=example");
-    EXPECT_STREQ(msg, "no such entry");
     ASSERT_NE(matched, h.ld.ld_errors->matched) << "the caller gets a copy";
-    lber_free(matched);
-    lber_free(msg);
+    EXPECT_EQ(take(matched) + "|" + take(msg), "dc=example|no such entry");
     ASSERT_EQ(ldap_set_ext_error(&h.ld, 406), 0);
     ASSERT_EQ(ldap_set_lderrno_direct(&h.ld, 49, nullptr, "bad password"), 0);
     EXPECT_EQ(ldap_get_lderrno_direct(&h.ld, &matched, &msg), 49);
-    EXPECT_EQ(matched, nullptr);
-    EXPECT_STREQ(msg, "bad password");
-    lber_free(msg);
+    EXPECT_EQ(take(matched) + "|" + take(msg), "(null)|bad password");
     EXPECT_EQ(ldap_get_ext_error_direct(&h.ld), 406);
     EXPECT_EQ(ldap_get_ext_error(&h.ld), 406);
     EXPECT_EQ(h.ld.ld_errors->next, nullptr) << "one thread, one record";
@@ -224,8 +224,7 @@ TEST(ErrorRecordThreads, EachThreadReadsBackItsOwnRecord)
                 std::this_thread::yield();
             char *msg = nullptr;
             EXPECT_EQ(ldap_get_lderrno(h.ld, nullptr, &msg), 32 + t);
-            EXPECT_EQ(std::string(msg != nullptr ? msg : ""), text);
-            lber_free(msg);
+            EXPECT_EQ(take(msg), text);
             for (int i = 0; i < 200; ++i) {
                 int code = 1 + (t * 200 + i) % 80;
                 if (ldap_set_lderrno_direct(h.ld, code, "dc=x", nullptr) != 0 ||
@@ -258,10 +257,7 @@ TEST(ResultToError, DecodesAndRecordsTheFinalResultAndRefusesTheRest)
     EXPECT_EQ(ldap_result2error(h.ld, entry, 0), LDAP_NO_SUCH_OBJECT);
     char *matched = nullptr, *msg = nullptr;
     EXPECT_EQ(ldap_get_lderrno(h.ld, &matched, &msg), LDAP_NO_SUCH_OBJECT);
-    EXPECT_STREQ(matched, "dc=x");
-    EXPECT_STREQ(msg, "gone");
-    lber_free(matched);
-    lber_free(msg);
+    EXPECT_EQ(take(matched) + "|" + take(msg), "dc=x|gone");
     EXPECT_EQ(perror_text(h.ld), "search: No such object\nsearch: matched: dc=x\n"
                                  "search: additional info: gone\n");
     EXPECT_EQ(ldap_result2error(h.ld, done, 1), LDAP_NO_SUCH_OBJECT);
