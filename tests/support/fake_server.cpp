@@ -30,6 +30,18 @@ std::string ber_length(size_t len)
 
 void set_nonblocking(int fd) { fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK); }
 
+// A copy of a field the server's mutex guards, and an assignment to one.
+template <typename T> T read_locked(std::mutex &m, const T &field)
+{
+    std::lock_guard<std::mutex> lock(m);
+    return field;
+}
+template <typename T> void assign_locked(std::mutex &m, T &field, T value)
+{
+    std::lock_guard<std::mutex> lock(m);
+    field = std::move(value);
+}
+
 // Reads the envelope of one request: its message id and the protocolOp tag.
 void read_envelope(ReceivedRequest &req)
 {
@@ -302,11 +314,7 @@ void FakeServer::accept_loop()
 
 void FakeServer::serve(FakeConnection *conn)
 {
-    ConnectHandler on_connect;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        on_connect = connect_;
-    }
+    ConnectHandler on_connect = read_locked(mutex_, connect_);
     if (on_connect)
         on_connect(*conn);
     std::string buffer;
@@ -338,11 +346,7 @@ void FakeServer::serve(FakeConnection *conn)
         }
         if (frame < 0)
             break; // a client that sends garbage is hung up on
-        IdleHandler idle;
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            idle = idle_;
-        }
+        IdleHandler idle = read_locked(mutex_, idle_);
         if (idle)
             idle(*conn);
     }
@@ -353,11 +357,7 @@ void FakeServer::serve(FakeConnection *conn)
     conn->fd_ = -1;
 }
 
-void FakeServer::keep_requests(bool on)
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    keep_ = on;
-}
+void FakeServer::keep_requests(bool on) { assign_locked(mutex_, keep_, on); }
 
 void FakeServer::handle(const ReceivedRequest &req, FakeConnection &conn)
 {
@@ -382,23 +382,9 @@ void FakeServer::handle(const ReceivedRequest &req, FakeConnection &conn)
         run_script(conn, script);
 }
 
-void FakeServer::on_request(Handler handler)
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    handler_ = std::move(handler);
-}
-
-void FakeServer::on_idle(IdleHandler handler)
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    idle_ = std::move(handler);
-}
-
-void FakeServer::on_connect(ConnectHandler handler)
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    connect_ = std::move(handler);
-}
+void FakeServer::on_request(Handler handler) { assign_locked(mutex_, handler_, std::move(handler)); }
+void FakeServer::on_idle(IdleHandler handler) { assign_locked(mutex_, idle_, std::move(handler)); }
+void FakeServer::on_connect(ConnectHandler handler) { assign_locked(mutex_, connect_, std::move(handler)); }
 
 void FakeServer::queue_reply(Script script)
 {
@@ -406,17 +392,8 @@ void FakeServer::queue_reply(Script script)
     scripts_.push_back(std::move(script));
 }
 
-std::vector<ReceivedRequest> FakeServer::requests() const
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    return requests_;
-}
-
-size_t FakeServer::request_count() const
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    return requests_.size();
-}
+std::vector<ReceivedRequest> FakeServer::requests() const { return read_locked(mutex_, requests_); }
+size_t FakeServer::request_count() const { return read_locked(mutex_, requests_).size(); }
 
 bool FakeServer::wait_for_requests(size_t count, std::chrono::milliseconds timeout) const
 {
