@@ -197,11 +197,8 @@ bool FakeConnection::send_pieces(const std::string &bytes, const std::vector<siz
     for (size_t end : ends) {
         if (end <= from || end > bytes.size())
             continue;
-        {
-            std::lock_guard<std::mutex> lock(send_mutex_);
-            if (!send_locked(bytes.data() + from, end - from))
-                return false;
-        }
+        if (!send(bytes.substr(from, end - from)))
+            return false;
         from = end;
         if (end != bytes.size())
             std::this_thread::sleep_for(pause);
