@@ -339,8 +339,7 @@ TEST(ConnectTimeoutThreads, ReplacingTheTimeOutWhileConnectingIsSafe)
 // while operations are in flight waits for them.
 TEST_F(EngineThreads, WaitsTimeOutsAndAbandonsMixedOnSixtyFourThreads)
 {
-    FakeServer &server = server_;
-    answer_shuffled(server);
+    answer_shuffled(server_);
     LDAP *ld = ld_;
     std::atomic<int> wrong{0}, received{0}, waits{0}; // wrong: a full wait without its own answer
     std::vector<std::thread> threads;
@@ -372,7 +371,7 @@ TEST_F(EngineThreads, WaitsTimeOutsAndAbandonsMixedOnSixtyFourThreads)
     EXPECT_GT(waits.load(), 64 * 1563 / 4);
     EXPECT_EQ(free_rows(), static_cast<int>(table_->row_count));
     EXPECT_EQ(table_->queue_head, nullptr);
-    server.on_request([](const ReceivedRequest &, FakeConnection &) {}); // answers no more
+    server_.on_request([](const ReceivedRequest &, FakeConnection &) {}); // answers no more
     std::atomic<int> started{0}, finished{0};
     std::vector<std::thread> in_flight;
     for (int t = 0; t < 8; ++t) {
@@ -399,7 +398,6 @@ TEST_F(EngineThreads, WaitsTimeOutsAndAbandonsMixedOnSixtyFourThreads)
 // gets its response, every other returns at once with the code of what it saw.
 TEST_F(EngineThreads, HostileAnswersWhileSixtyFourThreadsWaitEndEveryWait)
 {
-    FakeServer &server = server_;
     LDAP *ld = ld_;
     int abandoned = send_extended(ld);
     ASSERT_EQ(ldap_abandon(ld, abandoned), 0);
@@ -419,9 +417,9 @@ TEST_F(EngineThreads, HostileAnswersWhileSixtyFourThreadsWaitEndEveryWait)
     }
     while (sent.load() < 64)
         std::this_thread::yield();
-    ASSERT_TRUE(server.wait_for_requests(66)); // the abandoned request, its abandon, 64 more
+    ASSERT_TRUE(server_.wait_for_requests(66)); // the abandoned request, its abandon, 64 more
     std::this_thread::sleep_for(100ms);        // let every thread fall asleep
-    FakeConnection *c = server.connection(0);
+    FakeConnection *c = server_.connection(0);
     std::string reply = extended_response_pdu(ids[0], 0, "", "once");
     c->send(extended_response_pdu(30000, 0, "", "nobody's") + reply + reply +
             extended_response_pdu(abandoned, 0, "", "too late") +
@@ -441,7 +439,6 @@ TEST_F(EngineThreads, HostileAnswersWhileSixtyFourThreadsWaitEndEveryWait)
 
 TEST_F(EngineThreads, WaiterGetsItsResponseAndKeepsItsTimeOutWhileAnotherThreadReads)
 {
-    FakeServer &server = server_;
     LDAP *ld = ld_;
     int first = send_extended(ld);
     ASSERT_GT(first, 0);
@@ -454,33 +451,32 @@ TEST_F(EngineThreads, WaiterGetsItsResponseAndKeepsItsTimeOutWhileAnotherThreadR
     std::this_thread::sleep_for(100ms); // the blocked thread holds the reading turn by now
     int second = send_extended(ld);
     ASSERT_GT(second, 0);
-    ASSERT_TRUE(server.wait_for_requests(2));
+    ASSERT_TRUE(server_.wait_for_requests(2));
     // A short time-out is kept while the blocked thread reads without limit.
     LDAPMessage *res = nullptr;
     struct timeval wait = {0, 200000};
     EXPECT_EQ(ldap_result(ld, second, LDAP_MSG_ONE, &wait, &res), 0);
     EXPECT_EQ(thread_error(ld), LDAP_TIMEOUT);
-    server.connection(0)->send(extended_response_pdu(second, 0, "", "second"));
+    server_.connection(0)->send(extended_response_pdu(second, 0, "", "second"));
     // The reply for `second` is read by the blocked thread and must reach this one.
     wait = {10, 0};
     ASSERT_EQ(ldap_result(ld, second, LDAP_MSG_ONE, &wait, &res), LDAP_RES_EXTENDED);
     EXPECT_EQ(ldap_msgid(res), second);
     ldap_msgfree(res);
     EXPECT_EQ(first_type.load(), -2); // still waiting for its own
-    server.connection(0)->send(extended_response_pdu(first, 0, "", "first"));
+    server_.connection(0)->send(extended_response_pdu(first, 0, "", "first"));
     blocked.join();
     EXPECT_EQ(first_type.load(), LDAP_RES_EXTENDED);
 }
 
 TEST_F(EngineThreads, AnyWaitersShareTheOutstandingOperations)
 {
-    FakeServer &server = server_;
-    answer_shuffled(server);
+    answer_shuffled(server_);
     LDAP *ld = ld_;
     constexpr int COUNT = 64;
     for (int i = 0; i < COUNT; ++i)
         ASSERT_GT(send_extended(ld), 0);
-    ASSERT_TRUE(server.wait_for_requests(COUNT));
+    ASSERT_TRUE(server_.wait_for_requests(COUNT));
     std::atomic<int> got{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {

@@ -28,20 +28,13 @@
 
 // Reading a freed handle's bytes: lber_free is wrapped for this program (tests/CMakeLists.txt),
 // and the wrapper keeps back the one block the test watches, which it releases itself later.
-namespace {
-std::atomic<void *> kept_block{nullptr};
-std::atomic<int> kept_frees{0};
-} // namespace
 extern "C" void __real__Z9lber_freePv(void *p);
-extern "C" void __wrap__Z9lber_freePv(void *p)
-{
-    if (p != nullptr && p == kept_block.load())
-        kept_frees.fetch_add(1);
-    else
-        __real__Z9lber_freePv(p);
-}
+extern "C" void __wrap__Z9lber_freePv(void *p);
 
 namespace {
+
+std::atomic<void *> kept_block{nullptr};
+std::atomic<int> kept_frees{0};
 
 std::string this_host()
 {
@@ -81,6 +74,14 @@ protected:
 };
 
 } // namespace
+
+void __wrap__Z9lber_freePv(void *p)
+{
+    if (p != nullptr && p == kept_block.load())
+        kept_frees.fetch_add(1);
+    else
+        __real__Z9lber_freePv(p);
+}
 
 // A URL (its scheme in any case) gives host and port, its default port winning over the
 // argument; a host list is kept as given; no host is this machine; bad arguments give none.

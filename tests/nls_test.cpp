@@ -119,8 +119,6 @@ TEST(NlsFormat, PositionalArgumentsMayComeInAnyOrder)
     }
 }
 
-} // namespace
-
 // The lookup at the table's edges and gaps; every published code has a text of its own.
 TEST(ErrorTexts, ResultCodeTableHasExactAndDistinctTexts)
 {
@@ -288,9 +286,6 @@ TEST(ResultToError, DecodesAndRecordsTheFinalResultAndRefusesTheRest)
     EXPECT_EQ(lber_live_blocks(), live) << "partial strings were freed";
     ldap_msgfree(done);
 }
-
-namespace
-{
 
 const std::string LATIN1 = "J\xFCrgen";
 const std::string UTF8 = "J\xC3\xBCrgen";
