@@ -148,10 +148,10 @@ private:
     FlowRun *run_ = nullptr;
 };
 
-// Fails allocation n alone (or every one from n on) for n = 1, 2, ... until a run no longer
-// reaches n, which must be the clean run's count plus one. Every run releases every block and
-// reports a failure as 90 (an unbind that could not send still frees the handle: 90 or 0); a
-// run reporting success walked exactly what a clean run walks.
+// Fails allocation n alone (onward = false) or every allocation from n on, for n = 1, 2, ...
+// until a run ends before reaching allocation n, which must be the clean run's count plus
+// one. Each run must release every block, and report a failure as 90; an unbind that could not send its request still frees the handle and may say 90 or 0; a run
+// reporting full success must have walked exactly what a clean run walks.
 void walk_flow(Flow &flow, const FlowRun &clean, long clean_calls, bool onward)
 {
     for (long n = 1;; ++n) {
