@@ -1,7 +1,6 @@
-// A whole client flow against a real server with allocations failing: init, bind, a filtered
-// search with an attribute list, the walk over every entry, DN, attribute and value, a modify
-// and unbind, run once per allocation with only that one failing and once with every
-// allocation from it on failing.
+// A whole client flow against a real server (init, bind, a filtered search with an attribute
+// list, the walk over every entry, DN, attribute and value, a modify, unbind) with each
+// allocation failing alone, and with every allocation from the n-th on failing.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -53,9 +52,8 @@ char *__wrap__Z11lber_strdupPKc(const char *s) { return rearm(), __real__Z11lber
 
 namespace {
 
-// What one run of the flow saw. The flow stops at the first step that fails (a code other
-// than 0, or a NULL result whose recorded error is not 0): later steps depend on it, so they
-// are not attempted; only the release of what it holds (results, handle) still runs.
+// What one run of the flow saw. The flow stops at the first step that fails (a code other than
+// 0, or a NULL whose recorded error is not 0); only the release of what it holds still runs.
 struct FlowRun {
     std::vector<std::string> seen; // DNs, attribute names, values, in walk order
     std::string failed_step;       // empty: every step succeeded
@@ -94,11 +92,7 @@ public:
     }
 
 private:
-    void fail(const char *name, int code)
-    {
-        run_->failed_step = name;
-        run_->failed_code = code;
-    }
+    void fail(const char *name, int code) { run_->failed_step = name, run_->failed_code = code; }
     bool step(const char *name, int code)
     {
         if (code != LDAP_SUCCESS)
@@ -144,10 +138,7 @@ private:
     void modify(LDAP *ld)
     {
         char *values[] = {const_cast<char *>("walked"), nullptr};
-        LDAPMod mod{};
-        mod.mod_op = LDAP_MOD_REPLACE;
-        mod.mod_type = const_cast<char *>("description");
-        mod.mod_values = values;
+        LDAPMod mod = {LDAP_MOD_REPLACE, const_cast<char *>("description"), {values}};
         LDAPMod *mods[] = {&mod, nullptr};
         std::string dn = "ou=groups," + slapd_.base();
         step("modify", ldap_modify_ext_s(ld, dn.c_str(), mods, nullptr, nullptr));

@@ -1,10 +1,13 @@
 // The message engine against hostile servers and hostile timing: cut and dripping PDUs,
 // results kept past abandon, time-outs and unbind, ids of operations that never end, a flood
-// of unsolicited messages, secrets in dumps, and failed local connects.
+// of unsolicited messages, secrets in dumps, failed local connects; and many threads on one
+// handle, each collecting only its own responses while the server answers in shuffled order.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <random>
 #include <unistd.h>
 #include <thread>
 
@@ -19,6 +22,7 @@
 #include "libldap/ldap_options.h"
 #include "libldap/ldap_result.h"
 #include "libldap/ldap_search.h"
+#include "libldap/ldap_table.h"
 #include "libldap/ldap_unbind.h"
 #include "libldap/ldap_update.h"
 #include "support/engine_client.h"
@@ -40,16 +44,46 @@ int modify(LDAP *ld)
     return ldap_modify_s(ld, "cn=x", mods);
 }
 
-// Sends `bytes` one byte at a time, `gap` apart.
-Script drip(const std::string &bytes, std::chrono::milliseconds gap)
+std::string two_entries(int msgid)
 {
-    Script s;
-    for (char c : bytes) {
-        s.push_back(Action::send(std::string(1, c)));
-        s.push_back(Action::pause_for(gap));
-    }
-    return s;
+    return search_entry_pdu(msgid, "cn=1", {}) + search_entry_pdu(msgid, "cn=2", {});
 }
+
+// Answers every request with an extended response naming its id, holding each read's batch
+// back and sending it shuffled, so that responses overtake each other.
+void answer_shuffled(FakeServer &server)
+{
+    auto pending = std::make_shared<std::vector<int>>();
+    auto rng = std::make_shared<std::mt19937>(12345);
+    server.on_request([pending](const ReceivedRequest &req, FakeConnection &) {
+        pending->push_back(req.msgid); // only the connection's own thread touches it
+    });
+    server.on_idle([pending, rng](FakeConnection &conn) {
+        std::shuffle(pending->begin(), pending->end(), *rng);
+        std::string out;
+        for (int id : *pending)
+            out += extended_response_pdu(id, 0, "", "for " + std::to_string(id));
+        pending->clear();
+        conn.send(out);
+    });
+}
+
+std::string text_of(LDAPMessage *res)
+{
+    BerElement *c = ber_dup(res->lm_ber);
+    int code = -1;
+    char *matched = nullptr;
+    char *text = nullptr;
+    std::string out;
+    if (fber_scanf(c, "{iaa", &code, &matched, &text) != LBER_ERROR && text != nullptr)
+        out = text;
+    lber_free(matched);
+    lber_free(text);
+    ber_free(c, 0);
+    return out;
+}
+
+using EngineThreads = EngineTest;
 
 } // namespace
 
@@ -74,7 +108,10 @@ TEST(EngineFaults, ResponseCutShortIsServerDownNeverSuccess)
 TEST(EngineFaults, DrippingServerCannotStretchTheTimeOut)
 {
     FakeServer server;
-    server.queue_reply(drip(search_entry_pdu(1, "cn=slow", {}).substr(0, 6), 300ms));
+    Script drip; // the first six bytes of an entry, one every 300 ms
+    for (char c : search_entry_pdu(1, "cn=slow", {}).substr(0, 6))
+        drip.insert(drip.end(), {Action::send(std::string(1, c)), Action::pause_for(300ms)});
+    server.queue_reply(drip);
     LDAP *ld = ldap_init("127.0.0.1", server.port());
     struct timeval tv = {1, 0};
     LDAPMessage *res = nullptr;
@@ -97,12 +134,9 @@ TEST(EngineFaults, TimedOutSearchesGiveTheirIdsBack)
     LDAPMessage *res = nullptr;
     ASSERT_EQ(ldap_search_st(ld, "o=x", 2, "(cn=a)", nullptr, 0, &tv, &res), LDAP_TIMEOUT);
     const long blocks = lber_live_blocks();
-    const long rss = resident_kib();
     for (int i = 0; i < 3 * 65536; ++i)
         ASSERT_EQ(ldap_search_st(ld, "o=x", 2, "(cn=a)", nullptr, 0, &tv, &res), LDAP_TIMEOUT);
     EXPECT_LE(lber_live_blocks(), blocks + 2); // a read-ahead may come to exist
-    std::printf("196608 timed-out searches: RSS %ld -> %ld KiB, table %u rows\n", rss,
-                resident_kib(), ld->ld_defconn->table->row_count);
     EXPECT_EQ(ld->ld_defconn->table->row_count, LDAP_TABLE_INITIAL_ROWS);
     server.hold(SEARCH, false);
     EXPECT_EQ(ldap_search_st(ld, "o=x", 2, "(cn=a)", nullptr, 0, nullptr, &res), 0);
@@ -183,12 +217,11 @@ TEST(EngineFaults, EntryHeldAcrossAbandonAndLateResultStaysValid)
 // both outlive the handle.
 TEST(EngineFaults, AllAfterOneHandsOutOnlyTheRest)
 {
-    AnsweringServer server;
-    server.server().on_request([](const ReceivedRequest &req, FakeConnection &c) {
-        c.send(search_entry_pdu(req.msgid, "cn=1", {}) + search_entry_pdu(req.msgid, "cn=2", {}) +
-               ldap_result_pdu(req.msgid, 0x65, 0));
+    FakeServer server;
+    server.on_request([](const ReceivedRequest &req, FakeConnection &c) {
+        c.send(two_entries(req.msgid) + ldap_result_pdu(req.msgid, 0x65, 0));
     });
-    LDAP *ld = server.open();
+    LDAP *ld = ldap_init("127.0.0.1", server.port());
     int id = ldap_search(ld, "o=x", 2, "(cn=*)", nullptr, 0);
     LDAPMessage *first = nullptr, *rest = nullptr;
     ASSERT_EQ(ldap_result(ld, id, LDAP_MSG_ONE, nullptr, &first), LDAP_RES_SEARCH_ENTRY);
@@ -206,12 +239,11 @@ TEST(AbandonThreads, AbandonDuringAnAllMessagesWaitEndsItCleanly)
     FakeServer server;
     server.on_request([](const ReceivedRequest &req, FakeConnection &c) {
         if (req.op == SEARCH) // and nothing after the abandon: the waiter must not wait on
-            c.send(search_entry_pdu(req.msgid, "cn=1", {}) + search_entry_pdu(req.msgid, "cn=2", {}));
+            c.send(two_entries(req.msgid));
     });
     LDAP *ld = ldap_init("127.0.0.1", server.port());
     int id = ldap_search(ld, "o=x", 2, "(cn=*)", nullptr, 0);
-    int type = 1;
-    int error = 0;
+    int type = 1, error = 0;
     std::thread waiter([&] {
         struct timeval tv = {10, 0};
         LDAPMessage *res = nullptr;
@@ -228,9 +260,8 @@ TEST(AbandonThreads, AbandonDuringAnAllMessagesWaitEndsItCleanly)
     ldap_unbind(ld);
 }
 
-// No secret reaches the trace, sent or received, whatever the attribute name's case or
-// options and however long the value's header. Secrets are runs of Q, so an unmasked one
-// shows as QQQQ in the dump's text column wherever its lines break.
+// No secret reaches the trace, sent or received, whatever the attribute name's case, options or
+// value length. Secrets are runs of Q: an unmasked one shows as QQQQ in the dump's text column.
 TEST(EngineFaults, NoSecretReachesTheTrace)
 {
     const std::string q(40, 'Q'), long_q(300, 'Q');
@@ -246,8 +277,6 @@ TEST(EngineFaults, NoSecretReachesTheTrace)
             c.send(ldap_result_pdu(req.msgid, req.op + 1, 0));
     });
     LDAP *ld = ldap_init("127.0.0.1", server.port());
-    int version = LDAP_VERSION3;
-    ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
     TraceFile trace;
     char *values[] = {const_cast<char *>(q.c_str()), const_cast<char *>(long_q.c_str()), nullptr};
     for (const char *type : {"userPassword", "USERPASSWORD", "userPassword;binary"}) {
@@ -303,4 +332,169 @@ TEST(ConnectTimeoutThreads, ReplacingTheTimeOutWhileConnectingIsSafe)
         setter.join();
         ldap_unbind(ld);
     }
+}
+
+// 64 threads mixing waits, time-outs and abandons on one handle: each thread gets only its
+// own responses, every late one is dropped, every id comes back, and an unbind that comes
+// while operations are in flight waits for them.
+TEST_F(EngineThreads, WaitsTimeOutsAndAbandonsMixedOnSixtyFourThreads)
+{
+    answer_shuffled(server_);
+    LDAP *ld = ld_;
+    std::atomic<int> wrong{0}, received{0}, waits{0}; // wrong: a full wait without its own answer
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 64; ++t) {
+        threads.emplace_back([&, t] {
+            std::mt19937 rng(static_cast<unsigned>(t));
+            for (int i = 0; i < 1563; ++i) { // 10^5 operations in all
+                int id = send_extended(ld);
+                LDAPMessage *res = nullptr;
+                struct timeval wait = {20, 0}, brief = {0, 1};
+                int kind = static_cast<int>(rng() % 3);
+                waits += kind == 0;
+                int type = kind == 2 ? 0 : ldap_result(ld, id, 0, kind == 0 ? &wait : &brief, &res);
+                if (type == LDAP_RES_EXTENDED) {
+                    received++;
+                    wrong += ldap_msgid(res) != id || text_of(res) != "for " + std::to_string(id);
+                    ldap_msgfree(res);
+                } else if (type != 0 || kind == 0 || ldap_abandon(ld, id) != 0) {
+                    wrong++;
+                }
+            }
+        });
+    }
+    for (std::thread &t : threads)
+        t.join();
+    EXPECT_EQ(wrong.load(), 0);
+    // Every full wait is answered; whether a 1 us wait catches its answer is up to the clock.
+    EXPECT_GE(received.load(), waits.load());
+    EXPECT_GT(waits.load(), 64 * 1563 / 4);
+    EXPECT_EQ(free_rows(), static_cast<int>(table_->row_count));
+    EXPECT_EQ(table_->queue_head, nullptr);
+    server_.on_request([](const ReceivedRequest &, FakeConnection &) {}); // answers no more
+    std::atomic<int> started{0}, finished{0};
+    std::vector<std::thread> in_flight;
+    for (int t = 0; t < 8; ++t) {
+        in_flight.emplace_back([&] {
+            OperationBracket op(ld); // counted before the unbind can begin
+            started++;
+            LDAPMessage *res = nullptr;
+            struct timeval wait = {0, 300000};
+            (void)ldap_result(ld, send_extended(ld), 0, &wait, &res);
+            finished++;
+        });
+    }
+    while (started.load() < 8)
+        std::this_thread::yield();
+    EXPECT_EQ(ldap_unbind(ld), 0);
+    ld_ = nullptr;
+    EXPECT_EQ(finished.load(), 8);
+    for (std::thread &t : in_flight)
+        t.join();
+}
+
+// While 64 threads wait, the server answers an id nobody waits for, answers one request twice
+// and an abandoned one, then sends the notice of disconnection and closes: the answered thread
+// gets its response, every other returns at once with the code of what it saw.
+TEST_F(EngineThreads, HostileAnswersWhileSixtyFourThreadsWaitEndEveryWait)
+{
+    LDAP *ld = ld_;
+    int abandoned = send_extended(ld);
+    ASSERT_EQ(ldap_abandon(ld, abandoned), 0);
+    std::vector<int> ids(64), types(64, -2), codes(64, -2);
+    std::atomic<int> sent{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 64; ++t) {
+        threads.emplace_back([&, t] {
+            ids[t] = send_extended(ld);
+            sent++;
+            LDAPMessage *res = nullptr;
+            struct timeval wait = {20, 0};
+            types[t] = ldap_result(ld, ids[t], LDAP_MSG_ONE, &wait, &res);
+            codes[t] = thread_error(ld);
+            ldap_msgfree(res);
+        });
+    }
+    while (sent.load() < 64)
+        std::this_thread::yield();
+    ASSERT_TRUE(server_.wait_for_requests(66)); // the abandoned request, its abandon, 64 more
+    std::this_thread::sleep_for(100ms);        // let every thread fall asleep
+    FakeConnection *c = server_.connection(0);
+    std::string reply = extended_response_pdu(ids[0], 0, "", "once");
+    c->send(extended_response_pdu(30000, 0, "", "nobody's") + reply + reply +
+            extended_response_pdu(abandoned, 0, "", "too late") +
+            notice_of_disconnection_pdu("going away"));
+    c->close();
+    for (std::thread &t : threads)
+        t.join();
+    EXPECT_EQ(types[0], LDAP_RES_EXTENDED);
+    int notices = 0;
+    for (int t = 1; t < 64; ++t) {
+        EXPECT_EQ(types[t], -1) << t;
+        EXPECT_TRUE(codes[t] == LDAP_SERVER_DOWN || codes[t] == LDAP_PROTOCOL_ERROR) << codes[t];
+        notices += codes[t] == LDAP_PROTOCOL_ERROR;
+    }
+    EXPECT_LE(notices, 1); // only the thread that read the notice reports it
+}
+
+TEST_F(EngineThreads, WaiterGetsItsResponseAndKeepsItsTimeOutWhileAnotherThreadReads)
+{
+    LDAP *ld = ld_;
+    int first = send_extended(ld);
+    ASSERT_GT(first, 0);
+    std::atomic<int> first_type{-2};
+    std::thread blocked([&] {
+        LDAPMessage *res = nullptr;
+        first_type = ldap_result(ld, first, LDAP_MSG_ONE, nullptr, &res); // no time limit
+        ldap_msgfree(res);
+    });
+    std::this_thread::sleep_for(100ms); // the blocked thread holds the reading turn by now
+    int second = send_extended(ld);
+    ASSERT_GT(second, 0);
+    ASSERT_TRUE(server_.wait_for_requests(2));
+    // A short time-out is kept while the blocked thread reads without limit.
+    LDAPMessage *res = nullptr;
+    struct timeval wait = {0, 200000};
+    EXPECT_EQ(ldap_result(ld, second, LDAP_MSG_ONE, &wait, &res), 0);
+    EXPECT_EQ(thread_error(ld), LDAP_TIMEOUT);
+    server_.connection(0)->send(extended_response_pdu(second, 0, "", "second"));
+    // The reply for `second` is read by the blocked thread and must reach this one.
+    wait = {10, 0};
+    ASSERT_EQ(ldap_result(ld, second, LDAP_MSG_ONE, &wait, &res), LDAP_RES_EXTENDED);
+    EXPECT_EQ(ldap_msgid(res), second);
+    ldap_msgfree(res);
+    EXPECT_EQ(first_type.load(), -2); // still waiting for its own
+    server_.connection(0)->send(extended_response_pdu(first, 0, "", "first"));
+    blocked.join();
+    EXPECT_EQ(first_type.load(), LDAP_RES_EXTENDED);
+}
+
+TEST_F(EngineThreads, AnyWaitersShareTheOutstandingOperations)
+{
+    answer_shuffled(server_);
+    LDAP *ld = ld_;
+    constexpr int COUNT = 64;
+    for (int i = 0; i < COUNT; ++i)
+        ASSERT_GT(send_extended(ld), 0);
+    ASSERT_TRUE(server_.wait_for_requests(COUNT));
+    std::atomic<int> got{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&] {
+            for (;;) {
+                LDAPMessage *res = nullptr;
+                struct timeval wait = {0, 300000};
+                int type = ldap_result(ld, LDAP_RES_ANY, LDAP_MSG_ONE, &wait, &res);
+                if (type <= 0)
+                    return;
+                if (ldap_msgid(res) > 0)
+                    got++;
+                ldap_msgfree(res);
+            }
+        });
+    }
+    for (std::thread &t : threads)
+        t.join();
+    EXPECT_EQ(got.load(), COUNT);
+    EXPECT_EQ(free_rows(), 256);
 }

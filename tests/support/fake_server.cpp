@@ -7,7 +7,6 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -31,6 +30,18 @@ std::string ber_length(size_t len)
 
 void set_nonblocking(int fd) { fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK); }
 
+// A copy of a field the server's mutex guards, and an assignment to one.
+template <typename T> T read_locked(std::mutex &m, const T &field)
+{
+    std::lock_guard<std::mutex> lock(m);
+    return field;
+}
+template <typename T> void assign_locked(std::mutex &m, T &field, T value)
+{
+    std::lock_guard<std::mutex> lock(m);
+    field = std::move(value);
+}
+
 // Reads the envelope of one request: its message id and the protocolOp tag.
 void read_envelope(ReceivedRequest &req)
 {
@@ -51,6 +62,31 @@ void read_envelope(ReceivedRequest &req)
         id = (id << 8) | static_cast<unsigned char>(b[pos + i]);
     req.msgid = static_cast<int>(id);
     req.op = static_cast<unsigned char>(b[pos + len]);
+}
+
+// Size of the first whole BER element at the front of `buf`: > 0 its total length, 0 when
+// more bytes are needed, -1 when the header is not valid for LDAP.
+long ber_frame_length(const std::string &buf)
+{
+    if (buf.size() < 2)
+        return 0;
+    if ((static_cast<unsigned char>(buf[0]) & 0x1f) == 0x1f)
+        return -1; // LDAP PDUs have one-byte tags
+    unsigned char first = static_cast<unsigned char>(buf[1]);
+    size_t header = 2;
+    size_t len = first;
+    if (first & 0x80) {
+        size_t n = first & 0x7f;
+        if (n == 0 || n > 4)
+            return -1;
+        if (buf.size() < 2 + n)
+            return 0;
+        len = 0;
+        for (size_t i = 0; i < n; ++i)
+            len = (len << 8) | static_cast<unsigned char>(buf[2 + i]);
+        header += n;
+    }
+    return buf.size() < header + len ? 0 : static_cast<long>(header + len);
 }
 } // namespace
 
@@ -124,31 +160,6 @@ std::string notice_of_disconnection_pdu(const std::string &text)
     return extended_response_pdu(0, 2, "", text, "1.3.6.1.4.1.1466.20036");
 }
 
-// ---- framing -----------------------------------------------------------------------------
-
-long ber_frame_length(const std::string &buf)
-{
-    if (buf.size() < 2)
-        return 0;
-    if ((static_cast<unsigned char>(buf[0]) & 0x1f) == 0x1f)
-        return -1; // LDAP PDUs have one-byte tags
-    unsigned char first = static_cast<unsigned char>(buf[1]);
-    size_t header = 2;
-    size_t len = first;
-    if (first & 0x80) {
-        size_t n = first & 0x7f;
-        if (n == 0 || n > 4)
-            return -1;
-        if (buf.size() < 2 + n)
-            return 0;
-        len = 0;
-        for (size_t i = 0; i < n; ++i)
-            len = (len << 8) | static_cast<unsigned char>(buf[2 + i]);
-        header += n;
-    }
-    return buf.size() < header + len ? 0 : static_cast<long>(header + len);
-}
-
 // ---- connections ---------------------------------------------------------------------------
 
 bool FakeConnection::send_locked(const char *data, size_t len)
@@ -186,11 +197,8 @@ bool FakeConnection::send_pieces(const std::string &bytes, const std::vector<siz
     for (size_t end : ends) {
         if (end <= from || end > bytes.size())
             continue;
-        {
-            std::lock_guard<std::mutex> lock(send_mutex_);
-            if (!send_locked(bytes.data() + from, end - from))
-                return false;
-        }
+        if (!send(bytes.substr(from, end - from)))
+            return false;
         from = end;
         if (end != bytes.size())
             std::this_thread::sleep_for(pause);
@@ -228,22 +236,17 @@ void run_script(FakeConnection &conn, const Script &script)
         case Action::Kind::Close:
             conn.close();
             break;
-        case Action::Kind::Reset:
-            conn.reset();
-            break;
         }
     }
 }
 
 // ---- the server ----------------------------------------------------------------------------
 
-FakeServer::FakeServer(const std::string &local_path) : local_path_(local_path)
+FakeServer::FakeServer()
 {
     if (pipe2(wake_, O_CLOEXEC) != 0)
         return;
     tcp_fd_ = listen_tcp();
-    if (!local_path_.empty())
-        local_fd_ = listen_local();
     acceptor_ = std::thread([this] { accept_loop(); });
 }
 
@@ -253,11 +256,9 @@ FakeServer::~FakeServer()
     for (auto &c : connections_)
         if (c->fd_ >= 0)
             ::close(c->fd_);
-    for (int fd : {tcp_fd_, local_fd_, wake_[0], wake_[1]})
+    for (int fd : {tcp_fd_, wake_[0], wake_[1]})
         if (fd >= 0)
             ::close(fd);
-    if (!local_path_.empty())
-        unlink(local_path_.c_str());
 }
 
 int FakeServer::listen_tcp()
@@ -281,58 +282,36 @@ int FakeServer::listen_tcp()
     return fd;
 }
 
-int FakeServer::listen_local()
-{
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        return -1;
-    struct sockaddr_un addr {};
-    addr.sun_family = AF_UNIX;
-    strncpy(addr.sun_path, local_path_.c_str(), sizeof addr.sun_path - 1);
-    unlink(local_path_.c_str());
-    if (bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 || listen(fd, 64) != 0) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
-}
-
 void FakeServer::accept_loop()
 {
     for (;;) {
-        struct pollfd fds[3] = {{wake_[0], POLLIN, 0}, {tcp_fd_, POLLIN, 0}, {local_fd_, POLLIN, 0}};
-        if (poll(fds, 3, -1) < 0 && errno != EINTR)
+        struct pollfd fds[2] = {{wake_[0], POLLIN, 0}, {tcp_fd_, POLLIN, 0}};
+        if (poll(fds, 2, -1) < 0 && errno != EINTR)
             return;
         if (fds[0].revents != 0)
             return;
-        for (int i = 1; i < 3; ++i) {
-            if ((fds[i].revents & POLLIN) == 0)
-                continue;
-            int fd = accept4(fds[i].fd, nullptr, nullptr, SOCK_CLOEXEC);
-            if (fd < 0)
-                continue;
-            set_nonblocking(fd);
-            std::unique_lock<std::mutex> lock(mutex_);
-            if (stopped_) {
-                ::close(fd);
-                return;
-            }
-            int index = static_cast<int>(connections_.size());
-            connections_.emplace_back(new FakeConnection(index, fd, wake_[0]));
-            FakeConnection *conn = connections_.back().get();
-            threads_.emplace_back([this, conn] { serve(conn); });
-            changed_.notify_all();
+        if ((fds[1].revents & POLLIN) == 0)
+            continue;
+        int fd = accept4(tcp_fd_, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd < 0)
+            continue;
+        set_nonblocking(fd);
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (stopped_) {
+            ::close(fd);
+            return;
         }
+        int index = static_cast<int>(connections_.size());
+        connections_.emplace_back(new FakeConnection(index, fd, wake_[0]));
+        FakeConnection *conn = connections_.back().get();
+        threads_.emplace_back([this, conn] { serve(conn); });
+        changed_.notify_all();
     }
 }
 
 void FakeServer::serve(FakeConnection *conn)
 {
-    ConnectHandler on_connect;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        on_connect = connect_;
-    }
+    ConnectHandler on_connect = read_locked(mutex_, connect_);
     if (on_connect)
         on_connect(*conn);
     std::string buffer;
@@ -364,11 +343,7 @@ void FakeServer::serve(FakeConnection *conn)
         }
         if (frame < 0)
             break; // a client that sends garbage is hung up on
-        IdleHandler idle;
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            idle = idle_;
-        }
+        IdleHandler idle = read_locked(mutex_, idle_);
         if (idle)
             idle(*conn);
     }
@@ -379,11 +354,7 @@ void FakeServer::serve(FakeConnection *conn)
     conn->fd_ = -1;
 }
 
-void FakeServer::keep_requests(bool on)
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    keep_ = on;
-}
+void FakeServer::keep_requests(bool on) { assign_locked(mutex_, keep_, on); }
 
 void FakeServer::handle(const ReceivedRequest &req, FakeConnection &conn)
 {
@@ -408,23 +379,9 @@ void FakeServer::handle(const ReceivedRequest &req, FakeConnection &conn)
         run_script(conn, script);
 }
 
-void FakeServer::on_request(Handler handler)
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    handler_ = std::move(handler);
-}
-
-void FakeServer::on_idle(IdleHandler handler)
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    idle_ = std::move(handler);
-}
-
-void FakeServer::on_connect(ConnectHandler handler)
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    connect_ = std::move(handler);
-}
+void FakeServer::on_request(Handler handler) { assign_locked(mutex_, handler_, std::move(handler)); }
+void FakeServer::on_idle(IdleHandler handler) { assign_locked(mutex_, idle_, std::move(handler)); }
+void FakeServer::on_connect(ConnectHandler handler) { assign_locked(mutex_, connect_, std::move(handler)); }
 
 void FakeServer::queue_reply(Script script)
 {
@@ -432,34 +389,13 @@ void FakeServer::queue_reply(Script script)
     scripts_.push_back(std::move(script));
 }
 
-std::vector<ReceivedRequest> FakeServer::requests() const
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    return requests_;
-}
-
-size_t FakeServer::request_count() const
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    return requests_.size();
-}
+std::vector<ReceivedRequest> FakeServer::requests() const { return read_locked(mutex_, requests_); }
+size_t FakeServer::request_count() const { return read_locked(mutex_, requests_).size(); }
 
 bool FakeServer::wait_for_requests(size_t count, std::chrono::milliseconds timeout) const
 {
     std::unique_lock<std::mutex> lock(mutex_);
     return changed_.wait_for(lock, timeout, [&] { return requests_.size() >= count; });
-}
-
-size_t FakeServer::connection_count() const
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    return connections_.size();
-}
-
-bool FakeServer::wait_for_connections(size_t count, std::chrono::milliseconds timeout) const
-{
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, timeout, [&] { return connections_.size() >= count; });
 }
 
 FakeConnection *FakeServer::connection(int index)

@@ -1,5 +1,5 @@
-// A scriptable LDAP server for the tests: listens on 127.0.0.1 (port 0) and optionally on a
-// local socket, records every request PDU byte for byte, and answers from a script or a
+// A scriptable LDAP server for the tests: listens on 127.0.0.1 (port 0), records every request
+// PDU byte for byte, and answers from a script or a
 // callback with well-formed responses, partial PDUs with pauses, garbage, silence or an
 // abrupt close. Its BER framing is its own, so it checks the library independently.
 #ifndef WZR_TESTS_SUPPORT_FAKE_SERVER_H
@@ -46,10 +46,6 @@ std::string notice_of_disconnection_pdu(const std::string &text);
 
 // ---- reading requests --------------------------------------------------------------------
 
-// Size of the first whole BER element at the front of `buf`: > 0 its total length, 0 when
-// more bytes are needed, -1 when the header is not valid for LDAP.
-long ber_frame_length(const std::string &buf);
-
 struct ReceivedRequest {
     int connection = -1; // index of the connection it came on
     int msgid = -1;      // -1 when the envelope could not be read
@@ -84,14 +80,13 @@ private:
 
 // A step of a scripted reply.
 struct Action {
-    enum class Kind { Send, Pause, Close, Reset };
+    enum class Kind { Send, Pause, Close };
     Kind kind;
     std::string bytes;
     std::chrono::milliseconds pause{0};
     static Action send(std::string bytes) { return {Kind::Send, std::move(bytes), {}}; }
     static Action pause_for(std::chrono::milliseconds ms) { return {Kind::Pause, {}, ms}; }
     static Action close() { return {Kind::Close, {}, {}}; }
-    static Action reset() { return {Kind::Reset, {}, {}}; }
 };
 using Script = std::vector<Action>;
 void run_script(FakeConnection &conn, const Script &script);
@@ -105,15 +100,13 @@ public:
     using IdleHandler = std::function<void(FakeConnection &)>;
     using ConnectHandler = std::function<void(FakeConnection &)>;
 
-    FakeServer() : FakeServer(std::string()) {}
-    explicit FakeServer(const std::string &local_path); // also listen on this local socket
+    FakeServer();
     ~FakeServer();
     FakeServer(const FakeServer &) = delete;
     FakeServer &operator=(const FakeServer &) = delete;
 
     int port() const { return port_; }
     std::string host_port() const { return "127.0.0.1:" + std::to_string(port_); }
-    const std::string &local_path() const { return local_path_; }
 
     // Without a handler, each request other than abandon (0x50) and unbind (0x42) takes the
     // next queued script; with none queued it is not answered.
@@ -130,9 +123,6 @@ public:
     size_t request_count() const;
     bool wait_for_requests(size_t count,
                            std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
-    size_t connection_count() const;
-    bool wait_for_connections(size_t count,
-                              std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
     FakeConnection *connection(int index); // nullptr when there is no such connection
 
     void stop(); // idempotent; the destructor calls it
@@ -142,12 +132,9 @@ private:
     void serve(FakeConnection *conn);
     void handle(const ReceivedRequest &req, FakeConnection &conn);
     int listen_tcp();
-    int listen_local();
 
     int tcp_fd_ = -1;
-    int local_fd_ = -1;
     int port_ = 0;
-    std::string local_path_;
     int wake_[2] = {-1, -1}; // written once by stop(); every thread polls the read end
 
     mutable std::mutex mutex_;

@@ -17,27 +17,16 @@ LoopbackListener::LoopbackListener(bool ipv6)
     listen_fd_ = socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM, 0);
     if (listen_fd_ < 0 || pipe(stop_pipe_) != 0)
         return;
-    sockaddr_storage ss{};
-    socklen_t len;
-    if (ipv6) {
-        auto *a = reinterpret_cast<sockaddr_in6 *>(&ss);
-        a->sin6_family = AF_INET6;
-        a->sin6_addr = in6addr_loopback;
-        len = sizeof *a;
-    } else {
-        auto *a = reinterpret_cast<sockaddr_in *>(&ss);
-        a->sin_family = AF_INET;
-        a->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        len = sizeof *a;
-    }
-    if (bind(listen_fd_, reinterpret_cast<sockaddr *>(&ss), len) != 0 ||
-        listen(listen_fd_, 16) != 0)
+    sockaddr_in a4{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    sockaddr_in6 a6{};
+    a6.sin6_family = AF_INET6;
+    a6.sin6_addr = in6addr_loopback;
+    auto *sa = ipv6 ? reinterpret_cast<sockaddr *>(&a6) : reinterpret_cast<sockaddr *>(&a4);
+    socklen_t len = ipv6 ? sizeof a6 : sizeof a4;
+    if (bind(listen_fd_, sa, len) != 0 || listen(listen_fd_, 16) != 0 ||
+        getsockname(listen_fd_, sa, &len) != 0)
         return;
-    len = sizeof ss;
-    if (getsockname(listen_fd_, reinterpret_cast<sockaddr *>(&ss), &len) != 0)
-        return;
-    port_ = ntohs(ipv6 ? reinterpret_cast<sockaddr_in6 *>(&ss)->sin6_port
-                       : reinterpret_cast<sockaddr_in *>(&ss)->sin_port);
+    port_ = ntohs(ipv6 ? a6.sin6_port : a4.sin_port);
     thread_ = std::thread([this] { run(); });
 }
 
@@ -93,17 +82,8 @@ void LoopbackListener::run()
         close(c);
 }
 
-long LoopbackListener::bytes_received() const
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    return bytes_;
-}
-
-int LoopbackListener::accepted() const
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    return accepted_;
-}
+long LoopbackListener::bytes_received() const { std::lock_guard<std::mutex> lock(mutex_); return bytes_; }
+int LoopbackListener::accepted() const { std::lock_guard<std::mutex> lock(mutex_); return accepted_; }
 
 bool LoopbackListener::wait_until(const int &count, int n, std::chrono::milliseconds limit)
 {
