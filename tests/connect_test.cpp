@@ -13,6 +13,7 @@
 #include <poll.h>
 #include <string>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -231,20 +232,30 @@ TEST(OpenConnection, LocalDomainPathConnectsAndAMissingPathIsConnectError)
 {
     wzrtest::TempDir dir;
     std::string path = dir.file("ldapi.sock");
-    wzrtest::FakeServer server(path);
+    int lfd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un un{};
+    un.sun_family = AF_UNIX;
+    std::strncpy(un.sun_path, path.c_str(), sizeof un.sun_path - 1);
+    ASSERT_EQ(bind(lfd, reinterpret_cast<sockaddr *>(&un), sizeof un), 0);
+    ASSERT_EQ(listen(lfd, 4), 0);
     struct timeval limit = {2, 0};
     for (struct timeval *timeout : {static_cast<struct timeval *>(nullptr), &limit}) {
         Sockbuf sb = {-1, nullptr, 0, 0, -1};
         ASSERT_EQ(open_connection(&sb, path.c_str(), 0, nullptr, 0, timeout), 0);
+        int peer = accept(lfd, nullptr, nullptr);
+        ASSERT_EQ(write(sb.sb_sd, "ok", 2), 2);
+        char got[2];
+        EXPECT_EQ(read(peer, got, 2), 2);
+        close(peer);
         close(sb.sb_sd);
     }
-    EXPECT_TRUE(server.wait_for_connections(2));
     Sockbuf sb = {-1, nullptr, 0, 0, -1};
     EXPECT_EQ(open_connection(&sb, dir.file("missing.sock").c_str(), 0, nullptr, 0, nullptr), LDAP_CONNECT_ERROR);
     EXPECT_EQ(sb.sb_sd, -1) << "a failed local connect stores nothing";
     std::string too_long = "/" + std::string(200, 'p');
     EXPECT_EQ(open_connection(&sb, too_long.c_str(), 0, nullptr, 0, nullptr), LDAP_CONNECT_ERROR);
     EXPECT_EQ(open_connection(nullptr, path.c_str(), 0, nullptr, 0, nullptr), LDAP_PARAM_ERROR);
+    close(lfd);
 }
 
 TEST(SocketMode, HelpersSetAndClearNonBlockingAndReportErrno)
