@@ -492,12 +492,14 @@ TEST_F(OpsSlapd, AsynchronousUpdatesAndComparesAreAnsweredByTheirIds)
 // all, an abort none, and a commit that one update spoils applies none and names that update.
 TEST_F(OpsSlapd, CommitAppliesEveryUpdateAbortNoneAndASpoiledCommitNamesItsUpdate)
 {
-    LDAP *other = ldap_init(s.host_port().c_str(), 0);
     auto dn = [&](const std::string &cn) { return "cn=" + cn + "," + s.base(); };
     struct Case { std::string cn[2]; int commit, code, applied; } cases[] = {
         {{"txc1", "txc2"}, 1, 0, 2}, {{"txa1", "txa2"}, 0, 0, 0},
         {{"txs1", "txs1"}, 1, LDAP_ALREADY_EXISTS, 0}}; // the second add repeats the first
-    for (const Case &c : cases) {
+    struct Seen { int start = -1, adds[2] = {-1, -1}, before = -1, end = -1, failed = -2, last = -1, after = -1; };
+    auto run = [&](const Case &c) {
+        Seen o;
+        LDAP *other = ldap_init(s.host_port().c_str(), 0);
         auto seen = [&] { // by a handle outside the transaction
             int n = 0;
             for (const std::string &cn : c.cn)
@@ -506,26 +508,46 @@ TEST_F(OpsSlapd, CommitAppliesEveryUpdateAbortNoneAndASpoiledCommitNamesItsUpdat
         };
         struct berval *txnid = nullptr;
         LDAPControl *in_txn = nullptr;
-        ASSERT_EQ(ldap_txn_start_s(ld, nullptr, nullptr, &txnid), 0);
-        ASSERT_EQ(ldap_create_txn_spec_control(ld, txnid, &in_txn), 0);
-        LDAPControl *ctrls[] = {in_txn, nullptr};
-        int msgid = -1;
-        for (const std::string &cn : c.cn) {
-            Mods mods{{LDAP_MOD_ADD, "objectClass", {"device"}}, {LDAP_MOD_ADD, "cn", {cn}}};
-            ASSERT_EQ(ldap_add_ext(ld, dn(cn).c_str(), mods, ctrls, nullptr, &msgid), 0);
-            EXPECT_EQ(collect(msgid, LDAP_RES_ADD), 0) << "queued, not refused: " << cn;
+        if ((o.start = ldap_txn_start_s(ld, nullptr, nullptr, &txnid)) == 0 &&
+            ldap_create_txn_spec_control(ld, txnid, &in_txn) == 0) {
+            LDAPControl *ctrls[] = {in_txn, nullptr};
+            for (int i = 0; i < 2; ++i) {
+                Mods mods{{LDAP_MOD_ADD, "objectClass", {"device"}}, {LDAP_MOD_ADD, "cn", {c.cn[i]}}};
+                if (ldap_add_ext(ld, dn(c.cn[i]).c_str(), mods, ctrls, nullptr, &o.last) == 0)
+                    o.adds[i] = collect(o.last, LDAP_RES_ADD); // queued, not refused
+            }
+            o.before = seen();
+            o.end = ldap_txn_end_s(ld, c.commit, txnid, nullptr, nullptr, &o.failed);
+            o.after = seen();
         }
-        EXPECT_EQ(seen(), 0) << c.cn[0] << " before the end";
-        int failed = -2;
-        EXPECT_EQ(ldap_txn_end_s(ld, c.commit, txnid, nullptr, nullptr, &failed), c.code);
-        EXPECT_EQ(failed, c.code != 0 ? msgid : -1) << c.cn[0];
-        EXPECT_EQ(seen(), c.applied) << c.cn[0];
-        for (int i = 0; i < c.applied; ++i) // the shared server as it was
+        for (int i = 0; i < o.after; ++i) // the shared server as it was
             (void)ldap_delete_s(ld, dn(c.cn[i]).c_str());
         ldap_control_free(in_txn);
         ber_bvfree(txnid);
+        ldap_unbind(other);
+        return o;
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.cn[0]);
+        Seen o = run(c);
+        // slapd 2.5 now and then crashes while ending a transaction (inside its own result
+        // writer, with any client timing), and may be found dead only by the next case: a case
+        // that lost the server runs once more on a fresh one.
+        if (!s.alive() || o.start == LDAP_SERVER_DOWN || o.end == LDAP_SERVER_DOWN) {
+            ldap_unbind(ld);
+            s.stop();
+            ASSERT_TRUE(s.start()) << s.error();
+            SetUp();
+            o = run(c);
+        }
+        EXPECT_EQ(o.start, 0);
+        EXPECT_EQ(o.adds[0], 0);
+        EXPECT_EQ(o.adds[1], 0);
+        EXPECT_EQ(o.before, 0);
+        EXPECT_EQ(o.end, c.code);
+        EXPECT_EQ(o.failed, c.code != 0 ? o.last : -1);
+        EXPECT_EQ(o.after, c.applied);
     }
-    ldap_unbind(other);
 }
 
 // Requests sent through ldap_send_request by threads at once come back by id.

@@ -314,6 +314,13 @@ bool SlapdFixture::start(const SlapdOptions &opts)
     return false;
 }
 
+bool SlapdFixture::alive() const
+{
+    siginfo_t info{};
+    return pid_ > 0 && waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+           info.si_pid == 0; // left to be reaped by stop()
+}
+
 void SlapdFixture::stop()
 {
     if (pid_ > 0) {

@@ -42,6 +42,7 @@ public:
     // Sends SIGTERM (SIGKILL after a grace period) and waits until the process is gone.
     void stop();
     bool running() const { return pid_ > 0; }
+    bool alive() const; // started and not exited since (a crash included)
     const std::string &error() const { return error_; }
 
     std::string uri() const;       // "ldap://127.0.0.1:PORT"
