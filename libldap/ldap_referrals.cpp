@@ -429,7 +429,7 @@ LDAPMessage *failed_final(LDAP *ld, LDAPMessage *msg, int code, const char *urls
 }
 
 // The child link of the row, copied (with its URL) under the table lock: 1, 0 when none,
-// -1 when the row is gone or the lock failed (recorded).
+// -1 when the row is gone, the lock failed or the URL could not be copied (recorded).
 int child_of(LDAP *ld, LDAPMsgTable *table, int msgid, LDAPRowLink *child, char **url)
 {
     LDAP_LOCK(guard, &table->table_lock, MODULE);
@@ -443,6 +443,8 @@ int child_of(LDAP *ld, LDAPMsgTable *table, int msgid, LDAPRowLink *child, char 
         return 0;
     *child = *row->child;
     *url = lber_strdup(child->url != nullptr ? child->url : "");
+    if (*url == nullptr) // a failure to follow would later be recorded under this URL
+        return ldap_fail(ld, LDAP_NO_MEMORY), -1;
     return 1;
 }
 

@@ -1,15 +1,17 @@
 // A hostile server's referrals fed to a chasing client: entries, references, referral results
 // (version 3 and 2) and garbage, played on two socketless connections (the default one and
 // 127.0.0.1:2); URLs are a fixed prefix and a fuzzed rest, so that no name is ever resolved.
-// Byte 0: bit 0 the protocol version (2 or 3), bits 1-3 the hop limit, bit 7 short waits.
-// Then records: kind (bits 0-2 what, bit 3 which connection, bits 4-5 message id - 1),
-// length, payload.
+// Byte 0: bit 0 the protocol version (2 or 3), bits 1-3 the hop limit, bits 4-6 the operation
+// whose referrals are chased (a search, or an update, compare or extended request), bit 7 short
+// waits. Then records: kind (bits 0-2 what, bit 3 which connection, bits 4-5 message id - 1),
+// length, payload. An allocation may be made to fail after the set-up (see pieces.h).
 #include <fcntl.h>
 #include <string>
 #include <unistd.h>
 #include <vector>
 
 #include "libldap/ldap_entry.h"
+#include "libldap/ldap_extended.h"
 #include "libldap/ldap_free.h"
 #include "libldap/ldap_init.h"
 #include "libldap/ldap_message.h"
@@ -17,7 +19,10 @@
 #include "libldap/ldap_result.h"
 #include "libldap/ldap_search.h"
 #include "libldap/ldap_unbind.h"
+#include "libldap/ldap_update.h"
 #include "libldap/ldap_usearch.h"
+#include "liblber/ber_memory.h"
+#include "pieces.h"
 #include "support/fake_server.h"
 
 namespace {
@@ -85,10 +90,40 @@ struct Stream {
     }
 };
 
+// A paged-results control (dropped when re-sent elsewhere: its cookie is the old server's) and
+// one that is copied as it is.
+char PAGE_VALUE[] = "\x30\x05\x02\x01\x02\x04\x00";
+LDAPControl PAGE = {const_cast<char *>("1.2.840.113556.1.4.319"), {7, PAGE_VALUE}, 0};
+LDAPControl MANAGE = {const_cast<char *>("2.16.840.1.113730.3.4.2"), {0, nullptr}, 1};
+LDAPControl *CTRLS[] = {&PAGE, &MANAGE, nullptr};
+char *VALUES[] = {const_cast<char *>("v"), nullptr};
+LDAPMod MOD = {LDAP_MOD_ADD, const_cast<char *>("cn"), {VALUES}};
+LDAPMod *MODS[] = {&MOD, nullptr};
+
+int start(LDAP *ld, unsigned which)
+{
+    int id = -1;
+    struct berval value = {1, VALUES[0]};
+    switch (which) {
+    case 1: (void)ldap_modify_ext(ld, "cn=a,o=x", MODS, CTRLS, nullptr, &id); break;
+    case 2: (void)ldap_add_ext(ld, "cn=a,o=x", MODS, CTRLS, nullptr, &id); break;
+    case 3: (void)ldap_delete_ext(ld, "cn=a,o=x", CTRLS, nullptr, &id); break;
+    case 4: (void)ldap_rename(ld, "cn=a,o=x", "cn=b", "o=y", 1, CTRLS, nullptr, &id); break;
+    case 5: (void)ldap_compare_ext(ld, "cn=a,o=x", "cn", &value, CTRLS, nullptr, &id); break;
+    case 6: (void)ldap_extended_operation(ld, "1.3.6.1.4.1.4203.1.11.3", nullptr, CTRLS, nullptr,
+                                          &id); break;
+    default:
+        (void)ldap_search_ext(ld, "o=x", LDAP_SCOPE_SUBTREE, "(cn=*)", nullptr, 0,
+                              which == 7 ? CTRLS : nullptr, nullptr, nullptr, 0, &id);
+    }
+    return id;
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
+    long fail_at = take_failing_allocation(data, &size);
     if (size < 1)
         return 0;
     Stream streams[2];
@@ -111,15 +146,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     (void)ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
     streams[0].hook(ld, ld->ld_defconn);
     streams[1].hook(ld, second);
+    lber_fail_nth_alloc(fail_at);
     ld->ld_defconn->next = second;
     struct timeval wait = {(data[0] & 0x80) != 0 ? 0 : 1, 1};
     std::vector<LDAPMessage *> kept(3, nullptr);
-    int id = ldap_search(ld, "o=x", LDAP_SCOPE_SUBTREE, "(cn=*)", nullptr, 0);
+    int id = start(ld, (data[0] >> 4) & 7);
     for (int i = 0; id > 0 && i < 2 && ldap_result(ld, id, 0, &wait, &kept[i]) > 0; ++i)
         (void)ldap_count_entries(ld, kept[i]);
     (void)ldap_url_search_st(ld, "ldap://127.0.0.1:2/o=x??sub", 0, &wait, &kept[2]);
     ldap_unbind(ld);
     for (LDAPMessage *m : kept)
         (void)ldap_msgfree(m);
+    lber_fail_nth_alloc(0);
     return 0;
 }

@@ -7,7 +7,9 @@
 // out), in bits 3..6 the operation to start with (the others follow in turn until the input is
 // used up) and in its top bit whether the waits have 1 s or 1 us (running out at once, so that
 // time-outs, put-backs and abandons are played too); the rest is what the server sends, its end
-// the end of the stream. Results are freed after the handle, as a caller may.
+// the end of the stream. Results are freed after the handle, as a caller may. An allocation
+// may be made to fail after the set-up (see pieces.h), so that the "no memory" paths meet a
+// hostile server too.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -30,6 +32,7 @@
 #include "libldap/ldap_search.h"
 #include "libldap/ldap_unbind.h"
 #include "libldap/ldap_update.h"
+#include "liblber/ber_memory.h"
 #include "pieces.h"
 #include "support/control_parse.h"
 
@@ -105,6 +108,8 @@ void walk(LDAP *ld, LDAPMessage *chain)
             parse_controls(ctrls);
         ldap_controls_free(ctrls);
     }
+    for (LDAPMessage *m = ldap_first_message(ld, chain); m != nullptr; m = ldap_next_message(ld, m))
+        (void)ldap_msgtype(m);
     // ldap_next_reference starts at the message it is given: the walk advances itself.
     for (LDAPMessage *r = ldap_first_reference(ld, chain); r != nullptr;
          r = ldap_next_reference(ld, r->lm_chain)) {
@@ -229,7 +234,7 @@ void sasl(Run &r)
     ldap_controls_free(ctrls);
 }
 
-// The directory's own extended operations: a transaction, then a backup.
+// The directory's own extended operations: a transaction, a backup, then a standard transaction.
 void transaction_and_backup(Run &r)
 {
     struct berval *id = nullptr;
@@ -238,6 +243,10 @@ void transaction_and_backup(Run &r)
     ber_bvfree(id);
     int op_result = 0;
     (void)ldap_backup(r.ld, &op_result);
+    id = nullptr;
+    if (ldap_txn_start_s(r.ld, nullptr, nullptr, &id) == 0)
+        (void)ldap_txn_end_s(r.ld, 1, id, nullptr, nullptr, &op_result);
+    ber_bvfree(id);
 }
 
 int keep_page(void *arg, LDAP *ld, LDAPMessage *page)
@@ -262,6 +271,7 @@ constexpr size_t NOPERATIONS = sizeof OPERATIONS / sizeof OPERATIONS[0];
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
+    long fail_at = take_failing_allocation(data, &size);
     FuzzPieces in;
     if (!in.parse(data, size))
         return 0;
@@ -279,6 +289,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     lc->sb.sb_read_hook = read_piece;
     lc->sb.sb_read_ctx = &source;
     lc->connected = 1;
+    lber_fail_nth_alloc(fail_at);
 
     Run run{ld, {(data[0] & 0x80) != 0 ? 0 : 1, 1}, {}};
     size_t first = (data[0] >> 3) & 15u;
@@ -292,5 +303,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     ldap_unbind(ld);
     for (LDAPMessage *m : run.kept)
         (void)ldap_msgfree(m);
+    lber_fail_nth_alloc(0);
     return 0;
 }

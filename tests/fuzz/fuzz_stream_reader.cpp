@@ -2,7 +2,8 @@
 // input: byte 0 gives how many chunk-size bytes follow (1..8, cycled; each size 1..256), the
 // rest is the stream. The reader is called until it wants more data (11), fails (-1: the
 // stream is dead, the input ends there) or returns a tag (the PDU is freed and a new element
-// reads on). A header may declare up to ~2 GiB: run libFuzzer with -malloc_limit_mb=4096.
+// reads on). The blocking reader then reads the same stream whole. A header may declare up to
+// ~2 GiB: run libFuzzer with -malloc_limit_mb=4096.
 #include <cstddef>
 #include <cstdint>
 #include <fcntl.h>
@@ -47,6 +48,31 @@ bool drain(Sockbuf *sb, BerElement **ber, uint32_t *progress)
     }
 }
 
+// The same stream written whole, its end closed, read by the blocking reader PDU by PDU until
+// it fails; then what is left is read raw.
+void read_blocking(const uint8_t *stream, size_t left)
+{
+    int fd[2];
+    if (left > 65536 || socketpair(AF_UNIX, SOCK_STREAM, 0, fd) != 0)
+        return;
+    bool written = write_all(fd[1], stream, left);
+    close(fd[1]);
+    Sockbuf sb = {fd[0], nullptr, 0, 0, -1};
+    for (bool more = written; more;) {
+        BerElement *ber = ber_alloc_t(0);
+        ber_len_t len = 0;
+        more = ber != nullptr && ber_get_next(&sb, &len, ber) != LBER_DEFAULT;
+        ber_free(ber, 1);
+    }
+    unsigned char rest[64];
+    long remaining = 0;
+    if (written && FBerReadDirect_nb(&sb, rest, sizeof rest, &remaining) == 0)
+        while (ber_socket_read(&sb, rest, sizeof rest) > 0) {
+        }
+    sockbuf_release_buffer(&sb);
+    close(fd[0]);
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
@@ -58,6 +84,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const size_t nsizes = in.nsizes;
     const uint8_t *stream = in.stream;
     size_t left = in.left;
+    read_blocking(stream, left);
 
     int fd[2];
     if (socketpair(AF_UNIX, SOCK_STREAM, 0, fd) != 0)
