@@ -20,31 +20,12 @@
 #include "libldap/ldap_request.h"
 #include "libldap/ldap_result.h"
 #include "libldap/ldap_table.h"
+#include "support/fake_server.h"
 
 namespace {
 
-std::string ber_tlv(unsigned char tag, const std::string &content)
-{
-    std::string out(1, static_cast<char>(tag));
-    if (content.size() < 0x80) {
-        out += static_cast<char>(content.size());
-    } else {
-        out += '\x82';
-        out += static_cast<char>(content.size() >> 8);
-        out += static_cast<char>(content.size() & 0xff);
-    }
-    return out + content;
-}
-
-std::string ber_int(long v, unsigned char tag)
-{
-    std::string bytes;
-    do {
-        bytes.insert(bytes.begin(), static_cast<char>(v & 0xff));
-        v >>= 8;
-    } while (v != 0 || (bytes[0] & 0x80));
-    return ber_tlv(tag, bytes);
-}
+using wzrtest::ber_int;
+using wzrtest::ber_tlv;
 
 // Message id of a request: SEQUENCE header (any length form), then INTEGER.
 long request_id(const std::string &pdu)
@@ -57,25 +38,6 @@ long request_id(const std::string &pdu)
     for (size_t i = 0; i < len; ++i)
         id = (id << 8) | static_cast<unsigned char>(pdu[pos + 2 + i]);
     return id;
-}
-
-long frame_length(const std::string &buf)
-{
-    if (buf.size() < 2)
-        return 0;
-    unsigned char first = static_cast<unsigned char>(buf[1]);
-    size_t header = 2;
-    size_t len = first;
-    if (first & 0x80) {
-        size_t n = first & 0x7f;
-        if (buf.size() < 2 + n)
-            return 0;
-        len = 0;
-        for (size_t i = 0; i < n; ++i)
-            len = (len << 8) | static_cast<unsigned char>(buf[2 + i]);
-        header += n;
-    }
-    return buf.size() < header + len ? 0 : static_cast<long>(header + len);
 }
 
 // The child: answers each request on the one connection with a success extended response.
@@ -91,7 +53,7 @@ long frame_length(const std::string &buf)
         buf.append(chunk, static_cast<size_t>(n));
         std::string out;
         long frame;
-        while ((frame = frame_length(buf)) > 0) {
+        while ((frame = wzrtest::ber_frame_length(buf)) > 0) {
             long id = request_id(buf);
             buf.erase(0, static_cast<size_t>(frame));
             std::string op = ber_int(0, 0x0a) + ber_tlv(0x04, "") + ber_tlv(0x04, "");

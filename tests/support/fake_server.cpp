@@ -64,8 +64,8 @@ void read_envelope(ReceivedRequest &req)
     req.op = static_cast<unsigned char>(b[pos + len]);
 }
 
-// Size of the first whole BER element at the front of `buf`: > 0 its total length, 0 when
-// more bytes are needed, -1 when the header is not valid for LDAP.
+} // namespace
+
 long ber_frame_length(const std::string &buf)
 {
     if (buf.size() < 2)
@@ -88,7 +88,6 @@ long ber_frame_length(const std::string &buf)
     }
     return buf.size() < header + len ? 0 : static_cast<long>(header + len);
 }
-} // namespace
 
 // ---- building responses ----------------------------------------------------------------
 

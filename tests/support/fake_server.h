@@ -20,6 +20,9 @@ namespace wzrtest {
 // ---- building responses (minimal definite-length BER) -----------------------------------
 
 std::string ber_tlv(unsigned tag, const std::string &content);
+// Size of the first whole BER element at the front of `buf`: > 0 its total length, 0 when
+// more bytes are needed, -1 when the header is not valid for LDAP.
+long ber_frame_length(const std::string &buf);
 std::string ber_int(long long value, unsigned tag = 0x02);
 std::string ber_str(const std::string &value, unsigned tag = 0x04);
 std::string ber_seq(const std::string &content, unsigned tag = 0x30);
