@@ -17,6 +17,7 @@
 #include "libldap/ldap_dn.h"
 #include "libldap/ldap_entry.h"
 #include "libldap/ldap_error.h"
+#include "libldap/ldap_extended.h"
 #include "libldap/ldap_message.h"
 #include "libldap/ldap_parse.h"
 #include "support/control_parse.h"
@@ -1028,6 +1029,31 @@ TEST(ControlValues, EachConstructorWritesItsValueOrRefusesItsArguments)
     ber_bvfree(end);
     wzrtest::ScopedEnv no("USE_JAVA_PROXIED_AUTH_CONTROL_ENCODING", "no");
     EXPECT_EQ(ldap_proxied_auth_encoding_mode(), 1);
+}
+
+// The values of the extended requests the library builds for callers; a missing name refuses.
+TEST(ExtendedValues, EachBuilderWritesItsValueOrRefusesAMissingName)
+{
+    auto take = [](struct berval *bv) {
+        std::string out = bv != nullptr ? std::string(bv->bv_val, bv->bv_len) : "(null)";
+        ber_bvfree(bv);
+        return out;
+    };
+    const std::pair<std::string, std::string> cases[] = {
+        {take(ldap_create_password_policy_bind_init_request("o=x")), fb::seq(fb::str("o=x"))},
+        {take(ldap_create_password_policy_bind_finalize_request("o=x", 2)),
+         fb::seq(fb::str("o=x") + fb::enumerated(2))},
+        {take(ldap_create_locate_entry_request(nullptr)), fb::seq(fb::str(""))},
+        {take(ldap_create_online_backup_request("/b")), fb::seq(fb::str("/b"))},
+        {take(ldap_create_get_file_request(3, "f")), fb::seq(fb::enumerated(3) + fb::str("f"))},
+        {take(ldap_create_resume_role_request(1, "a", nullptr)),
+         fb::seq(fb::enumerated(1) + fb::str("a") + fb::str(""))},
+        {take(ldap_create_password_policy_bind_init_request(nullptr)), "(null)"},
+        {take(ldap_create_password_policy_bind_finalize_request(nullptr, 0)), "(null)"},
+        {take(ldap_create_online_backup_request(nullptr)), "(null)"},
+    };
+    for (size_t i = 0; i < std::size(cases); ++i)
+        EXPECT_EQ(fb::hex(cases[i].first), fb::hex(cases[i].second)) << "case " << i;
 }
 
 using wzrtest::ControlParser;
