@@ -41,6 +41,9 @@ bool cache_dir(char *dir, size_t size)
 
 bool cache_path(const char *domain, int secure, char *path, size_t size)
 {
+    // The domain names a file of the cache directory: a "/" in it would name another place.
+    if (strchr(domain, '/') != nullptr)
+        return false;
     char dir[PATH_MAX_LEN];
     if (!cache_dir(dir, sizeof dir))
         return false;

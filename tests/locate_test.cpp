@@ -15,6 +15,7 @@
 #include "liblber/ber_memory.h"
 #include "libldap/ldap_dns.h"
 #include "libldap/ldap_locate.h"
+#include "libldap/ldap_srvcache.h"
 #include "support/slapd_fixture.h"
 #include "support/test_util.h"
 #include "wzrldap.h"
@@ -254,6 +255,8 @@ TEST_F(Locate, CacheFileAnswersUntilItExpiresAndDamageOnlyCostsAQuery)
     EXPECT_EQ(find("dc=cached,dc=example"), "ds.cached.example:389");
     EXPECT_EQ(dns.questions(), 1);
     EXPECT_NE(wzrtest::read_file(file).find("\nhosts ds.cached.example:389\n"), std::string::npos);
+    ldap_srvcache_write("x/y", 0, 0, 600, "h:389"); // a "/" would make the cache a directory
+    EXPECT_NE(access((cache.path() + "/wzrldap/servers-x").c_str(), F_OK), 0);
     int asked = 1;
     for (const std::string &text : {std::string("wzrldap server cache 1\nexpires 5\nhosts old.example:389\n"), // expired
                                     std::string("wzrldap server cache 1\nexpires 99999999999\nhosts old.exa"), // cut short
