@@ -69,7 +69,7 @@ std::string answers(LDAP *ld, LDAPMessage *res)
     std::string out;
     EXPECT_EQ(ldap_parse_result(ld, res, &code, nullptr, nullptr, nullptr, &ctrls, 0), 0);
     if (ldap_parse_sort_control(ld, ctrls, &result, nullptr) == 0)
-        out += "sort " + std::to_string(result);
+        out.append("sort ").append(std::to_string(result));
     if (ldap_parse_vlv_control(ld, ctrls, &pos, &count, nullptr, &code) == 0)
         out += " vlv " + std::to_string(pos) + " " + std::to_string(count) + " " +
                std::to_string(code);
@@ -77,7 +77,7 @@ std::string answers(LDAP *ld, LDAPMessage *res)
         ldap_parse_deref_control(ld, entry, &deref) == 0)
         out += "deref";
     for (LDAPDerefRes *m = deref; m != nullptr; m = m->next)
-        out += " " + std::string(m->attrVals->vals[0]->bv_val);
+        out.append(" ").append(m->attrVals->vals[0]->bv_val);
     ldap_derefresponse_free(deref);
     ldap_controls_free(entry);
     ldap_controls_free(ctrls);

@@ -104,7 +104,7 @@ private:
         std::string name;
         size_t end = 12;
         for (size_t n; end < query.size() && (n = static_cast<unsigned char>(query[end])) != 0; end += n + 1)
-            name += (name.empty() ? "" : ".") + query.substr(end + 1, n);
+            name.append(name.empty() ? "" : ".").append(query, end + 1, n);
         if (end + 5 > query.size())
             return {};
         unsigned type = static_cast<unsigned char>(query[end + 2]);

@@ -546,7 +546,7 @@ TEST_F(Charset, AnInvalidSequenceFromTheWireFailsTheElementCleanly)
     for (char letter : {'a', 'O', 's', 'v'}) {
         std::string set = octets("fine") + bad;
         std::string wire =
-            letter == 'v' ? "\x31" + std::string(1, static_cast<char>(set.size())) + set : bad;
+            letter == 'v' ? std::string{'\x31', static_cast<char>(set.size())} + set : bad;
         BerElement *ber = received(wire);
         long before = lber_live_blocks();
         char *a = reinterpret_cast<char *>(1);

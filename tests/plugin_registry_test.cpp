@@ -32,7 +32,7 @@ std::vector<std::string> parse(const std::string &text, size_t chunk = 7)
     for (LDAPConfEntry *e = list; e != nullptr; e = e->next) {
         std::string joined;
         for (char *f : e->field)
-            joined += (joined.empty() ? "" : "|") + std::string(f != nullptr ? f : "~");
+            joined.append(joined.empty() ? "" : "|").append(f != nullptr ? f : "~");
         out.push_back(joined);
     }
     ldap_conf_free(list);

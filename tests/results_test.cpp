@@ -737,7 +737,7 @@ std::string describe(LDAPControl **list)
     std::string out;
     for (; *list != nullptr; ++list) {
         const berval &v = (*list)->ldctl_value;
-        out += (out.empty() ? "" : "|") + std::string((*list)->ldctl_oid) + " " +
+        out += std::string(out.empty() ? "" : "|") + (*list)->ldctl_oid + " " +
                std::to_string((*list)->ldctl_iscritical) + " " +
                (v.bv_val != nullptr ? std::string(v.bv_val, v.bv_len) : "-");
     }

@@ -167,7 +167,7 @@ TEST(DnNames, DnsStyleNamesSplitAtAtSignsAndDots)
     std::string many;
     Strings want;
     for (int i = 0; i < 40; ++i) {
-        many += (i ? "." : "") + std::to_string(i);
+        many.append(i ? "." : "").append(std::to_string(i));
         want.push_back(std::to_string(i));
     }
     EXPECT_EQ(take_strings(ldap_explode_dns(many.c_str())), want); // grown past 8, 16 and 32 slots

@@ -28,7 +28,7 @@ namespace {
 using Lines = std::vector<std::string>;
 using wzrtest::ScopedEnv;
 
-std::string thread_tag() { return "T" + std::to_string(static_cast<int>(pthread_self())); }
+std::string thread_tag() { return std::string("T").append(std::to_string(static_cast<int>(pthread_self()))); }
 
 // Whether `text` has the given shape: "#" stands for any decimal digit, all else for itself.
 bool fits(const std::string &text, const std::string &shape)

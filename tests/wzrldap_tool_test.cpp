@@ -34,7 +34,7 @@ Outcome run(const std::string &program, const Args &args, const std::string &inp
     wzrtest::write_file(tmp.file("in"), input);
     std::string cmd = "LDAPNOINIT=1 " + wzrtest::shell_quote(program);
     for (const auto &a : args)
-        cmd += " " + wzrtest::shell_quote(a);
+        cmd.append(" ").append(wzrtest::shell_quote(a));
     cmd += " < " + tmp.file("in") + " > " + tmp.file("out") + " 2> " + tmp.file("err");
     int st = std::system(cmd.c_str());
     return {WIFEXITED(st) ? WEXITSTATUS(st) : -1, wzrtest::read_file(tmp.file("out")),

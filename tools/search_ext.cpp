@@ -328,7 +328,7 @@ int make_controls(LDAP *ld, const Extensions &x, std::vector<LDAPControl *> *out
         LDAPControl *c = nullptr;
         int rc = make_control(ld, e, &c);
         if (rc != 0) {
-            say("-" + std::string(known(SEARCH_NAMES, e.name) ? "E" : "e") + " " + e.name + "=" +
+            say(std::string(known(SEARCH_NAMES, e.name) ? "-E " : "-e ") + e.name + "=" +
                 e.value + ": " + wzr_ldap_err2string(rc));
             return rc;
         }
