@@ -107,17 +107,30 @@ void free_msg(LDAPMessage *msg, int all)
                    static_cast<void *>(msg));
         return;
     }
-    LDAPMessage *next = msg->lm_chain;
-    free_one(msg);
-    while (all && next != nullptr) {
-        if (!ldap_msg_valid(next)) {
+    if (!all) {
+        free_one(msg);
+        return;
+    }
+    // A chain is freed newest record first. The allocator then keeps the newest blocks, those
+    // next to the top of the heap, in its per-thread cache, and the rest of the freed result
+    // waits in the heap for the next one instead of going back to the kernel and being
+    // faulted in again, page by page, when the next result arrives.
+    LDAPMessage *newest = nullptr;
+    for (LDAPMessage *next = msg; next != nullptr;) {
+        if (next != msg && !ldap_msg_valid(next)) {
             LDAP_TRACE(LDAP_TRC_ERROR, "INVALID: ldap_msgfree:2 invalid msg in list: %p\n",
                        static_cast<void *>(next));
-            return;
+            break;
         }
         LDAPMessage *after = next->lm_chain;
-        free_one(next);
+        next->lm_chain = newest;
+        newest = next;
         next = after;
+    }
+    while (newest != nullptr) {
+        LDAPMessage *older = newest->lm_chain;
+        free_one(newest);
+        newest = older;
     }
 }
 
