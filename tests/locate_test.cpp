@@ -2,6 +2,7 @@
 // see tests/support/dns_sandbox.sh), and the DNS answer parser on hostile bytes.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <atomic>
 #include <map>
@@ -245,6 +246,10 @@ TEST_F(Locate, EachKindOfAnswerGivesItsHostListOrCode)
                                c.localdomain ? c.localdomain : std::optional<std::string>());
         EXPECT_EQ(find(c.dn, c.secure), c.expect) << (c.dn ? c.dn : "(null)");
     }
+    for (int i = 0; i < 70; ++i)
+        dns.srv("_ldap._tcp.many.example", 0, 0, 389, "h" + std::to_string(i) + ".many.example");
+    std::string many = find("dc=many,dc=example");
+    EXPECT_EQ(std::count(many.begin(), many.end(), ' '), 63) << many; // 64 servers at most
 }
 
 TEST_F(Locate, CacheFileAnswersUntilItExpiresAndDamageOnlyCostsAQuery)
