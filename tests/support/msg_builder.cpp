@@ -192,11 +192,8 @@ std::vector<std::string> take_strings(char **array)
 std::string take_oids(LDAPControl **list)
 {
     std::string out = list == nullptr ? "null" : "";
-    for (LDAPControl **c = list; c != nullptr && *c != nullptr; ++c) {
-        if (c != list)
-            out += ',';
-        out += (*c)->ldctl_oid;
-    }
+    for (LDAPControl **c = list; c != nullptr && *c != nullptr; ++c)
+        out.append(c == list ? "" : ",").append((*c)->ldctl_oid);
     ldap_controls_free(list);
     return out;
 }
