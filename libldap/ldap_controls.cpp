@@ -19,9 +19,12 @@ constexpr ber_tag_t TAG_OCTETSTRING = 0x04;
 
 using EncoderFn = int (*)(BerElement *, const char *, ...);
 
-// End of the contents of an element whose header was just read, never beyond `limit`.
+// End of the contents of an element whose header was just read, never beyond `limit`; null
+// when the header itself ran past `limit` (a hostile list length cuts a control's header).
 unsigned char *contents_end(BerElement *ber, ber_len_t len, unsigned char *limit)
 {
+    if (ber->ber_ptr > limit)
+        return nullptr;
     ber_len_t room = static_cast<ber_len_t>(limit - ber->ber_ptr);
     return ber->ber_ptr + (len < room ? len : room);
 }
