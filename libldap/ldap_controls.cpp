@@ -19,16 +19,6 @@ constexpr ber_tag_t TAG_OCTETSTRING = 0x04;
 
 using EncoderFn = int (*)(BerElement *, const char *, ...);
 
-// End of the contents of an element whose header was just read, never beyond `limit`; null
-// when the header itself ran past `limit` (a hostile list length cuts a control's header).
-unsigned char *contents_end(BerElement *ber, ber_len_t len, unsigned char *limit)
-{
-    if (ber->ber_ptr > limit)
-        return nullptr;
-    ber_len_t room = static_cast<ber_len_t>(limit - ber->ber_ptr);
-    return ber->ber_ptr + (len < room ? len : room);
-}
-
 long count_controls(LDAPControl **list)
 {
     long n = 0;
@@ -147,7 +137,7 @@ int decode_control_list(BerElement *ber, unsigned char *end, LDAPControl ***out,
         ber_len_t len;
         unsigned char *ctrl_end = nullptr;
         if (fber_skip_tag(ber, &len) != LBER_ERROR)
-            ctrl_end = contents_end(ber, len, end);
+            ctrl_end = ldap_contents_end(ber, len, end);
         if (ctrl_end == nullptr || fber_get_stringa(ber, &ctrl->ldctl_oid) == LBER_ERROR) {
             LDAP_TRACE(LDAP_TRC_ERROR, "get_ctrls_from_ber: Error decoding a control OID\n");
             rc = ldap_ber_failure(ber, LDAP_DECODING_ERROR);
@@ -230,10 +220,18 @@ int get_ctrls_from_ber(BerElement *ber, LDAPControl ***ctrlsp)
         fber_skip_tag(ber, &len) == LBER_ERROR)
         return 0; // no controls follow
     long count = 0;
-    int rc = decode_control_list(ber, contents_end(ber, len, ber->ber_end), ctrlsp, &count);
+    int rc = decode_control_list(ber, ldap_contents_end(ber, len, ber->ber_end), ctrlsp, &count);
     LDAP_TRACE(LDAP_TRC_API, "get_ctrls_from_ber: return(%d), ctrls=%p, %d controls returned\n",
                rc, static_cast<void *>(*ctrlsp), static_cast<int>(count));
     return rc;
+}
+
+unsigned char *ldap_contents_end(BerElement *ber, ber_len_t len, unsigned char *limit)
+{
+    if (ber->ber_ptr > limit)
+        return nullptr;
+    ber_len_t room = static_cast<ber_len_t>(limit - ber->ber_ptr);
+    return ber->ber_ptr + (len < room ? len : room);
 }
 
 int ldap_get_entry_controls(LDAP *ld, LDAPMessage *entry, LDAPControl ***ctrlsp)

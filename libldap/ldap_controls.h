@@ -29,4 +29,8 @@ void ldap_free_merged_controls(LDAPControl **merged);
 // 12 when a client control list holds a critical control (none is understood), else 0.
 [[nodiscard]] int ldap_check_client_controls(LDAPControl **clientctrls);
 
+// End of the contents of an element whose header was just read, never beyond `limit`; null
+// when the header itself ran past `limit` (a hostile length cut the element's header).
+unsigned char *ldap_contents_end(BerElement *ber, ber_len_t len, unsigned char *limit);
+
 #endif

@@ -3,6 +3,7 @@
 // entry that holds them; its parser reads that answer from an entry's controls.
 #include "ldap_ctrl.h"
 
+#include "ldap_controls.h"
 #include "ldap_error.h"
 
 namespace {
@@ -43,13 +44,6 @@ void free_values(LDAPDerefVal *v)
     }
 }
 
-// The end of the element whose header was just read, kept inside the value.
-unsigned char *element_end(BerElement *r, ber_len_t len)
-{
-    ber_len_t room = static_cast<ber_len_t>(r->ber_end - r->ber_ptr);
-    return r->ber_ptr + (len < room ? len : room);
-}
-
 //   PartialAttributeList ::= SEQUENCE OF SEQUENCE { type AttributeDescription,
 //                                                   vals SET OF AttributeValue }
 // Appended at *tail until `end`.
@@ -74,13 +68,13 @@ int read_result(BerElement *r, LDAPDerefRes *res)
     ber_len_t len;
     if (fber_skip_tag(r, &len) == LBER_ERROR)
         return LDAP_DECODING_ERROR;
-    unsigned char *end = element_end(r, len);
+    unsigned char *end = ldap_contents_end(r, len, r->ber_end);
     if (fber_scanf(r, "aa", &res->derefAttr, &res->derefVal) == LBER_ERROR)
         return LDAP_DECODING_ERROR;
     if (r->ber_ptr < end) {
         if (fber_peek_tag(r, &len) != DEREF_ATTR_VALS || fber_skip_tag(r, &len) == LBER_ERROR)
             return LDAP_DECODING_ERROR;
-        int rc = read_values(r, element_end(r, len), &res->attrVals);
+        int rc = read_values(r, ldap_contents_end(r, len, r->ber_end), &res->attrVals);
         if (rc != 0)
             return rc;
     }
