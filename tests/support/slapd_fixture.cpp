@@ -174,9 +174,12 @@ bool SlapdFixture::init_directory(const SlapdOptions &opts)
         error_ = "slapd-sandbox.sh init failed: " + out;
         return false;
     }
-    if (!opts.default_referral.empty()) // a global directive: the global additions take it
-        std::ofstream(dir_ + "/global-extra.conf", std::ios::app)
-            << "referral " << opts.default_referral << "\n";
+    std::ofstream global(dir_ + "/global-extra.conf", std::ios::app); // global directives
+    if (!opts.default_referral.empty())
+        global << "referral " << opts.default_referral << "\n";
+    if (opts.threads > 0)
+        global << "threads " << opts.threads << "\n";
+    global.close();
     return read_env();
 }
 

@@ -23,6 +23,7 @@ struct SlapdOptions {
     // listener on a second free port. verify_client is slapd's TLSVerifyClient.
     bool tls = false;
     std::string verify_client = "try";
+    int threads = 0; // slapd's worker pool; 0 leaves slapd's default (16)
     bool operator==(const SlapdOptions &) const = default;
 };
 
