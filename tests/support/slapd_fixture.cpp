@@ -179,7 +179,6 @@ bool SlapdFixture::init_directory(const SlapdOptions &opts)
         global << "referral " << opts.default_referral << "\n";
     if (opts.threads > 0)
         global << "threads " << opts.threads << "\n";
-    global.close();
     return read_env();
 }
 
