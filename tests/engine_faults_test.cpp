@@ -169,7 +169,8 @@ TEST(EngineFaults, UnsolicitedMessagesAreBounded)
     server.server().on_connect([](FakeConnection &c) {
         std::string flood;
         for (int i = 0; i < 100; ++i)
-            flood += extended_response_pdu(0, 0, "", std::string("n").append(std::to_string(i)), "1.2.3");
+            flood += extended_response_pdu(0, 0, "", std::string("n").append(std::to_string(i)),
+                                           "1.2.3");
         c.send(flood);
     });
     LDAP *ld = server.open();

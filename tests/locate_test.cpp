@@ -247,7 +247,8 @@ TEST_F(Locate, EachKindOfAnswerGivesItsHostListOrCode)
         EXPECT_EQ(find(c.dn, c.secure), c.expect) << (c.dn ? c.dn : "(null)");
     }
     for (int i = 0; i < 70; ++i)
-        dns.srv("_ldap._tcp.many.example", 0, 0, 389, std::string("h").append(std::to_string(i)) + ".x");
+        dns.srv("_ldap._tcp.many.example", 0, 0, 389,
+                std::string("h").append(std::to_string(i)) + ".x");
     std::string many = find("dc=many,dc=example");
     EXPECT_EQ(std::count(many.begin(), many.end(), ' '), 63) << many; // 64 servers at most
 }

@@ -983,7 +983,8 @@ TEST(ControlValues, EachConstructorWritesItsValueOrRefusesItsArguments)
     LDAPSortKey **keys = nullptr;
     ASSERT_EQ(ldap_create_sort_keylist(&keys, " -cn:caseExactOrderingMatch  sn "), 0);
     LDAPVLVInfo window{1, 1, 2, 10, 0, nullptr, &id, nullptr};
-    LDAPVLVInfo widest{1, 0x7fffffff, 0x7fffffff, 0x7fffffff, 0x7fffffff, nullptr, nullptr, nullptr};
+    const unsigned long most = 0x7fffffff; // the largest count the control can carry
+    LDAPVLVInfo widest{1, most, most, most, most, nullptr, nullptr, nullptr};
     LDAPVLVInfo too_wide{1, 0, 0, 0, 0x80000000UL, nullptr, nullptr, nullptr};
     const std::string int_max = unhex("02 04 7f ff ff ff");
     char *uid[] = {const_cast<char *>("uid"), nullptr};
@@ -998,7 +999,8 @@ TEST(ControlValues, EachConstructorWritesItsValueOrRefusesItsArguments)
          unhex("30 11 02 01 01 02 01 02 a0 06 02 01 0a 02 01 00 04 01 54")},
         {MADE(ldap_create_vlv_control(nullptr, &widest, c)),
          unhex("30 1a") + int_max + int_max + unhex("a0 0c") + int_max + int_max},
-        {MADE(ldap_create_vlv_control(nullptr, &too_wide, c)), "rc=" + std::to_string(LDAP_PARAM_ERROR)},
+        {MADE(ldap_create_vlv_control(nullptr, &too_wide, c)),
+         "rc=" + std::to_string(LDAP_PARAM_ERROR)},
         {MADE(ldap_create_assertion_control(nullptr, "(!(cn=x))", 1, c)),
          fb::cons(0xa2, fb::cons(0xa3, fb::str("cn") + fb::str("x")))},
         {MADE(ldap_create_matchedvalues_control(nullptr, "((mail=*.org)(:caseIgnoreMatch:=x))", 1,
